@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace halvard {
+
+/// The command line that lets the command interpreter run `command`: "cmd.exe /C " and the command
+/// in one pair of double quotes. Quotes inside the command stay as they are.
+std::wstring CmdCommandLine(const std::wstring& command);
+
+/// What a debugger may see of a command line that CreateProcessW refused with Win32 error `code`.
+std::wstring FailedLaunchText(const std::wstring& commandLine, std::uint32_t code);
+
+/// The text for the `hInstApp` code that ShellExecuteExW leaves after a failure; every code that is
+/// not in the table gets one common text. The texts are never null and live as long as the library.
+const wchar_t* ShellExecuteErrorText(std::intptr_t code);
+
+/// The part of `path` up to and including its first backslash, or all of it when it has none.
+std::wstring ThroughFirstBackslash(const std::wstring& path);
+
+} // namespace halvard

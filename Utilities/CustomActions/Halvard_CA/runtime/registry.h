@@ -1,0 +1,78 @@
+#pragma once
+
+#include <windows.h>
+
+#include <list>
+#include <memory>
+#include <string>
+#include <system_error>
+#include <type_traits>
+#include <vector>
+
+// Access to the registry in the view that a 64-bit process sees by default. Callers that want the
+// 32-bit view name the Wow6432Node path themselves.
+
+namespace halvard {
+
+/// A registry call that failed: its Win32 code in the system category, and a message.
+class RegKeyError : public std::system_error {
+public:
+    RegKeyError(int code, const std::error_category& category, const char* message)
+        : std::system_error(code, category, message) {}
+    RegKeyError(int code, const std::error_category& category, const std::string& message)
+        : std::system_error(code, category, message) {}
+};
+
+struct KeyCloser {
+    void operator()(HKEY key) const noexcept { RegCloseKey(key); }
+};
+
+/// Owns one open key and closes it on every path.
+using KeyHolder = std::unique_ptr<std::remove_pointer_t<HKEY>, KeyCloser>;
+
+/// Closes the key, if there is one, and leaves the holder null.
+void CloseRegistryKey(KeyHolder& key) noexcept;
+
+/// The REG_SZ value `name` below `key` and `subkey` (may be empty), up to its first null character.
+///
+/// A value that is missing, of another type or unreadable gives an empty string, or, with
+/// `throwOnError`, throws RegKeyError ("Unable to get registry value") with the code of the query
+/// for the size: 0 for a value that vanished or grew between that query and the read.
+std::wstring ReadRegistryString(HKEY key, const std::wstring& subkey, const std::wstring& name,
+                                bool throwOnError);
+
+/// Opens a key below HKEY_LOCAL_MACHINE for reading and writing, so that callers need
+/// administrative rights even to read. Throws RegKeyError ("Unable to open registry key").
+KeyHolder OpenRegistryKey(std::wstring subkey);
+
+/// The elements of a REG_MULTI_SZ value as SplitMultiString cuts them: the empty string that the
+/// value's final terminator yields is kept. Throws RegKeyError ("Unable to get registry value")
+/// when the size of the value cannot be learned; a failure of the read itself is not reported and
+/// gives empty elements. Throws std::length_error as SplitMultiString does.
+std::list<std::wstring> ReadMultiString(HKEY key, const std::wstring& name);
+
+/// Writes a REG_MULTI_SZ value: every element with its terminator, then one more. A list as
+/// ReadMultiString returns it gains one null character each time, so callers that rewrite a value
+/// drop its empty elements first.
+///
+/// Throws RegKeyError ("Unable to write REG_MULTI_SZ value = " and the name in the system's ANSI
+/// code page, at most 259 bytes in all).
+void WriteMultiString(HKEY key, const std::wstring& name, const std::list<std::wstring>& strings);
+
+/// Appends the full paths of all keys below `root`\`path` to `keyPaths`, depth first in the order
+/// of the registry's indices, and those of the values to `valuePaths`; each path begins with the
+/// name of a predefined root. Paths that a vector holds already are skipped, a key with all below
+/// it.
+///
+/// With `names` not empty only values of these names count (basic Latin letters in either case),
+/// once for each entry that matches. What cannot be opened or enumerated is skipped, as are key
+/// names of 255 and value names of 16383 wide characters and more. Throws std::bad_alloc only.
+void EnumerateKeyTree(HKEY root, const std::wstring& path, std::vector<std::wstring>& keyPaths,
+                      std::vector<std::wstring>& valuePaths,
+                      const std::vector<std::wstring>& names);
+
+/// The walk of EnumerateKeyTree into one vector that takes keys and values, without a filter. With
+/// a null root it does not descend and writes one line for each key to standard output.
+void QueryKey(HKEY root, const std::wstring& path, std::vector<std::wstring>& paths);
+
+} // namespace halvard

@@ -1,0 +1,130 @@
+"""The DLL as it is shipped: names, imports, flags, resource, and the same bytes every time."""
+
+import hashlib
+import re
+import shutil
+import subprocess
+from pathlib import Path
+
+import pytest
+
+from installer import paths
+
+LIBRARY_SOURCES = paths.ROOT / "Utilities/CustomActions/Halvard_CA"
+WINDOWS_LIBRARIES = {
+    "advapi32.dll",
+    "kernel32.dll",
+    "msi.dll",
+    "msvcrt.dll",
+    "ole32.dll",
+    "shell32.dll",
+    "user32.dll",
+}
+
+
+@pytest.fixture(scope="module")
+def headers() -> str:
+    command = ["x86_64-w64-mingw32-objdump", "-x", str(paths.LIBRARY)]
+    return subprocess.run(command, capture_output=True, text=True, check=True).stdout
+
+
+def exported(headers: str) -> list[str]:
+    table = headers.split("[Ordinal/Name Pointer] Table")[1].split("\n\n")[0]
+    return re.findall(r"\[ *\d+\] (\S+)", table)
+
+
+def listed_exports() -> list[str]:
+    text = (LIBRARY_SOURCES / "Halvard_CA.def").read_text()
+    lines = text.split("EXPORTS")[1].splitlines()
+    return [line.strip() for line in lines if line.strip() and not line.strip().startswith(";")]
+
+
+def test_exports_are_those_of_the_module_definition(headers):
+    assert sorted(exported(headers)) == sorted(listed_exports())
+    assert sorted(listed_exports()) == ["BlockLaunch", "LaunchedFromMIM"]
+
+
+def test_every_export_is_declared_with_a_comment_in_a_header():
+    declared = {}
+    for header in LIBRARY_SOURCES.rglob("*.h"):
+        pattern = r"((?:^///.*\n)+)^UINT __stdcall (\w+)\(MSIHANDLE session\);"
+        for comment, name in re.findall(pattern, header.read_text(), re.MULTILINE):
+            declared[name] = comment
+    assert sorted(declared) == sorted(listed_exports())
+    for name, comment in declared.items():
+        for wanted in ("(Immediate|Deferred) action", "Inputs?:", "Results:", "Throws"):
+            assert re.search(wanted, comment), f"{name}: its comment lacks {wanted}"
+
+
+def test_only_libraries_of_windows_are_imported(headers):
+    imported = {name.lower() for name in re.findall(r"DLL Name: (\S+)", headers)}
+    assert imported - WINDOWS_LIBRARIES == set()
+
+
+def test_hardening_flags_and_base_address(headers):
+    characteristics = int(re.search(r"DllCharacteristics\s+([0-9a-f]+)", headers)[1], 16)
+    flags = {"high entropy": 0x20, "dynamic base": 0x40, "no execution of data": 0x100}
+    assert [name for name, bit in flags.items() if not characteristics & bit] == []
+    assert re.search(r"ImageBase\s+0*180000000\b", headers)
+    # Without relocations a dynamic base would be an empty promise.
+    assert re.search(r"^\s*\d+ \.reloc\s", headers, re.MULTILINE)
+
+
+def test_no_time_stamp(headers):
+    assert "Time/Date		Thu Jan  1 00:00:00 1970" in headers
+
+
+def test_debug_information_lies_beside_the_dll(headers):
+    assert not re.search(r"^\s*\d+ \.debug_", headers, re.MULTILINE)
+    assert re.search(r"^\s*\d+ \.gnu_debuglink\s", headers, re.MULTILINE)
+    beside = paths.LIBRARY.with_name("Halvard_CA.dll.debug")
+    command = ["x86_64-w64-mingw32-objdump", "-h", str(beside)]
+    sections = subprocess.run(command, capture_output=True, text=True, check=True).stdout
+    assert ".debug_info" in sections
+
+
+def test_the_build_leaves_one_dll_of_this_name():
+    assert list(paths.PROGRAMS.rglob("Halvard_CA.dll")) == [paths.LIBRARY]
+
+
+def test_version_resource_tells_what_the_project_says():
+    content = paths.LIBRARY.read_bytes()
+    lists = (paths.ROOT / "CMakeLists.txt").read_text()
+    expected = {
+        "CompanyName": re.search(r'HALVARD_COMPANY "(.*)"', lists)[1],
+        "FileDescription": re.search(r'DESCRIPTION "(.*)"', lists)[1],
+        "FileVersion": re.search(r"VERSION (\d+\.\d+\.\d+)\n", lists)[1],
+        "OriginalFilename": "Halvard_CA.dll",
+    }
+    for key, value in expected.items():
+        start = content.find(f"{key}\0".encode("utf-16-le"))
+        assert start >= 0, key
+        # The value stands behind its key, at the next multiple of four bytes.
+        text = content[start + 2 * (len(key) + 1) :][: 2 * len(value) + 4].decode("utf-16-le")
+        assert text.lstrip("\0")[: len(value) + 1] == value + "\0"
+
+
+def test_two_builds_in_two_folders_give_the_same_bytes(tmp_path):
+    copy = tmp_path / "a folder of another name"
+    listed = subprocess.run(
+        ["git", "ls-files", "-co", "--exclude-standard"],
+        cwd=paths.ROOT, capture_output=True, text=True, check=True,
+    )
+    for name in listed.stdout.splitlines():
+        source = paths.ROOT / name
+        if source.is_file():
+            (copy / name).parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy(source, copy / name)
+    for command in (
+        ["cmake", "--preset", "mingw-release"],
+        ["cmake", "--build", "--preset", "mingw-release", "--target", "Halvard_CA"],
+    ):
+        done = subprocess.run(command, cwd=copy, capture_output=True, text=True)
+        assert done.returncode == 0, done.stdout + done.stderr
+
+    def digests(root: Path) -> dict[str, str]:
+        files = (root / paths.LIBRARY.relative_to(paths.ROOT)).parent.glob("Halvard_CA.dll*")
+        return {file.name: hashlib.sha256(file.read_bytes()).hexdigest() for file in files}
+
+    assert len(digests(copy)) == 2
+    assert digests(copy) == digests(paths.ROOT)

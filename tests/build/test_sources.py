@@ -1,0 +1,140 @@
+"""The sources: layout, layers, a second compiler and its static analysis."""
+
+import re
+import subprocess
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+
+import pytest
+
+from installer import paths
+
+LIBRARY_SOURCES = paths.ROOT / "Utilities/CustomActions/Halvard_CA"
+SUBSYSTEMS = ("tasks", "cleanup", "processes", "registry_actions", "agent", "launch")
+STANDARD_LIBRARY = Path("/usr/lib/gcc/x86_64-w64-mingw32/12-posix/include/c++")
+# What the second compiler needs to read the sources as the first one does.
+CLANG_FLAGS = [
+    "--target=x86_64-w64-mingw32",
+    "-std=c++17",
+    *("-DUNICODE", "-D_UNICODE", "-DWIN32_LEAN_AND_MEAN", "-DNOMINMAX", "-D_WIN32_WINNT=0x0A00"),
+    *(f"-isystem{STANDARD_LIBRARY / folder}" for folder in ("", "x86_64-w64-mingw32", "backward")),
+    f"-I{LIBRARY_SOURCES}",
+]
+WARNINGS = ["-Wall", "-Wextra", "-Wconversion", "-Wshadow", "-Werror"]
+
+
+def tracked(*patterns: str) -> list[Path]:
+    command = ["git", "ls-files", "-co", "--exclude-standard", "--", *patterns]
+    listed = subprocess.run(command, cwd=paths.ROOT, capture_output=True, text=True, check=True)
+    return [paths.ROOT / name for name in listed.stdout.splitlines()]
+
+
+def library_files(*suffixes: str) -> list[Path]:
+    return sorted(file for file in LIBRARY_SOURCES.rglob("*") if file.suffix in suffixes)
+
+
+def includes(file: Path) -> list[str]:
+    return re.findall(r'^#include ["<](.*)[">]', file.read_text(), re.MULTILINE)
+
+
+def own_includes(file: Path) -> list[Path]:
+    found = [LIBRARY_SOURCES / name for name in includes(file)]
+    return [name for name in found if name.exists()]
+
+
+def run_on_each(command: list[str], files: list[Path]) -> str:
+    """The output of the runs that failed, two at a time."""
+
+    def run(file: Path) -> str:
+        done = subprocess.run([*command, str(file)], capture_output=True, text=True, cwd=paths.ROOT)
+        return "" if done.returncode == 0 else f"{file}\n{done.stdout}{done.stderr}"
+
+    with ThreadPoolExecutor(2) as pool:
+        return "".join(pool.map(run, files))
+
+
+def test_the_checks_read_the_library():
+    names = [file.name for file in library_files(".cpp")]
+    assert "session.cpp" in names and "registry.cpp" in names and "launch.cpp" in names
+
+
+def test_sources_are_laid_out_as_clang_format_says():
+    files = tracked("*.cpp", "*.h")
+    assert files
+    command = ["clang-format", "--dry-run", "-Werror", *map(str, files)]
+    done = subprocess.run(command, capture_output=True, text=True)
+    assert done.returncode == 0, done.stderr
+
+
+def test_a_second_compiler_reads_the_library_without_a_warning():
+    command = ["clang++", *CLANG_FLAGS, *WARNINGS, "-fsyntax-only"]
+    assert run_on_each(command, library_files(".cpp")) == ""
+
+
+def test_clang_tidy_has_no_complaint():
+    files = library_files(".cpp")
+    with ThreadPoolExecutor(2) as pool:
+        runs = pool.map(
+            lambda file: subprocess.run(
+                ["clang-tidy", "--quiet", str(file), "--", *CLANG_FLAGS],
+                capture_output=True, text=True, cwd=paths.ROOT,
+            ),
+            files,
+        )
+        complaints = [run.stdout for run in runs if run.returncode != 0]
+    assert complaints == []
+
+
+@pytest.mark.parametrize("tool", ["clang++", "clang-tidy"])
+def test_the_second_compiler_and_its_analysis_can_complain(tool, tmp_path):
+    faulty = tmp_path / "faulty.cpp"
+    faulty.write_text("#include <windows.h>\nint Cut(DWORD size) { short s = size; return s; }\n")
+    if tool == "clang++":
+        assert "-Wimplicit-int-conversion" in run_on_each(
+            ["clang++", *CLANG_FLAGS, *WARNINGS, "-fsyntax-only"], [faulty]
+        )
+    else:
+        command = ["clang-tidy", f"--config-file={paths.ROOT}/.clang-tidy", "--quiet", str(faulty)]
+        done = subprocess.run([*command, "--", *CLANG_FLAGS], capture_output=True, text=True)
+        assert done.returncode != 0 and "bugprone-narrowing-conversions" in done.stdout
+
+
+def test_the_runtime_includes_no_other_subsystem():
+    for file in (LIBRARY_SOURCES / "runtime").iterdir():
+        outside = [name for name in includes(file) if name.startswith(SUBSYSTEMS)]
+        assert outside == [], file
+
+
+def test_no_two_files_include_each_other_in_a_circle():
+    def visit(file: Path, above: list[Path]) -> None:
+        assert file not in above, [str(step) for step in [*above, file]]
+        for included in own_includes(file):
+            visit(included, [*above, file])
+
+    for header in library_files(".h"):
+        visit(header, [])
+
+
+def portable_sources() -> list[Path]:
+    text = (LIBRARY_SOURCES / "CMakeLists.txt").read_text()
+    listed = re.search(r"set\(portable_sources\s+(.*?)\)", text, re.DOTALL)[1]
+    return [LIBRARY_SOURCES / name for name in listed.split()]
+
+
+def test_logic_without_windows_calls_includes_no_windows_header():
+    def all_includes(file: Path) -> set[str]:
+        found = set(includes(file))
+        for included in own_includes(file):
+            found |= all_includes(included)
+        return found
+
+    windows = {"windows.h", "msi.h", "msiquery.h", "shellapi.h", "shlobj.h", "winreg.h"}
+    assert len(portable_sources()) >= 4
+    for source in portable_sources():
+        assert all_includes(source) & windows == set(), source
+
+
+def test_every_source_of_the_library_is_built():
+    text = (LIBRARY_SOURCES / "CMakeLists.txt").read_text()
+    for source in library_files(".cpp"):
+        assert str(source.relative_to(LIBRARY_SOURCES)) in text, source

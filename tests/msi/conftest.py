@@ -1,0 +1,96 @@
+"""The prefix and the package that the installer tests share."""
+
+import sys
+from dataclasses import dataclass, field
+from pathlib import Path
+from typing import Iterator
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
+
+from installer import machine, package, session  # noqa: E402
+from installer.log import ActionRun, action_runs  # noqa: E402
+from installer.machine import Difference, Snapshot  # noqa: E402
+from installer.prefix import Prefix  # noqa: E402
+from installer.session import SessionResult  # noqa: E402
+
+
+@dataclass
+class CleanMachine:
+    """A machine without the product; what a test installs is removed after it."""
+
+    prefix: Prefix
+    test_name: str
+    beginning: Snapshot = field(repr=False)
+    installed: list[Path] = field(default_factory=list)
+
+    def install(self, package_path: Path, *properties: str) -> SessionResult:
+        self.installed.append(package_path)
+        return session.install(
+            self.prefix, package_path, *properties, log_name=self._log_name("install")
+        )
+
+    def remove(self, package_path: Path) -> SessionResult:
+        return session.remove(self.prefix, package_path, log_name=self._log_name("remove"))
+
+    def changes(self) -> Difference:
+        """What differs from the clean machine now."""
+        return machine.difference(self.beginning, machine.snapshot(self.prefix))
+
+    def clean_up(self) -> None:
+        # With the property, so that a package that refuses its removal spoils no other test.
+        for package_path in self.installed:
+            session.remove(
+                self.prefix,
+                package_path,
+                "LAUNCHED_FROM_MIM=1",
+                log_name=self._log_name("clean-up"),
+            )
+
+    def _log_name(self, what: str) -> str:
+        return f"{self.test_name}-{what}"
+
+
+@pytest.fixture(scope="session")
+def companion_package() -> Path:
+    return package.build()
+
+
+@pytest.fixture(scope="session")
+def executions_package() -> Path:
+    return package.build(Path(__file__).with_name("executions.wxs"))
+
+
+@pytest.fixture(scope="session")
+def prefix() -> Iterator[Prefix]:
+    with Prefix("prefix-msi") as running:
+        yield running
+
+
+@pytest.fixture(scope="session")
+def clean_snapshot(prefix: Prefix) -> Snapshot:
+    return machine.snapshot(prefix)
+
+
+@pytest.fixture
+def clean_machine(
+    prefix: Prefix, clean_snapshot: Snapshot, request: pytest.FixtureRequest
+) -> Iterator[CleanMachine]:
+    name = "".join(c if c.isalnum() else "-" for c in request.node.name)[:80]
+    tested = CleanMachine(prefix, name, clean_snapshot)
+    assert tested.changes().changes == [], "the machine is not clean before the test"
+    yield tested
+    tested.clean_up()
+    assert tested.changes().changes == [], "the machine is not clean after the test"
+
+
+@pytest.fixture
+def runs_of(companion_package: Path):
+    """Reads the runs of the library's actions out of a session's log."""
+    definitions = package.library_actions(companion_package)
+
+    def read(result: SessionResult) -> list[ActionRun]:
+        return action_runs(result.lines, definitions)
+
+    return read

@@ -1,0 +1,147 @@
+"""The parser of installer logs, on recorded texts."""
+
+from pathlib import Path
+
+from installer.log import ActionDefinition, ActionRun, Execution, LogLine, action_runs
+from installer.session import GrowingLog, log_encoding
+
+IMMEDIATE = ActionDefinition(Execution.IMMEDIATE)
+
+ACCEPTED = """\
+Action start 1:24:50: INSTALL.
+1: Zenvo Companion 2: {3A6BCE62-AACC-5A0C-9DA7-71A85561F2B8}
+Action 1:24:50: BlockLaunch.
+Action start 1:24:50: BlockLaunch.
+QUENBY_CA Launched from MIM: 1 
+
+Action ended 1:24:51: BlockLaunch. Return value 1.
+Action 1:24:51: CostInitialize. Computing space requirements
+Action start 1:24:51: CostInitialize.
+not a line of an action of the library
+Action ended 1:24:51: CostInitialize. Return value 1.
+Action ended 1:24:51: INSTALL. Return value 1.
+"""
+
+SCHEDULED = """\
+Action start 1:30:57: INSTALL.
+Action start 1:30:57: Rollback.
+Action ended 1:30:57: Rollback. Return value 1.
+Action start 1:30:57: Deferred.
+Action ended 1:30:57: Deferred. Return value 1.
+Action start 1:30:57: InstallFinalize.
+Action start 1:30:57: InstallFiles.
+File: readme.txt,  Directory: INSTALLDIR,  Size: 22
+Action ended 1:30:57: InstallFiles. Return value 1.
+Action start 1:30:57: Deferred.
+CustomActionData: TaskName=Start
+Action ended 1:30:58: Deferred. Return value 0.
+Action ended 1:30:58: InstallFinalize. Return value 0.
+Action ended 1:30:58: INSTALL. Return value 0.
+Property(S): Deferred = TaskName=Start
+Action start 1:30:58: Rollback.
+rolled back
+Action ended 1:30:58: Rollback. Return value 1.
+"""
+
+
+def runs(text: str, **definitions: ActionDefinition) -> list[ActionRun]:
+    """The runs in a text whose lines arrive 10 ms apart."""
+    lines = [LogLine(line, 10.0 * number) for number, line in enumerate(text.splitlines())]
+    return action_runs(lines, definitions)
+
+
+def test_a_run_has_the_lines_between_its_start_and_its_end():
+    (run,) = runs(ACCEPTED, BlockLaunch=IMMEDIATE)
+    assert run == ActionRun(
+        name="BlockLaunch",
+        definition=IMMEDIATE,
+        start=30.0,
+        verdict=1,
+        duration=30.0,
+        lines=["QUENBY_CA Launched from MIM: 1 "],
+    )
+
+
+def test_actions_that_the_package_does_not_define_are_left_out():
+    assert runs(ACCEPTED) == []
+    assert [run.name for run in runs(ACCEPTED, CostInitialize=IMMEDIATE)] == ["CostInitialize"]
+
+
+def test_a_deferred_action_counts_when_it_runs_and_not_when_it_is_scheduled():
+    (run,) = runs(SCHEDULED, Deferred=ActionDefinition(Execution.DEFERRED))
+    assert (run.verdict, run.start, run.lines) == (0, 90.0, ["CustomActionData: TaskName=Start"])
+    assert run.data == "TaskName=Start"
+
+
+def test_a_rollback_action_counts_when_it_runs_behind_the_failed_sequence():
+    (run,) = runs(SCHEDULED, Rollback=ActionDefinition(Execution.ROLLBACK))
+    assert (run.verdict, run.lines, run.data) == (1, ["rolled back"], None)
+
+
+def test_an_immediate_action_has_no_data():
+    (run,) = runs(ACCEPTED + "Property(S): BlockLaunch = text\n", BlockLaunch=IMMEDIATE)
+    assert run.data is None
+
+
+def test_an_action_called_twice_has_two_runs():
+    assert len(runs(ACCEPTED + ACCEPTED, BlockLaunch=IMMEDIATE)) == 2
+
+
+def test_an_action_whose_end_is_missing_has_no_verdict():
+    text = ACCEPTED.replace("Action ended 1:24:51: BlockLaunch. Return value 1.\n", "")
+    (run,) = runs(text, BlockLaunch=IMMEDIATE)
+    assert (run.verdict, run.duration, run.meaning) == (None, None, "did not end")
+
+
+def test_lines_behind_an_action_that_never_ended_are_not_its_lines():
+    text = ACCEPTED.replace("Action ended 1:24:51: BlockLaunch. Return value 1.\n", "")
+    (run,) = runs(text + "Property(S): ALLUSERS = 1\n", BlockLaunch=IMMEDIATE)
+    assert "Property(S): ALLUSERS = 1" not in run.lines
+
+
+def test_an_end_without_a_start_is_passed_over():
+    assert runs("Action ended 1:24:51: BlockLaunch. Return value 1.", BlockLaunch=IMMEDIATE) == []
+
+
+def test_blank_lines_inside_a_message_stay():
+    text = ACCEPTED.replace("QUENBY_CA Launched from MIM: 1 \n", "first\n\nsecond\n")
+    (run,) = runs(text, BlockLaunch=IMMEDIATE)
+    assert run.lines == ["first", "", "second"]
+
+
+def test_verdicts_in_words():
+    ignored = ActionDefinition(Execution.IMMEDIATE, result_ignored=True)
+    assert ActionRun("A", IMMEDIATE, 0.0, verdict=0).meaning == "failed"
+    assert ActionRun("A", IMMEDIATE, 0.0, verdict=1).meaning == "succeeded"
+    assert ActionRun("A", IMMEDIATE, 0.0, verdict=4).meaning == "unknown"
+    assert ActionRun("A", ignored, 0.0, verdict=1).meaning == "result ignored"
+
+
+def test_lines_are_stamped_when_they_are_complete(tmp_path: Path):
+    file = tmp_path / "growing.log"
+    growing = GrowingLog(file)
+    growing.read(1.0)
+    with open(file, "wb") as log:
+        log.write(b"first\nsec")
+        log.flush()
+        growing.read(2.0)
+        log.write(b"ond\r\nthird without an end")
+        log.flush()
+        growing.read(3.0)
+    growing.close(4.0)
+    assert growing.lines == [
+        LogLine("first", 2.0),
+        LogLine("second", 3.0),
+        LogLine("third without an end", 4.0),
+    ]
+
+
+def test_a_log_in_utf_16_and_a_log_in_the_ansi_code_page_read_alike(tmp_path: Path):
+    for encoding in ("utf-16", "cp1252"):
+        file = tmp_path / f"{encoding}.log"
+        file.write_bytes("value: 1é€\r\n".encode(encoding))
+        assert log_encoding(file.read_bytes()) == encoding
+        growing = GrowingLog(file)
+        growing.read(0.0)
+        growing.close(0.0)
+        assert [line.text for line in growing.lines] == ["value: 1é€"]

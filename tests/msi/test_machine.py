@@ -1,0 +1,117 @@
+"""Reading a saved registry, and the difference of two snapshots."""
+
+from installer import machine
+from installer.machine import Area, Change, Kind, difference, parse_saved_registry
+
+SAVED = r"""WINE REGISTRY Version 2
+;; All keys relative to REGISTRY\\Machine
+
+#arch=win64
+
+[Software\\Zenvo\\Companion] 1795224012
+#time=1dd795674c2c220
+@="chm.file"
+"InstallDir"="C:\\Program Files\\Zenvo\\Companion\\"
+"Quoted \"name\""=dword:00000001
+"Letter"="\x00e9"
+"Expanded"=str(2):"%SystemRoot%\\x"
+"List"=str(7):"first\0second\0"
+"Bytes"=hex:01,02,\
+  03,04
+"After"=dword:00000002
+
+[System\\CurrentControlSet\\Services\\TestService]
+"Start"=dword:00000003
+"""
+
+
+def test_keys_and_values_of_a_saved_registry():
+    key = r"HKLM\Software\Zenvo\Companion"
+    service = r"HKLM\System\CurrentControlSet\Services\TestService"
+    assert parse_saved_registry(SAVED, "HKLM") == {
+        key: "",
+        f"{key} : (default)": '"chm.file"',
+        f"{key} : InstallDir": '"C:\\Program Files\\Zenvo\\Companion\\"',
+        f'{key} : Quoted "name"': "dword:00000001",
+        f"{key} : Letter": '"é"',
+        f"{key} : Expanded": '"%SystemRoot%\\x"',
+        f"{key} : List": '"first", "second"',
+        f"{key} : Bytes": "hex:01,02,03,04",
+        f"{key} : After": "dword:00000002",
+        service: "",
+        f"{service} : Start": "dword:00000003",
+    }
+
+
+def test_what_was_added_removed_and_changed():
+    before = {(Area.FILE, "gone"): "1", (Area.FILE, "same"): "2", (Area.REGISTRY, "other"): "3"}
+    after = {(Area.FILE, "same"): "2", (Area.FILE, "new"): "4", (Area.REGISTRY, "other"): "5"}
+    assert difference(before, after).changes == [
+        Change(Area.FILE, Kind.REMOVED, "gone", "1", None),
+        Change(Area.FILE, Kind.ADDED, "new", None, "4"),
+        Change(Area.REGISTRY, Kind.CHANGED, "other", "3", "5"),
+    ]
+
+
+def test_equal_snapshots_have_no_difference():
+    items = {(Area.FILE, "same"): "2"}
+    result = difference(items, dict(items))
+    assert (result.changes, result.noise_summary()) == ([], "")
+
+
+def test_noise_is_counted_and_not_listed():
+    installer = r"HKLM\Software\Microsoft\Windows\CurrentVersion\Installer\Products"
+    after = {
+        (Area.REGISTRY, installer): "",
+        (Area.REGISTRY, f"{installer} : name"): "",
+        (Area.FILE, r"C:\windows\Installer\1.msi"): "",
+        (Area.REGISTRY, r"HKLM\System\CurrentControlSet\Enum\PCI"): "",
+    }
+    result = difference({}, after)
+    assert result.changes == []
+    assert result.noise_summary() == (
+        "not listed: Wine's own state: 1, records of the installer: 3"
+    )
+
+
+def test_names_that_only_begin_like_noise_are_listed():
+    after = {(Area.REGISTRY, r"HKLM\Software\Classes\InstallerOfOthers"): ""}
+    assert len(difference({}, after).changes) == 1
+
+
+def test_services_and_tasks_stand_in_areas_of_their_own():
+    services = r"HKLM\System\CurrentControlSet\Services"
+    assert machine.place(rf"{services}\Telo : Start") == (Area.SERVICE, "Telo : Start")
+    assert machine.place(r"C:\windows\system32\Tasks\StartPV") == (Area.TASK, "StartPV")
+    assert machine.place(r"C:\windows\system32\other") == (
+        Area.FILE,
+        r"C:\windows\system32\other",
+    )
+    assert machine.place(r"HKU\S-1-5-18\x") == (Area.REGISTRY, r"HKU\S-1-5-18\x")
+
+
+def test_a_snapshot_sees_a_new_key_file_task_and_service(prefix):
+    before = machine.snapshot(prefix)
+    task = prefix.drive_c / "windows/system32/tasks/SnapshotTask"
+    task.parent.mkdir(exist_ok=True)
+    task.write_text("task")
+    file = prefix.throwaway / "snapshot.txt"
+    file.write_text("file")
+    key = r"HKCU\Software\SnapshotTest"
+    try:
+        assert prefix.run("reg.exe", "add", key, "/v", "Name", "/d", "é \\ \"x\"").returncode == 0
+        created = prefix.run("sc.exe", "create", "SnapshotService", "binPath=", "x.exe")
+        assert created.returncode == 0, created.stdout
+        seen = machine.difference(before, machine.snapshot(prefix))
+    finally:
+        task.unlink()
+        file.unlink()
+        prefix.run("reg.exe", "delete", key, "/f")
+        prefix.run("sc.exe", "delete", "SnapshotService")
+
+    assert seen.of(Area.FILE, Kind.ADDED) == [r"T:\snapshot.txt"]
+    assert seen.of(Area.TASK, Kind.ADDED) == ["SnapshotTask"]
+    assert "SnapshotService" in seen.of(Area.SERVICE, Kind.ADDED)
+    (value,) = [change for change in seen.changes if change.name.endswith("SnapshotTest : Name")]
+    assert value.after == '"é \\ "x""'
+    assert machine.difference(before, machine.snapshot(prefix)).changes == []

@@ -1,0 +1,66 @@
+"""The sample package as it was built."""
+
+import pytest
+
+from installer import package, paths
+from installer.log import ActionDefinition, Execution
+
+
+def test_the_library_in_the_package_is_the_one_just_built(companion_package):
+    assert package.library_bytes(companion_package) == paths.LIBRARY.read_bytes()
+
+
+def test_company_and_version_are_those_of_the_project(companion_package):
+    properties = dict(package.table(companion_package, "Property"))
+    identity = package.project_identity()
+    assert properties["Manufacturer"] == identity.company
+    assert properties["ProductName"] == f"{identity.company} Companion"
+    assert properties["ProductVersion"] == identity.version
+
+
+def test_the_property_of_the_install_manager_reaches_an_elevated_installation(companion_package):
+    properties = dict(package.table(companion_package, "Property"))
+    assert "LAUNCHED_FROM_MIM" in properties["SecureCustomProperties"].split(";")
+
+
+def test_the_package_installs_for_the_machine(companion_package):
+    assert dict(package.table(companion_package, "Property"))["ALLUSERS"] == "1"
+
+
+def test_the_refusal_comes_before_every_other_action(companion_package):
+    rows = package.table(companion_package, "InstallExecuteSequence")
+    ordered = sorted(rows, key=lambda row: int(row[2]))
+    assert [row[:2] for row in ordered[:2]] == [
+        ["BlockLaunch", "NOT Installed"],
+        ["LaunchedFromMIM", "NOT Installed"],
+    ]
+
+
+def test_no_action_of_the_library_runs_a_second_time_in_the_user_interface(companion_package):
+    in_interface = {row[0] for row in package.table(companion_package, "InstallUISequence")}
+    assert in_interface.isdisjoint(package.library_actions(companion_package))
+
+
+def test_only_the_result_of_the_recording_action_is_ignored(companion_package):
+    assert package.library_actions(companion_package) == {
+        "BlockLaunch": ActionDefinition(Execution.IMMEDIATE),
+        "LaunchedFromMIM": ActionDefinition(Execution.IMMEDIATE, result_ignored=True),
+    }
+
+
+def test_every_action_gets_the_type_that_its_source_asks_for(executions_package):
+    types = {row[0]: int(row[1]) for row in package.table(executions_package, "CustomAction")}
+    del types["SetDeferred"], types["ForgetStart"]
+    assert types == {
+        "Immediate": 0x0001,
+        "Rollback": 0x0001 + 0x0040 + 0x0500 + 0x0800,
+        "Deferred": 0x0001 + 0x0400 + 0x0800,
+        "Commit": 0x0001 + 0x0040 + 0x0600,
+    }
+
+
+def test_a_source_that_cannot_be_built_says_why(tmp_path):
+    source = tmp_path / "broken.wxs"
+    source.write_text("<Wix")
+    with pytest.raises(package.ToolFailed, match="wixl: "):
+        package.build(source)

@@ -1,0 +1,115 @@
+#include "child_programs.h"
+
+#include "stand_in_session.h"
+
+#include <windows.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace halvard_tests {
+
+namespace {
+
+constexpr wchar_t kRecord[] = L"T:\\recorded.txt";
+constexpr ULONGLONG kLimitMilliseconds = 20000;
+
+void Check(BOOL done, const char* what) {
+    if (done == FALSE) {
+        throw std::runtime_error(std::string(what) + " failed with " +
+                                 std::to_string(GetLastError()));
+    }
+}
+
+std::wstring FromUtf8(const std::string& bytes) {
+    const int length = static_cast<int>(bytes.size());
+    const int size = MultiByteToWideChar(CP_UTF8, 0, bytes.c_str(), length, nullptr, 0);
+    std::wstring text(static_cast<std::size_t>(size), L'\0');
+    MultiByteToWideChar(CP_UTF8, 0, bytes.c_str(), length, text.data(), size);
+    return text;
+}
+
+std::string ReadWholeFile(const wchar_t* path) {
+    const HANDLE file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE) {
+        return {};
+    }
+    std::string bytes(GetFileSize(file, nullptr), '\0');
+    DWORD read = 0;
+    ReadFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr);
+    CloseHandle(file);
+    bytes.resize(read);
+    return bytes;
+}
+
+} // namespace
+
+bool operator==(const Recording& left, const Recording& right) {
+    return left.program == right.program && left.directory == right.directory &&
+           left.commandLine == right.commandLine;
+}
+
+EnvironmentVariable::EnvironmentVariable(const std::wstring& name, const std::wstring& value)
+    : name_(name) {
+    Check(SetEnvironmentVariableW(name.c_str(), value.c_str()), "SetEnvironmentVariableW");
+}
+
+EnvironmentVariable::~EnvironmentVariable() {
+    SetEnvironmentVariableW(name_.c_str(), nullptr);
+}
+
+RecorderAt::RecorderAt(const std::wstring& path) : path_(path), kept_(path + L".kept") {
+    if (MoveFileExW(path_.c_str(), kept_.c_str(), MOVEFILE_REPLACE_EXISTING) == FALSE) {
+        kept_.clear();
+    }
+    Check(CopyFileW(BesideTestProgram(L"..\\support\\recorder.exe").c_str(), path_.c_str(), FALSE),
+          "CopyFileW");
+    DeleteFileW(kRecord);
+}
+
+RecorderAt::~RecorderAt() {
+    // A program that still runs cannot be deleted; left there it would answer later tests.
+    const ULONGLONG start = GetTickCount64();
+    while (DeleteFileW(path_.c_str()) == FALSE && GetLastError() != ERROR_FILE_NOT_FOUND) {
+        if (GetTickCount64() - start > kLimitMilliseconds) {
+            std::fwprintf(stderr, L"cannot be removed, still running: %ls\n", path_.c_str());
+            std::abort();
+        }
+        Sleep(10);
+    }
+    if (!kept_.empty()) {
+        MoveFileExW(kept_.c_str(), path_.c_str(), MOVEFILE_REPLACE_EXISTING);
+    }
+}
+
+std::vector<Recording> Recordings() {
+    const std::wstring text = FromUtf8(ReadWholeFile(kRecord));
+    std::vector<Recording> recordings;
+    for (std::size_t start = 0; start < text.size();) {
+        const std::size_t end = text.find(L'\n', start);
+        if (end == std::wstring::npos) {
+            break;
+        }
+        const std::wstring line = text.substr(start, end - start);
+        const std::size_t first = line.find(L'\t');
+        const std::size_t second = line.find(L'\t', first + 1);
+        recordings.push_back({line.substr(0, first), line.substr(first + 1, second - first - 1),
+                              line.substr(second + 1)});
+        start = end + 1;
+    }
+    return recordings;
+}
+
+std::vector<Recording> WaitForRecordings(std::size_t count) {
+    const ULONGLONG start = GetTickCount64();
+    std::vector<Recording> recordings = Recordings();
+    while (recordings.size() < count && GetTickCount64() - start < kLimitMilliseconds) {
+        Sleep(20);
+        recordings = Recordings();
+    }
+    return recordings;
+}
+
+} // namespace halvard_tests

@@ -1,0 +1,591 @@
+#include "runtime/launch.h"
+
+#include "runtime/launch_conditions.h"
+#include "runtime/session.h"
+
+#include "allocation_failure.h"
+#include "child_programs.h"
+#include "import_hook.h"
+#include "open_handles.h"
+#include "record_calls.h"
+#include "stand_in_session.h"
+
+#include <shellapi.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <new>
+#include <system_error>
+
+using halvard::LaunchSchtasks;
+using halvard::RunCmdCommand;
+using halvard::RunCommandLine;
+using halvard::ShellExecuteAndWait;
+using halvard_tests::AllocationFailure;
+using halvard_tests::EnvironmentVariable;
+using halvard_tests::OpenHandleCount;
+using halvard_tests::RecorderAt;
+using halvard_tests::Recording;
+using halvard_tests::Recordings;
+using halvard_tests::WaitForRecordings;
+using Lines = std::vector<std::wstring>;
+
+namespace {
+
+constexpr wchar_t kTool[] = L"T:\\tool.exe";
+
+std::wstring CurrentDirectory() {
+    wchar_t directory[MAX_PATH] = {};
+    GetCurrentDirectoryW(MAX_PATH, directory);
+    return directory;
+}
+
+bool RunsWritable(std::wstring commandLine, const std::wstring& directory, bool wait) {
+    return RunCommandLine(commandLine.data(), directory, wait);
+}
+
+bool IsInheritable(HANDLE handle) {
+    DWORD flags = 0;
+    EXPECT_NE(GetHandleInformation(handle, &flags), FALSE);
+    return (flags & HANDLE_FLAG_INHERIT) != 0;
+}
+
+struct FolderScope {
+    explicit FolderScope(const wchar_t* folder) : path(folder) {
+        CreateDirectoryW(folder, nullptr);
+    }
+    ~FolderScope() { RemoveDirectoryW(path); }
+    FolderScope(const FolderScope&) = delete;
+    FolderScope& operator=(const FolderScope&) = delete;
+
+    const wchar_t* path;
+};
+
+} // namespace
+
+TEST(RunCmdCommand, LetsTheCommandInterpreterRunTheQuotedCommand) {
+    const RecorderAt tool(kTool);
+    const RecorderAt interpreter(L"T:\\cmd.exe");
+    const FolderScope folder(L"T:\\work folder");
+    // The search for a bare name begins in the folder of this program, so "cmd.exe" is redirected.
+    HOOK(creating, CreateProcessW,
+         [&](LPCWSTR, LPWSTR commandLine, LPSECURITY_ATTRIBUTES process,
+             LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags, LPVOID environment,
+             LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION child) {
+             return creating.Original(L"T:\\cmd.exe", commandLine, process, thread, inherit, flags,
+                                      environment, directory, startup, child);
+         });
+    EXPECT_EQ(RunCmdCommand(L"\"T:\\tool.exe\" \"a b\" /c", folder.path), 0U);
+    EXPECT_EQ(Recordings(),
+              (std::vector<Recording>{{L"cmd.exe", L"T:\\work folder",
+                                       L"cmd.exe /C \"\"T:\\tool.exe\" \"a b\" /c\""}}));
+}
+
+TEST(RunCmdCommand, ReachesTheProgramThroughTheRealInterpreter) {
+    const RecorderAt tool(kTool);
+    const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"7");
+    EXPECT_EQ(RunCmdCommand(L"\"T:\\tool.exe\" \"a b\" /c", L"T:\\"), 7U);
+    const std::vector<Recording> recordings = Recordings();
+    ASSERT_EQ(recordings.size(), 1U);
+    EXPECT_EQ(recordings[0].program, L"tool.exe");
+    EXPECT_EQ(recordings[0].directory, L"T:\\");
+    EXPECT_NE(recordings[0].commandLine.find(L"\"a b\" /c"), std::wstring::npos);
+}
+
+TEST(RunCmdCommand, ReturnsTheExitCode) {
+    EXPECT_EQ(RunCmdCommand(L"exit 0", nullptr), 0U);
+    EXPECT_EQ(RunCmdCommand(L"exit 3010", nullptr), 3010U);
+    EXPECT_EQ(RunCmdCommand(L"exit 260", nullptr), 260U);
+    EXPECT_EQ(RunCmdCommand(L"no_such_program_anywhere", nullptr), 9009U);
+}
+
+TEST(RunCmdCommand, NullDirectoryMeansThatOfThisProcess) {
+    const RecorderAt tool(kTool);
+    EXPECT_EQ(RunCmdCommand(kTool, nullptr), 0U);
+    ASSERT_EQ(Recordings().size(), 1U);
+    EXPECT_EQ(Recordings()[0].directory, CurrentDirectory());
+}
+
+TEST(RunCmdCommand, ACommandThatCannotStartGivesItsErrorCode) {
+    EXPECT_EQ(RunCmdCommand(L"exit 0", L"T:\\no such folder"), static_cast<DWORD>(ERROR_DIRECTORY));
+    FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_ACCESS_DENIED);
+    EXPECT_EQ(RunCmdCommand(L"exit 0", nullptr), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+}
+
+TEST(RunCmdCommand, ReadsMegabytesOfOutput) {
+    const RecorderAt tool(kTool);
+    const EnvironmentVariable output(L"HALVARD_RECORD_OUTPUT", L"3000000");
+    const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"5");
+    EXPECT_EQ(RunCmdCommand(kTool, nullptr), 5U);
+}
+
+TEST(RunCmdCommand, WaitsForAsLongAsTheChildRuns) {
+    const RecorderAt tool(kTool);
+    const EnvironmentVariable delay(L"HALVARD_RECORD_DELAY", L"700");
+    COUNT_CALLS(sleeping, Sleep);
+    COUNT_CALLS(waiting, WaitForSingleObject);
+    const ULONGLONG start = GetTickCount64();
+    EXPECT_EQ(RunCmdCommand(kTool, nullptr), 0U);
+    EXPECT_GE(GetTickCount64() - start, 700U);
+    // It polls at full speed.
+    EXPECT_EQ(sleeping.Calls(), 0);
+    EXPECT_EQ(waiting.Calls(), 0);
+}
+
+TEST(RunCmdCommand, PassesThisToTheSystem) {
+    std::vector<HANDLE> pipes;
+    HOOK(piping, CreatePipe,
+         [&](PHANDLE readEnd, PHANDLE writeEnd, LPSECURITY_ATTRIBUTES attributes, DWORD size) {
+             EXPECT_EQ(attributes->nLength, 24U);
+             EXPECT_EQ(attributes->lpSecurityDescriptor, nullptr);
+             EXPECT_EQ(attributes->bInheritHandle, TRUE);
+             EXPECT_EQ(size, 4096U);
+             const BOOL created = piping.Original(readEnd, writeEnd, attributes, size);
+             pipes.push_back(*readEnd);
+             pipes.push_back(*writeEnd);
+             return created;
+         });
+    std::vector<HANDLE> madePrivate;
+    HOOK(setting, SetHandleInformation, [&](HANDLE handle, DWORD mask, DWORD flags) {
+        EXPECT_EQ(mask, static_cast<DWORD>(HANDLE_FLAG_INHERIT));
+        EXPECT_EQ(flags, 0U);
+        madePrivate.push_back(handle);
+        return setting.Original(handle, mask, flags);
+    });
+    HOOK(creating, CreateProcessW,
+         [&](LPCWSTR application, LPWSTR commandLine, LPSECURITY_ATTRIBUTES process,
+             LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags, LPVOID environment,
+             LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION child) {
+             EXPECT_EQ(application, nullptr);
+             EXPECT_STREQ(commandLine, L"cmd.exe /C \"exit 0\"");
+             EXPECT_EQ(process, nullptr);
+             EXPECT_EQ(thread, nullptr);
+             EXPECT_EQ(inherit, TRUE);
+             EXPECT_EQ(flags, 0x08000000U); // CREATE_NO_WINDOW
+             EXPECT_EQ(environment, nullptr);
+             EXPECT_EQ(directory, nullptr);
+             EXPECT_EQ(startup->cb, 104U);
+             EXPECT_EQ(startup->dwFlags, static_cast<DWORD>(STARTF_USESTDHANDLES));
+             EXPECT_EQ(startup->hStdInput, nullptr);
+             EXPECT_EQ(startup->hStdOutput, pipes[1]);
+             EXPECT_EQ(startup->hStdError, pipes[1]);
+             EXPECT_FALSE(IsInheritable(pipes[0]));
+             EXPECT_TRUE(IsInheritable(pipes[1]));
+             EXPECT_TRUE(IsInheritable(pipes[2]));
+             EXPECT_FALSE(IsInheritable(pipes[3]));
+             return creating.Original(application, commandLine, process, thread, inherit, flags,
+                                      environment, directory, startup, child);
+         });
+    EXPECT_EQ(RunCmdCommand(L"exit 0", nullptr), 0U);
+    ASSERT_EQ(pipes.size(), 4U);
+    EXPECT_EQ(madePrivate, (std::vector<HANDLE>{pipes[0], pipes[3]}));
+    EXPECT_EQ(creating.Calls(), 1);
+}
+
+// The handles of the second pipe: the process that hosts the action is gone soon.
+TEST(RunCmdCommand, LeavesTwoHandlesOpenOnPurposeAndNoOther) {
+    const RecorderAt tool(kTool);
+    RunCmdCommand(L"exit 0", nullptr); // what the first start of a process loads once
+    const int before = OpenHandleCount();
+    RunCmdCommand(L"exit 0", nullptr);
+    EXPECT_EQ(OpenHandleCount(), before + 2);
+    RunCmdCommand(L"exit 0", L"T:\\no such folder");
+    EXPECT_EQ(OpenHandleCount(), before + 4);
+}
+
+TEST(RunCmdCommand, KeepsPollingAChildThatExitsWith259UntilThePipeFails) {
+    HOOK(peeking, PeekNamedPipe,
+         [&](HANDLE pipe, LPVOID buffer, DWORD size, LPDWORD read, LPDWORD waiting, LPDWORD left) {
+             // Long enough for the child to be gone.
+             if (peeking.Calls() > 20000) {
+                 SetLastError(ERROR_BROKEN_PIPE);
+                 return FALSE;
+             }
+             return peeking.Original(pipe, buffer, size, read, waiting, left);
+         });
+    EXPECT_EQ(RunCmdCommand(L"exit 259", nullptr), 259U);
+    EXPECT_EQ(peeking.Calls(), 20001);
+}
+
+TEST(RunCmdCommand, PollsExitCodePipeAndOutputInThisOrder) {
+    std::vector<std::wstring> order;
+    HOOK(asking, GetExitCodeProcess, [&](HANDLE, LPDWORD exitCode) {
+        order.push_back(L"exit code");
+        *exitCode = asking.Calls() == 3 ? 12 : STILL_ACTIVE;
+        return TRUE;
+    });
+    HOOK(peeking, PeekNamedPipe,
+         [&](HANDLE, LPVOID buffer, DWORD size, LPDWORD read, LPDWORD waiting, LPDWORD left) {
+             EXPECT_EQ(buffer, nullptr);
+             EXPECT_EQ(size, 0U);
+             EXPECT_EQ(read, nullptr);
+             EXPECT_EQ(left, nullptr);
+             order.push_back(L"peek");
+             *waiting = peeking.Calls() == 2 ? 0 : 10;
+             return TRUE;
+         });
+    HOOK(reading, ReadFile, [&](HANDLE, LPVOID, DWORD size, LPDWORD read, LPOVERLAPPED) {
+        EXPECT_EQ(size, 10U);
+        *read = size;
+        order.push_back(L"read");
+        return TRUE;
+    });
+    EXPECT_EQ(RunCmdCommand(L"exit 0", nullptr), 12U);
+    EXPECT_EQ(order, (Lines{L"exit code", L"peek", L"read", L"exit code", L"peek", L"exit code",
+                            L"peek", L"read"}));
+}
+
+TEST(RunCmdCommand, EachCallFailingInTurn) {
+    const RecorderAt tool(kTool);
+    const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"4");
+    {
+        // Without an output pipe the exit code is read once, while the child still runs.
+        FAIL_CALL(piping, CreatePipe, 1, FALSE, ERROR_ACCESS_DENIED);
+        EXPECT_EQ(RunCmdCommand(kTool, nullptr), 259U);
+        EXPECT_EQ(piping.Calls(), 2);
+        EXPECT_EQ(WaitForRecordings(1).size(), 1U);
+    }
+    {
+        FAIL_CALL(piping, CreatePipe, 2, FALSE, ERROR_ACCESS_DENIED);
+        EXPECT_EQ(RunCmdCommand(kTool, nullptr), 4U);
+    }
+    for (const int nth : {1, 2}) {
+        FAIL_CALL(setting, SetHandleInformation, nth, FALSE, ERROR_ACCESS_DENIED);
+        EXPECT_EQ(RunCmdCommand(kTool, nullptr), 4U);
+        EXPECT_EQ(setting.Calls(), 2);
+    }
+    {
+        // The end of the wait must not hang on a process whose exit code cannot be read.
+        FAIL_CALL(asking, GetExitCodeProcess, 0, FALSE, ERROR_ACCESS_DENIED);
+        EXPECT_EQ(RunCmdCommand(kTool, nullptr), 259U);
+        EXPECT_EQ(asking.Calls(), 1);
+    }
+    {
+        FAIL_CALL(peeking, PeekNamedPipe, 1, FALSE, ERROR_BROKEN_PIPE);
+        EXPECT_EQ(RunCmdCommand(kTool, nullptr), 259U);
+    }
+    {
+        FAIL_CALL(reading, ReadFile, 1, FALSE, ERROR_BROKEN_PIPE);
+        EXPECT_EQ(RunCmdCommand(L"echo text & exit 4", nullptr), 4U);
+        EXPECT_GE(reading.Calls(), 2);
+    }
+}
+
+TEST(RunCmdCommand, LeaksNothingElseWhenMemoryRunsOut) {
+    RunCmdCommand(L"exit 0", nullptr);
+    EXPECT_THROW(throw std::bad_alloc(), std::bad_alloc); // the first one makes handles of its own
+    int reached = 0;
+    for (int nth = 1; nth == reached + 1; ++nth) {
+        COUNT_CALLS(piping, CreatePipe);
+        const int before = OpenHandleCount();
+        bool thrown = false;
+        bool happened = false;
+        {
+            const AllocationFailure failure(nth);
+            try {
+                RunCmdCommand(L"echo a text that does not fit a small string", nullptr);
+            } catch (const std::bad_alloc&) {
+                thrown = true;
+            }
+            happened = failure.Happened();
+        }
+        EXPECT_EQ(thrown, happened);
+        reached += happened ? 1 : 0;
+        const int acceptedLeak = piping.Calls() == 2 ? 2 : 0;
+        EXPECT_EQ(OpenHandleCount(), before + acceptedLeak) << "allocation " << nth;
+    }
+    // The command line, and the buffer for the child's output.
+    EXPECT_GE(reached, 2);
+}
+
+TEST(RunCommandLine, StartsTheCommandInTheDirectory) {
+    const RecorderAt tool(kTool);
+    const FolderScope folder(L"T:\\work folder");
+    EXPECT_TRUE(RunsWritable(L"T:\\tool.exe \"a b\"  /c", folder.path, true));
+    EXPECT_EQ(Recordings(), (std::vector<Recording>{
+                                {L"tool.exe", L"T:\\work folder", L"T:\\tool.exe \"a b\"  /c"}}));
+}
+
+TEST(RunCommandLine, AnEmptyDirectoryMeansThatOfThisProcess) {
+    const RecorderAt tool(kTool);
+    HOOK(creating, CreateProcessW,
+         [&](LPCWSTR application, LPWSTR commandLine, LPSECURITY_ATTRIBUTES process,
+             LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags, LPVOID environment,
+             LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION child) {
+             EXPECT_EQ(directory, nullptr);
+             return creating.Original(application, commandLine, process, thread, inherit, flags,
+                                      environment, directory, startup, child);
+         });
+    EXPECT_TRUE(RunsWritable(kTool, L"", true));
+    ASSERT_EQ(Recordings().size(), 1U);
+    EXPECT_EQ(Recordings()[0].directory, CurrentDirectory());
+}
+
+TEST(RunCommandLine, PassesThisToTheSystem) {
+    std::wstring line = L"T:\\tool.exe /x";
+    HOOK(creating, CreateProcessW,
+         [&](LPCWSTR application, LPWSTR commandLine, LPSECURITY_ATTRIBUTES process,
+             LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags, LPVOID environment,
+             LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION) {
+             EXPECT_EQ(application, nullptr);
+             EXPECT_EQ(commandLine, line.data());
+             EXPECT_EQ(process, nullptr);
+             EXPECT_EQ(thread, nullptr);
+             EXPECT_EQ(inherit, FALSE);
+             EXPECT_EQ(flags, 0x08000000U); // CREATE_NO_WINDOW
+             EXPECT_EQ(environment, nullptr);
+             EXPECT_STREQ(directory, L"C:\\folder");
+             STARTUPINFOW expected = {};
+             expected.cb = 104;
+             EXPECT_EQ(std::memcmp(startup, &expected, sizeof(expected)), 0);
+             SetLastError(ERROR_ACCESS_DENIED);
+             return FALSE;
+         });
+    EXPECT_FALSE(RunCommandLine(line.data(), L"C:\\folder", true));
+    EXPECT_EQ(creating.Calls(), 1);
+}
+
+TEST(RunCommandLine, WaitsWithoutLimitAndDoesNotReadTheExitCode) {
+    const RecorderAt tool(kTool);
+    const EnvironmentVariable delay(L"HALVARD_RECORD_DELAY", L"500");
+    const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"3");
+    COUNT_CALLS(asking, GetExitCodeProcess);
+    HOOK(waiting, WaitForSingleObject, [&](HANDLE process, DWORD timeout) {
+        EXPECT_EQ(timeout, static_cast<DWORD>(INFINITE));
+        return waiting.Original(process, timeout);
+    });
+    const ULONGLONG start = GetTickCount64();
+    EXPECT_TRUE(RunsWritable(kTool, L"", true));
+    EXPECT_GE(GetTickCount64() - start, 500U);
+    EXPECT_EQ(waiting.Calls(), 1);
+    EXPECT_EQ(asking.Calls(), 0);
+}
+
+TEST(RunCommandLine, DoesNotWaitWhenNotAsked) {
+    const RecorderAt tool(kTool);
+    COUNT_CALLS(waiting, WaitForSingleObject);
+    EXPECT_TRUE(RunsWritable(kTool, L"", false));
+    EXPECT_EQ(waiting.Calls(), 0);
+    EXPECT_EQ(WaitForRecordings(1).size(), 1U);
+}
+
+TEST(RunCommandLine, ReportsThatTheCommandCannotStart) {
+    EXPECT_FALSE(RunsWritable(L"T:\\no_such_program.exe", L"", true));
+    const RecorderAt tool(kTool);
+    EXPECT_FALSE(RunsWritable(kTool, L"T:\\no such folder", true));
+    EXPECT_EQ(Recordings().size(), 0U);
+}
+
+TEST(RunCommandLine, ClosesItsHandlesAndLogsNothing) {
+    const RecorderAt tool(kTool);
+    const halvard_tests::RecordCalls calls;
+    RunsWritable(kTool, L"", true);
+    const int before = OpenHandleCount();
+    RunsWritable(kTool, L"", true);
+    RunsWritable(kTool, L"", false);
+    RunsWritable(L"T:\\no_such_program.exe", L"", true);
+    EXPECT_EQ(OpenHandleCount(), before);
+    EXPECT_EQ(calls.Lines(), Lines{});
+    WaitForRecordings(3);
+}
+
+TEST(ShellExecuteAndWait, ReturnsTheExitCode) {
+    const RecorderAt tool(kTool);
+    const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"42");
+    EXPECT_EQ(ShellExecuteAndWait(kTool, L"exit \"a b\"", INFINITE), 42U);
+    const std::vector<Recording> recordings = Recordings();
+    ASSERT_EQ(recordings.size(), 1U);
+    EXPECT_EQ(recordings[0].program, L"tool.exe");
+    EXPECT_NE(recordings[0].commandLine.find(L"exit \"a b\""), std::wstring::npos);
+}
+
+TEST(ShellExecuteAndWait, PassesThisToTheShell) {
+    const RecorderAt tool(kTool);
+    HOOK(executing, ShellExecuteExW, [&](SHELLEXECUTEINFOW* execution) {
+        EXPECT_EQ(execution->cbSize, 112U);
+        EXPECT_EQ(execution->fMask, 0x800540U);
+        EXPECT_EQ(execution->hwnd, nullptr);
+        EXPECT_STREQ(execution->lpVerb, L"open");
+        EXPECT_STREQ(execution->lpFile, kTool);
+        EXPECT_STREQ(execution->lpParameters, L"exit");
+        EXPECT_EQ(execution->lpDirectory, nullptr);
+        EXPECT_EQ(execution->nShow, 0);
+        return executing.Original(execution);
+    });
+    HOOK(waiting, WaitForSingleObject, [&](HANDLE process, DWORD timeout) {
+        EXPECT_EQ(timeout, 30000U);
+        return waiting.Original(process, timeout);
+    });
+    EXPECT_EQ(ShellExecuteAndWait(kTool, L"exit", 30000), 0U);
+    EXPECT_EQ(executing.Calls(), 1);
+    EXPECT_EQ(waiting.Calls(), 1);
+}
+
+TEST(ShellExecuteAndWait, GivesUpAfterTheTimeoutAndLeavesTheChildRunning) {
+    const RecorderAt tool(kTool);
+    const EnvironmentVariable delay(L"HALVARD_RECORD_DELAY", L"2500");
+    HANDLE process = nullptr;
+    HOOK(executing, ShellExecuteExW, [&](SHELLEXECUTEINFOW* execution) {
+        const BOOL done = executing.Original(execution);
+        DuplicateHandle(GetCurrentProcess(), execution->hProcess, GetCurrentProcess(), &process, 0,
+                        FALSE, DUPLICATE_SAME_ACCESS);
+        return done;
+    });
+    const ULONGLONG start = GetTickCount64();
+    EXPECT_EQ(ShellExecuteAndWait(kTool, L"", 300), 259U);
+    EXPECT_GE(GetTickCount64() - start, 300U);
+    EXPECT_EQ(WaitForSingleObject(process, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+    EXPECT_EQ(WaitForSingleObject(process, 20000), WAIT_OBJECT_0);
+    CloseHandle(process);
+}
+
+namespace {
+
+void ExpectSystemError(const std::string& message, int code) {
+    try {
+        ShellExecuteAndWait(L"T:\\tool.exe", L"", INFINITE);
+        FAIL() << "no exception";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(typeid(error), typeid(std::system_error));
+        EXPECT_EQ(error.code(), std::error_code(code, std::system_category()));
+        EXPECT_EQ(error.what(), message + ": " + std::system_category().message(code));
+    }
+}
+
+} // namespace
+
+TEST(ShellExecuteAndWait, ThrowsWhenNothingCanBeStarted) {
+    ExpectSystemError("Unable to create process", ERROR_FILE_NOT_FOUND);
+    FAIL_CALL(executing, ShellExecuteExW, 0, FALSE, ERROR_CANCELLED);
+    COUNT_CALLS(waiting, WaitForSingleObject);
+    ExpectSystemError("Unable to create process", ERROR_CANCELLED);
+    EXPECT_EQ(waiting.Calls(), 0);
+}
+
+TEST(ShellExecuteAndWait, ThrowsWhenTheExitCodeCannotBeReadAndClosesTheHandle) {
+    const RecorderAt tool(kTool);
+    ShellExecuteAndWait(kTool, L"", INFINITE);
+    const int before = OpenHandleCount();
+    {
+        FAIL_CALL(asking, GetExitCodeProcess, 0, FALSE, ERROR_ACCESS_DENIED);
+        ExpectSystemError("Unable to process exit code", ERROR_ACCESS_DENIED);
+    }
+    EXPECT_EQ(OpenHandleCount(), before);
+}
+
+TEST(ShellExecuteAndWait, DoesNotExamineTheResultOfTheWait) {
+    const RecorderAt tool(kTool);
+    const EnvironmentVariable delay(L"HALVARD_RECORD_DELAY", L"300");
+    FAIL_CALL(waiting, WaitForSingleObject, 0, WAIT_FAILED, ERROR_INVALID_HANDLE);
+    EXPECT_EQ(ShellExecuteAndWait(kTool, L"", INFINITE), 259U);
+}
+
+TEST(ShellExecuteAndWait, ClosesTheProcessHandle) {
+    const RecorderAt tool(kTool);
+    ShellExecuteAndWait(kTool, L"", INFINITE);
+    const int before = OpenHandleCount();
+    ShellExecuteAndWait(kTool, L"", INFINITE);
+    EXPECT_EQ(OpenHandleCount(), before);
+}
+
+namespace {
+
+constexpr wchar_t kSchtasks[] = L"C:\\windows\\system32\\schtasks.exe";
+
+} // namespace
+
+TEST(LaunchSchtasks, StartsItWithTheParametersAndDoesNotWait) {
+    const RecorderAt schtasks(kSchtasks);
+    const EnvironmentVariable delay(L"HALVARD_RECORD_DELAY", L"1000");
+    COUNT_CALLS(waiting, WaitForSingleObject);
+    EXPECT_TRUE(LaunchSchtasks(L"/run /tn \"a b\""));
+    EXPECT_EQ(waiting.Calls(), 0);
+    const std::vector<Recording> recordings = WaitForRecordings(1);
+    ASSERT_EQ(recordings.size(), 1U);
+    EXPECT_EQ(recordings[0].program, L"schtasks.exe");
+    EXPECT_NE(recordings[0].commandLine.find(L"/run /tn \"a b\""), std::wstring::npos);
+}
+
+TEST(LaunchSchtasks, PassesThisToTheShell) {
+    HOOK(executing, ShellExecuteExW, [&](SHELLEXECUTEINFOW* execution) {
+        EXPECT_EQ(execution->cbSize, 112U);
+        EXPECT_EQ(execution->fMask, 64U);
+        EXPECT_EQ(execution->hwnd, nullptr);
+        EXPECT_STREQ(execution->lpVerb, L"open");
+        EXPECT_STREQ(execution->lpFile, L"schtasks");
+        EXPECT_STREQ(execution->lpParameters, L"/run");
+        EXPECT_EQ(execution->lpDirectory, nullptr);
+        EXPECT_EQ(execution->nShow, 1);
+        return TRUE;
+    });
+    EXPECT_TRUE(LaunchSchtasks(L"/run"));
+    EXPECT_EQ(executing.Calls(), 1);
+}
+
+// The process that hosts the action is gone soon.
+TEST(LaunchSchtasks, LeavesTheProcessHandleOpenOnPurpose) {
+    const RecorderAt schtasks(kSchtasks);
+    HANDLE process = nullptr;
+    HOOK(executing, ShellExecuteExW, [&](SHELLEXECUTEINFOW* execution) {
+        const BOOL done = executing.Original(execution);
+        process = execution->hProcess;
+        return done;
+    });
+    EXPECT_TRUE(LaunchSchtasks(L"/run"));
+    EXPECT_EQ(WaitForSingleObject(process, 20000), WAIT_OBJECT_0);
+    EXPECT_NE(CloseHandle(process), FALSE);
+}
+
+// No session is ever given to this launcher: the calls are made, and the lines are lost.
+TEST(LaunchSchtasks, LogsToNoSessionEvenWhenAnActionHasStoredOne) {
+    const halvard_tests::StandInSession session;
+    halvard::SetCurrentSession(session.Get());
+    const std::pair<BOOL, std::wstring> outcomes[] = {
+        {TRUE, L"Quenby_CA launched the following successfully: schtasks"},
+        {FALSE, L"Quenby_CA failed to launch the following: File not found."},
+    };
+    for (const auto& [started, line] : outcomes) {
+        HOOK(executing, ShellExecuteExW, [&, result = started](SHELLEXECUTEINFOW* execution) {
+            execution->hInstApp = reinterpret_cast<HINSTANCE>(result != FALSE ? 42 : 2);
+            return result;
+        });
+        const halvard_tests::RecordCalls calls;
+        EXPECT_EQ(LaunchSchtasks(L"/run"), started != FALSE);
+        EXPECT_EQ(calls.Lines(),
+                  (Lines{L"create 0", L"set 0 " + line, L"process 0x4000000 in 0", L"close"}));
+    }
+    EXPECT_EQ(session.Messages().size(), 0U);
+    halvard::SetCurrentSession(0);
+}
+
+TEST(LaunchSchtasks, MapsTheCodeOfTheShellToItsMessage) {
+    const std::pair<int, std::wstring> codes[] = {
+        {5, L"Access denied."},
+        {28, L" The DDE transaction could not be completed because the request timed out"},
+        {31, L"File association not available."},
+        {1, L"Unknown error, could be SE_ERR_FNF, or SE_ERR_PNF"},
+    };
+    for (const auto& [code, message] : codes) {
+        HOOK(executing, ShellExecuteExW, [&, value = code](SHELLEXECUTEINFOW* execution) {
+            execution->hInstApp = reinterpret_cast<HINSTANCE>(static_cast<INT_PTR>(value));
+            return FALSE;
+        });
+        const halvard_tests::RecordCalls calls;
+        EXPECT_FALSE(LaunchSchtasks(L"/run"));
+        EXPECT_EQ(calls.Texts(), Lines{L"Quenby_CA failed to launch the following: " + message});
+    }
+}
+
+TEST(LaunchSchtasks, AMissingProgramIsAFailureWithoutALineInTheLog) {
+    const halvard_tests::StandInSession session;
+    HOOK(executing, ShellExecuteExW, [&](SHELLEXECUTEINFOW* execution) {
+        execution->lpFile = L"no_such_schtasks";
+        execution->fMask |= SEE_MASK_FLAG_NO_UI;
+        return executing.Original(execution);
+    });
+    const halvard_tests::RecordCalls calls;
+    EXPECT_FALSE(LaunchSchtasks(L"/run"));
+    EXPECT_EQ(session.Messages().size(), 0U);
+    EXPECT_EQ(calls.Texts(), Lines{L"Quenby_CA failed to launch the following: File not found."});
+}

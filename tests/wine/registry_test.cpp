@@ -1,0 +1,409 @@
+#include "runtime/registry.h"
+
+#include "import_hook.h"
+#include "open_handles.h"
+#include "registry_key.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+using halvard::ReadMultiString;
+using halvard::ReadRegistryString;
+using halvard::RegKeyError;
+using halvard::WriteMultiString;
+using halvard_tests::ScratchKey;
+using Strings = std::list<std::wstring>;
+using namespace std::string_literals;
+
+namespace {
+
+struct ThrownError {
+    int code;
+    std::string what;
+};
+
+// What a RegKeyError carried, or nothing when none was thrown.
+template <class Action>
+std::optional<ThrownError> ErrorOf(Action action) {
+    try {
+        action();
+    } catch (const RegKeyError& error) {
+        EXPECT_EQ(error.code().category(), std::system_category());
+        return ThrownError{error.code().value(), error.what()};
+    }
+    return std::nullopt;
+}
+
+std::string Composed(const char* message, int code) {
+    return std::string(message) + ": " + std::system_category().message(code);
+}
+
+template <class Action>
+void ExpectRegKeyError(Action action, const char* message, int code) {
+    const std::optional<ThrownError> error = ErrorOf(action);
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->code, code);
+    EXPECT_EQ(error->what, Composed(message, code));
+}
+
+constexpr char kUnableToGet[] = "Unable to get registry value";
+constexpr char kUnableToOpen[] = "Unable to open registry key";
+
+} // namespace
+
+TEST(RegKeyError, CarriesCodeCategoryAndMessage) {
+    const RegKeyError fromText(5, std::system_category(), "Some message");
+    EXPECT_EQ(fromText.code(), std::error_code(5, std::system_category()));
+    EXPECT_EQ(fromText.what(), Composed("Some message", 5));
+    const RegKeyError fromString(6, std::system_category(), std::string("Other message"));
+    EXPECT_EQ(fromString.code(), std::error_code(6, std::system_category()));
+    EXPECT_EQ(fromString.what(), Composed("Other message", 6));
+}
+
+TEST(RegKeyError, IsCaughtAsAnyOfItsBases) {
+    EXPECT_THROW(throw RegKeyError(5, std::system_category(), "x"), std::system_error);
+    EXPECT_THROW(throw RegKeyError(5, std::system_category(), "x"), std::runtime_error);
+    EXPECT_THROW(throw RegKeyError(5, std::system_category(), "x"), std::exception);
+}
+
+TEST(ReadRegistryString, ReadsAValueOfTheKeyOrOfASubkey) {
+    const ScratchKey key;
+    key.SetString(L"Name", L"C:\\Program Files\\\u0416");
+    EXPECT_EQ(ReadRegistryString(key.Get(), L"", L"Name", true), L"C:\\Program Files\\\u0416");
+    EXPECT_EQ(ReadRegistryString(HKEY_LOCAL_MACHINE, key.Path(), L"Name", true),
+              L"C:\\Program Files\\\u0416");
+}
+
+TEST(ReadRegistryString, AnEmptyValueIsNoError) {
+    const ScratchKey key;
+    key.SetString(L"Empty", L"");
+    key.SetCharacters(L"NoBytes", REG_SZ, L"");
+    EXPECT_EQ(ReadRegistryString(key.Get(), L"", L"Empty", true), L"");
+    EXPECT_EQ(ReadRegistryString(key.Get(), L"", L"NoBytes", true), L"");
+}
+
+TEST(ReadRegistryString, AMissingValueIsEmptyOrThrows) {
+    const ScratchKey key;
+    EXPECT_EQ(ReadRegistryString(key.Get(), L"", L"Missing", false), L"");
+    EXPECT_EQ(ReadRegistryString(key.Get(), L"NoSubkey", L"Missing", false), L"");
+    ExpectRegKeyError([&] { ReadRegistryString(key.Get(), L"", L"Missing", true); }, kUnableToGet,
+                      ERROR_FILE_NOT_FOUND);
+    ExpectRegKeyError([&] { ReadRegistryString(key.Get(), L"NoSubkey", L"Missing", true); },
+                      kUnableToGet, ERROR_FILE_NOT_FOUND);
+}
+
+TEST(ReadRegistryString, OtherTypesCountAsUnreadable) {
+    const ScratchKey key;
+    for (const DWORD type : {REG_NONE, REG_BINARY, REG_DWORD, REG_MULTI_SZ, REG_QWORD}) {
+        key.SetBytes(L"Other", type, {1, 0, 0, 0, 0, 0, 0, 0});
+        EXPECT_EQ(ReadRegistryString(key.Get(), L"", L"Other", false), L"") << type;
+        ExpectRegKeyError([&] { ReadRegistryString(key.Get(), L"", L"Other", true); }, kUnableToGet,
+                          ERROR_UNSUPPORTED_TYPE);
+    }
+}
+
+TEST(ReadRegistryString, GivesTheTextUpToTheFirstNullCharacter) {
+    const ScratchKey key;
+    key.SetCharacters(L"Cut", REG_SZ, L"ab\0cd\0"s);
+    key.SetCharacters(L"NoTerminator", REG_SZ, L"abc");
+    EXPECT_EQ(ReadRegistryString(key.Get(), L"", L"Cut", true), L"ab");
+    EXPECT_EQ(ReadRegistryString(key.Get(), L"", L"NoTerminator", true), L"abc");
+}
+
+TEST(ReadRegistryString, LongValuesAreReadWhole) {
+    const ScratchKey key;
+    const std::wstring text(32768, L'x');
+    key.SetString(L"Long", text);
+    EXPECT_EQ(ReadRegistryString(key.Get(), L"", L"Long", true), text);
+}
+
+TEST(ReadRegistryString, AsksTwiceForOneTypeAndReadsIntoAZeroedBufferOfTheSizeAskedFor) {
+    const ScratchKey key;
+    key.SetString(L"Name", L"abc");
+    HOOK(reading, RegGetValueW,
+         [&](HKEY handle, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type, PVOID data,
+             LPDWORD size) {
+             EXPECT_EQ(handle, HKEY_LOCAL_MACHINE);
+             EXPECT_EQ(subkey, key.Path());
+             EXPECT_STREQ(name, L"Name");
+             EXPECT_EQ(flags, static_cast<DWORD>(RRF_RT_REG_SZ));
+             EXPECT_EQ(type, nullptr);
+             if (reading.Calls() == 1) {
+                 EXPECT_EQ(data, nullptr);
+             } else {
+                 EXPECT_EQ(*size, 8U);
+                 EXPECT_EQ(std::wstring_view(static_cast<wchar_t*>(data), 4), L"\0\0\0\0"s);
+             }
+             return reading.Original(handle, subkey, name, flags, type, data, size);
+         });
+    EXPECT_EQ(ReadRegistryString(HKEY_LOCAL_MACHINE, key.Path(), L"Name", true), L"abc");
+    EXPECT_EQ(reading.Calls(), 2);
+}
+
+TEST(ReadRegistryString, AValueThatChangesBetweenTheReads) {
+    struct Change {
+        const char* what;
+        void (*apply)(const ScratchKey&);
+        std::wstring text;
+        std::optional<int> code; // of the exception, when the read fails
+    };
+    const Change changes[] = {
+        {"grows", [](const ScratchKey& key) { key.SetString(L"Name", L"abcdef"); }, L"", 0},
+        {"vanishes", [](const ScratchKey& key) { RegDeleteValueW(key.Get(), L"Name"); }, L"", 0},
+        {"changes its type",
+         [](const ScratchKey& key) {
+             key.SetBytes(L"Name", REG_DWORD, {1, 0, 0, 0});
+         },
+         L"", 0},
+        {"shrinks", [](const ScratchKey& key) { key.SetString(L"Name", L"a"); }, L"a", {}},
+    };
+    for (const Change& change : changes) {
+        for (const bool throwOnError : {false, true}) {
+            const ScratchKey key;
+            key.SetString(L"Name", L"abc");
+            HOOK(reading, RegGetValueW,
+                 [&](HKEY handle, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type,
+                     PVOID data, LPDWORD size) {
+                     if (reading.Calls() == 2) {
+                         change.apply(key);
+                     }
+                     return reading.Original(handle, subkey, name, flags, type, data, size);
+                 });
+            std::wstring text = L"unset";
+            const auto read = [&] {
+                text = ReadRegistryString(key.Get(), L"", L"Name", throwOnError);
+            };
+            if (throwOnError && change.code) {
+                ExpectRegKeyError(read, kUnableToGet, *change.code);
+            } else {
+                read();
+                EXPECT_EQ(text, change.text) << change.what;
+            }
+        }
+    }
+}
+
+TEST(ReadRegistryString, AValueThatAppearsBetweenTheReadsIsEmpty) {
+    const ScratchKey key;
+    HOOK(reading, RegGetValueW,
+         [&](HKEY handle, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type, PVOID data,
+             LPDWORD size) {
+             if (reading.Calls() == 2) {
+                 key.SetString(L"Name", L"abc");
+                 EXPECT_EQ(data, nullptr);
+             }
+             return reading.Original(handle, subkey, name, flags, type, data, size);
+         });
+    EXPECT_EQ(ReadRegistryString(key.Get(), L"", L"Name", true), L"");
+}
+
+TEST(ReadRegistryString, EachCallFailingInTurn) {
+    const ScratchKey key;
+    key.SetString(L"Name", L"abc");
+    {
+        FAIL_CALL(reading, RegGetValueW, 0, ERROR_ACCESS_DENIED, NO_ERROR);
+        EXPECT_EQ(ReadRegistryString(key.Get(), L"", L"Name", false), L"");
+        ExpectRegKeyError([&] { ReadRegistryString(key.Get(), L"", L"Name", true); }, kUnableToGet,
+                          ERROR_ACCESS_DENIED);
+    }
+    {
+        // Only the second call counts, and it can succeed: it then has no buffer to fill.
+        FAIL_CALL(reading, RegGetValueW, 1, ERROR_ACCESS_DENIED, NO_ERROR);
+        EXPECT_EQ(ReadRegistryString(key.Get(), L"", L"Name", true), L"");
+    }
+    {
+        FAIL_CALL(reading, RegGetValueW, 2, ERROR_ACCESS_DENIED, NO_ERROR);
+        ExpectRegKeyError([&] { ReadRegistryString(key.Get(), L"", L"Name", true); }, kUnableToGet,
+                          0);
+    }
+}
+
+TEST(ReadRegistryString, AnOddByteCountStaysInsideTheBuffer) {
+    const ScratchKey key;
+    HOOK(reading, RegGetValueW,
+         [&](HKEY, LPCWSTR, LPCWSTR, DWORD, LPDWORD, PVOID data, LPDWORD size) {
+             *size = 5;
+             if (data != nullptr) {
+                 std::memcpy(data, "a\0b\0c", 5);
+             }
+             return ERROR_SUCCESS;
+         });
+    EXPECT_EQ(ReadRegistryString(key.Get(), L"", L"Odd", true), L"ab");
+}
+
+TEST(OpenRegistryKey, OpensBelowTheLocalMachineForReadingAndWriting) {
+    const ScratchKey key;
+    HOOK(opening, RegOpenKeyExW,
+         [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
+             EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
+             EXPECT_EQ(subkey, key.Path());
+             EXPECT_EQ(options, 0U);
+             EXPECT_EQ(access, 0x2001FU);
+             return opening.Original(root, subkey, options, access, opened);
+         });
+    const halvard::KeyHolder opened = halvard::OpenRegistryKey(key.Path());
+    EXPECT_EQ(opening.Calls(), 1);
+    ASSERT_NE(opened, nullptr);
+    EXPECT_EQ(
+        RegSetValueExW(opened.get(), L"Written", 0, REG_SZ, reinterpret_cast<const BYTE*>(L"x"), 4),
+        ERROR_SUCCESS);
+    EXPECT_EQ(key.ReadCharacters(L"Written"), L"x\0"s);
+}
+
+TEST(OpenRegistryKey, ThrowsTheCodeOfTheFailure) {
+    const ScratchKey key;
+    ExpectRegKeyError([&] { halvard::OpenRegistryKey(key.Path() + L"\\Missing"); }, kUnableToOpen,
+                      ERROR_FILE_NOT_FOUND);
+    FAIL_CALL(opening, RegOpenKeyExW, 0, ERROR_ACCESS_DENIED, NO_ERROR);
+    ExpectRegKeyError([&] { halvard::OpenRegistryKey(key.Path()); }, kUnableToOpen,
+                      ERROR_ACCESS_DENIED);
+}
+
+TEST(CloseRegistryKey, ClosesTheKeyOnceAndLeavesTheHolderNull) {
+    const ScratchKey key;
+    const int before = halvard_tests::OpenHandleCount();
+    halvard::KeyHolder opened = halvard::OpenRegistryKey(key.Path());
+    EXPECT_EQ(halvard_tests::OpenHandleCount(), before + 1);
+    COUNT_CALLS(closing, RegCloseKey);
+    halvard::CloseRegistryKey(opened);
+    EXPECT_EQ(opened, nullptr);
+    EXPECT_EQ(closing.Calls(), 1);
+    EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
+
+    halvard::CloseRegistryKey(opened);
+    EXPECT_EQ(closing.Calls(), 1);
+}
+
+TEST(ReadMultiString, KeepsTheEmptyElementOfTheTerminator) {
+    const ScratchKey key;
+    key.SetCharacters(L"List", REG_MULTI_SZ, L"a\0b\0\0"s);
+    key.SetCharacters(L"One", REG_MULTI_SZ, L"x\0\0"s);
+    EXPECT_EQ(ReadMultiString(key.Get(), L"List"), (Strings{L"a", L"b", L""}));
+    EXPECT_EQ(ReadMultiString(key.Get(), L"One"), (Strings{L"x", L""}));
+}
+
+TEST(ReadMultiString, ReadsLongValues) {
+    const ScratchKey key;
+    const std::wstring element(32768, L'x');
+    key.SetCharacters(L"List", REG_MULTI_SZ, element + L"\0y\0\0"s);
+    EXPECT_EQ(ReadMultiString(key.Get(), L"List"), (Strings{element, L"y", L""}));
+}
+
+TEST(ReadMultiString, ThrowsWhenTheSizeCannotBeLearned) {
+    const ScratchKey key;
+    ExpectRegKeyError([&] { ReadMultiString(key.Get(), L"Missing"); }, kUnableToGet,
+                      ERROR_FILE_NOT_FOUND);
+    key.SetString(L"Text", L"abc");
+    ExpectRegKeyError([&] { ReadMultiString(key.Get(), L"Text"); }, kUnableToGet,
+                      ERROR_UNSUPPORTED_TYPE);
+    key.SetCharacters(L"List", REG_MULTI_SZ, L"a\0\0"s);
+    FAIL_CALL(reading, RegGetValueW, 1, ERROR_ACCESS_DENIED, NO_ERROR);
+    ExpectRegKeyError([&] { ReadMultiString(key.Get(), L"List"); }, kUnableToGet,
+                      ERROR_ACCESS_DENIED);
+    EXPECT_EQ(reading.Calls(), 1);
+}
+
+TEST(ReadMultiString, DoesNotCheckTheSecondCall) {
+    const ScratchKey key;
+    key.SetCharacters(L"List", REG_MULTI_SZ, L"a\0\0"s);
+    FAIL_CALL(reading, RegGetValueW, 2, ERROR_ACCESS_DENIED, NO_ERROR);
+    // Three characters of a buffer that stayed zero.
+    EXPECT_EQ(ReadMultiString(key.Get(), L"List"), (Strings{L"", L"", L""}));
+    EXPECT_EQ(reading.Calls(), 2);
+}
+
+TEST(ReadMultiString, AsksForOneTypeAndCutsToTheSizeThatTheReadReports) {
+    const ScratchKey key;
+    key.SetCharacters(L"List", REG_MULTI_SZ, L"abc\0def\0\0"s);
+    HOOK(reading, RegGetValueW,
+         [&](HKEY handle, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type, PVOID data,
+             LPDWORD size) {
+             EXPECT_EQ(handle, key.Get());
+             EXPECT_STREQ(subkey, L"");
+             EXPECT_STREQ(name, L"List");
+             EXPECT_EQ(flags, static_cast<DWORD>(RRF_RT_REG_MULTI_SZ));
+             EXPECT_EQ(type, nullptr);
+             EXPECT_EQ(data == nullptr, reading.Calls() == 1);
+             if (reading.Calls() == 2) {
+                 EXPECT_EQ(*size, 18U);
+                 key.SetCharacters(L"List", REG_MULTI_SZ, L"x\0\0"s);
+             }
+             return reading.Original(handle, subkey, name, flags, type, data, size);
+         });
+    EXPECT_EQ(ReadMultiString(key.Get(), L"List"), (Strings{L"x", L""}));
+}
+
+TEST(ReadMultiString, AValueThatGrowsBetweenTheCallsGivesEmptyElements) {
+    const ScratchKey key;
+    key.SetCharacters(L"List", REG_MULTI_SZ, L"a\0\0"s);
+    HOOK(reading, RegGetValueW,
+         [&](HKEY handle, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type, PVOID data,
+             LPDWORD size) {
+             if (reading.Calls() == 2) {
+                 key.SetCharacters(L"List", REG_MULTI_SZ, L"abc\0def\0\0"s);
+             }
+             return reading.Original(handle, subkey, name, flags, type, data, size);
+         });
+    const Strings strings = ReadMultiString(key.Get(), L"List");
+    EXPECT_EQ(strings, Strings(9));
+}
+
+TEST(ReadMultiString, AnOddByteCountStaysInsideTheBuffer) {
+    const ScratchKey key;
+    HOOK(reading, RegGetValueW,
+         [&](HKEY, LPCWSTR, LPCWSTR, DWORD, LPDWORD, PVOID data, LPDWORD size) {
+             *size = 7;
+             if (data != nullptr) {
+                 std::memcpy(data, "a\0\0\0b\0c", 7);
+             }
+             return ERROR_SUCCESS;
+         });
+    EXPECT_EQ(ReadMultiString(key.Get(), L"Odd"), (Strings{L"a"}));
+}
+
+TEST(WriteMultiString, StoresEveryElementWithItsTerminatorAndOneMore) {
+    const ScratchKey key;
+    WriteMultiString(key.Get(), L"List", {L"a", L"", L"\u0416b"});
+    EXPECT_EQ(key.ReadCharacters(L"List"), L"a\0\0\u0416b\0\0"s);
+    EXPECT_EQ(key.Read(L"List").type, static_cast<DWORD>(REG_MULTI_SZ));
+}
+
+TEST(WriteMultiString, AnEmptyListIsTwoZeroBytes) {
+    const ScratchKey key;
+    WriteMultiString(key.Get(), L"List", {});
+    EXPECT_EQ(key.Read(L"List").bytes, (std::vector<BYTE>{0, 0}));
+}
+
+TEST(WriteMultiString, AValueReadAndWrittenBackGainsOneNullCharacter) {
+    const ScratchKey key;
+    key.SetCharacters(L"List", REG_MULTI_SZ, L"x\0\0"s);
+    WriteMultiString(key.Get(), L"List", ReadMultiString(key.Get(), L"List"));
+    EXPECT_EQ(key.ReadCharacters(L"List"), L"x\0\0\0"s);
+}
+
+TEST(WriteMultiString, ThrowsTheCodeAndNamesTheValue) {
+    const ScratchKey key;
+    FAIL_CALL(writing, RegSetValueExW, 0, ERROR_ACCESS_DENIED, NO_ERROR);
+    ExpectRegKeyError([&] { WriteMultiString(key.Get(), L"UpperFilters", {L"a"}); },
+                      "Unable to write REG_MULTI_SZ value = UpperFilters", ERROR_ACCESS_DENIED);
+    ExpectRegKeyError([&] { WriteMultiString(key.Get(), L"", {L"a"}); },
+                      "Unable to write REG_MULTI_SZ value = ", ERROR_ACCESS_DENIED);
+    // The code page of the tests knows Latin letters only.
+    ExpectRegKeyError([&] { WriteMultiString(key.Get(), L"\u00e9", {L"a"}); },
+                      "Unable to write REG_MULTI_SZ value = \xe9", ERROR_ACCESS_DENIED);
+}
+
+TEST(WriteMultiString, CutsTheMessageAt259Bytes) {
+    const ScratchKey key;
+    FAIL_CALL(writing, RegSetValueExW, 0, ERROR_ACCESS_DENIED, NO_ERROR);
+    const std::string start = "Unable to write REG_MULTI_SZ value = ";
+    const std::size_t room = 259 - start.size();
+    for (const std::size_t length : {room, room + 1, std::size_t{16000}}) {
+        const std::string message = start + std::string(room, 'n');
+        ExpectRegKeyError([&] { WriteMultiString(key.Get(), std::wstring(length, L'n'), {L"a"}); },
+                          message.c_str(), ERROR_ACCESS_DENIED);
+    }
+}

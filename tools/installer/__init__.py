@@ -1,0 +1,1 @@
+"""Runs the real installer in a safe Wine prefix and tells what it did."""

@@ -1,0 +1,227 @@
+"""What is on the machine of a prefix, and what an installer run changed there.
+
+A snapshot holds the registry without its volatile keys, the files of drives c: and t:, the
+scheduled tasks and the services as they are registered. It costs a quarter of a second.
+"""
+
+import os
+import re
+import tempfile
+from collections import Counter
+from dataclasses import dataclass, field
+from datetime import datetime
+from enum import Enum
+from pathlib import Path
+from typing import Iterable, Mapping
+
+from installer import paths
+from installer.prefix import Prefix
+
+SAVE_LIMIT = 30.0
+
+# Stands between a file's size and the time of its last write.
+TIME_MARK = ", written "
+
+
+class Area(Enum):
+    """A part of the machine that readers look at by itself."""
+
+    FILE = "file"
+    REGISTRY = "registry"
+    SERVICE = "service"
+    TASK = "task"
+
+
+class Kind(Enum):
+    """What happened to an item between two snapshots."""
+
+    ADDED = "added"
+    REMOVED = "removed"
+    CHANGED = "changed"
+
+
+@dataclass(frozen=True)
+class Change:
+    """One item that differs; `before` and `after` are its contents, None where it is absent."""
+
+    area: Area
+    kind: Kind
+    name: str
+    before: str | None
+    after: str | None
+
+
+@dataclass
+class Difference:
+    """The changes between two snapshots.
+
+    `noise` counts what every installer run or every start of a program changes, by its cause.
+    """
+
+    changes: list[Change] = field(default_factory=list)
+    noise: Counter[str] = field(default_factory=Counter)
+
+    def of(self, area: Area, kind: Kind) -> list[str]:
+        """The names of the items of an area to which this happened."""
+        return [
+            change.name for change in self.changes if change.area is area and change.kind is kind
+        ]
+
+    def noise_summary(self) -> str:
+        """One line with the counts, or an empty text."""
+        if not self.noise:
+            return ""
+        counts = ", ".join(f"{cause}: {count}" for cause, count in sorted(self.noise.items()))
+        return f"not listed: {counts}"
+
+
+# The contents of each item by area and name.
+Snapshot = Mapping[tuple[Area, str], str]
+
+_NOISE = {
+    "records of the installer": (
+        r"HKLM\\Software\\Classes\\Installer\b",
+        r"HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Installer\b",
+        r"HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\b",
+        r"C:\\windows\\Installer\b",
+    ),
+    "Wine's own state": (
+        r"HKLM\\Software\\Microsoft\\Windows( NT)?\\CurrentVersion\\Fonts\b",
+        r"HKLM\\Software\\Microsoft\\Windows NT\\CurrentVersion\\NetworkCards\b",
+        r"HKLM\\System\\CurrentControlSet\\Control\\(Class|DeviceClasses|Video)\b",
+        r"HKLM\\System\\CurrentControlSet\\Enum\b",
+        r"HKU\\[^\\]+\\Software\\Wine\b",
+    ),
+}
+_NOISE_PATTERNS = {
+    cause: re.compile("|".join(f"(?:{pattern})" for pattern in patterns), re.IGNORECASE)
+    for cause, patterns in _NOISE.items()
+}
+_TASK = re.compile(r"C:\\windows\\system32\\tasks\\(?P<name>.+)", re.IGNORECASE)
+_SERVICE = re.compile(r"HKLM\\System\\CurrentControlSet\\Services\\(?P<name>.+)", re.IGNORECASE)
+
+
+def snapshot(prefix: Prefix) -> Snapshot:
+    """Looks at the machine as it is now; the prefix goes on running."""
+    items = {}
+    for name, content in (_registry(prefix) | _files(prefix)).items():
+        items[place(name)] = content
+    return items
+
+
+def difference(before: Snapshot, after: Snapshot) -> Difference:
+    """What differs between two snapshots, by area and name."""
+    result = Difference()
+    for place in sorted(before.keys() | after.keys(), key=lambda place: (place[0].value, place[1])):
+        old, new = before.get(place), after.get(place)
+        if old == new:
+            continue
+        area, name = place
+        if cause := _noise_cause(name):
+            result.noise[cause] += 1
+            continue
+        kind = Kind.ADDED if old is None else Kind.REMOVED if new is None else Kind.CHANGED
+        result.changes.append(Change(area, kind, name, old, new))
+    return result
+
+
+def parse_saved_registry(text: str, root: str) -> dict[str, str]:
+    """The keys and values of a saved registry tree.
+
+    A key 'ROOT\\path' has an empty content, a value is named 'ROOT\\path : name'.
+    """
+    items: dict[str, str] = {}
+    key = ""
+    for line in _joined_lines(text):
+        if match := _KEY.match(line):
+            key = f"{root}\\{_unescaped(match['path'])}"
+            items[key] = ""
+        elif match := _VALUE.match(line):
+            name = "(default)" if match["name"] is None else _unescaped(match["name"])
+            items[f"{key} : {name}"] = _shown_data(match["data"])
+    return items
+
+
+_KEY = re.compile(r"\[(?P<path>.*)\](?: \d+)?$")
+_VALUE = re.compile(r'(?:@|"(?P<name>(?:[^"\\]|\\.)*)")=(?P<data>.*)$')
+_STRING = re.compile(r'(?:str\([0-9a-f]+\):)?"(?P<text>.*)"$')
+_ESCAPE = re.compile(r"\\(?:x(?P<code>[0-9a-f]{1,4})|(?P<character>.))")
+_CONTROL = {"0": "\0", "n": "\n", "r": "\r", "t": "\t"}
+
+
+def _joined_lines(text: str) -> Iterable[str]:
+    pending = ""
+    for line in text.splitlines():
+        if line.endswith("\\") and "=" in pending + line:
+            pending += line[:-1].strip()
+            continue
+        yield pending + line.strip() if pending else line
+        pending = ""
+
+
+def _unescaped(text: str) -> str:
+    def character(match: re.Match[str]) -> str:
+        if match["code"]:
+            return chr(int(match["code"], 16))
+        return _CONTROL.get(match["character"], match["character"])
+
+    return _ESCAPE.sub(character, text)
+
+
+def _shown_data(data: str) -> str:
+    match = _STRING.match(data)
+    if match is None:
+        return data
+    # The parts of a list of strings stand behind each other, each with a terminator.
+    return '"' + _unescaped(match["text"]).rstrip("\0").replace("\0", '", "') + '"'
+
+
+def _registry(prefix: Prefix) -> dict[str, str]:
+    with tempfile.TemporaryDirectory(dir=paths.BUILD, prefix="registry-") as folder:
+        saved = prefix.run(
+            paths.REGISTRY_SAVE, paths.windows_path(Path(folder)), limit=SAVE_LIMIT
+        )
+        if saved.returncode != 0:
+            raise RuntimeError(f"the registry could not be saved: {saved.stdout.strip()}")
+        return parse_saved_registry(_text(folder, "machine"), "HKLM") | parse_saved_registry(
+            _text(folder, "users"), "HKU"
+        )
+
+
+def _text(folder: str, name: str) -> str:
+    return (Path(folder) / name).read_text(encoding="utf-8", errors="replace")
+
+
+def _files(prefix: Prefix) -> dict[str, str]:
+    return _tree("C:", prefix.drive_c) | _tree("T:", prefix.throwaway)
+
+
+def _tree(drive: str, root: Path) -> dict[str, str]:
+    items = {}
+    for folder, folder_names, file_names in os.walk(root):
+        for name in folder_names + file_names:
+            path = Path(folder) / name
+            status = path.lstat()
+            shown = f"{drive}\\{path.relative_to(root)}".replace("/", "\\")
+            if name in folder_names:
+                items[shown] = "folder"
+            else:
+                written = datetime.fromtimestamp(status.st_mtime).isoformat(" ", "milliseconds")
+                items[shown] = f"{status.st_size} bytes{TIME_MARK}{written}"
+    return items
+
+
+def place(name: str) -> tuple[Area, str]:
+    """The area that an item belongs to, and its name there."""
+    if service := _SERVICE.match(name):
+        return Area.SERVICE, service["name"]
+    if task := _TASK.match(name):
+        return Area.TASK, task["name"]
+    return (Area.REGISTRY if name.startswith(("HKLM\\", "HKU\\")) else Area.FILE), name
+
+
+def _noise_cause(name: str) -> str | None:
+    for cause, pattern in _NOISE_PATTERNS.items():
+        if pattern.match(name):
+            return cause
+    return None

@@ -1,0 +1,141 @@
+"""Builds the sample package and reads what it says of its custom actions."""
+
+import os
+import re
+import subprocess
+import uuid
+import xml.etree.ElementTree as ElementTree
+from dataclasses import dataclass
+from pathlib import Path
+
+from installer import paths
+from installer.log import ActionDefinition, Execution
+
+COMPANION = paths.PACKAGE_SOURCES / "Companion.wxs"
+LIBRARY_STREAM = "Halvard_CA"
+
+_PRODUCTS = uuid.UUID("8C0B7A52-1F0E-4B7C-9D5E-6B8A5E3F2D41")
+_SOURCE_NAMESPACE = {"wix": "http://schemas.microsoft.com/wix/2006/wi"}
+
+# Bits of the Type column of the table CustomAction.
+_LIBRARY_IN_BINARY_TABLE = 0x0001
+_SOURCE_KIND = 0x003F
+_RESULT_IGNORED = 0x0040
+_EXECUTIONS = {
+    Execution.IMMEDIATE: 0x0000,
+    Execution.DEFERRED: 0x0400,
+    Execution.ROLLBACK: 0x0500,
+    Execution.COMMIT: 0x0600,
+}
+_EXECUTION = 0x0700
+_NO_IMPERSONATION = 0x0800
+
+
+class ToolFailed(RuntimeError):
+    """A tool that makes or reads packages ended with a failure; the text is what it printed."""
+
+
+@dataclass(frozen=True)
+class Identity:
+    """What the project calls itself."""
+
+    company: str
+    version: str
+
+
+def project_identity() -> Identity:
+    """Reads company and version where the project keeps them."""
+    text = paths.CMAKE_LISTS.read_text()
+    return Identity(
+        company=_only_match(r'set\(HALVARD_COMPANY "([^"]+)"\)', text),
+        version=_only_match(r"project\(Halvard_CA\s+VERSION (\d+\.\d+\.\d+)", text),
+    )
+
+
+def build(source: Path = COMPANION, library: Path = paths.LIBRARY) -> Path:
+    """Builds a package around the library; its name is that of the source."""
+    package = paths.PACKAGES / f"{source.stem}.msi"
+    identity = project_identity()
+    # The same codes for every build of a version: a rebuilt package still removes its product.
+    upgrade_code = uuid.uuid5(_PRODUCTS, source.stem)
+    product_code = uuid.uuid5(upgrade_code, identity.version)
+    package.parent.mkdir(parents=True, exist_ok=True)
+    package.unlink(missing_ok=True)
+    definitions = {
+        "Company": identity.company,
+        "Version": identity.version,
+        "UpgradeCode": str(upgrade_code).upper(),
+        "ProductCode": str(product_code).upper(),
+        # wixl takes a path that begins with a slash for a missing file.
+        "Library": os.path.relpath(library, source.parent),
+    }
+    switches = [word for name, value in definitions.items() for word in ("-D", f"{name}={value}")]
+    _run("wixl", "--arch", "x64", *switches, "-o", str(package), source.name, folder=source.parent)
+    _correct_action_types(package, source)
+    return package
+
+
+def change(package: Path, *queries: str) -> None:
+    """Runs SQL statements on a package."""
+    for query in queries:
+        _run("msibuild", str(package), "-q", query)
+
+
+def table(package: Path, name: str) -> list[list[str]]:
+    """The rows of a table, each a list of its columns' texts."""
+    lines = _run("msiinfo", "export", str(package), name).decode().splitlines()
+    return [line.split("\t") for line in lines[3:]]
+
+
+def library_bytes(package: Path) -> bytes:
+    """The custom-action library as it lies in the package."""
+    return _run("msiinfo", "extract", str(package), f"Binary.{LIBRARY_STREAM}")
+
+
+def library_actions(package: Path) -> dict[str, ActionDefinition]:
+    """The custom actions of the package that a library in its Binary table carries out."""
+    executions = {bits: execution for execution, bits in _EXECUTIONS.items()}
+    definitions = {}
+    for name, type_text, *_ in table(package, "CustomAction"):
+        bits = int(type_text)
+        if bits & _SOURCE_KIND == _LIBRARY_IN_BINARY_TABLE:
+            definitions[name] = ActionDefinition(
+                executions[bits & _EXECUTION], bool(bits & _RESULT_IGNORED)
+            )
+    return definitions
+
+
+def _correct_action_types(package: Path, source: Path) -> None:
+    # wixl makes immediate actions of rollback and commit actions, and marks immediate ones as
+    # running without impersonation.
+    for element in ElementTree.parse(source).iterfind(".//wix:CustomAction", _SOURCE_NAMESPACE):
+        if "DllEntry" in element.attrib:
+            change(
+                package,
+                f"UPDATE CustomAction SET Type={_action_type(element)} "
+                f"WHERE Action='{element.attrib['Id']}'",
+            )
+
+
+def _action_type(element: ElementTree.Element) -> int:
+    execution = Execution(element.attrib["Execute"])
+    bits = _LIBRARY_IN_BINARY_TABLE | _EXECUTIONS[execution]
+    if element.attrib["Return"] == "ignore":
+        bits |= _RESULT_IGNORED
+    if execution is not Execution.IMMEDIATE and element.get("Impersonate") == "no":
+        bits |= _NO_IMPERSONATION
+    return bits
+
+
+def _only_match(pattern: str, text: str) -> str:
+    found = re.findall(pattern, text)
+    if len(found) != 1:
+        raise ToolFailed(f"{paths.shown(paths.CMAKE_LISTS)}: {len(found)} matches of {pattern}")
+    return found[0]
+
+
+def _run(*command: str, folder: Path = paths.BUILD) -> bytes:
+    done = subprocess.run(command, cwd=folder, stdin=subprocess.DEVNULL, capture_output=True)
+    if done.returncode != 0:
+        raise ToolFailed(f"{command[0]}: {done.stderr.decode(errors='replace').strip()}")
+    return done.stdout

@@ -1,0 +1,27 @@
+"""Where the build leaves what the installer tools need."""
+
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+BUILD = ROOT / "build"
+PROGRAMS = BUILD / "mingw-release"
+
+CMAKE_LISTS = ROOT / "CMakeLists.txt"
+LIBRARY = PROGRAMS / "Utilities/CustomActions/Halvard_CA/Halvard_CA.dll"
+PREFIX_GUARD = PROGRAMS / "tests/support/prefix_guard.exe"
+REGISTRY_SAVE = PROGRAMS / "tools/registry_save.exe"
+MAKE_PREFIX = ROOT / "tests/support/make_prefix.sh"
+
+PACKAGE_SOURCES = ROOT / "package"
+PACKAGES = BUILD / "package"
+LOGS = BUILD / "installer-logs"
+
+
+def windows_path(path: Path) -> str:
+    """The path as programs in a prefix see it: drive b: is the build folder."""
+    return "b:\\" + str(path.resolve().relative_to(BUILD)).replace("/", "\\")
+
+
+def shown(path: Path) -> str:
+    """The path as a reader may type it in the project's folder."""
+    return str(path.relative_to(ROOT))

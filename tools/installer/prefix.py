@@ -1,0 +1,169 @@
+"""A Wine prefix of the project's own: made, checked, kept alive and ended.
+
+All times are seconds.
+"""
+
+import os
+import select
+import signal
+import subprocess
+import tempfile
+from contextlib import suppress
+from pathlib import Path
+from typing import Mapping, Sequence
+
+from installer import paths
+
+WINE = "/usr/lib/wine/wine64"
+MAKE_LIMIT = 180.0
+START_LIMIT = 60.0
+STOP_LIMIT = 20.0
+
+
+class UnsafePrefix(RuntimeError):
+    """The library must not run in this prefix: it could delete files outside of it."""
+
+
+class Prefix:
+    """A fresh prefix for the length of a `with` block.
+
+    One process of the prefix is kept alive for all of the block: services end with the last
+    process, and starting a program in a living prefix takes a tenth of the time.
+    """
+
+    def __init__(
+        self,
+        name: str,
+        guard: Path = paths.PREFIX_GUARD,
+        environment: Mapping[str, str] | None = None,
+    ) -> None:
+        self.path = paths.BUILD / name
+        self.drive_c = self.path / "drive_c"
+        self.throwaway = paths.BUILD / f"{name}.throwaway"
+        self._guard = guard
+        self._environment = _environment(self.path) | dict(environment or {})
+        self._keeper: subprocess.Popen[bytes] | None = None
+
+    def __enter__(self) -> "Prefix":
+        try:
+            self._make()
+            self._check()
+            self._keep_alive()
+        except BaseException:
+            self.stop()
+            raise
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.stop()
+
+    def start(self, program: str | Path, *arguments: str, **options) -> subprocess.Popen[bytes]:
+        """Starts a program; the options are those of Popen.
+
+        A session of its own keeps Ctrl-C away from the program, which is ended with its prefix.
+        """
+        return subprocess.Popen(
+            [WINE, str(program), *arguments],
+            env=self._environment,
+            cwd=self.drive_c / "windows/system32",
+            start_new_session=True,
+            **{"stdin": subprocess.DEVNULL} | options,
+        )
+
+    def run(
+        self, program: str | Path, *arguments: str, limit: float = START_LIMIT
+    ) -> subprocess.CompletedProcess[str]:
+        """Runs a program to its end. TimeoutError tells which program did not end in time."""
+        # A file and not a pipe: what the program leaves running would hold a pipe open.
+        with tempfile.TemporaryFile() as output:
+            process = self.start(program, *arguments, stdout=output, stderr=output)
+            try:
+                process.wait(limit)
+            except subprocess.TimeoutExpired:
+                raise TimeoutError(f"{program} did not end within {limit:g} s") from None
+            finally:
+                process.kill()
+                process.wait()
+            output.seek(0)
+            text = output.read().decode(errors="replace")
+        return subprocess.CompletedProcess([str(program), *arguments], process.returncode, text)
+
+    def stop(self) -> None:
+        """Ends every process of this prefix and of no other."""
+        # First, for a program that is still starting would bring the ended prefix back to life.
+        if self._keeper is not None:
+            self._keeper.kill()
+            self._keeper.communicate()
+            self._keeper = None
+        if (self.path / "dosdevices").is_dir() and not self._wineserver("-k", "-w"):
+            self._wineserver("-k9", "-w")
+
+    def _make(self) -> None:
+        made = _run_tool(["sh", str(paths.MAKE_PREFIX), str(self.path)], MAKE_LIMIT)
+        if made.returncode != 0:
+            raise UnsafePrefix(f"no prefix could be made: {made.stdout.strip()}")
+
+    def _check(self) -> None:
+        if not self._guard.is_file():
+            raise UnsafePrefix(f"the guard is missing: {self._guard} (build first)")
+        verdict = self.run(self._guard)
+        if verdict.returncode != 0:
+            raise UnsafePrefix(f"{self.path}: {verdict.stdout.strip()}")
+
+    def _keep_alive(self) -> None:
+        # The command interpreter waits for its input, which ends when this program does.
+        self._keeper = self.start(
+            "cmd.exe",
+            "/q",
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL,
+        )
+        ready, _, _ = select.select([self._keeper.stdout], [], [], START_LIMIT)
+        if not ready or not os.read(self._keeper.stdout.fileno(), 1):
+            raise TimeoutError(f"{self.path}: no program can be kept running")
+
+    def _wineserver(self, *switches: str) -> bool:
+        try:
+            _run_tool(["wineserver", *switches], STOP_LIMIT, self._environment)
+        except subprocess.TimeoutExpired:
+            return False
+        return True
+
+
+def _environment(prefix: Path) -> dict[str, str]:
+    environment = {
+        name: value
+        for name, value in os.environ.items()
+        if name not in ("DISPLAY", "WAYLAND_DISPLAY") and not name.startswith("WINE")
+    }
+    return environment | {
+        "WINEPREFIX": str(prefix),
+        "WINEDEBUG": "-all",
+        "WINEDLLOVERRIDES": "mscoree,mshtml,winemenubuilder.exe=",
+        # Fixes the language of messages and the code page of installer logs.
+        "LC_ALL": "C.UTF-8",
+    }
+
+
+def _run_tool(
+    command: Sequence[str], limit: float, environment: Mapping[str, str] | None = None
+) -> subprocess.CompletedProcess[str]:
+    process = subprocess.Popen(
+        command,
+        stdin=subprocess.DEVNULL,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        text=True,
+        env=environment,
+        start_new_session=True,
+    )
+    try:
+        output, _ = process.communicate(timeout=limit)
+    except BaseException:
+        # With all that it started: a copy that goes on would disturb the next prefix.
+        with suppress(ProcessLookupError):
+            os.killpg(process.pid, signal.SIGKILL)
+        process.wait()
+        raise
+    return subprocess.CompletedProcess(command, process.returncode, output)

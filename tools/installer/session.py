@@ -1,0 +1,156 @@
+"""One run of the real installer, its log stamped line by line as it is written.
+
+The installer's own stamps are whole seconds. The log is therefore followed while it grows, and each
+line gets the time of its arrival: milliseconds since the start, late by up to `POLL`.
+"""
+
+import codecs
+import subprocess
+import time
+from dataclasses import dataclass, field
+from pathlib import Path
+from typing import Callable, Sequence
+
+from installer import paths
+from installer.log import LogLine
+from installer.prefix import Prefix
+
+POLL = 0.002
+LIMIT = 60.0
+PROGRESS_INTERVAL = 2.0
+
+INSTALL_FAILURE = 1603
+
+Progress = Callable[[float, str], None]
+
+
+def as_exit_code(result: int) -> int:
+    """What is left of an installer result (1603, say) in the exit code of a process here: 67."""
+    return result % 256
+
+
+@dataclass
+class SessionResult:
+    """What is known of an installer run that has ended."""
+
+    arguments: list[str]
+    exit_code: int
+    log: Path
+    seconds: float
+    lines: list[LogLine] = field(repr=False)
+
+    @property
+    def texts(self) -> list[str]:
+        return [line.text for line in self.lines]
+
+    def report(self) -> str:
+        """What a failing test shows: the command, its exit code and where the log lies."""
+        return (
+            f"msiexec {' '.join(self.arguments)}\n"
+            f"exit code {self.exit_code}, installer log {paths.shown(self.log)}"
+        )
+
+
+def install(prefix: Prefix, package: Path, *properties: str, **options) -> SessionResult:
+    """Installs a package, or repairs it where the properties say so; never shows a window."""
+    return run(prefix, ["/i", paths.windows_path(package), *properties], **options)
+
+
+def remove(prefix: Prefix, package: Path, *properties: str, **options) -> SessionResult:
+    """Removes what a package installed."""
+    return run(prefix, ["/x", paths.windows_path(package), *properties], **options)
+
+
+def run(
+    prefix: Prefix,
+    arguments: Sequence[str],
+    log_name: str = "session",
+    limit: float = LIMIT,
+    progress: Progress | None = None,
+) -> SessionResult:
+    """Runs msiexec without a user interface and follows its log.
+
+    `limit` is in seconds; TimeoutError says where the log of a run lies that did not end in time.
+    `progress` is called every `PROGRESS_INTERVAL` with the seconds since the start and the last
+    line of the log.
+    """
+    log = paths.LOGS / f"{log_name}.log"
+    log.parent.mkdir(parents=True, exist_ok=True)
+    log.unlink(missing_ok=True)
+    command = [*arguments, "/qn", "/l*v", paths.windows_path(log)]
+
+    start = time.monotonic()
+    with open(log.with_suffix(".output"), "wb") as output:
+        process = prefix.start("msiexec.exe", *command, stdout=output, stderr=subprocess.STDOUT)
+    try:
+        lines = _follow(process, log, start, limit, progress)
+        in_time = process.poll() is not None
+    finally:
+        process.kill()
+        process.wait()
+    if not in_time:
+        raise TimeoutError(
+            f"msiexec {' '.join(command)} did not end within {limit:g} s, "
+            f"installer log {paths.shown(log)}"
+        )
+    return SessionResult(command, process.returncode, log, time.monotonic() - start, lines)
+
+
+def _follow(
+    process: subprocess.Popen[bytes],
+    log: Path,
+    start: float,
+    limit: float,
+    progress: Progress | None,
+) -> list[LogLine]:
+    growing = GrowingLog(log)
+    next_progress = PROGRESS_INTERVAL
+    while True:
+        ended = process.poll() is not None
+        elapsed = time.monotonic() - start
+        growing.read(elapsed * 1000)
+        if ended or elapsed > limit:
+            growing.close(elapsed * 1000)
+            return growing.lines
+        if progress is not None and elapsed >= next_progress:
+            progress(elapsed, growing.lines[-1].text if growing.lines else "")
+            next_progress += PROGRESS_INTERVAL
+        time.sleep(POLL)
+
+
+class GrowingLog:
+    """Collects the lines of a file that another process writes, each with its time of arrival."""
+
+    def __init__(self, path: Path) -> None:
+        self.lines: list[LogLine] = []
+        self._path = path
+        self._file = None
+        self._decoder = None
+        self._rest = ""
+
+    def read(self, arrival: float) -> None:
+        """Takes what has been written since; a line that is not complete yet waits."""
+        if self._file is None:
+            if not self._path.exists():
+                return
+            self._file = open(self._path, "rb")
+        data = self._file.read()
+        if not data:
+            return
+        if self._decoder is None:
+            self._decoder = codecs.getincrementaldecoder(log_encoding(data))(errors="replace")
+        *complete, self._rest = (self._rest + self._decoder.decode(data)).split("\n")
+        self.lines += [LogLine(text.removesuffix("\r"), arrival) for text in complete]
+
+    def close(self, arrival: float) -> None:
+        """Takes the last line even if it has no end."""
+        if self._file is not None:
+            self._file.close()
+        if self._rest:
+            self.lines.append(LogLine(self._rest, arrival))
+
+
+def log_encoding(beginning: bytes) -> str:
+    """Windows writes UTF-16 with a mark in front, the engine here the ANSI code page."""
+    marked = beginning.startswith((codecs.BOM_UTF16_LE, codecs.BOM_UTF16_BE))
+    return "utf-16" if marked else "cp1252"
