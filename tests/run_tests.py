@@ -25,6 +25,8 @@ from installer.prefix import Prefix  # noqa: E402
 FUZZ_TARGETS = ("get_data_value", "find_no_case", "multi_string")
 FUZZ_INPUTS = 200_000
 WINE_TESTS_LIMIT = 240.0
+# Lets copies of the recorder stand in for programs of the system folder.
+WINE_OVERRIDES = "mscoree,mshtml,winemenubuilder.exe=;schtasks.exe=n,b"
 IMAGE_OPTIONS = r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\Image File Execution Options"
 
 
@@ -77,8 +79,7 @@ def run_core(arguments: list[str]) -> Outcome:
 def run_wine(arguments: list[str]) -> Outcome:
     environment = {
         "WINEDEBUG": "-all,err+heap,warn+heap",
-        # The copies of the recorder that stand in for programs of the system folder.
-        "WINEDLLOVERRIDES": "mscoree,mshtml,winemenubuilder.exe=;schtasks.exe=n,b",
+        "WINEDLLOVERRIDES": WINE_OVERRIDES,
     }
     with Prefix("prefix-wine", environment=environment) as prefix:
         outcome = _heap_check_works(prefix)
