@@ -53,11 +53,16 @@ bool operator==(const Recording& left, const Recording& right) {
 
 EnvironmentVariable::EnvironmentVariable(const std::wstring& name, const std::wstring& value)
     : name_(name) {
+    wchar_t former[1024] = {};
+    const DWORD length = GetEnvironmentVariableW(name.c_str(), former, 1024);
+    if (length > 0 && length < 1024) {
+        former_ = former;
+    }
     Check(SetEnvironmentVariableW(name.c_str(), value.c_str()), "SetEnvironmentVariableW");
 }
 
 EnvironmentVariable::~EnvironmentVariable() {
-    SetEnvironmentVariableW(name_.c_str(), nullptr);
+    SetEnvironmentVariableW(name_.c_str(), former_ ? former_->c_str() : nullptr);
 }
 
 RecorderAt::RecorderAt(const std::wstring& path) : path_(path), kept_(path + L".kept") {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,7 @@ public:
 
 private:
     std::wstring name_;
+    std::optional<std::wstring> former_;
 };
 
 /// Puts the recorder in the place of a program for the length of a scope, and starts with an empty

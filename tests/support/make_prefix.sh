@@ -11,23 +11,32 @@ set -eu
 
 prefix=$(realpath -m "$1")
 build=$(realpath "$(dirname "$0")/../../build")
-template=$build/prefix-template
+wine=/usr/lib/wine/wine64
+# A template for each Wine: one that was made by another version would want an update.
+template=$build/prefix-template-$("$wine" --version | tr -c 'A-Za-z0-9.\n' -)
 case $prefix in
-    "$build"/*) ;;
-    *) echo "make_prefix.sh: $prefix is not below $build" >&2; exit 1 ;;
+    "$build"/*/* | "$build"/prefix-template* | *.throwaway) name=wrong ;;
+    "$build"/prefix-*) name=right ;;
+    *) name=wrong ;;
 esac
+if [ "$name" = wrong ]; then
+    echo "make_prefix.sh: $prefix is not below $build with a name like prefix-something" >&2
+    exit 1
+fi
 
 make_template() {
     rm -rf "$template" "$template.new"
-    (
-        export WINEPREFIX="$template.new" WINEDEBUG=-all WINEDLLOVERRIDES='mscoree,mshtml,winemenubuilder.exe='
+    # Windows 10, as everything of this decade expects; a fresh prefix says 6.1.
+    if ! (
+        export WINEPREFIX="$template.new" WINEDEBUG=-all
+        export WINEDLLOVERRIDES='mscoree,mshtml,winemenubuilder.exe='
         unset DISPLAY
-        wine=/usr/lib/wine/wine64
-        "$wine" wineboot -i
-        # Windows 10, as everything of this decade expects; a fresh prefix says 6.1.
-        "$wine" winecfg -v win10
-        wineserver -k -w || true
-    ) >"$build/prefix-template.log" 2>&1
+        "$wine" wineboot -i && "$wine" winecfg -v win10
+    ) >"$template.log" 2>&1; then
+        tail -n 20 "$template.log" >&2
+        exit 1
+    fi
+    WINEPREFIX=$template.new wineserver -k -w || true
     rm -f "$template.new/dosdevices/z:"
     find "$template.new/drive_c" -type l | while IFS= read -r link; do
         rm "$link"
@@ -38,7 +47,12 @@ make_template() {
     mv "$template.new" "$template"
 }
 
+# One template at a time, also when two runs begin together.
+exec 9>"$build/prefix-template.lock"
+flock 9
 [ -d "$template" ] || make_template
+flock -u 9
+exec 9>&-
 if [ -d "$prefix" ]; then
     WINEPREFIX=$prefix wineserver -k -w 2>/dev/null || true
 fi

@@ -30,15 +30,15 @@ std::wstring LinkInFolder(const std::wstring& folder) {
 
 std::wstring PrefixDanger() {
     const std::wstring expected = L"BCT";
-    const DWORD drives = GetLogicalDrives();
     for (wchar_t letter = L'A'; letter <= L'Z'; ++letter) {
-        const bool present = (drives & (1U << (letter - L'A'))) != 0;
+        // Asked of each letter: the list of drives misses those that came after the first process.
+        const std::wstring root = std::wstring(1, letter) + L":\\";
+        const bool present = Exists(root);
         const bool wanted = expected.find(letter) != std::wstring::npos;
         if (present && !wanted) {
             return std::wstring(L"drive ") + letter + L": leads somewhere unknown";
         }
-        const std::wstring root = std::wstring(1, letter) + L":\\";
-        if (wanted && !Exists(root)) {
+        if (wanted && !present) {
             return std::wstring(L"drive ") + letter + L": is missing";
         }
         if (present && (Exists(root + L"proc\\self") || Exists(root + L"etc\\passwd"))) {

@@ -2,12 +2,14 @@
 
 #include "runtime/session.h"
 
+#include "allocation_failure.h"
 #include "import_hook.h"
 #include "record_calls.h"
 #include "stand_in_session.h"
 
 #include <gtest/gtest.h>
 
+#include <new>
 #include <optional>
 
 using halvard_tests::RecordCalls;
@@ -119,7 +121,9 @@ TEST(LaunchedFromMIM, KeepsItsResultWhateverBecomesOfTheMessages) {
         }
         {
             FAIL_CALL(setting, MsiRecordSetStringW, nth, ERROR_INVALID_HANDLE, ERROR_SUCCESS);
+            COUNT_CALLS(closing, MsiCloseHandle);
             EXPECT_EQ(LaunchedFromMIM(session.Get()), 1612U);
+            EXPECT_EQ(closing.Calls(), 2);
         }
         {
             FAIL_CALL(sending, MsiProcessMessage, nth, -1, ERROR_SUCCESS);
@@ -129,6 +133,18 @@ TEST(LaunchedFromMIM, KeepsItsResultWhateverBecomesOfTheMessages) {
             EXPECT_EQ(closing.Calls(), 2);
         }
     }
+}
+
+// No action catches: the installer records one that ends like this as failed.
+TEST(LaunchConditions, LetAnExceptionLeave) {
+    const StandInSession session;
+    session.SetProperty(L"LAUNCHED_FROM_MIM", L"1 and a text that needs memory");
+    for (const auto action : {LaunchedFromMIM, BlockLaunch}) {
+        const halvard_tests::AllocationFailure failure(1);
+        EXPECT_THROW(action(session.Get()), std::bad_alloc);
+        EXPECT_TRUE(failure.Happened());
+    }
+    halvard::SetCurrentSession(0);
 }
 
 TEST(LaunchedFromMIM, LeavesTheCurrentSessionAlone) {

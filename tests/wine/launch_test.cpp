@@ -183,29 +183,141 @@ TEST(RunCmdCommand, PassesThisToTheSystem) {
     EXPECT_EQ(creating.Calls(), 1);
 }
 
+namespace {
+
+// Which of the four pipe ends that RunCmdCommand made are still open, and how many other handles.
+struct LeftOpen {
+    bool outputRead;
+    bool outputWrite;
+    bool spareRead;
+    bool spareWrite;
+    int others;
+};
+
+bool operator==(const LeftOpen& left, const LeftOpen& right) {
+    return left.outputRead == right.outputRead && left.outputWrite == right.outputWrite &&
+           left.spareRead == right.spareRead && left.spareWrite == right.spareWrite &&
+           left.others == right.others;
+}
+
+void PrintTo(const LeftOpen& left, std::ostream* stream) {
+    *stream << left.outputRead << left.outputWrite << left.spareRead << left.spareWrite << " and "
+            << left.others;
+}
+
 // The handles of the second pipe: the process that hosts the action is gone soon.
-TEST(RunCmdCommand, LeavesTwoHandlesOpenOnPurposeAndNoOther) {
-    const RecorderAt tool(kTool);
-    RunCmdCommand(L"exit 0", nullptr); // what the first start of a process loads once
+constexpr LeftOpen kOnPurpose = {false, false, true, true, 0};
+
+LeftOpen LeftOpenBy(const wchar_t* command, const wchar_t* directory = nullptr) {
+    std::vector<HANDLE> ends;
+    HOOK(piping, CreatePipe,
+         [&](PHANDLE readEnd, PHANDLE writeEnd, LPSECURITY_ATTRIBUTES attributes, DWORD size) {
+             const BOOL created = piping.Original(readEnd, writeEnd, attributes, size);
+             ends.push_back(*readEnd);
+             ends.push_back(*writeEnd);
+             return created;
+         });
     const int before = OpenHandleCount();
+    RunCmdCommand(command, directory);
+    const auto isOpen = [&](std::size_t index) {
+        DWORD flags = 0;
+        return GetHandleInformation(ends[index], &flags) != FALSE;
+    };
+    LeftOpen left = {isOpen(0), isOpen(1), isOpen(2), isOpen(3), OpenHandleCount() - before};
+    left.others -= left.outputRead + left.outputWrite + left.spareRead + left.spareWrite;
+    return left;
+}
+
+} // namespace
+
+TEST(RunCmdCommand, LeavesTheSecondPipeOpenOnPurposeAndNothingElse) {
+    RunCmdCommand(L"exit 0", nullptr); // what the first start of a process loads once
+    EXPECT_EQ(LeftOpenBy(L"exit 0"), kOnPurpose);
+    EXPECT_EQ(LeftOpenBy(L"exit 0", L"T:\\no such folder"), kOnPurpose);
+    {
+        FAIL_CALL(setting, SetHandleInformation, 0, FALSE, ERROR_ACCESS_DENIED);
+        EXPECT_EQ(LeftOpenBy(L"exit 0"), kOnPurpose);
+    }
+    {
+        FAIL_CALL(asking, GetExitCodeProcess, 0, FALSE, ERROR_ACCESS_DENIED);
+        EXPECT_EQ(LeftOpenBy(L"exit 0"), kOnPurpose);
+    }
+    {
+        FAIL_CALL(peeking, PeekNamedPipe, 0, FALSE, ERROR_BROKEN_PIPE);
+        EXPECT_EQ(LeftOpenBy(L"exit 0"), kOnPurpose);
+    }
+    {
+        FAIL_CALL(reading, ReadFile, 0, FALSE, ERROR_BROKEN_PIPE);
+        EXPECT_EQ(LeftOpenBy(L"exit 0"), kOnPurpose);
+    }
+}
+
+TEST(RunCmdCommand, LeavesOpenOnlyWhatAFailedPipeLetItMake) {
+    RunCmdCommand(L"exit 0", nullptr);
+    const int before = OpenHandleCount();
+    {
+        FAIL_CALL(piping, CreatePipe, 1, FALSE, ERROR_ACCESS_DENIED);
+        RunCmdCommand(L"exit 0", nullptr);
+        EXPECT_EQ(OpenHandleCount(), before + 2);
+    }
+    FAIL_CALL(piping, CreatePipe, 2, FALSE, ERROR_ACCESS_DENIED);
     RunCmdCommand(L"exit 0", nullptr);
     EXPECT_EQ(OpenHandleCount(), before + 2);
-    RunCmdCommand(L"exit 0", L"T:\\no such folder");
-    EXPECT_EQ(OpenHandleCount(), before + 4);
+}
+
+TEST(RunCmdCommand, ReportsTheCodeOfTheStartAndNotOfTheClosing) {
+    FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_ACCESS_DENIED);
+    HOOK(closing, CloseHandle, [&](HANDLE handle) {
+        const BOOL closed = closing.Original(handle);
+        SetLastError(ERROR_INVALID_HANDLE);
+        return closed;
+    });
+    EXPECT_EQ(RunCmdCommand(L"exit 0", nullptr), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(closing.Calls(), 2);
+}
+
+TEST(RunCmdCommand, AnEmptyDirectoryIsRefused) {
+    EXPECT_EQ(RunCmdCommand(L"exit 0", L""), static_cast<DWORD>(ERROR_DIRECTORY));
+}
+
+TEST(RunCmdCommand, StopsWhenTheExitCodeCannotBeReadAnyMore) {
+    HOOK(asking, GetExitCodeProcess, [&](HANDLE process, LPDWORD exitCode) {
+        *exitCode = STILL_ACTIVE;
+        return asking.Calls() == 3 ? FALSE : asking.Original(process, exitCode) | TRUE;
+    });
+    const RecorderAt tool(kTool);
+    const EnvironmentVariable delay(L"HALVARD_RECORD_DELAY", L"500");
+    EXPECT_EQ(RunCmdCommand(kTool, nullptr), 259U);
+    EXPECT_EQ(asking.Calls(), 3);
+    WaitForRecordings(1);
 }
 
 TEST(RunCmdCommand, KeepsPollingAChildThatExitsWith259UntilThePipeFails) {
+    HANDLE child = nullptr;
+    HOOK(creating, CreateProcessW,
+         [&](LPCWSTR application, LPWSTR commandLine, LPSECURITY_ATTRIBUTES process,
+             LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags, LPVOID environment,
+             LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION created) {
+             const BOOL done = creating.Original(application, commandLine, process, thread, inherit,
+                                                 flags, environment, directory, startup, created);
+             DuplicateHandle(GetCurrentProcess(), created->hProcess, GetCurrentProcess(), &child, 0,
+                             FALSE, DUPLICATE_SAME_ACCESS);
+             return done;
+         });
     HOOK(peeking, PeekNamedPipe,
          [&](HANDLE pipe, LPVOID buffer, DWORD size, LPDWORD read, LPDWORD waiting, LPDWORD left) {
-             // Long enough for the child to be gone.
-             if (peeking.Calls() > 20000) {
+             if (peeking.Calls() == 1) {
+                 EXPECT_EQ(WaitForSingleObject(child, 20000), WAIT_OBJECT_0);
+             }
+             if (peeking.Calls() == 100) {
                  SetLastError(ERROR_BROKEN_PIPE);
                  return FALSE;
              }
              return peeking.Original(pipe, buffer, size, read, waiting, left);
          });
     EXPECT_EQ(RunCmdCommand(L"exit 259", nullptr), 259U);
-    EXPECT_EQ(peeking.Calls(), 20001);
+    EXPECT_EQ(peeking.Calls(), 100);
+    CloseHandle(child);
 }
 
 TEST(RunCmdCommand, PollsExitCodePipeAndOutputInThisOrder) {
@@ -266,9 +378,18 @@ TEST(RunCmdCommand, EachCallFailingInTurn) {
         EXPECT_EQ(RunCmdCommand(kTool, nullptr), 259U);
     }
     {
-        FAIL_CALL(reading, ReadFile, 1, FALSE, ERROR_BROKEN_PIPE);
-        EXPECT_EQ(RunCmdCommand(L"echo text & exit 4", nullptr), 4U);
-        EXPECT_GE(reading.Calls(), 2);
+        // What cannot be read stays in the pipe, and the wait goes on.
+        HOOK(asking, GetExitCodeProcess, [&](HANDLE, LPDWORD exitValue) {
+            *exitValue = asking.Calls() == 3 ? 4 : STILL_ACTIVE;
+            return TRUE;
+        });
+        HOOK(peeking, PeekNamedPipe, [&](HANDLE, LPVOID, DWORD, LPDWORD, LPDWORD waiting, LPDWORD) {
+            *waiting = 10;
+            return TRUE;
+        });
+        FAIL_CALL(reading, ReadFile, 0, FALSE, ERROR_BROKEN_PIPE);
+        EXPECT_EQ(RunCmdCommand(L"exit 4", nullptr), 4U);
+        EXPECT_EQ(reading.Calls(), 3);
     }
 }
 
@@ -360,6 +481,16 @@ TEST(RunCommandLine, WaitsWithoutLimitAndDoesNotReadTheExitCode) {
     EXPECT_GE(GetTickCount64() - start, 500U);
     EXPECT_EQ(waiting.Calls(), 1);
     EXPECT_EQ(asking.Calls(), 0);
+}
+
+TEST(RunCommandLine, DoesNotExamineTheResultOfTheWait) {
+    const RecorderAt tool(kTool);
+    RunsWritable(kTool, L"", true);
+    const int before = OpenHandleCount();
+    FAIL_CALL(waiting, WaitForSingleObject, 0, WAIT_FAILED, ERROR_INVALID_HANDLE);
+    EXPECT_TRUE(RunsWritable(kTool, L"", true));
+    EXPECT_EQ(OpenHandleCount(), before);
+    WaitForRecordings(2);
 }
 
 TEST(RunCommandLine, DoesNotWaitWhenNotAsked) {
@@ -472,6 +603,25 @@ TEST(ShellExecuteAndWait, ThrowsWhenTheExitCodeCannotBeReadAndClosesTheHandle) {
         ExpectSystemError("Unable to process exit code", ERROR_ACCESS_DENIED);
     }
     EXPECT_EQ(OpenHandleCount(), before);
+}
+
+TEST(ShellExecuteAndWait, ReportsTheCodeOfTheReadingAndNotOfTheClosing) {
+    const RecorderAt tool(kTool);
+    FAIL_CALL(asking, GetExitCodeProcess, 0, FALSE, ERROR_ACCESS_DENIED);
+    HOOK(closing, CloseHandle, [&](HANDLE handle) {
+        const BOOL closed = closing.Original(handle);
+        SetLastError(ERROR_INVALID_HANDLE);
+        return closed;
+    });
+    ExpectSystemError("Unable to process exit code", ERROR_ACCESS_DENIED);
+}
+
+TEST(ShellExecuteAndWait, ThrowsWhenTheShellStartedNoProcess) {
+    HOOK(executing, ShellExecuteExW, [&](SHELLEXECUTEINFOW* execution) {
+        execution->hProcess = nullptr;
+        return TRUE;
+    });
+    ExpectSystemError("Unable to process exit code", ERROR_INVALID_HANDLE);
 }
 
 TEST(ShellExecuteAndWait, DoesNotExamineTheResultOfTheWait) {

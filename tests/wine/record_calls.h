@@ -28,16 +28,11 @@ public:
         return texts;
     }
 
-    /// Records that were created and not closed, counted.
-    int OpenRecords() const { return open_; }
-
 private:
     std::vector<std::wstring> lines_;
-    int open_ = 0;
 
     HOOK(create_, MsiCreateRecord, [this](UINT fields) {
         lines_.push_back(L"create " + std::to_wstring(fields));
-        ++open_;
         return create_.Original(fields);
     });
     HOOK(set_, MsiRecordSetStringW, [this](MSIHANDLE record, UINT field, LPCWSTR text) {
@@ -54,7 +49,6 @@ private:
          });
     HOOK(close_, MsiCloseHandle, [this](MSIHANDLE handle) {
         lines_.push_back(L"close");
-        --open_;
         return close_.Original(handle);
     });
 };

@@ -351,17 +351,69 @@ TEST(ReadMultiString, AValueThatGrowsBetweenTheCallsGivesEmptyElements) {
     EXPECT_EQ(strings, Strings(9));
 }
 
+TEST(ReadMultiString, AValueThatVanishesBetweenTheCallsGivesEmptyElements) {
+    const ScratchKey key;
+    key.SetCharacters(L"List", REG_MULTI_SZ, L"a\0\0"s);
+    HOOK(reading, RegGetValueW,
+         [&](HKEY handle, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type, PVOID data,
+             LPDWORD size) {
+             if (reading.Calls() == 2) {
+                 RegDeleteValueW(key.Get(), L"List");
+             }
+             const LSTATUS status = reading.Original(handle, subkey, name, flags, type, data, size);
+             if (reading.Calls() == 2) {
+                 EXPECT_EQ(status, ERROR_FILE_NOT_FOUND);
+                 *size = 6; // Windows leaves it as it was
+             }
+             return status;
+         });
+    EXPECT_EQ(ReadMultiString(key.Get(), L"List"), Strings(3));
+}
+
+TEST(ReadMultiString, AValueThatChangesItsTypeBetweenTheCallsGivesEmptyElements) {
+    const ScratchKey key;
+    key.SetCharacters(L"List", REG_MULTI_SZ, L"abc\0\0"s);
+    HOOK(reading, RegGetValueW,
+         [&](HKEY handle, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type, PVOID data,
+             LPDWORD size) {
+             if (reading.Calls() == 2) {
+                 key.SetString(L"List", L"a string of another type");
+             }
+             return reading.Original(handle, subkey, name, flags, type, data, size);
+         });
+    const Strings strings = ReadMultiString(key.Get(), L"List");
+    EXPECT_EQ(strings, Strings(strings.size()));
+}
+
+TEST(ReadMultiString, ValuesOfEveryLengthEndWithoutHarm) {
+    const ScratchKey key;
+    key.SetCharacters(L"Unterminated", REG_MULTI_SZ, L"a\0b"s);
+    key.SetCharacters(L"NoBytes", REG_MULTI_SZ, L"");
+    key.SetCharacters(L"OneNull", REG_MULTI_SZ, L"\0"s);
+    key.SetBytes(L"OddBytes", REG_MULTI_SZ, {'a', 0, 0, 0, 'b'});
+    EXPECT_EQ(ReadMultiString(key.Get(), L"Unterminated").front(), L"a");
+    EXPECT_EQ(ReadMultiString(key.Get(), L"NoBytes"), Strings());
+    EXPECT_EQ(ReadMultiString(key.Get(), L"OneNull").front(), L"");
+    EXPECT_EQ(ReadMultiString(key.Get(), L"OddBytes").front(), L"a");
+}
+
 TEST(ReadMultiString, AnOddByteCountStaysInsideTheBuffer) {
     const ScratchKey key;
+    // Too long for the buffer that a short string has in itself: the heap check sees an overrun.
+    constexpr DWORD bytes = 41;
     HOOK(reading, RegGetValueW,
          [&](HKEY, LPCWSTR, LPCWSTR, DWORD, LPDWORD, PVOID data, LPDWORD size) {
-             *size = 7;
+             *size = bytes;
              if (data != nullptr) {
-                 std::memcpy(data, "a\0\0\0b\0c", 7);
+                 std::memset(data, 0, bytes);
+                 std::memcpy(data, "a", 1);
+                 static_cast<BYTE*>(data)[bytes - 1] = 'c';
              }
              return ERROR_SUCCESS;
          });
-    EXPECT_EQ(ReadMultiString(key.Get(), L"Odd"), (Strings{L"a"}));
+    Strings expected(19);
+    expected.front() = L"a";
+    EXPECT_EQ(ReadMultiString(key.Get(), L"Odd"), expected);
 }
 
 TEST(WriteMultiString, StoresEveryElementWithItsTerminatorAndOneMore) {
@@ -369,6 +421,21 @@ TEST(WriteMultiString, StoresEveryElementWithItsTerminatorAndOneMore) {
     WriteMultiString(key.Get(), L"List", {L"a", L"", L"\u0416b"});
     EXPECT_EQ(key.ReadCharacters(L"List"), L"a\0\0\u0416b\0\0"s);
     EXPECT_EQ(key.Read(L"List").type, static_cast<DWORD>(REG_MULTI_SZ));
+}
+
+TEST(WriteMultiString, PassesThisToTheRegistry) {
+    const ScratchKey key;
+    HOOK(writing, RegSetValueExW,
+         [&](HKEY handle, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size) {
+             EXPECT_EQ(handle, key.Get());
+             EXPECT_STREQ(name, L"List");
+             EXPECT_EQ(reserved, 0U);
+             EXPECT_EQ(type, static_cast<DWORD>(REG_MULTI_SZ));
+             EXPECT_EQ(size, 6U);
+             return writing.Original(handle, name, reserved, type, data, size);
+         });
+    WriteMultiString(key.Get(), L"List", {L"a"});
+    EXPECT_EQ(writing.Calls(), 1);
 }
 
 TEST(WriteMultiString, AnEmptyListIsTwoZeroBytes) {
@@ -394,6 +461,24 @@ TEST(WriteMultiString, ThrowsTheCodeAndNamesTheValue) {
     // The code page of the tests knows Latin letters only.
     ExpectRegKeyError([&] { WriteMultiString(key.Get(), L"\u00e9", {L"a"}); },
                       "Unable to write REG_MULTI_SZ value = \xe9", ERROR_ACCESS_DENIED);
+    ExpectRegKeyError([&] { WriteMultiString(key.Get(), L"a\u0416b", {L"a"}); },
+                      "Unable to write REG_MULTI_SZ value = a?b", ERROR_ACCESS_DENIED);
+    // A name ends at its null character, for the registry and for the message.
+    ExpectRegKeyError([&] { WriteMultiString(key.Get(), L"a\0b"s, {L"a"}); },
+                      "Unable to write REG_MULTI_SZ value = a", ERROR_ACCESS_DENIED);
+}
+
+TEST(WriteMultiString, KeepsItsCodeWhenTheNameCannotBeConverted) {
+    const ScratchKey key;
+    FAIL_CALL(writing, RegSetValueExW, 0, ERROR_ACCESS_DENIED, NO_ERROR);
+    FAIL_CALL(converting, WideCharToMultiByte, 0, 0, ERROR_NO_UNICODE_TRANSLATION);
+    try {
+        WriteMultiString(key.Get(), L"List", {L"a"});
+        FAIL() << "no exception";
+    } catch (const RegKeyError& error) {
+        EXPECT_EQ(error.code().value(), ERROR_ACCESS_DENIED);
+        EXPECT_EQ(std::string(error.what()).find("Unable to write REG_MULTI_SZ value = : "), 0U);
+    }
 }
 
 TEST(WriteMultiString, CutsTheMessageAt259Bytes) {

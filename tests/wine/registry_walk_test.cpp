@@ -1,18 +1,20 @@
 #include "runtime/registry.h"
 
+#include "allocation_failure.h"
 #include "import_hook.h"
 #include "open_handles.h"
 #include "registry_key.h"
+#include "standard_output.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <new>
 #include <functional>
-#include <io.h>
-
+#include <algorithm>
 using halvard::EnumerateKeyTree;
 using halvard::QueryKey;
 using halvard_tests::ScratchKey;
+using halvard_tests::StandardOutputOf;
 using Paths = std::vector<std::wstring>;
 
 namespace {
@@ -57,26 +59,6 @@ Walked Walk(const ScratchKey& key, const Paths& names = kNoNames, Walked found =
 Paths Query(HKEY root, const std::wstring& path, Paths paths = {}) {
     QueryKey(root, path, paths);
     return paths;
-}
-
-// What standard output receives while `action` runs.
-std::string StandardOutputOf(const std::function<void()>& action) {
-    const char* const file = "T:\\standard_output.txt";
-    std::fflush(stdout);
-    const int kept = _dup(1);
-    std::FILE* const redirected = std::fopen(file, "w");
-    _dup2(_fileno(redirected), 1);
-    action();
-    _dup2(kept, 1);
-    _close(kept);
-    std::fclose(redirected);
-
-    std::string text(4096, '\0');
-    std::FILE* const written = std::fopen(file, "rb");
-    text.resize(std::fread(text.data(), 1, text.size(), written));
-    std::fclose(written);
-    std::remove(file);
-    return text;
 }
 
 } // namespace
@@ -249,37 +231,117 @@ TEST(EnumerateKeyTree, OpensForReadingOnlyAndPassesTheBufferLimits) {
              return valueNames.Original(handle, index, name, length, reserved, type, data, size);
          });
     Walk(key);
-    EXPECT_EQ(opening.Calls(), 2);
-    EXPECT_EQ(information.Calls(), 2);
-    EXPECT_EQ(keyNames.Calls(), 1);
-    EXPECT_EQ(valueNames.Calls(), 1);
+    Query(HKEY_LOCAL_MACHINE, key.Path());
+    EXPECT_EQ(opening.Calls(), 4);
+    EXPECT_EQ(information.Calls(), 4);
+    EXPECT_EQ(keyNames.Calls(), 2);
+    EXPECT_EQ(valueNames.Calls(), 2);
 }
 
-TEST(EnumerateKeyTree, SkipsWhatACallRefuses) {
+namespace {
+
+// Both walks of the tree, which must find the same and leave no key open.
+void ExpectFound(const ScratchKey& key, const Paths& keys, const Paths& values,
+                 const std::function<void(const std::function<void()>&)>& whileFailing) {
+    const int before = halvard_tests::OpenHandleCount();
+    Walked found;
+    whileFailing([&] { found = Walk(key); });
+    EXPECT_EQ(found.keys, Below(key, keys));
+    EXPECT_EQ(found.values, Below(key, values));
+
+    Paths queried;
+    whileFailing([&] { queried = Query(HKEY_LOCAL_MACHINE, key.Path()); });
+    Paths expected = found.keys;
+    expected.insert(expected.end(), found.values.begin(), found.values.end());
+    std::sort(expected.begin(), expected.end());
+    std::sort(queried.begin(), queried.end());
+    EXPECT_EQ(queried, expected);
+    EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
+}
+
+} // namespace
+
+TEST(RegistryWalk, SkipsWhatACallRefusesAndClosesItsKeys) {
     const ScratchKey key;
     MakeSmallTree(key);
-    {
-        // The second key to be opened is "a".
+    // The second key to be opened is "a".
+    ExpectFound(key, {L"a", L"b"}, {L"v0"}, [](const std::function<void()>& walk) {
         FAIL_CALL(opening, RegOpenKeyExW, 2, ERROR_ACCESS_DENIED, NO_ERROR);
-        EXPECT_EQ(Walk(key).keys, Below(key, {L"a", L"b"}));
-    }
-    {
-        FAIL_CALL(opening, RegOpenKeyExW, 2, ERROR_ACCESS_DENIED, NO_ERROR);
-        EXPECT_EQ(Walk(key).values, Below(key, {L"v0"}));
-    }
-    {
+        walk();
+    });
+    ExpectFound(key, {}, {}, [](const std::function<void()>& walk) {
         FAIL_CALL(information, RegQueryInfoKeyW, 1, ERROR_ACCESS_DENIED, NO_ERROR);
-        EXPECT_EQ(Walk(key).keys, Paths{});
-    }
-    {
+        walk();
+    });
+    ExpectFound(key, {L"b"}, {L"v0"}, [](const std::function<void()>& walk) {
         FAIL_CALL(keyNames, RegEnumKeyExW, 1, ERROR_ACCESS_DENIED, NO_ERROR);
-        EXPECT_EQ(Walk(key).keys, Below(key, {L"b"}));
+        walk();
+    });
+    // The second value is the first one of "a": before it comes that of "a\deep".
+    ExpectFound(key, {L"a", L"a\\deep", L"b"}, {L"a\\deep\\v1", L"a\\v2", L"v0"},
+                [](const std::function<void()>& walk) {
+                    FAIL_CALL(valueNames, RegEnumValueW, 2, ERROR_ACCESS_DENIED, NO_ERROR);
+                    walk();
+                });
+}
+
+TEST(RegistryWalk, ClosesItsKeysWhenMemoryRunsOut) {
+    const ScratchKey key;
+    MakeSmallTree(key);
+    EXPECT_THROW(throw std::bad_alloc(), std::bad_alloc); // the first one makes handles of its own
+    const std::function<void()> walks[] = {[&] { Walk(key); },
+                                           [&] {
+                                               Query(HKEY_LOCAL_MACHINE, key.Path());
+                                           }};
+    for (const auto& walk : walks) {
+        const int before = halvard_tests::OpenHandleCount();
+        int reached = 0;
+        for (bool happened = true; happened;) {
+            const halvard_tests::AllocationFailure failure(reached + 1);
+            try {
+                walk();
+                EXPECT_FALSE(failure.Happened());
+            } catch (const std::bad_alloc&) {
+                EXPECT_TRUE(failure.Happened());
+            }
+            happened = failure.Happened();
+            reached += happened ? 1 : 0;
+        }
+        // Two for each path at the least.
+        EXPECT_GE(reached, 14);
+        EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
     }
-    {
-        // The second value of "a": the first to be enumerated is that of "a\deep".
-        FAIL_CALL(valueNames, RegEnumValueW, 2, ERROR_ACCESS_DENIED, NO_ERROR);
-        EXPECT_EQ(Walk(key).values, Below(key, {L"a\\deep\\v1", L"a\\v2", L"v0"}));
-    }
+}
+
+TEST(EnumerateKeyTree, GoesOnWithAKeyWhoseClassNameDoesNotFit) {
+    const ScratchKey key;
+    HKEY created = nullptr;
+    std::wstring className(300, L'c');
+    ASSERT_EQ(RegCreateKeyExW(key.Get(), L"classy", 0, className.data(), 0, KEY_ALL_ACCESS, nullptr,
+                              &created, nullptr),
+              ERROR_SUCCESS);
+    RegSetValueExW(created, L"v", 0, REG_SZ, nullptr, 0);
+    RegCloseKey(created);
+    EXPECT_EQ(Walk(key).values, Below(key, {L"classy\\v"}));
+}
+
+TEST(EnumerateKeyTree, ASixthPredefinedRootHasNoPrefix) {
+    const ScratchKey key;
+    key.CreateSubkey(L"child");
+    HOOK(opening, RegOpenKeyExW,
+         [&](HKEY, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
+             return opening.Original(HKEY_LOCAL_MACHINE,
+                                     std::wstring(subkey) == L"path" ? key.Path().c_str() : L"none",
+                                     options, access, opened);
+         });
+    EXPECT_EQ(Walk(HKEY_PERFORMANCE_DATA, L"path").keys, Paths{L"path\\child"});
+}
+
+TEST(EnumerateKeyTree, FiltersWithBasicLatinLettersInEitherCaseOnly) {
+    const ScratchKey key;
+    key.SetString(L"\u00c9a", L"");
+    EXPECT_EQ(Walk(key, {L"\u00c9A"}).values, Below(key, {L"\u00c9a"}));
+    EXPECT_EQ(Walk(key, {L"\u00e9a"}).values, Paths{});
 }
 
 TEST(EnumerateKeyTree, SkipsAnIndexThatHasGone) {

@@ -1,5 +1,6 @@
 #include "runtime/session.h"
 
+#include "allocation_failure.h"
 #include "import_hook.h"
 #include "record_calls.h"
 #include "stand_in_session.h"
@@ -7,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <new>
 
 using halvard::LogMessage;
 using halvard::ReadCustomActionData;
@@ -215,6 +217,14 @@ TEST(ReadCustomActionData, AnEngineThatFillsTheBufferToTheBrimIsNoOverrun) {
         return ERROR_SUCCESS;
     });
     EXPECT_EQ(ReadCustomActionData(session.Get()), L"ffff");
+}
+
+TEST(ReadCustomActionData, LetsAFailedAllocationThrough) {
+    const StandInSession session;
+    session.SetProperty(L"CustomActionData", std::wstring(100, L'v'));
+    const halvard_tests::AllocationFailure failure(1);
+    EXPECT_THROW(ReadCustomActionData(session.Get()), std::bad_alloc);
+    EXPECT_TRUE(failure.Happened());
 }
 
 TEST(CurrentSession, IsZeroUntilAnActionStoresOne) {

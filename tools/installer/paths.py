@@ -19,7 +19,7 @@ LOGS = BUILD / "installer-logs"
 
 def windows_path(path: Path) -> str:
     """The path as programs in a prefix see it: drive b: is the build folder."""
-    return "b:\\" + str(path.resolve().relative_to(BUILD)).replace("/", "\\")
+    return "b:\\" + str(path.resolve().relative_to(BUILD.resolve())).replace("/", "\\")
 
 
 def shown(path: Path) -> str:

@@ -4,6 +4,7 @@ All times are seconds.
 """
 
 import os
+import re
 import select
 import signal
 import subprocess
@@ -57,26 +58,32 @@ class Prefix:
     def __exit__(self, *_: object) -> None:
         self.stop()
 
-    def start(self, program: str | Path, *arguments: str, **options) -> subprocess.Popen[bytes]:
-        """Starts a program; the options are those of Popen.
+    def start(
+        self,
+        program: str | Path,
+        *arguments: str,
+        environment: Mapping[str, str] | None = None,
+        **options,
+    ) -> subprocess.Popen[bytes]:
+        """Starts a program with additions to its environment; the options are those of Popen.
 
         A session of its own keeps Ctrl-C away from the program, which is ended with its prefix.
         """
         return subprocess.Popen(
             [WINE, str(program), *arguments],
-            env=self._environment,
+            env=self._environment | dict(environment or {}),
             cwd=self.drive_c / "windows/system32",
             start_new_session=True,
             **{"stdin": subprocess.DEVNULL} | options,
         )
 
     def run(
-        self, program: str | Path, *arguments: str, limit: float = START_LIMIT
+        self, program: str | Path, *arguments: str, limit: float = START_LIMIT, **options
     ) -> subprocess.CompletedProcess[str]:
         """Runs a program to its end. TimeoutError tells which program did not end in time."""
         # A file and not a pipe: what the program leaves running would hold a pipe open.
         with tempfile.TemporaryFile() as output:
-            process = self.start(program, *arguments, stdout=output, stderr=output)
+            process = self.start(program, *arguments, stdout=output, stderr=output, **options)
             try:
                 process.wait(limit)
             except subprocess.TimeoutExpired:
@@ -93,17 +100,23 @@ class Prefix:
         # First, for a program that is still starting would bring the ended prefix back to life.
         if self._keeper is not None:
             self._keeper.kill()
-            self._keeper.communicate()
+            self._keeper.stdin.close()
+            self._keeper.stdout.close()
+            self._keeper.wait()
             self._keeper = None
         if (self.path / "dosdevices").is_dir() and not self._wineserver("-k", "-w"):
             self._wineserver("-k9", "-w")
 
     def _make(self) -> None:
-        made = _run_tool(["sh", str(paths.MAKE_PREFIX), str(self.path)], MAKE_LIMIT)
+        command = ["sh", str(paths.MAKE_PREFIX), str(self.path)]
+        made = _run_tool(command, MAKE_LIMIT, _environment(self.path))
         if made.returncode != 0:
             raise UnsafePrefix(f"no prefix could be made: {made.stdout.strip()}")
 
     def _check(self) -> None:
+        danger = link_danger(self.path, self.throwaway)
+        if danger:
+            raise UnsafePrefix(f"{self.path}: {danger}")
         if not self._guard.is_file():
             raise UnsafePrefix(f"the guard is missing: {self._guard} (build first)")
         verdict = self.run(self._guard)
@@ -129,6 +142,30 @@ class Prefix:
         except subprocess.TimeoutExpired:
             return False
         return True
+
+
+def link_danger(prefix: Path, throwaway: Path) -> str:
+    """Which link of a prefix leads out of it; empty when none does.
+
+    Seen from outside, where a link is a link: from inside, a folder linked to the real file system
+    looks like any other.
+    """
+    drives = {"b:": paths.BUILD, "c:": prefix / "drive_c", "t:": throwaway}
+    for device in (prefix / "dosdevices").iterdir():
+        if device.name in drives:
+            if device.resolve() != drives.pop(device.name).resolve():
+                return f"drive {device.name} leads to {device.resolve()}"
+        elif not re.fullmatch(r"(com|lpt)\d+", device.name):
+            return f"drive {device.name} leads to {device.resolve()}"
+    if drives:
+        return f"drive {min(drives)} is missing"
+    for root in (prefix / "drive_c", throwaway):
+        for folder, folders, files in os.walk(root):
+            for name in [*folders, *files]:
+                path = os.path.join(folder, name)
+                if os.path.islink(path):
+                    return f"{path} is a link"
+    return ""
 
 
 def _environment(prefix: Path) -> dict[str, str]:

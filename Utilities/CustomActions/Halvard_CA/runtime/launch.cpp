@@ -73,6 +73,7 @@ DWORD RunCmdCommand(const std::wstring& command, const wchar_t* directory) {
 
     DWORD exitCode = STILL_ACTIVE;
     do {
+        // A process that cannot be asked would hold the loop for ever.
         if (GetExitCodeProcess(process.get(), &exitCode) == FALSE) {
             break;
         }
@@ -88,8 +89,9 @@ bool RunCommandLine(wchar_t* commandLine, const std::wstring& directory, bool wa
     if (CreateProcessW(nullptr, commandLine, nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr,
                        directory.empty() ? nullptr : directory.c_str(), &startup,
                        &child) == FALSE) {
+        const DWORD code = GetLastError();
         // For the eyes of a debugger: callers log a line of their own.
-        const std::wstring report = FailedLaunchText(commandLine, GetLastError());
+        const std::wstring report = FailedLaunchText(commandLine, code);
         return false;
     }
     if (wait) {

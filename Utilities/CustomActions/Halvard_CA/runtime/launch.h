@@ -13,8 +13,9 @@ namespace halvard {
 /// apart. The child's output is read, so that it never blocks, and dropped.
 ///
 /// Polls at full speed and without a time limit, and while the child's exit code reads 259
-/// (STILL_ACTIVE), so a child that exits with 259 holds the caller for ever. Two pipe handles stay
-/// open on purpose. Throws std::bad_alloc only.
+/// (STILL_ACTIVE), so a child that exits with 259 holds the caller for ever. 259 also comes back
+/// when the child or its output can no longer be asked. Two pipe handles stay open on purpose.
+/// Throws std::bad_alloc only.
 DWORD RunCmdCommand(const std::wstring& command, const wchar_t* directory);
 
 /// Starts a command line without a window; true when the process was created.
@@ -29,7 +30,7 @@ bool RunCommandLine(wchar_t* commandLine, const std::wstring& directory, bool wa
 /// when the time was over and the process still runs.
 ///
 /// Throws std::system_error in the system category: "Unable to create process" or "Unable to
-/// process exit code".
+/// process exit code", the latter also when the shell opened the file without a new process.
 DWORD ShellExecuteAndWait(const std::wstring& file, const std::wstring& parameters,
                           DWORD timeoutMilliseconds);
 

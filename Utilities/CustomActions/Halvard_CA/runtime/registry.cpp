@@ -18,17 +18,18 @@ constexpr std::size_t kMessageCapacity = 260;
     throw RegKeyError(static_cast<int>(status), std::system_category(), message);
 }
 
-// Wide characters that `bytes` fill, and one more, which keeps an odd last byte inside the buffer.
+// Wide characters that `bytes` fill, and one more: an odd last byte goes there, and not over the
+// terminator of the string.
 std::size_t BufferLength(DWORD bytes) {
     return bytes / sizeof(wchar_t) + 1;
 }
 
-std::string InAnsiCodePage(const std::wstring& text) {
-    const int length = static_cast<int>(text.size());
-    const int size =
-        WideCharToMultiByte(CP_ACP, 0, text.c_str(), length, nullptr, 0, nullptr, nullptr);
+// Up to the first null character, where the registry takes a name to end too.
+std::string InAnsiCodePage(const wchar_t* text) {
+    const int length = static_cast<int>(std::wcslen(text));
+    const int size = WideCharToMultiByte(CP_ACP, 0, text, length, nullptr, 0, nullptr, nullptr);
     std::string narrow(static_cast<std::size_t>(size), '\0');
-    WideCharToMultiByte(CP_ACP, 0, text.c_str(), length, narrow.data(), size, nullptr, nullptr);
+    WideCharToMultiByte(CP_ACP, 0, text, length, narrow.data(), size, nullptr, nullptr);
     return narrow;
 }
 
@@ -171,6 +172,7 @@ std::list<std::wstring> ReadMultiString(HKEY key, const std::wstring& name) {
     }
     std::wstring characters(BufferLength(size), L'\0');
     RegGetValueW(key, L"", name.c_str(), RRF_RT_REG_MULTI_SZ, nullptr, characters.data(), &size);
+    // The size that the read left: a value that grew in between gives as many empty elements.
     characters.resize(size / sizeof(wchar_t));
     return SplitMultiString(characters);
 }
@@ -181,7 +183,8 @@ void WriteMultiString(HKEY key, const std::wstring& name, const std::list<std::w
                                           reinterpret_cast<const BYTE*>(characters.data()),
                                           static_cast<DWORD>(characters.size() * sizeof(wchar_t)));
     if (status != ERROR_SUCCESS) {
-        const std::string message = "Unable to write REG_MULTI_SZ value = " + InAnsiCodePage(name);
+        const std::string message =
+            "Unable to write REG_MULTI_SZ value = " + InAnsiCodePage(name.c_str());
         throw RegKeyError(static_cast<int>(status), std::system_category(),
                           message.substr(0, kMessageCapacity - 1));
     }

@@ -66,7 +66,8 @@ void WriteMultiString(HKEY key, const std::wstring& name, const std::list<std::w
 ///
 /// With `names` not empty only values of these names count (basic Latin letters in either case),
 /// once for each entry that matches. What cannot be opened or enumerated is skipped, as are key
-/// names of 255 and value names of 16383 wide characters and more. Throws std::bad_alloc only.
+/// names of 255 and value names of 16383 wide characters and more. The two vectors must not be the
+/// same one. Throws std::bad_alloc only.
 void EnumerateKeyTree(HKEY root, const std::wstring& path, std::vector<std::wstring>& keyPaths,
                       std::vector<std::wstring>& valuePaths,
                       const std::vector<std::wstring>& names);
