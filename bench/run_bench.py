@@ -15,6 +15,7 @@ from installer import package, paths, session  # noqa: E402
 from installer.prefix import Prefix  # noqa: E402
 
 WALK_RUNS = 7
+REWRITE_RUNS = 7
 CALLS = 100
 INSTALLS = 5
 BENCH = paths.PROGRAMS / "bench"
@@ -30,6 +31,7 @@ CALLED = {
 def main() -> int:
     with Prefix("prefix-bench") as prefix:
         measure_walks(prefix)
+        measure_rewriters(prefix)
         measure_calls(prefix)
     print_sizes()
     return 0
@@ -37,14 +39,28 @@ def main() -> int:
 
 def measure_walks(prefix: Prefix) -> None:
     print(f"Walk of 20,000 registry values in 20 keys, median of {WALK_RUNS} alternated runs")
-    done = prefix.run(paths.windows_path(BENCH / "walk_bench.exe"), str(WALK_RUNS), limit=300.0)
+    print_medians(measured_by(prefix, "walk_bench", WALK_RUNS), reference="bare", unit="ms")
+
+
+def measure_rewriters(prefix: Prefix) -> None:
+    print(
+        "\nCopy of a task definition of 3,000 characters from file to file: median of"
+        f" {REWRITE_RUNS} alternated runs\nof 200 copies, by copy"
+    )
+    times = measured_by(prefix, "rewrite_bench", REWRITE_RUNS)
+    print_medians(times, reference="bare reader-writer copy", unit="ms")
+
+
+def measured_by(prefix: Prefix, program: str, runs: int) -> dict[str, list[float]]:
+    """The times that a program prints as lines "NAME MILLISECONDS"."""
+    done = prefix.run(paths.windows_path(BENCH / f"{program}.exe"), str(runs), limit=300.0)
     if done.returncode != 0:
-        raise RuntimeError(f"walk_bench: exit code {done.returncode}\n{done.stdout}")
+        raise RuntimeError(f"{program}: exit code {done.returncode}\n{done.stdout}")
     times: dict[str, list[float]] = defaultdict(list)
     for line in done.stdout.splitlines():
         name, _, milliseconds = line.rpartition(" ")
         times[name].append(float(milliseconds))
-    print_medians(times, reference="bare", unit="ms")
+    return times
 
 
 def measure_calls(prefix: Prefix) -> None:

@@ -3,6 +3,7 @@
 Exit code 0 when all three runs went as they should, 1 when one did not, 130 after Ctrl-C.
 """
 
+import getpass
 import signal
 import sys
 import time
@@ -123,17 +124,23 @@ def _refused(outcome: Outcome) -> list[Expectation]:
 def _installed(outcome: Outcome) -> list[Expectation]:
     return [
         _exit_code(outcome, 0),
-        _verdicts(outcome, "BlockLaunch 1 succeeded, LaunchedFromMIM 1 result ignored"),
-        _logged(outcome, [companion.acceptance_line("1")] * 2),
+        _verdicts(outcome, ", ".join(companion.INSTALL_RUNS)),
+        _logged(
+            outcome,
+            [companion.acceptance_line("1")] * 2
+            + companion.elevated_task_lines(getpass.getuser()),
+        ),
         _files(outcome, Kind.ADDED),
+        _tasks(outcome, Kind.ADDED),
     ]
 
 
 def _removed(outcome: Outcome) -> list[Expectation]:
     return [
         _exit_code(outcome, 0),
-        _verdicts(outcome, "none"),
+        _verdicts(outcome, ", ".join(companion.REMOVE_RUNS)),
         _files(outcome, Kind.REMOVED),
+        _tasks(outcome, Kind.REMOVED),
         _untouched(outcome),
     ]
 
@@ -173,9 +180,18 @@ def _files(outcome: Outcome, kind: Kind) -> Expectation:
     return Expectation(f"files {kind.value}", ", ".join(companion.FILES), ", ".join(came))
 
 
+def _tasks(outcome: Outcome, kind: Kind) -> Expectation:
+    came = outcome.difference.of(Area.TASK, kind)
+    return Expectation(f"tasks {kind.value}", ", ".join(companion.TASKS), ", ".join(came))
+
+
 def _untouched(outcome: Outcome) -> Expectation:
-    came = [f"{change.kind.value} {change.name}" for change in outcome.since_beginning.changes]
-    return Expectation("machine as before the demo", "no change", ", ".join(came) or "no change")
+    came = [
+        f"{change.kind.value} {change.name}"
+        for change in outcome.since_beginning.changes
+        if not change.name.endswith(tuple(f"\\Temp\\{name}" for name in companion.LEFT_BEHIND))
+    ]
+    return Expectation("machine as before the demo, but for copies of task definitions in Temp", "no change", ", ".join(came) or "no change")
 
 
 def _show(number: int, step: Step, outcome: Outcome) -> list[str]:

@@ -46,6 +46,7 @@ def half(log: str) -> str:
     "log, ended, passed, failed",
     [
         (TWO_PASSED, "exit code 0", 2, []),
+        (TWO_PASSED.replace("[       OK ]", "printed[       OK ]"), "exit code 0", 2, []),
         (NONE_MATCHES, "exit code 0", 0, []),
         (ONE_FAILED, "exit code 1", 1, ["Suite.First"]),
         (half(TWO_PASSED), "exit code 5", 1, ["Suite.Second"]),

@@ -9,7 +9,7 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
 
-from installer import machine, package, session  # noqa: E402
+from installer import companion, machine, package, session  # noqa: E402
 from installer.log import ActionRun, action_runs  # noqa: E402
 from installer.machine import Difference, Snapshot  # noqa: E402
 from installer.prefix import Prefix  # noqa: E402
@@ -47,6 +47,9 @@ class CleanMachine:
                 "LAUNCHED_FROM_MIM=1",
                 log_name=self._log_name("clean-up"),
             )
+        for name in companion.LEFT_BEHIND:
+            for copy in self.prefix.drive_c.glob(f"users/*/Temp/{name}"):
+                copy.unlink()
 
     def _log_name(self, what: str) -> str:
         return f"{self.test_name}-{what}"

@@ -1,8 +1,11 @@
 """The sample package as it was built."""
 
+import re
+import xml.etree.ElementTree as ElementTree
+
 import pytest
 
-from installer import package, paths
+from installer import companion, package, paths
 from installer.log import ActionDefinition, Execution
 
 
@@ -41,11 +44,50 @@ def test_no_action_of_the_library_runs_a_second_time_in_the_user_interface(compa
     assert in_interface.isdisjoint(package.library_actions(companion_package))
 
 
-def test_only_the_result_of_the_recording_action_is_ignored(companion_package):
+def test_results_that_are_no_codes_of_the_installer_are_ignored(companion_package):
+    checked = ActionDefinition(Execution.DEFERRED)
+    ignored = ActionDefinition(Execution.DEFERRED, result_ignored=True)
     assert package.library_actions(companion_package) == {
         "BlockLaunch": ActionDefinition(Execution.IMMEDIATE),
         "LaunchedFromMIM": ActionDefinition(Execution.IMMEDIATE, result_ignored=True),
+        "CreateLogonSchTask": checked,
+        "CreateDVRLogonSchTask": checked,
+        "CreateBenchMarkRunOnceSchTask": ignored,
+        "CreateTriggerlessElevatedScheduleTask": checked,
+        "DeleteSchedTaskonBranding": checked,
+        "LaunchPV": ignored,
+        "RemovePVSchedularTask": ignored,
+        "RemoveDVRSchedularTask": ignored,
+        "RemoveBenchMarkRunOnceSchedularTask": ignored,
     }
+
+
+def test_a_command_that_wixl_leaves_out_is_in_the_package(companion_package):
+    rows = {row[0]: row[1:4] for row in package.table(companion_package, "CustomAction")}
+    assert rows["RemoveElevatedTask"] == [
+        str(0x0022 + 0x0040 + 0x0400 + 0x0800),
+        "TARGETDIR",
+        'schtasks /delete /TN "ZenvoElevated" /F',
+    ]
+
+
+@pytest.mark.parametrize("name", ["StartPV", "StartDVR", "StartPVBM"])
+def test_task_definitions_are_compact_and_in_the_order_of_the_task_schema(name):
+    text = (paths.PACKAGE_SOURCES / f"Pivot/{name}.xml").read_bytes().decode("utf-16")
+    task = ElementTree.fromstring(text)
+    namespace = "{http://schemas.microsoft.com/windows/2004/02/mit/task}"
+    order = ["RegistrationInfo", "Triggers", "Principals", "Settings", "Actions"]
+    assert [child.tag for child in task] == [namespace + part for part in order]
+    assert re.search(r">\s+<", text) is None
+    texts = {element.tag.removeprefix(namespace): element.text for element in task.iter()}
+    assert texts["Command"] == ("VSServCmd.exe" if name == "StartDVR" else "pvcmd.exe")
+    assert texts["WorkingDirectory"] == f"{companion.FOLDER}\\Pivot"
+    if name == "StartPVBM":
+        assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d", texts["StartBoundary"])
+    else:
+        assert "LogonTrigger" in texts
+    # The reader here takes no longer document in this encoding.
+    assert len(text) < 4000
 
 
 def test_every_action_gets_the_type_that_its_source_asks_for(executions_package):

@@ -11,12 +11,38 @@ KEY = f"HKLM\\Software\\{_IDENTITY.company}\\Companion"
 FILES = [
     f"{FOLDER}\\Pivot\\Pivot.ini",
     f"{FOLDER}\\Pivot\\Profiles.ini",
+    f"{FOLDER}\\Pivot\\StartDVR.xml",
+    f"{FOLDER}\\Pivot\\StartPV.xml",
+    f"{FOLDER}\\Pivot\\StartPVBM.xml",
     f"{FOLDER}\\readme.txt",
 ]
 VALUES = {
     f"{KEY} : InstallDir": f'"{FOLDER}\\"',
     f"{KEY} : Version": f'"{_IDENTITY.version}"',
 }
+
+TASKS = ["StartDVR", "StartPV", "StartPVBM", "ZenvoElevated"]
+
+# The actions of the library that an installation and a removal run, in their order, as the installer
+# judges them. What an action declared to be ignored returned does not show.
+INSTALL_RUNS = [
+    "BlockLaunch 1 succeeded",
+    "LaunchedFromMIM 1 result ignored",
+    "CreateLogonSchTask 1 succeeded",
+    "CreateDVRLogonSchTask 1 succeeded",
+    "CreateBenchMarkRunOnceSchTask 1 result ignored",
+    "CreateTriggerlessElevatedScheduleTask 1 succeeded",
+    "DeleteSchedTaskonBranding 1 succeeded",
+    "LaunchPV 1 result ignored",
+]
+REMOVE_RUNS = [
+    "RemovePVSchedularTask 1 result ignored",
+    "RemoveDVRSchedularTask 1 result ignored",
+    "RemoveBenchMarkRunOnceSchedularTask 1 result ignored",
+]
+
+# The actions rewrite the task definitions into the temporary folder and leave them there.
+LEFT_BEHIND = ["StartDVR.xml", "StartPV.xml", "StartPVBM.xml"]
 
 REFUSAL_LINE = "QUENBY_CA Not Launched from MIM and unable to get property"
 REFUSAL_MESSAGE = [
@@ -25,6 +51,17 @@ REFUSAL_MESSAGE = [
     "package.",
     "This application will now abort.",
 ]
+
+
+def elevated_task_lines(user: str) -> list[str]:
+    """What CreateTriggerlessElevatedScheduleTask logs when this user installs."""
+    command = f"{FOLDER}\\Pivot\\pvcmd.exe"
+    return [
+        f"CustomActionData: Username={user};TaskName=ZenvoElevated;CommandToLaunch={command}",
+        "Task Name ZenvoElevated",
+        f"Command to launch {command}",
+        f"Username {user}",
+    ]
 
 
 def acceptance_line(value: str) -> str:

@@ -91,6 +91,10 @@ _NOISE = {
         r"HKLM\\System\\CurrentControlSet\\Control\\(Class|DeviceClasses|Video)\b",
         r"HKLM\\System\\CurrentControlSet\\Enum\b",
         r"HKU\\[^\\]+\\Software\\Wine\b",
+        # The copy of the library that an action ran from, when its process ended late.
+        r"C:\\users\\[^\\]+\\Temp\\msi[0-9a-f]+\.tmp$",
+        # The Task Scheduler's service starts by itself once a task was made.
+        r"Schedule : Start$",
     ),
 }
 _NOISE_PATTERNS = {

@@ -2,6 +2,7 @@
 
 import os
 import re
+import shutil
 import subprocess
 import uuid
 import xml.etree.ElementTree as ElementTree
@@ -19,6 +20,7 @@ _SOURCE_NAMESPACE = {"wix": "http://schemas.microsoft.com/wix/2006/wi"}
 
 # Bits of the Type column of the table CustomAction.
 _LIBRARY_IN_BINARY_TABLE = 0x0001
+_COMMAND_IN_FOLDER = 0x0022
 _SOURCE_KIND = 0x003F
 _RESULT_IGNORED = 0x0040
 _EXECUTIONS = {
@@ -72,6 +74,7 @@ def build(source: Path = COMPANION, library: Path = paths.LIBRARY) -> Path:
     switches = [word for name, value in definitions.items() for word in ("-D", f"{name}={value}")]
     _run("wixl", "--arch", "x64", *switches, "-o", str(package), source.name, folder=source.parent)
     _correct_action_types(package, source)
+    _add_commands(package, source)
     return package
 
 
@@ -79,6 +82,14 @@ def change(package: Path, *queries: str) -> None:
     """Runs SQL statements on a package."""
     for query in queries:
         _run("msibuild", str(package), "-q", query)
+
+
+def changed_copy(package: Path, name: str, *queries: str) -> Path:
+    """A package of another name that differs by these SQL statements."""
+    copy = paths.PACKAGES / f"{name}.msi"
+    shutil.copyfile(package, copy)
+    change(copy, *queries)
+    return copy
 
 
 def table(package: Path, name: str) -> list[list[str]]:
@@ -117,9 +128,22 @@ def _correct_action_types(package: Path, source: Path) -> None:
             )
 
 
-def _action_type(element: ElementTree.Element) -> int:
+def _add_commands(package: Path, source: Path) -> None:
+    # wixl leaves out actions that run a command in a folder.
+    for element in ElementTree.parse(source).iterfind(".//wix:CustomAction", _SOURCE_NAMESPACE):
+        if "ExeCommand" in element.attrib:
+            row = [element.attrib[name] for name in ("Id", "Directory", "ExeCommand")]
+            change(
+                package,
+                "INSERT INTO CustomAction (Action, Type, Source, Target) "
+                f"VALUES ('{row[0]}', {_action_type(element, _COMMAND_IN_FOLDER)}, "
+                f"'{row[1]}', '{row[2]}')",
+            )
+
+
+def _action_type(element: ElementTree.Element, kind: int = _LIBRARY_IN_BINARY_TABLE) -> int:
     execution = Execution(element.attrib["Execute"])
-    bits = _LIBRARY_IN_BINARY_TABLE | _EXECUTIONS[execution]
+    bits = kind | _EXECUTIONS[execution]
     if element.attrib["Return"] == "ignore":
         bits |= _RESULT_IGNORED
     if execution is not Execution.IMMEDIATE and element.get("Impersonate") == "no":

@@ -1,0 +1,53 @@
+#include "tasks/schtasks_actions.h"
+
+#include "runtime/launch.h"
+#include "runtime/registry.h"
+#include "tasks/schtasks_commands.h"
+
+#include <shlobj.h>
+
+namespace halvard {
+
+std::wstring ReadRequiredString(HKEY root, const wchar_t* subkey, const wchar_t* name) {
+    HKEY opened = nullptr;
+    const LSTATUS status = RegOpenKeyExW(root, subkey, 0, KEY_READ | KEY_WRITE, &opened);
+    if (status != ERROR_SUCCESS) {
+        throw RegKeyError(static_cast<int>(status), std::system_category(),
+                          "Unable to open registry key");
+    }
+    const KeyHolder key(opened);
+    return ReadRegistryString(key.get(), L"", name, true);
+}
+
+bool PathExists(const std::wstring& path) {
+    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+std::wstring TemporaryXmlPath(const std::wstring& xmlFileName) {
+    wchar_t folder[MAX_PATH] = {};
+    const DWORD length = GetTempPathW(MAX_PATH, folder);
+    if (length == 0 || length >= MAX_PATH) {
+        return {};
+    }
+    return folder + xmlFileName;
+}
+
+void LookUpSystemFolder() {
+    std::wstring systemFolder;
+    GetShellFolderPath(CSIDL_SYSTEM, systemFolder);
+}
+
+bool RunSchtasks(const std::optional<std::wstring>& command, const std::wstring& directory,
+                 bool wait) {
+    if (!command) {
+        return false;
+    }
+    std::wstring commandLine = *command;
+    return RunCommandLine(commandLine.data(), directory, wait);
+}
+
+UINT DeleteTask(const std::wstring& taskName) {
+    return RunSchtasks(DeleteTaskCommand(taskName), L"", true) ? 1 : 0;
+}
+
+} // namespace halvard

@@ -1,0 +1,371 @@
+#include "tasks/benchmark_task.h"
+
+#include "runtime/registry.h"
+
+#include "child_programs.h"
+#include "import_hook.h"
+#include "open_handles.h"
+#include "pivot_installation.h"
+#include "record_calls.h"
+
+#include <shlobj.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <new>
+
+using halvard::RegKeyError;
+using halvard_tests::EnvironmentVariable;
+using halvard_tests::InTemporaryFolder;
+using halvard_tests::PivotInstallation;
+using halvard_tests::ReadBytes;
+using halvard_tests::RecorderAt;
+using halvard_tests::Recording;
+using halvard_tests::Recordings;
+using halvard_tests::SetRegistryString;
+using halvard_tests::TaskXml;
+using halvard_tests::WaitForRecordings;
+using halvard_tests::WriteWholeFile;
+
+namespace {
+
+constexpr wchar_t kTrigger[] =
+    L"<TimeTrigger><StartBoundary>2001-02-03T04:05:06</StartBoundary></TimeTrigger>";
+constexpr wchar_t kDelete[] = L"schtasks /delete /TN \"StartPVBM\" /F";
+
+std::wstring CreateCommand() {
+    return L"schtasks /Create /TN \"StartPVBM\" /XML \"" + InTemporaryFolder(L"StartPVBM.xml") +
+           L"\"";
+}
+
+std::wstring ChangeCommand(const std::wstring& location) {
+    return L"schtasks /change /TN \"StartPVBM\" /TR \"\\\"" + location +
+           L"\\pvcmd.exe\\\" benchmark\"";
+}
+
+// An installation for which the benchmark would be scheduled.
+class BenchmarkInstallation : public PivotInstallation {
+public:
+    explicit BenchmarkInstallation(const std::wstring& location = L"T:\\Apps\\Pivot")
+        : PivotInstallation(location) {
+        SetRegistryString(HKEY_CURRENT_USER, halvard_tests::kUserKey, L"VxBench", L"0");
+        WriteWholeFile(File(L"StartPVBM.xml"), TaskXml(kTrigger));
+    }
+};
+
+struct Thrown {
+    std::string message;
+    int code;
+    std::wstring lastValue; // the value that was asked for last
+};
+
+Thrown RegKeyErrorOfTheAction() {
+    std::wstring asked;
+    HOOK(reading, RegGetValueW,
+         [&](HKEY key, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type, PVOID data,
+             LPDWORD size) {
+             asked = name;
+             return reading.Original(key, subkey, name, flags, type, data, size);
+         });
+    try {
+        CreateBenchMarkRunOnceSchTask(0);
+    } catch (const RegKeyError& error) {
+        const std::string what = error.what();
+        return {what.substr(0, what.find(':')), error.code().value(), asked};
+    }
+    return {"nothing thrown", -1, asked};
+}
+
+void ExpectThrown(const Thrown& thrown, const char* message, int code, const wchar_t* lastValue) {
+    EXPECT_EQ(thrown.message, message);
+    EXPECT_EQ(thrown.code, code);
+    EXPECT_EQ(thrown.lastValue, lastValue);
+}
+
+} // namespace
+
+TEST(CreateBenchMarkRunOnceSchTask, CreatesTheTaskFromTheRewrittenCopy) {
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const BenchmarkInstallation pivot(L"T:\\Apps\\With blanks \u0416");
+    {
+        HANDLE first = nullptr;
+        HOOK(creating, CreateProcessW,
+             [&](LPCWSTR application, LPWSTR commandLine, LPSECURITY_ATTRIBUTES process,
+                 LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags, LPVOID environment,
+                 LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION created) {
+                 const BOOL done =
+                     creating.Original(application, commandLine, process, thread, inherit, flags,
+                                       environment, directory, startup, created);
+                 first = creating.Calls() == 1 ? created->hProcess : nullptr;
+                 return done;
+             });
+        HOOK(waiting, WaitForSingleObject, [&](HANDLE handle, DWORD timeout) {
+            EXPECT_EQ(creating.Calls(), 1);
+            EXPECT_EQ(handle, first);
+            EXPECT_EQ(timeout, static_cast<DWORD>(INFINITE));
+            return waiting.Original(handle, timeout);
+        });
+        EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
+        EXPECT_EQ(waiting.Calls(), 1);
+    }
+    const std::vector<Recording> recordings = WaitForRecordings(2);
+    EXPECT_EQ(recordings,
+              (std::vector<Recording>{
+                  {L"schtasks.exe", pivot.Location(), CreateCommand()},
+                  {L"schtasks.exe", pivot.Location(), ChangeCommand(pivot.Location())}}));
+
+    const std::string copy = ReadBytes(InTemporaryFolder(L"StartPVBM.xml"));
+    const std::wstring wide(reinterpret_cast<const wchar_t*>(copy.data()), copy.size() / 2);
+    EXPECT_EQ(wide.find(L"2001-02-03"), std::wstring::npos);
+    EXPECT_NE(wide.find(L":00:00</StartBoundary>"), std::wstring::npos);
+    EXPECT_NE(wide.find(L">shipped</WorkingDirectory>"), std::wstring::npos);
+}
+
+TEST(CreateBenchMarkRunOnceSchTask, RewritesBeforeItCreates) {
+    const BenchmarkInstallation pivot;
+    HOOK(creating, CreateProcessW,
+         [&](LPCWSTR, LPWSTR, LPSECURITY_ATTRIBUTES, LPSECURITY_ATTRIBUTES, BOOL, DWORD, LPVOID,
+             LPCWSTR, LPSTARTUPINFOW, LPPROCESS_INFORMATION) {
+             EXPECT_GT(ReadBytes(InTemporaryFolder(L"StartPVBM.xml")).size(), 100U);
+             return FALSE;
+         });
+    EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
+    EXPECT_EQ(creating.Calls(), 2);
+}
+
+TEST(CreateBenchMarkRunOnceSchTask, ALocationThatEndsInABackslashGivesTwo) {
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const BenchmarkInstallation pivot(L"T:\\Apps\\Pivot\\");
+    EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
+    const std::vector<Recording> recordings = WaitForRecordings(2);
+    ASSERT_EQ(recordings.size(), 2U);
+    EXPECT_EQ(recordings[1].commandLine, ChangeCommand(L"T:\\Apps\\Pivot\\"));
+}
+
+TEST(CreateBenchMarkRunOnceSchTask, LooksForItsFileBehindOneSlashOfEitherKind) {
+    const std::pair<std::wstring, std::wstring> locations[] = {
+        {L"T:\\Apps\\Pivot", L"T:\\Apps\\Pivot\\StartPVBM.xml"},
+        {L"T:\\Apps\\Pivot\\", L"T:\\Apps\\Pivot\\StartPVBM.xml"},
+        {L"T:\\Apps\\Pivot/", L"T:\\Apps\\Pivot/StartPVBM.xml"},
+    };
+    for (const auto& [location, file] : locations) {
+        const BenchmarkInstallation pivot(location);
+        FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_FILE_NOT_FOUND);
+        std::vector<std::wstring> asked;
+        HOOK(asking, GetFileAttributesW, [&](LPCWSTR path) {
+            asked.push_back(path);
+            return asking.Original(path);
+        });
+        EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
+        EXPECT_EQ(asked, (std::vector<std::wstring>{L"0", location, file}));
+    }
+}
+
+TEST(CreateBenchMarkRunOnceSchTask, LooksUpTheSystemFolderFirst) {
+    HOOK(opening, RegOpenKeyExW, [&](HKEY, LPCWSTR, DWORD, REGSAM, PHKEY) {
+        ADD_FAILURE() << "a key before the folder";
+        return ERROR_FILE_NOT_FOUND;
+    });
+    HOOK(locating, SHGetFolderLocation,
+         [&](HWND, int csidl, HANDLE, DWORD, PIDLIST_ABSOLUTE*) -> HRESULT {
+             EXPECT_EQ(csidl, 37);
+             throw std::bad_alloc(); // enough has been seen
+         });
+    EXPECT_THROW(CreateBenchMarkRunOnceSchTask(0), std::bad_alloc);
+    EXPECT_EQ(locating.Calls(), 1);
+}
+
+TEST(CreateBenchMarkRunOnceSchTask, StartsAtTheNextMidnightOfStandardTime) {
+    const std::pair<__time64_t, std::wstring> moments[] = {
+        {1704067200, L">2024-01-01T00:00:00<"}, // in winter, 19:00 of the day before
+        {1719792000, L">2024-07-01T01:00:00<"}, // in summer, 20:00 of the day before
+    };
+    for (const auto& [moment, boundary] : moments) {
+        const BenchmarkInstallation pivot;
+        FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_FILE_NOT_FOUND);
+        {
+            HOOK(clock, _time64, [now = moment](__time64_t*) { return now; });
+            _putenv_s("TZ", "EST5EDT");
+            _tzset();
+            EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
+            _putenv_s("TZ", "UTC0");
+            _tzset();
+        }
+        const std::string copy = ReadBytes(InTemporaryFolder(L"StartPVBM.xml"));
+        const std::wstring wide(reinterpret_cast<const wchar_t*>(copy.data()), copy.size() / 2);
+        EXPECT_NE(wide.find(boundary), std::wstring::npos);
+    }
+}
+
+TEST(CreateBenchMarkRunOnceSchTask, ThrowsWithoutTheUserKeyBeforeAnythingElse) {
+    const PivotInstallation pivot;
+    COUNT_CALLS(creating, CreateProcessW);
+    HOOK(opening, RegOpenKeyExW,
+         [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
+             EXPECT_EQ(root, HKEY_CURRENT_USER);
+             EXPECT_STREQ(subkey, halvard_tests::kUserKey);
+             EXPECT_EQ(access, 0x2001FU);
+             return opening.Original(root, subkey, options, access, opened);
+         });
+    ExpectThrown(RegKeyErrorOfTheAction(), "Unable to open registry key", ERROR_FILE_NOT_FOUND,
+                 L"");
+    EXPECT_EQ(opening.Calls(), 1);
+    EXPECT_EQ(creating.Calls(), 0);
+}
+
+TEST(CreateBenchMarkRunOnceSchTask, ThrowsWithoutTheMarkerTheInstallKeyOrTheLocation) {
+    COUNT_CALLS(creating, CreateProcessW);
+    const BenchmarkInstallation pivot;
+    const DWORD number = 1;
+    RegDeleteKeyValueW(HKEY_CURRENT_USER, halvard_tests::kUserKey, L"VxBench");
+    ExpectThrown(RegKeyErrorOfTheAction(), "Unable to get registry value", ERROR_FILE_NOT_FOUND,
+                 L"VxBench");
+    RegSetKeyValueW(HKEY_CURRENT_USER, halvard_tests::kUserKey, L"VxBench", REG_DWORD, &number,
+                    sizeof(number));
+    ExpectThrown(RegKeyErrorOfTheAction(), "Unable to get registry value", ERROR_UNSUPPORTED_TYPE,
+                 L"VxBench");
+
+    SetRegistryString(HKEY_CURRENT_USER, halvard_tests::kUserKey, L"VxBench", L"0");
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey, L"Location");
+    ExpectThrown(RegKeyErrorOfTheAction(), "Unable to get registry value", ERROR_FILE_NOT_FOUND,
+                 L"Location");
+
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey);
+    ExpectThrown(RegKeyErrorOfTheAction(), "Unable to open registry key", ERROR_FILE_NOT_FOUND,
+                 L"VxBench");
+    EXPECT_EQ(creating.Calls(), 0);
+}
+
+TEST(CreateBenchMarkRunOnceSchTask, StopsOnlyWhenTheMarkerIsOneAndNamesSomething) {
+    struct Case {
+        std::wstring marker;
+        bool exists;
+        int commands;
+    };
+    const Case cases[] = {
+        {L"1", true, 0}, {L"1", false, 2}, {L"2", true, 2}, {L"10", true, 2}, {L"", false, 2},
+    };
+    wchar_t former[MAX_PATH] = {};
+    GetCurrentDirectoryW(MAX_PATH, former);
+    for (const Case& tested : cases) {
+        const BenchmarkInstallation pivot;
+        SetRegistryString(HKEY_CURRENT_USER, halvard_tests::kUserKey, L"VxBench", tested.marker);
+        if (tested.exists) {
+            WriteWholeFile(pivot.File(tested.marker), std::string());
+        }
+        SetCurrentDirectoryW(pivot.Location().c_str());
+        {
+            FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_FILE_NOT_FOUND);
+            EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
+            EXPECT_EQ(creating.Calls(), tested.commands)
+                << std::string(tested.marker.begin(), tested.marker.end());
+        }
+        SetCurrentDirectoryW(former);
+    }
+}
+
+TEST(CreateBenchMarkRunOnceSchTask, AStoppedActionDoesNotAskForTheInstallation) {
+    const BenchmarkInstallation pivot;
+    SetRegistryString(HKEY_CURRENT_USER, halvard_tests::kUserKey, L"VxBench", L"1");
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey);
+    wchar_t former[MAX_PATH] = {};
+    GetCurrentDirectoryW(MAX_PATH, former);
+    SetCurrentDirectoryW(pivot.Location().c_str());
+    CreateDirectoryW(L"1", nullptr);
+    EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
+    SetCurrentDirectoryW(former);
+}
+
+TEST(CreateBenchMarkRunOnceSchTask, IsQuietWithoutTheFolderOrTheFile) {
+    const BenchmarkInstallation pivot;
+    COUNT_CALLS(creating, CreateProcessW);
+    COUNT_CALLS(asking, GetTempPathW);
+    DeleteFileW(pivot.File(L"StartPVBM.xml").c_str());
+    EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
+    SetRegistryString(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey, L"Location",
+                      L"T:\\Apps\\no such folder");
+    EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
+    EXPECT_EQ(creating.Calls(), 0);
+    EXPECT_EQ(asking.Calls(), 0);
+}
+
+TEST(CreateBenchMarkRunOnceSchTask, CreatesWithAnEmptyPathWithoutATemporaryFolder) {
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const BenchmarkInstallation pivot;
+    for (const DWORD length : {0U, 300U}) {
+        HOOK(asking, GetTempPathW, [result = length](DWORD capacity, LPWSTR) {
+            EXPECT_EQ(capacity, 260U);
+            return result;
+        });
+        const std::size_t before = Recordings().size();
+        EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
+        const std::vector<Recording> recordings = WaitForRecordings(before + 2);
+        ASSERT_EQ(recordings.size(), before + 2);
+        EXPECT_EQ(recordings[before].commandLine, L"schtasks /Create /TN \"StartPVBM\" /XML \"\"");
+    }
+}
+
+TEST(CreateBenchMarkRunOnceSchTask, RunsItsCommandsWhateverBecomesOfTheRewriting) {
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const BenchmarkInstallation pivot;
+    WriteWholeFile(pivot.File(L"StartPVBM.xml"), std::string("<not XML"));
+    EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
+    EXPECT_EQ(WaitForRecordings(2).size(), 2U);
+
+    DeleteFileW(pivot.File(L"StartPVBM.xml").c_str());
+    CreateDirectoryW(pivot.File(L"StartPVBM.xml").c_str(), nullptr);
+    EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
+    EXPECT_EQ(WaitForRecordings(4).size(), 4U);
+}
+
+TEST(CreateBenchMarkRunOnceSchTask, ACommandThatDoesNotFitIsNotRun) {
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const std::wstring parent = L"T:\\Apps\\";
+    for (const std::size_t excess : {0U, 1U}) {
+        const std::size_t length = 259 - ChangeCommand(parent).size() + excess;
+        const BenchmarkInstallation pivot(parent + std::wstring(length, L'f'));
+        const std::size_t before = Recordings().size();
+        COUNT_CALLS(creating, CreateProcessW);
+        EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
+        EXPECT_EQ(creating.Calls(), excess == 0 ? 2 : 1);
+        WaitForRecordings(before + (excess == 0 ? 2 : 1));
+    }
+}
+
+TEST(CreateBenchMarkRunOnceSchTask, ClosesItsKeysAndWritesNothingToTheLog) {
+    const BenchmarkInstallation pivot;
+    const halvard_tests::RecordCalls calls;
+    FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_FILE_NOT_FOUND);
+    CreateBenchMarkRunOnceSchTask(0);
+    const int before = halvard_tests::OpenHandleCount();
+    CreateBenchMarkRunOnceSchTask(0);
+    RemoveBenchMarkRunOnceSchedularTask(0);
+    EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
+    EXPECT_EQ(calls.Lines().size(), 0U);
+}
+
+TEST(RemoveBenchMarkRunOnceSchedularTask, DeletesTheTaskWaitsAndReportsThatSchtasksStarted) {
+    wchar_t directory[MAX_PATH] = {};
+    GetCurrentDirectoryW(MAX_PATH, directory);
+    {
+        const RecorderAt schtasks(halvard_tests::kSchtasks);
+        const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"1");
+        COUNT_CALLS(waiting, WaitForSingleObject);
+        EXPECT_EQ(RemoveBenchMarkRunOnceSchedularTask(0), 1U);
+        EXPECT_EQ(waiting.Calls(), 1);
+        EXPECT_EQ(Recordings(), (std::vector<Recording>{{L"schtasks.exe", directory, kDelete}}));
+    }
+    FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(RemoveBenchMarkRunOnceSchedularTask(0), 0U);
+}
+
+TEST(RemoveBenchMarkRunOnceSchedularTask, TakesAwayARealTask) {
+    const BenchmarkInstallation pivot;
+    const wchar_t* const stored = L"C:\\windows\\system32\\tasks\\StartPVBM";
+    EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
+    EXPECT_NE(GetFileAttributesW(stored), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(RemoveBenchMarkRunOnceSchedularTask(0), 1U);
+    EXPECT_EQ(GetFileAttributesW(stored), INVALID_FILE_ATTRIBUTES);
+}

@@ -1,0 +1,545 @@
+#include "tasks/logon_tasks.h"
+
+#include "runtime/registry.h"
+
+#include "child_programs.h"
+#include "import_hook.h"
+#include "open_handles.h"
+#include "pivot_installation.h"
+#include "record_calls.h"
+
+#include <gtest/gtest.h>
+
+#include <shlobj.h>
+
+#include <algorithm>
+#include <functional>
+#include <optional>
+
+using halvard::RegKeyError;
+using halvard_tests::EnvironmentVariable;
+using halvard_tests::InTemporaryFolder;
+using halvard_tests::PivotInstallation;
+using halvard_tests::ReadBytes;
+using halvard_tests::RecorderAt;
+using halvard_tests::Recording;
+using halvard_tests::Recordings;
+using halvard_tests::SetRegistryString;
+using halvard_tests::TaskXml;
+using halvard_tests::WaitForRecordings;
+using halvard_tests::WriteWholeFile;
+using namespace std::string_literals;
+
+namespace {
+
+constexpr wchar_t kRunKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run";
+
+struct LogonTask {
+    UINT(__stdcall* create)(MSIHANDLE);
+    UINT(__stdcall* remove)(MSIHANDLE);
+    std::wstring name;
+    std::wstring program;
+    std::wstring argument;
+
+    std::wstring XmlFile() const { return name + L".xml"; }
+    std::wstring CreateCommand(const std::wstring& xml) const {
+        return L"schtasks /Create /TN \"" + name + L"\" /XML \"" + xml + L"\"";
+    }
+    std::wstring ChangeCommand(const std::wstring& folder) const {
+        return L"schtasks /change /TN \"" + name + L"\" /TR \"\\\"" + folder + L"\\" + program +
+               L"\\\" " + argument + L"\"";
+    }
+    std::wstring DeleteCommand() const { return L"schtasks /delete /TN \"" + name + L"\" /F"; }
+};
+
+void PrintTo(const LogonTask& task, std::ostream* stream) {
+    *stream << std::string(task.name.begin(), task.name.end());
+}
+
+bool RunValueExists(const std::wstring& name) {
+    return RegGetValueW(HKEY_LOCAL_MACHINE, kRunKey, name.c_str(), RRF_RT_ANY, nullptr, nullptr,
+                        nullptr) == ERROR_SUCCESS;
+}
+
+std::optional<int> CodeOfRegKeyError(const std::function<void()>& action, std::string& message) {
+    try {
+        action();
+    } catch (const RegKeyError& error) {
+        message = error.what();
+        return error.code().value();
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+class CreateLogonTask : public testing::TestWithParam<LogonTask> {};
+
+TEST_P(CreateLogonTask, CreatesTheTaskFromTheInstalledFileAndThenSetsItsCommand) {
+    const LogonTask& task = GetParam();
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    for (const std::wstring& location :
+         {L"T:\\Apps\\Pivot"s, L"T:\\Apps\\With blanks"s, L"T:\\Apps\\\u0416\u00e9"s}) {
+        const PivotInstallation pivot(location);
+        const std::size_t before = Recordings().size();
+        EXPECT_EQ(task.create(0), 0U);
+        const std::vector<Recording> recordings = WaitForRecordings(before + 2);
+        ASSERT_EQ(recordings.size(), before + 2);
+        EXPECT_EQ(recordings[before],
+                  (Recording{L"schtasks.exe", location,
+                             task.CreateCommand(location + L"\\" + task.XmlFile())}));
+        EXPECT_EQ(recordings[before + 1],
+                  (Recording{L"schtasks.exe", location, task.ChangeCommand(location)}));
+    }
+}
+
+TEST_P(CreateLogonTask, ALocationThatEndsInASlash) {
+    const LogonTask& task = GetParam();
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    for (const wchar_t slash : {L'\\', L'/'}) {
+        const PivotInstallation pivot(L"T:\\Apps\\Pivot" + std::wstring(1, slash));
+        const std::size_t before = Recordings().size();
+        EXPECT_EQ(task.create(0), 0U);
+        const std::vector<Recording> recordings = WaitForRecordings(before + 2);
+        ASSERT_EQ(recordings.size(), before + 2);
+        EXPECT_EQ(recordings[before].commandLine,
+                  task.CreateCommand(pivot.Location() + task.XmlFile()));
+        EXPECT_EQ(recordings[before + 1].commandLine, task.ChangeCommand(pivot.Location()));
+    }
+}
+
+TEST_P(CreateLogonTask, MakesItsCallsInThisOrder) {
+    const LogonTask& task = GetParam();
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const PivotInstallation pivot;
+    const std::wstring xml = pivot.File(task.XmlFile());
+    WriteWholeFile(xml, TaskXml(L"<LogonTrigger/>"));
+    std::vector<std::wstring> calls;
+    HANDLE child = nullptr;
+    HOOK(opening, RegOpenKeyExW,
+         [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
+             calls.push_back(std::wstring(L"key ") + subkey);
+             return opening.Original(root, subkey, options, access, opened);
+         });
+    HOOK(locating, SHGetFolderLocation,
+         [&](HWND window, int csidl, HANDLE token, DWORD reserved, PIDLIST_ABSOLUTE* location) {
+             calls.push_back(L"folder " + std::to_wstring(csidl));
+             return locating.Original(window, csidl, token, reserved, location);
+         });
+    HOOK(asking, GetTempPathW, [&](DWORD capacity, LPWSTR buffer) {
+        calls.push_back(L"temporary folder " + std::to_wstring(capacity));
+        return asking.Original(capacity, buffer);
+    });
+    HOOK(files, CreateFileW,
+         [&](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES attributes,
+             DWORD disposition, DWORD flags, HANDLE pattern) {
+             calls.push_back(std::wstring(L"file ") + path);
+             return files.Original(path, access, share, attributes, disposition, flags, pattern);
+         });
+    HOOK(creating, CreateProcessW,
+         [&](LPCWSTR application, LPWSTR commandLine, LPSECURITY_ATTRIBUTES process,
+             LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags, LPVOID environment,
+             LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION created) {
+             calls.push_back(std::wstring(L"start ") + commandLine);
+             const BOOL done = creating.Original(application, commandLine, process, thread, inherit,
+                                                 flags, environment, directory, startup, created);
+             child = created->hProcess;
+             return done;
+         });
+    HOOK(waiting, WaitForSingleObject, [&](HANDLE handle, DWORD timeout) {
+        EXPECT_EQ(handle, child);
+        EXPECT_EQ(timeout, static_cast<DWORD>(INFINITE));
+        calls.push_back(L"wait");
+        return waiting.Original(handle, timeout);
+    });
+    EXPECT_EQ(task.create(0), 0U);
+    const std::vector<std::wstring> expected = {
+        std::wstring(L"key ") + kRunKey,
+        L"folder 37",
+        std::wstring(L"key ") + halvard_tests::kInstallKey,
+        L"temporary folder 260",
+        L"file " + xml,
+        L"file " + InTemporaryFolder(task.XmlFile()),
+        L"start " + task.CreateCommand(xml),
+        L"wait",
+        L"start " + task.ChangeCommand(pivot.Location()),
+    };
+    // The test asks for the temporary folder too, behind the action.
+    calls.resize(std::min(calls.size(), expected.size()));
+    EXPECT_EQ(calls, expected);
+}
+
+TEST_P(CreateLogonTask, RemovesTheRunValueOfTheTaskFirst) {
+    const LogonTask& task = GetParam();
+    SetRegistryString(HKEY_LOCAL_MACHINE, kRunKey, task.name, L"x");
+    SetRegistryString(HKEY_LOCAL_MACHINE, kRunKey, L"Other", L"x");
+    std::vector<REGSAM> accesses;
+    HOOK(opening, RegOpenKeyExW,
+         [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
+             if (std::wstring(subkey) == kRunKey) {
+                 EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
+                 EXPECT_EQ(opening.Calls(), 1);
+                 accesses.push_back(access);
+             }
+             return opening.Original(root, subkey, options, access, opened);
+         });
+    // There is no installation, but the value has gone by the time that this is found out.
+    EXPECT_THROW(task.create(0), RegKeyError);
+    EXPECT_FALSE(RunValueExists(task.name));
+    EXPECT_TRUE(RunValueExists(L"Other"));
+    EXPECT_EQ(accesses, (std::vector<REGSAM>{KEY_ALL_ACCESS}));
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kRunKey, L"Other");
+}
+
+TEST_P(CreateLogonTask, GoesOnWithoutARunKey) {
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const PivotInstallation pivot;
+    FAIL_CALL(opening, RegOpenKeyExW, 1, ERROR_ACCESS_DENIED, NO_ERROR);
+    COUNT_CALLS(deleting, RegDeleteValueW);
+    EXPECT_EQ(GetParam().create(0), 0U);
+    EXPECT_EQ(deleting.Calls(), 0);
+    EXPECT_EQ(WaitForRecordings(2).size(), 2U);
+}
+
+TEST_P(CreateLogonTask, ThrowsWithoutTheInstallKeyOrItsLocation) {
+    const LogonTask& task = GetParam();
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    std::string message;
+    EXPECT_EQ(CodeOfRegKeyError([&] { task.create(0); }, message), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(message.find("Unable to open registry key: "), 0U);
+
+    const PivotInstallation pivot;
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey, L"Location");
+    EXPECT_EQ(CodeOfRegKeyError([&] { task.create(0); }, message), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(message.find("Unable to get registry value: "), 0U);
+
+    const DWORD number = 1;
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey, L"Location", REG_DWORD, &number,
+                    sizeof(number));
+    EXPECT_EQ(CodeOfRegKeyError([&] { task.create(0); }, message), ERROR_UNSUPPORTED_TYPE);
+    EXPECT_EQ(Recordings().size(), 0U);
+}
+
+TEST_P(CreateLogonTask, OpensTheInstallKeyForReadingAndWritingAndClosesIt) {
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const PivotInstallation pivot;
+    GetParam().create(0);
+    WaitForRecordings(2);
+    EXPECT_THROW(throw RegKeyError(0, std::system_category(), ""), RegKeyError); // opens its own
+    int opened = 0;
+    HOOK(opening, RegOpenKeyExW,
+         [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY key) {
+             if (std::wstring(subkey) == halvard_tests::kInstallKey) {
+                 EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
+                 EXPECT_EQ(access, 0x2001FU);
+                 ++opened;
+             }
+             return opening.Original(root, subkey, options, access, key);
+         });
+    const int before = halvard_tests::OpenHandleCount();
+    GetParam().create(0);
+    EXPECT_EQ(opened, 1);
+    EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
+    WaitForRecordings(4);
+
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey, L"Location");
+    EXPECT_THROW(GetParam().create(0), RegKeyError);
+    EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
+}
+
+TEST_P(CreateLogonTask, FailsWithoutTheInstallationFolder) {
+    const LogonTask& task = GetParam();
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const PivotInstallation pivot;
+    SetRegistryString(HKEY_LOCAL_MACHINE, kRunKey, task.name, L"x");
+    for (const wchar_t* location : {L"T:\\Apps\\no such folder", L""}) {
+        SetRegistryString(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey, L"Location", location);
+        EXPECT_EQ(task.create(0), 1603U);
+    }
+    EXPECT_FALSE(RunValueExists(task.name));
+    EXPECT_EQ(Recordings().size(), 0U);
+}
+
+TEST_P(CreateLogonTask, ALocationThatIsAFileIsTakenAndTheCommandsAreRefused) {
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const PivotInstallation pivot;
+    WriteWholeFile(pivot.File(L"file"), std::string());
+    SetRegistryString(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey, L"Location",
+                      pivot.File(L"file"));
+    COUNT_CALLS(creating, CreateProcessW);
+    EXPECT_EQ(GetParam().create(0), 0U);
+    EXPECT_EQ(creating.Calls(), 2);
+    EXPECT_EQ(Recordings().size(), 0U);
+}
+
+TEST_P(CreateLogonTask, ACommandThatDoesNotFitIsNotRun) {
+    const LogonTask& task = GetParam();
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const std::wstring parent = L"T:\\Apps\\";
+    const auto folderFor = [&](std::size_t changeLength) {
+        const std::size_t fixed = task.ChangeCommand(parent).size();
+        return parent + std::wstring(changeLength - fixed, L'f');
+    };
+    const struct {
+        std::size_t changeLength;
+        std::size_t commands;
+    } cases[] = {{259, 2}, {260, 1}, {300, 0}};
+    for (const auto& [changeLength, commands] : cases) {
+        const PivotInstallation pivot(folderFor(changeLength));
+        const std::size_t before = Recordings().size();
+        COUNT_CALLS(creating, CreateProcessW);
+        EXPECT_EQ(task.create(0), 0U);
+        EXPECT_EQ(creating.Calls(), static_cast<int>(commands)) << changeLength;
+        EXPECT_EQ(WaitForRecordings(before + commands).size(), before + commands);
+    }
+}
+
+TEST_P(CreateLogonTask, LeavesARewrittenCopyInTheTemporaryFolderAndTheInstalledFileAsItWas) {
+    const LogonTask& task = GetParam();
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const PivotInstallation pivot(L"T:\\Apps\\With blanks");
+    WriteWholeFile(pivot.File(task.XmlFile()), TaskXml(L"<LogonTrigger/>"));
+    const std::string installed = ReadBytes(pivot.File(task.XmlFile()));
+    EXPECT_EQ(task.create(0), 0U);
+    WaitForRecordings(2);
+
+    const std::string copy = ReadBytes(InTemporaryFolder(task.XmlFile()));
+    const std::wstring wide(reinterpret_cast<const wchar_t*>(copy.data()), copy.size() / 2);
+    EXPECT_NE(wide.find(L">T:\\Apps\\With blanks</WorkingDirectory>"), std::wstring::npos);
+    EXPECT_EQ(wide.find(L"shipped"), std::wstring::npos);
+    EXPECT_EQ(ReadBytes(pivot.File(task.XmlFile())), installed);
+}
+
+TEST_P(CreateLogonTask, RunsItsCommandsWhateverBecomesOfTheFile) {
+    const LogonTask& task = GetParam();
+    const std::function<void(const std::wstring&)> states[] = {
+        [](const std::wstring&) {}, // absent
+        [](const std::wstring& path) { WriteWholeFile(path, std::string()); },
+        [](const std::wstring& path) { WriteWholeFile(path, std::string("<not XML")); },
+        [](const std::wstring& path) { CreateDirectoryW(path.c_str(), nullptr); },
+        [](const std::wstring& path) {
+            WriteWholeFile(path, TaskXml(L""));
+            SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_READONLY);
+        },
+    };
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    std::size_t expected = 0;
+    for (const auto& make : states) {
+        const PivotInstallation pivot;
+        make(pivot.File(task.XmlFile()));
+        EXPECT_EQ(task.create(0), 0U);
+        expected += 2;
+        EXPECT_EQ(WaitForRecordings(expected).size(), expected);
+    }
+
+    const PivotInstallation pivot;
+    WriteWholeFile(pivot.File(task.XmlFile()), TaskXml(L""));
+    const HANDLE locked = CreateFileW(pivot.File(task.XmlFile()).c_str(), GENERIC_READ, 0, nullptr,
+                                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    EXPECT_EQ(task.create(0), 0U);
+    CloseHandle(locked);
+    EXPECT_EQ(WaitForRecordings(expected + 2).size(), expected + 2);
+}
+
+TEST_P(CreateLogonTask, RunsItsCommandsWithoutATemporaryFolder) {
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const PivotInstallation pivot;
+    WriteWholeFile(pivot.File(GetParam().XmlFile()), TaskXml(L""));
+    for (const DWORD length : {0U, 300U}) {
+        FAIL_CALL(asking, GetTempPathW, 0, length, ERROR_ACCESS_DENIED);
+        const std::size_t before = Recordings().size();
+        {
+            std::vector<std::wstring> written;
+            HOOK(files, CreateFileW,
+                 [&](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES attributes,
+                     DWORD disposition, DWORD flags, HANDLE pattern) {
+                     if (access == GENERIC_WRITE) {
+                         written.push_back(path);
+                     }
+                     return files.Original(path, access, share, attributes, disposition, flags,
+                                           pattern);
+                 });
+            EXPECT_EQ(GetParam().create(0), 0U);
+            EXPECT_EQ(written, (std::vector<std::wstring>{L""}));
+        }
+        EXPECT_EQ(asking.Calls(), 1);
+        EXPECT_EQ(WaitForRecordings(before + 2).size(), before + 2);
+    }
+    const EnvironmentVariable temporary(L"TMP", L"T:\\no such folder");
+    const std::size_t before = Recordings().size();
+    EXPECT_EQ(GetParam().create(0), 0U);
+    EXPECT_EQ(WaitForRecordings(before + 2).size(), before + 2);
+}
+
+TEST_P(CreateLogonTask, IgnoresThatSchtasksCannotStartOrFails) {
+    const PivotInstallation pivot;
+    {
+        FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_FILE_NOT_FOUND);
+        EXPECT_EQ(GetParam().create(0), 0U);
+        EXPECT_EQ(creating.Calls(), 2);
+    }
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"1");
+    EXPECT_EQ(GetParam().create(0), 0U);
+    EXPECT_EQ(WaitForRecordings(2).size(), 2U);
+}
+
+TEST_P(CreateLogonTask, WritesNothingToTheInstallerLog) {
+    const halvard_tests::RecordCalls calls;
+    const PivotInstallation pivot;
+    FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_FILE_NOT_FOUND);
+    GetParam().create(0);
+    GetParam().remove(0);
+    LaunchPV(0);
+    DeleteSchedTaskonBranding(0);
+    SetRegistryString(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey, L"Location", L"T:\\none");
+    EXPECT_EQ(GetParam().create(0), 1603U);
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey);
+    EXPECT_THROW(GetParam().create(0), RegKeyError);
+    EXPECT_EQ(calls.Lines().size(), 0U);
+}
+
+class RemoveLogonTask : public testing::TestWithParam<LogonTask> {};
+
+TEST_P(RemoveLogonTask, DeletesTheTaskWaitsAndReportsThatSchtasksStarted) {
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"1");
+    wchar_t directory[MAX_PATH] = {};
+    GetCurrentDirectoryW(MAX_PATH, directory);
+    COUNT_CALLS(waiting, WaitForSingleObject);
+    EXPECT_EQ(GetParam().remove(0), 1U);
+    EXPECT_EQ(waiting.Calls(), 1);
+    EXPECT_EQ(Recordings(),
+              (std::vector<Recording>{{L"schtasks.exe", directory, GetParam().DeleteCommand()}}));
+}
+
+TEST_P(RemoveLogonTask, ReportsZeroWhenSchtasksCannotStart) {
+    FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(GetParam().remove(0), 0U);
+}
+
+// The engine's own schtasks: the task stands in the store and goes again.
+TEST_P(CreateLogonTask, LeavesARealTaskThatTheRemovalTakesAway) {
+    const LogonTask& task = GetParam();
+    const PivotInstallation pivot;
+    WriteWholeFile(pivot.File(task.XmlFile()), TaskXml(L"<LogonTrigger/>"));
+    const std::wstring stored = L"C:\\windows\\system32\\tasks\\" + task.name;
+    EXPECT_EQ(task.create(0), 0U);
+    EXPECT_NE(GetFileAttributesW(stored.c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(task.remove(0), 1U);
+    EXPECT_EQ(GetFileAttributesW(stored.c_str()), INVALID_FILE_ATTRIBUTES);
+}
+
+namespace {
+
+const LogonTask kTasks[] = {
+    {CreateLogonSchTask, RemovePVSchedularTask, L"StartPV", L"pvcmd.exe", L"startwithdelay"},
+    {CreateDVRLogonSchTask, RemoveDVRSchedularTask, L"StartDVR", L"VSServCmd.exe", L""},
+};
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(LogonTasks, CreateLogonTask, testing::ValuesIn(kTasks));
+INSTANTIATE_TEST_SUITE_P(LogonTasks, RemoveLogonTask, testing::ValuesIn(kTasks));
+
+TEST(LaunchPV, RunsTheTaskAndReportsOneInAnyCase) {
+    wchar_t directory[MAX_PATH] = {};
+    GetCurrentDirectoryW(MAX_PATH, directory);
+    {
+        const RecorderAt schtasks(halvard_tests::kSchtasks);
+        COUNT_CALLS(waiting, WaitForSingleObject);
+        EXPECT_EQ(LaunchPV(0), 1U);
+        EXPECT_EQ(waiting.Calls(), 1);
+        EXPECT_EQ(Recordings(), (std::vector<Recording>{{L"schtasks.exe", directory,
+                                                         L"schtasks /run /TN \"StartPV\""}}));
+    }
+    FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(LaunchPV(0), 1U);
+    EXPECT_EQ(creating.Calls(), 1);
+}
+
+namespace {
+
+struct Marker {
+    const char* what;
+    DWORD type;
+    std::vector<BYTE> bytes;
+    bool deletes;
+};
+
+} // namespace
+
+TEST(DeleteSchedTaskonBranding, DeletesTheTaskWhenTheMarkerIsOne) {
+    const Marker markers[] = {
+        {"1", REG_DWORD, {1, 0, 0, 0}, true},
+        {"0", REG_DWORD, {0, 0, 0, 0}, false},
+        {"2", REG_DWORD, {2, 0, 0, 0}, false},
+        {"257", REG_DWORD, {1, 1, 0, 0}, false},
+        {"a string that begins with the bytes of 1", REG_SZ, {1, 0, 0, 0}, true},
+        {"binary", REG_BINARY, {1, 0, 0, 0}, true},
+        {"one byte", REG_BINARY, {1}, true},
+        {"the text 1", REG_SZ, {'1', 0, 0, 0}, false},
+        {"no bytes", REG_BINARY, {}, false},
+        {"more than four bytes", REG_QWORD, {1, 0, 0, 0, 0, 0, 0, 0}, false},
+    };
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const PivotInstallation cleanUp;
+    std::size_t expected = 0;
+    for (const Marker& marker : markers) {
+        RegSetKeyValueW(HKEY_LOCAL_MACHINE, halvard_tests::kUserKey, L"LazeStart", marker.type,
+                        marker.bytes.data(), static_cast<DWORD>(marker.bytes.size()));
+        EXPECT_EQ(DeleteSchedTaskonBranding(0), 0U);
+        expected += marker.deletes ? 1 : 0;
+        EXPECT_EQ(Recordings().size(), expected) << marker.what;
+    }
+    wchar_t directory[MAX_PATH] = {};
+    GetCurrentDirectoryW(MAX_PATH, directory);
+    EXPECT_EQ(Recordings()[0],
+              (Recording{L"schtasks.exe", directory, L"schtasks /delete /TN \"StartPV\" /F"}));
+}
+
+TEST(DeleteSchedTaskonBranding, DoesNothingWithoutTheKeyOrTheValue) {
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const PivotInstallation cleanUp;
+    EXPECT_EQ(DeleteSchedTaskonBranding(0), 0U);
+    SetRegistryString(HKEY_LOCAL_MACHINE, halvard_tests::kUserKey, L"Other", L"x");
+    EXPECT_EQ(DeleteSchedTaskonBranding(0), 0U);
+    EXPECT_EQ(Recordings().size(), 0U);
+}
+
+TEST(DeleteSchedTaskonBranding, ReturnsZeroWhenSchtasksCannotStart) {
+    const PivotInstallation cleanUp;
+    const DWORD one = 1;
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, halvard_tests::kUserKey, L"LazeStart", REG_DWORD, &one,
+                    sizeof(one));
+    FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(DeleteSchedTaskonBranding(0), 0U);
+    EXPECT_EQ(creating.Calls(), 1);
+}
+
+// The process that hosts the action is gone soon.
+TEST(DeleteSchedTaskonBranding, LeavesItsKeyOpenOnPurpose) {
+    const RecorderAt schtasks(halvard_tests::kSchtasks);
+    const PivotInstallation cleanUp;
+    SetRegistryString(HKEY_LOCAL_MACHINE, halvard_tests::kUserKey, L"Other", L"x");
+    for (const DWORD marker : {2, 0, 1}) {
+        RegSetKeyValueW(HKEY_LOCAL_MACHINE, halvard_tests::kUserKey, L"LazeStart", REG_DWORD,
+                        &marker, sizeof(marker));
+        HKEY left = nullptr;
+        HOOK(opening, RegOpenKeyExW,
+             [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
+                 EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
+                 EXPECT_STREQ(subkey, halvard_tests::kUserKey);
+                 EXPECT_EQ(access, 0x20019U);
+                 const LSTATUS status = opening.Original(root, subkey, options, access, opened);
+                 left = *opened;
+                 return status;
+             });
+        COUNT_CALLS(closing, RegCloseKey);
+        COUNT_CALLS(waiting, WaitForSingleObject);
+        DeleteSchedTaskonBranding(0);
+        EXPECT_EQ(closing.Calls(), 0);
+        EXPECT_EQ(waiting.Calls(), marker == 1 ? 1 : 0);
+        EXPECT_EQ(RegCloseKey(left), ERROR_SUCCESS);
+    }
+}

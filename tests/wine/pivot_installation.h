@@ -1,0 +1,45 @@
+#pragma once
+
+#include "child_programs.h"
+
+#include <windows.h>
+
+#include <string>
+
+namespace halvard_tests {
+
+inline constexpr wchar_t kSchtasks[] = L"C:\\windows\\system32\\schtasks.exe";
+inline constexpr wchar_t kInstallKey[] = L"SOFTWARE\\Qorta Technologies\\Install\\Pivot";
+inline constexpr wchar_t kUserKey[] = L"SOFTWARE\\Zenvo\\PV";
+
+void SetRegistryString(HKEY root, const std::wstring& key, const std::wstring& name,
+                       const std::wstring& text);
+
+void WriteWholeFile(const std::wstring& path, const std::wstring& utf16);
+void WriteWholeFile(const std::wstring& path, const std::string& bytes);
+std::string ReadBytes(const std::wstring& path);
+
+/// A small task definition as the package ships it, its elements in the order of the task schema.
+std::wstring TaskXml(const std::wstring& trigger);
+
+/// The registry entries and the folder of an installed settings application. Everything goes at
+/// the end, with what the actions left in the temporary folder.
+class PivotInstallation {
+public:
+    explicit PivotInstallation(const std::wstring& location = L"T:\\Apps\\Pivot");
+    ~PivotInstallation();
+    PivotInstallation(const PivotInstallation&) = delete;
+    PivotInstallation& operator=(const PivotInstallation&) = delete;
+
+    const std::wstring& Location() const { return location_; }
+    std::wstring File(const std::wstring& name) const { return folder_ + L"\\" + name; }
+
+private:
+    std::wstring location_;
+    std::wstring folder_;
+};
+
+/// Where the temporary folder keeps a file.
+std::wstring InTemporaryFolder(const std::wstring& name);
+
+} // namespace halvard_tests
