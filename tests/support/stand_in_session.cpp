@@ -21,27 +21,40 @@ void Check(UINT status, const char* what) {
     }
 }
 
+MSIHANDLE OpenPackage() {
+    MSIHANDLE session = 0;
+    MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
+    Check(MsiOpenPackageExW(BesideTestProgram(L"..\\support\\stand_in.msi").c_str(),
+                            MSIOPENPACKAGEFLAGS_IGNOREMACHINESTATE, &session),
+          "MsiOpenPackageExW");
+    return session;
+}
+
+MSIHANDLE TheSession() {
+    static const MSIHANDLE session = OpenPackage();
+    return session;
+}
+
 } // namespace
 
 bool operator==(const SessionMessage& left, const SessionMessage& right) {
     return left.type == right.type && left.text == right.text;
 }
 
-StandInSession::StandInSession() {
-    MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
-    Check(MsiOpenPackageExW(BesideTestProgram(L"..\\support\\stand_in.msi").c_str(),
-                            MSIOPENPACKAGEFLAGS_IGNOREMACHINESTATE, &session_),
-          "MsiOpenPackageExW");
+StandInSession::StandInSession() : session_(TheSession()) {
     MsiSetExternalUIW(Receive, INSTALLLOGMODE_INFO | INSTALLLOGMODE_USER, nullptr);
     received.clear();
 }
 
 StandInSession::~StandInSession() {
     MsiSetExternalUIW(nullptr, 0, nullptr);
-    MsiCloseHandle(session_);
+    for (const std::wstring& name : properties_) {
+        MsiSetPropertyW(session_, name.c_str(), L"");
+    }
 }
 
 void StandInSession::SetProperty(const std::wstring& name, const std::wstring& value) const {
+    properties_.insert(name);
     Check(MsiSetPropertyW(session_, name.c_str(), value.c_str()), "MsiSetPropertyW");
 }
 

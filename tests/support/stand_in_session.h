@@ -3,6 +3,7 @@
 #include <windows.h>
 #include <msi.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -16,7 +17,8 @@ struct SessionMessage {
 
 bool operator==(const SessionMessage& left, const SessionMessage& right);
 
-/// A real installer session in this process: a bare package opened by the engine.
+/// A real installer session in this process: a bare package opened by the engine, once for all
+/// tests. The properties that a test sets are gone at its end.
 class StandInSession {
 public:
     StandInSession();
@@ -34,7 +36,8 @@ public:
     std::vector<std::wstring> LogLines() const;
 
 private:
-    MSIHANDLE session_ = 0;
+    MSIHANDLE session_;
+    mutable std::set<std::wstring> properties_;
 };
 
 /// A path relative to the folder of the test program, as built.
