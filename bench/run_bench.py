@@ -16,8 +16,17 @@ from installer.prefix import Prefix  # noqa: E402
 
 WALK_RUNS = 7
 REWRITE_RUNS = 7
+REMOVAL_RUNS = 5
+SIZE_RUNS = 3
 CALLS = 100
 INSTALLS = 5
+PROGRAM_LIMIT = 1200.0
+# How many times as long as the others a removal may take.
+REMOVAL_LIMITS = {
+    "bare loop": 1.15,
+    "std::filesystem::remove_all": 1.0,
+    "cmd /c rd /s /q": 0.25,
+}
 BENCH = paths.PROGRAMS / "bench"
 SOURCES = paths.BUILD / "bench"
 
@@ -32,6 +41,7 @@ def main() -> int:
     with Prefix("prefix-bench") as prefix:
         measure_walks(prefix)
         measure_rewriters(prefix)
+        measure_removals(prefix)
         measure_calls(prefix)
     print_sizes()
     return 0
@@ -51,16 +61,39 @@ def measure_rewriters(prefix: Prefix) -> None:
     print_medians(times, reference="bare reader-writer copy", unit="ms")
 
 
-def measured_by(prefix: Prefix, program: str, runs: int) -> dict[str, list[float]]:
-    """The times that a program prints as lines "NAME MILLISECONDS"."""
-    done = prefix.run(paths.windows_path(BENCH / f"{program}.exe"), str(runs), limit=300.0)
+def measure_removals(prefix: Prefix) -> None:
+    print(
+        f"\nRemoval of 10,000 files in 100 folders, median of {REMOVAL_RUNS} alternated runs, each"
+        " of a new tree"
+    )
+    times = measured_by(prefix, "removal_bench", "ways", REMOVAL_RUNS)
+    print_medians(times, reference="bare loop", unit="ms")
+    for other, limit in REMOVAL_LIMITS.items():
+        ratio = statistics.median(times["RemoveAll"]) / statistics.median(times[other])
+        print(f"  RemoveAll: {ratio:.2f} x {other}, limit {limit:.2f}")
+
+    print(f"\nRemoveAll by number of files, 100 in a folder, median of {SIZE_RUNS} alternated runs")
+    print_medians(
+        measured_by(prefix, "removal_bench", "sizes", SIZE_RUNS), reference="1,000 files", unit="ms"
+    )
+
+    print("\nRemoveAll of one folder: the most bytes that it held of its own heap")
+    print_medians(
+        measured_by(prefix, "removal_bench", "memory", 1), reference="1,000 files", unit="bytes"
+    )
+
+
+def measured_by(prefix: Prefix, program: str, *arguments: str | int) -> dict[str, list[float]]:
+    """The numbers that a program prints as lines "NAME NUMBER"."""
+    program_path = paths.windows_path(BENCH / f"{program}.exe")
+    done = prefix.run(program_path, *map(str, arguments), limit=PROGRAM_LIMIT)
     if done.returncode != 0:
         raise RuntimeError(f"{program}: exit code {done.returncode}\n{done.stdout}")
-    times: dict[str, list[float]] = defaultdict(list)
+    numbers: dict[str, list[float]] = defaultdict(list)
     for line in done.stdout.splitlines():
-        name, _, milliseconds = line.rpartition(" ")
-        times[name].append(float(milliseconds))
-    return times
+        name, _, number = line.rpartition(" ")
+        numbers[name].append(float(number))
+    return numbers
 
 
 def measure_calls(prefix: Prefix) -> None:

@@ -49,7 +49,8 @@ def run_tests() -> bool:
         "GCOV_PREFIX_STRIP": str(len(COVERED_BUILD.parts) - 1),
     }
     tests = paths.windows_path(COVERED_BUILD / "tests/wine/wine_tests.exe")
-    with Prefix("prefix-coverage", environment=environment) as prefix:
+    counters = [COVERED_BUILD]
+    with Prefix("prefix-coverage", environment=environment, results=counters) as prefix:
         done = prefix.run(tests, "--gtest_brief=1", limit=TESTS_LIMIT)
     if done.returncode != 0:
         print(done.stdout)

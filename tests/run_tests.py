@@ -2,9 +2,10 @@
 
     run_tests.py [RING] [-- ARGUMENT...]
 
-RING is core, wine, msi or build; without one all four run. The arguments go to the ring's own
-runner: GoogleTest for core and wine (--gtest_filter=...), pytest for msi and build (-k ...).
-What the rings run must have been built.
+RING is core, wine, msi, build or time; without one all run, two at a time, and time by itself
+when the others have ended. The arguments go to the ring's own runner: GoogleTest for core, wine
+and time (--gtest_filter=...), pytest for msi and build (-k ...). What the rings run must have been
+built.
 """
 
 import os
@@ -12,7 +13,9 @@ import re
 import signal
 import subprocess
 import sys
+import time
 import xml.etree.ElementTree as ElementTree
+from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Callable
@@ -24,13 +27,17 @@ sys.path.insert(0, str(ROOT / "tools"))
 
 from installer.prefix import Prefix  # noqa: E402
 
-FUZZ_TARGETS = ("get_data_value", "find_no_case", "multi_string")
+FUZZ_TARGETS = ("get_data_value", "find_no_case", "multi_string", "retain_list", "client_decision")
 FUZZ_INPUTS = 200_000
-TESTS_LIMIT = 240.0
-PYTEST_LIMIT = 900.0
-# Lets copies of the recorder stand in for programs of the system folder.
-WINE_OVERRIDES = "mscoree,mshtml,winemenubuilder.exe=;schtasks.exe=n,b"
-HEAP_REPORTS = {"WINEDEBUG": "-all,err+heap,warn+heap"}
+TESTS_LIMIT = 480.0
+PYTEST_LIMIT = 1800.0
+# Programs of the system folder that copies of the recorder may stand in for.
+RECORDED = ("icacls", "powershell", "regsvr32", "schtasks", "taskkill")
+WINE_OVERRIDES = "mscoree,mshtml,winemenubuilder.exe=;" + ";".join(
+    f"{name}.exe=n,b" for name in RECORDED
+)
+# What one ring closes with is said again over all rings.
+CLOSING_LINES = re.compile(r"^(FAILED, repeat with: .*|\d+ passed, \d+ failed)\n", re.MULTILINE)
 IMAGE_OPTIONS = r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\Image File Execution Options"
 
 
@@ -45,9 +52,8 @@ class Outcome:
 
 
 def main(arguments: list[str]) -> int:
-    rings = {"core": run_core, "wine": run_wine, "msi": run_msi, "build": run_build}
     own, _, passed_on = _partition(arguments)
-    if len(own) > 1 or (own and own[0] not in rings):
+    if len(own) > 1 or (own and own[0] not in RINGS):
         print(__doc__, file=sys.stderr)
         return 2
     if passed_on and not own:
@@ -57,13 +63,7 @@ def main(arguments: list[str]) -> int:
     # A run that is told to end still ends the prefixes that it has started.
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
     RESULTS.mkdir(parents=True, exist_ok=True)
-    total = Outcome()
-    for name in own or rings:
-        print(f"== {name}", flush=True)
-        outcome = _run_ring(name, rings[name], passed_on)
-        print(f"   {outcome.passed} passed, {len(outcome.failed)} failed", flush=True)
-        total.add(outcome)
-
+    total = _run_ring(own[0], passed_on) if own else _run_all()
     for repeat in total.failed:
         print(f"FAILED, repeat with: {repeat}")
     if total.passed + len(total.failed) == 0:
@@ -73,15 +73,60 @@ def main(arguments: list[str]) -> int:
     return 1 if total.failed else 0
 
 
-def _run_ring(name: str, ring: Callable[[list[str]], Outcome], arguments: list[str]) -> Outcome:
+def _run_all() -> Outcome:
+    total = Outcome()
+    running: list[subprocess.Popen[bytes]] = []
+    lanes = ThreadPoolExecutor(max_workers=2)
     try:
-        outcome = ring(arguments)
+        for outcome in lanes.map(lambda ring: _run_alone(ring, running), TOGETHER):
+            total.add(outcome)
+        total.add(_run_alone("time", running))
+    finally:
+        lanes.shutdown(wait=False, cancel_futures=True)
+        for process in running:
+            process.terminate()
+            process.wait()
+    return total
+
+
+def _run_alone(name: str, running: list[subprocess.Popen[bytes]]) -> Outcome:
+    """Runs one ring in a process of its own and shows what it printed when it has ended."""
+    log = RESULTS / f"ring-{name}.txt"
+    with open(log, "wb") as output:
+        process = subprocess.Popen(
+            [sys.executable, "-B", __file__, name], stdout=output, stderr=subprocess.STDOUT
+        )
+        running.append(process)
+        code = process.wait()
+    text = log.read_text(errors="replace")
+    outcome = read_ring_log(name, text, code)
+    print(CLOSING_LINES.sub("", text), end="", flush=True)
+    return outcome
+
+
+def read_ring_log(name: str, log: str, code: int) -> Outcome:
+    """Reads what `main` printed for one ring; `code` is its exit code."""
+    last = re.search(r"^(\d+) passed, (\d+) failed\n\Z", log, re.MULTILINE)
+    failed = re.findall(r"^FAILED, repeat with: (.*)$", log, re.MULTILINE)
+    passed = int(last[1]) if last else 0
+    if last is None or int(last[2]) != len(failed) or code != (1 if failed else 0):
+        failed.append(f"./run test {name}")
+    return Outcome(passed, failed)
+
+
+def _run_ring(name: str, arguments: list[str]) -> Outcome:
+    print(f"== {name}", flush=True)
+    start = time.monotonic()
+    try:
+        outcome = RINGS[name](arguments)
     except (RuntimeError, OSError, subprocess.TimeoutExpired) as error:
         print(f"ring {name} could not be run: {error}")
-        return Outcome(failed=[f"./run test {name}"])
+        outcome = Outcome(failed=[f"./run test {name}"])
     if not arguments and outcome.passed + len(outcome.failed) == 0:
         print(f"ring {name} has no test")
         outcome.failed.append(f"./run test {name}")
+    duration = time.monotonic() - start
+    print(f"   {outcome.passed} passed, {len(outcome.failed)} failed, {duration:.0f} s", flush=True)
     return outcome
 
 
@@ -95,24 +140,24 @@ def run_core(arguments: list[str]) -> Outcome:
 
 
 def run_wine(arguments: list[str]) -> Outcome:
-    with Prefix("prefix-wine", environment={"WINEDLLOVERRIDES": WINE_OVERRIDES}) as prefix:
-        outcome = Outcome()
-        # Tests of time stand in a program of their own.
-        for program in ("wine_tests", "wine_time_tests"):
-            outcome.add(_wine_tests(prefix, program, arguments))
-        if not arguments:
-            outcome.add(_heap_is_sound(prefix))
-    return outcome
+    return _wine_tests("wine", "wine_tests", arguments, check_heap=True)
 
 
-def _wine_tests(prefix: Prefix, program: str, arguments: list[str], **options) -> Outcome:
-    log = RESULTS / f"{options.pop('log_name', program)}.log"
-    return _google_tests(
-        "wine",
-        [rf"b:\mingw-test\tests\wine\{program}.exe", *arguments],
-        start=lambda command, **more: prefix.start(*command, **options, **more),
-        log=log,
-    )
+def run_time(arguments: list[str]) -> Outcome:
+    return _wine_tests("time", "wine_time_tests", arguments, check_heap=False)
+
+
+def _wine_tests(ring: str, program: str, arguments: list[str], check_heap: bool) -> Outcome:
+    environment = {"WINEDLLOVERRIDES": WINE_OVERRIDES}
+    with Prefix(f"prefix-{ring}", environment=environment) as prefix:
+        if check_heap:
+            _check_heap_of(prefix, f"{program}.exe")
+        return _google_tests(
+            ring,
+            [rf"b:\mingw-test\tests\wine\{program}.exe", *arguments],
+            start=lambda command, **options: prefix.start(*command, **options),
+            log=RESULTS / f"{program}.log",
+        )
 
 
 def run_msi(arguments: list[str]) -> Outcome:
@@ -220,40 +265,13 @@ def _empty(folder: Path) -> None:
 
 
 def _check_heap_of(prefix: Prefix, program: str) -> None:
-    """Lets Wine check every heap block of a program (0xf0: tail, free, parameters, all blocks)."""
+    """Lets the engine mark what lies behind each heap block of a program and inside each free one
+    (0x30: tail, free); the tests look at the marks after each test."""
     key = rf"{IMAGE_OPTIONS}\{program}"
-    value = ["/v", "GlobalFlag", "/t", "REG_DWORD", "/d", "0xf0"]
+    value = ["/v", "GlobalFlag", "/t", "REG_DWORD", "/d", "0x30"]
     added = prefix.run("reg.exe", "add", key, *value, "/f")
     if added.returncode != 0:
         raise RuntimeError(f"the heap check cannot be switched on: {added.stdout}")
-
-
-def _heap_is_sound(prefix: Prefix) -> Outcome:
-    """Runs the tests once more with every heap block checked at every heap call, after a look
-    whether a write behind an allocation is reported at all. One test, whatever it runs."""
-    for program in ("heap_overflow.exe", "wine_tests.exe"):
-        _check_heap_of(prefix, program)
-    overflow = r"b:\mingw-test\tests\support\heap_overflow.exe"
-    reported = prefix.run(overflow, environment=HEAP_REPORTS).stdout
-    if "invalid block tail" not in reported:
-        print(f"a write behind an allocation was not reported: {reported!r}")
-        return Outcome(failed=["./run test wine"])
-
-    errors = RESULTS / "wine.stderr.txt"
-    with open(errors, "w") as stream:
-        tests = _wine_tests(
-            prefix,
-            "wine_tests",
-            [],
-            log_name="wine_tests.heap",
-            environment=HEAP_REPORTS,
-            stderr=stream,
-        )
-    reports = [line for line in errors.read_text(errors="replace").splitlines() if "heap" in line]
-    print("\n".join(reports[:20]), end="")
-    if tests.failed or reports:
-        return Outcome(failed=tests.failed or ["./run test wine"])
-    return Outcome(passed=1)
 
 
 def _pytest(ring: str, arguments: list[str]) -> Outcome:
@@ -280,6 +298,17 @@ def _pytest(ring: str, arguments: list[str]) -> Outcome:
     if code not in (0, 5) and not outcome.failed:
         outcome.failed.append(f"./run test {ring}")
     return outcome
+
+
+RINGS: dict[str, Callable[[list[str]], Outcome]] = {
+    "core": run_core,
+    "wine": run_wine,
+    "msi": run_msi,
+    "build": run_build,
+    "time": run_time,
+}
+# The longest first.
+TOGETHER = ("wine", "msi", "build", "core")
 
 
 if __name__ == "__main__":

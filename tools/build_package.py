@@ -1,10 +1,11 @@
-"""Builds the sample package around the library of the last build and prints where it lies."""
+"""Builds the sample packages around the library of the last build and prints where they lie."""
 
 from installer import package, paths
 
 
 def main() -> None:
-    print(paths.shown(package.build()))
+    for source in (package.COMPANION, package.SECOND_CLIENT):
+        print(paths.shown(package.build(source)))
 
 
 if __name__ == "__main__":

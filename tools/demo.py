@@ -1,11 +1,13 @@
-"""Lets the real installer refuse, install and remove the sample package, and shows what happened.
+"""Lets the real installer refuse, install and remove the sample package, a second product that
+carries the agent meanwhile, and shows what happened.
 
-Exit code 0 when all three runs went as they should, 1 when one did not, 130 after Ctrl-C.
+Exit code 0 when all runs went as they should, 1 when one did not, 130 after Ctrl-C.
 """
 
 import getpass
 import signal
 import sys
+import textwrap
 import time
 from dataclasses import dataclass
 from typing import Callable
@@ -21,12 +23,13 @@ INTERRUPTED = 130
 
 @dataclass
 class Outcome:
-    """What came of one installer run."""
+    """What came of one installer run; `told` are the commands that the companion tools got."""
 
     result: SessionResult
     runs: list[ActionRun]
     difference: Difference
     since_beginning: Difference
+    told: list[str]
 
 
 @dataclass(frozen=True)
@@ -50,6 +53,8 @@ class Step:
     log_name: str
     arguments: tuple[str, ...]
     expectations: Callable[[Outcome], list[Expectation]]
+    prepare: Callable[[Prefix], None] = lambda prefix: None
+    note: str = ""
 
 
 def main() -> int:
@@ -66,27 +71,36 @@ def main() -> int:
 
 def _run_demo() -> int:
     progress = _Progress()
-    progress.say("building the package")
+    progress.say("building the packages")
     companion_package = package.build()
+    second_package = package.build(package.SECOND_CLIENT)
     definitions = package.library_actions(companion_package)
-    steps = _steps(paths.windows_path(companion_package))
+    definitions |= package.library_actions(second_package)
+    steps = _steps(paths.windows_path(companion_package), paths.windows_path(second_package))
 
     progress.say("making a fresh Wine prefix")
     failures: list[str] = []
     with Prefix("prefix-demo") as prefix:
+        watching = session.watch_results(prefix)
         progress.say("looking at the machine")
         beginning = before = machine.snapshot(prefix)
         for number, step in enumerate(steps, 1):
             progress.say(step.title)
+            step.prepare(prefix)
             result = session.run(
-                prefix, step.arguments, log_name=step.log_name, progress=progress.still_running
+                prefix,
+                step.arguments,
+                log_name=step.log_name,
+                progress=progress.still_running,
+                environment=watching,
             )
             after = machine.snapshot(prefix)
             outcome = Outcome(
                 result,
-                action_runs(result.lines, definitions),
+                action_runs(result.lines, definitions, result.results),
                 machine.difference(before, after),
                 machine.difference(beginning, after),
+                companion.told(prefix),
             )
             failures += _show(number, step, outcome)
             before = after
@@ -94,7 +108,7 @@ def _run_demo() -> int:
     return _conclude(failures, len(steps))
 
 
-def _steps(package_path: str) -> list[Step]:
+def _steps(package_path: str, second_path: str) -> list[Step]:
     return [
         Step(
             "Install without LAUNCHED_FROM_MIM",
@@ -105,10 +119,44 @@ def _steps(package_path: str) -> list[Step]:
         Step(
             "Install with LAUNCHED_FROM_MIM=1",
             "demo-installed",
-            ("/i", package_path, "LAUNCHED_FROM_MIM=1"),
+            ("/i", package_path, "LAUNCHED_FROM_MIM=1", companion.WITH_AGENT),
             _installed,
         ),
-        Step("Remove", "demo-removed", ("/x", package_path), _removed),
+        Step(
+            "Install a second product that carries the agent",
+            "demo-second-installed",
+            ("/i", second_path, companion.WITH_AGENT),
+            _second_installed,
+            note="CheckForClients answers 259: the first client has the agent installed already. "
+            "Windows then skips the rest of the sequence without an error; the engine here takes "
+            "259 for success, goes on, and sets the agent up once more.",
+        ),
+        Step(
+            "Remove the second product, while the first still needs the agent",
+            "demo-second-removed",
+            ("/x", second_path),
+            _second_removed,
+            note="Again 259, and again the engine here goes on: it takes the agent away, which "
+            "Windows leaves to the first product. The machine keeps its identity.",
+        ),
+        Step(
+            "Repair the first product, which makes it this account's last client",
+            "demo-repaired",
+            ("/i", package_path, "REINSTALL=ALL", "REINSTALLMODE=amus"),
+            _repaired,
+            note="A removal counts for the client that ran last, whichever product is removed. "
+            "Without this run the next removal would be taken for that of the second product "
+            "once more, and answered 259. It also brings back the agent that the engine here has "
+            "taken away.",
+        ),
+        Step(
+            "Remove, after the applications have written files of their own",
+            "demo-removed",
+            ("/x", package_path),
+            _removed,
+            companion.write_as_the_applications_do,
+            note="No client is left: CheckForClients answers 0, and the agent goes.",
+        ),
     ]
 
 
@@ -124,23 +172,80 @@ def _refused(outcome: Outcome) -> list[Expectation]:
 def _installed(outcome: Outcome) -> list[Expectation]:
     return [
         _exit_code(outcome, 0),
-        _verdicts(outcome, ", ".join(companion.INSTALL_RUNS)),
+        _agents_verdicts(outcome, companion.INSTALL_RUNS, companion.AGENT_INSTALL_RUNS),
         _logged(
             outcome,
             [companion.acceptance_line("1")] * 2
-            + companion.elevated_task_lines(getpass.getuser()),
+            + companion.elevated_task_lines(getpass.getuser())
+            + companion.server_lines(getpass.getuser())
+            + companion.proxy_lines()
+            + companion.client_lines(companion.CLIENT)
+            + companion.agent_lines(getpass.getuser()),
         ),
+        _answered(outcome, 0),
+        _status(outcome, companion.CLIENT, 1),
         _files(outcome, Kind.ADDED),
+        _agent(outcome, Kind.ADDED),
+        _identity(outcome, Kind.ADDED),
         _tasks(outcome, Kind.ADDED),
+        _services(outcome, Kind.ADDED, companion.COUNTERS, companion.SERVICE),
+        _server(outcome, Kind.ADDED),
+    ]
+
+
+def _second_installed(outcome: Outcome) -> list[Expectation]:
+    return [
+        _exit_code(outcome, 0),
+        _logged(
+            outcome,
+            companion.client_lines(companion.SECOND_CLIENT)
+            + companion.agent_lines(getpass.getuser()),
+        ),
+        _answered(outcome, session.NO_MORE_ITEMS),
+        _status(outcome, companion.SECOND_CLIENT, 1),
+        _identity(outcome),
+    ]
+
+
+def _second_removed(outcome: Outcome) -> list[Expectation]:
+    return [
+        _exit_code(outcome, 0),
+        _logged(outcome, companion.client_lines(companion.SECOND_CLIENT, removal=True)),
+        _answered(outcome, session.NO_MORE_ITEMS),
+        _status(outcome, companion.SECOND_CLIENT, 2),
+        _agent(outcome, Kind.REMOVED),
+        _identity(outcome),
+    ]
+
+
+def _repaired(outcome: Outcome) -> list[Expectation]:
+    return [
+        _exit_code(outcome, 0),
+        _agents_verdicts(outcome, companion.REPAIR_RUNS, companion.AGENT_INSTALL_RUNS),
+        _logged(
+            outcome,
+            companion.client_lines(companion.CLIENT) + companion.agent_lines(getpass.getuser()),
+        ),
+        _answered(outcome, 0),
+        _agent(outcome, Kind.ADDED),
+        _identity(outcome),
     ]
 
 
 def _removed(outcome: Outcome) -> list[Expectation]:
     return [
         _exit_code(outcome, 0),
-        _verdicts(outcome, ", ".join(companion.REMOVE_RUNS)),
+        _agents_verdicts(outcome, companion.REMOVE_RUNS, companion.AGENT_REMOVE_RUNS),
+        _logged(outcome, companion.removal_lines()),
+        _answered(outcome, 0),
+        _status(outcome, companion.CLIENT, 2),
+        _told(outcome),
         _files(outcome, Kind.REMOVED),
+        _agent(outcome, Kind.REMOVED),
+        _identity(outcome),
         _tasks(outcome, Kind.REMOVED),
+        _services(outcome, Kind.REMOVED, companion.SERVICE),
+        _server(outcome, Kind.REMOVED),
         _untouched(outcome),
     ]
 
@@ -166,32 +271,107 @@ def _verdicts(outcome: Outcome, expected: str) -> Expectation:
     return Expectation("actions", expected, came or "none")
 
 
+def _agents_verdicts(outcome: Outcome, runs: list[str], agent_runs: list[str]) -> Expectation:
+    return _verdicts(outcome, ", ".join(companion.with_agent(runs, agent_runs)))
+
+
 def _logged(outcome: Outcome, expected: list[str]) -> Expectation:
     came = [line for run in outcome.runs for line in run.lines]
     return Expectation("lines of the actions", " / ".join(expected), " / ".join(came))
+
+
+def _answered(outcome: Outcome, result: int) -> Expectation:
+    came = [str(run.result) for run in outcome.runs if run.name == "CheckForClients"]
+    return Expectation("answer of CheckForClients", str(result), ", ".join(came))
+
+
+def _status(outcome: Outcome, client: str, status: int) -> Expectation:
+    name = f"{companion.STATUS_KEY} : {client}_TeloStatus"
+    came = [change.after for change in outcome.difference.changes if change.name == name]
+    return Expectation(f"status of {client}", f"dword:{status:08}", ", ".join(map(str, came)))
 
 
 def _files(outcome: Outcome, kind: Kind) -> Expectation:
     came = [
         name
         for name in outcome.difference.of(Area.FILE, kind)
-        if name.startswith(companion.FOLDER) and not name.endswith(("Companion", "Pivot"))
+        if name.startswith(f"{companion.FOLDER}\\") and "." in name
     ]
     return Expectation(f"files {kind.value}", ", ".join(companion.FILES), ", ".join(came))
 
 
+def _agent(outcome: Outcome, kind: Kind) -> Expectation:
+    """The agent's files, its service and its task, and nothing else of the agent's."""
+    own = [companion.AGENT_SERVICE, companion.AGENT_TASK]
+    came = [
+        change.name
+        for change in outcome.difference.changes
+        if change.kind is kind
+        and (change.name.startswith(f"{companion.AGENT_FOLDER}\\") or change.name in own)
+    ]
+    return Expectation(
+        f"agent {kind.value}", ", ".join([*companion.AGENT_FILES, *own]), ", ".join(came)
+    )
+
+
+def _identity(outcome: Outcome, kind: Kind | None = None) -> Expectation:
+    """What has become of the machine's identity; nothing without a kind."""
+    came = [
+        change.kind
+        for change in outcome.difference.changes
+        if change.name == companion.AGENT_IDENTITY
+    ]
+    return Expectation(
+        "identity of the machine",
+        kind.value if kind else "kept",
+        ", ".join(each.value for each in came) or "kept",
+    )
+
+
 def _tasks(outcome: Outcome, kind: Kind) -> Expectation:
-    came = outcome.difference.of(Area.TASK, kind)
+    came = [
+        name for name in outcome.difference.of(Area.TASK, kind) if name != companion.AGENT_TASK
+    ]
     return Expectation(f"tasks {kind.value}", ", ".join(companion.TASKS), ", ".join(came))
+
+
+def _services(outcome: Outcome, kind: Kind, *names: str) -> Expectation:
+    came = [
+        name
+        for name in outcome.difference.of(Area.SERVICE, kind)
+        if " : " not in name and name != companion.AGENT_SERVICE
+    ]
+    return Expectation(f"services {kind.value}", ", ".join(names), ", ".join(came))
+
+
+def _server(outcome: Outcome, kind: Kind) -> Expectation:
+    came = [
+        name
+        for name in outcome.difference.of(Area.REGISTRY, kind)
+        if name == companion.SERVER_VALUE
+    ]
+    return Expectation(f"COM server's key {kind.value}", companion.SERVER_VALUE, ", ".join(came))
+
+
+def _told(outcome: Outcome) -> Expectation:
+    return Expectation(
+        "what the companion tools were told",
+        ", ".join(companion.TOLD_ON_REMOVAL),
+        ", ".join(outcome.told),
+    )
 
 
 def _untouched(outcome: Outcome) -> Expectation:
     came = [
         f"{change.kind.value} {change.name}"
         for change in outcome.since_beginning.changes
-        if not change.name.endswith(tuple(f"\\Temp\\{name}" for name in companion.LEFT_BEHIND))
+        if not change.name.endswith(companion.LEFT_BEHIND)
     ]
-    return Expectation("machine as before the demo, but for copies of task definitions in Temp", "no change", ", ".join(came) or "no change")
+    return Expectation(
+        "machine as before the demo, but for what actions leave in Temp and as markers",
+        "no change",
+        ", ".join(came) or "no change",
+    )
 
 
 def _show(number: int, step: Step, outcome: Outcome) -> list[str]:
@@ -200,6 +380,7 @@ def _show(number: int, step: Step, outcome: Outcome) -> list[str]:
     _say("")
     _say(f"{number}. {step.title}")
     _say(f"   msiexec {' '.join(step.arguments)} /qn")
+    _say_all(textwrap.wrap(step.note, report.WIDTH, initial_indent="   ", subsequent_indent="   "))
     _say(
         f"   exit code {_shown_exit_code(result.exit_code)}, {result.seconds:.1f} s, "
         f"log {paths.shown(result.log)}"
@@ -207,6 +388,10 @@ def _show(number: int, step: Step, outcome: Outcome) -> list[str]:
     _say("")
     _say_all(report.action_table(outcome.runs))
     _say("")
+    if outcome.told:
+        _say("The companion tools were told:")
+        _say_all([f"    {line}" for line in outcome.told])
+        _say("")
     _say("Changed on the machine:")
     _say_all(report.change_list(outcome.difference))
     _say("")

@@ -7,7 +7,7 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
-from run_tests import read_google_test_log  # noqa: E402
+from run_tests import read_google_test_log, read_ring_log  # noqa: E402
 
 TWO_PASSED = """\
 [==========] Running 2 tests from 1 test suite.
@@ -63,3 +63,20 @@ def test_google_test_logs(log, ended, passed, failed):
     outcome = read_google_test_log("wine", log, ended)
     assert outcome.passed == passed
     assert outcome.failed == [f"./run test wine -- --gtest_filter={name}" for name in failed]
+
+
+@pytest.mark.parametrize(
+    "log, code, passed, failed",
+    [
+        ("== core\n2 passed, 0 failed\n", 0, 2, []),
+        ("FAILED, repeat with: a\n1 passed, 1 failed\n", 1, 1, ["a"]),
+        ("2 passed, 0 failed\n", 1, 2, ["./run test core"]),
+        ("2 passed, 0 failed\nmore\n", 0, 0, ["./run test core"]),
+        ("FAILED, repeat with: a\n1 passed, 1 failed\n", 0, 1, ["a", "./run test core"]),
+        ("1 passed, 1 failed\n", 1, 1, ["./run test core"]),
+        ("", -9, 0, ["./run test core"]),
+    ],
+)
+def test_ring_logs(log, code, passed, failed):
+    outcome = read_ring_log("core", log, code)
+    assert (outcome.passed, outcome.failed) == (passed, failed)

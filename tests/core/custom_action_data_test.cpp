@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 using halvard::GetDataValue;
+using halvard::GetDataValueOrEmpty;
 
 TEST(GetDataValue, PicksEachItem) {
     const std::wstring data = L"InstallDir=C:\\X;DLLName=a.dll";
@@ -63,4 +64,18 @@ TEST(GetDataValue, NonLatinAndLongTexts) {
               L"\u0416\u00e9\u4e2d");
     const std::wstring longValue(30000, L'v');
     EXPECT_EQ(GetDataValue(L"Key=" + longValue + L";Next=1", L"Key="), longValue);
+}
+
+TEST(GetDataValueOrEmpty, PicksTheValueThatGetDataValuePicks) {
+    for (const wchar_t* data : {L"Key=a b=c;Other=d", L"Other=d;Key=a b=c", L"MyKey=a b=c"}) {
+        EXPECT_EQ(GetDataValueOrEmpty(data, L"Key="), L"a b=c") << data;
+    }
+    EXPECT_EQ(GetDataValueOrEmpty(L"Key=;Other=d", L"Key="), L"");
+}
+
+TEST(GetDataValueOrEmpty, AnAbsentKeyIsEmptyWhateverTheLengthOfTheData) {
+    for (const wchar_t* data : {L"", L"Ke", L"Key", L"Key:C:\\Program Files", L"key=C:\\X",
+                                L"Other=C:\\X;C:\\Program Files"}) {
+        EXPECT_EQ(GetDataValueOrEmpty(data, L"Key="), L"") << data;
+    }
 }

@@ -44,16 +44,3 @@ TEST(DeleteTaskCommand, ForcesTheDeletion) {
 TEST(RunTaskCommand, NamesTheTask) {
     EXPECT_EQ(halvard::RunTaskCommand(L"StartPV"), L"schtasks /run /TN \"StartPV\"");
 }
-
-TEST(FileInFolder, AddsABackslashWhereThereIsNoSlash) {
-    EXPECT_EQ(halvard::FileInFolder(L"C:\\A", L"x.xml"), L"C:\\A\\x.xml");
-    EXPECT_EQ(halvard::FileInFolder(L"C:\\A\\", L"x.xml"), L"C:\\A\\x.xml");
-    EXPECT_EQ(halvard::FileInFolder(L"C:/A/", L"x.xml"), L"C:/A/x.xml");
-    EXPECT_EQ(halvard::FileInFolder(L"", L"x.xml"), L"\\x.xml");
-}
-
-TEST(ProgramInFolder, AlwaysAddsABackslash) {
-    EXPECT_EQ(halvard::ProgramInFolder(L"C:\\A", L"x.exe"), L"C:\\A\\x.exe");
-    EXPECT_EQ(halvard::ProgramInFolder(L"C:\\A\\", L"x.exe"), L"C:\\A\\\\x.exe");
-    EXPECT_EQ(halvard::ProgramInFolder(L"C:/A/", L"x.exe"), L"C:/A/\\x.exe");
-}

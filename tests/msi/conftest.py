@@ -1,9 +1,11 @@
 """The prefix and the package that the installer tests share."""
 
+import shutil
 import sys
+from contextlib import suppress
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Iterator
+from typing import Iterator, Mapping
 
 import pytest
 
@@ -25,18 +27,26 @@ class CleanMachine:
     beginning: Snapshot = field(repr=False)
     installed: list[Path] = field(default_factory=list)
 
-    def install(self, package_path: Path, *properties: str) -> SessionResult:
-        self.installed.append(package_path)
+    def install(self, package_path: Path, *properties: str, **options) -> SessionResult:
+        if package_path not in self.installed:
+            self.installed.append(package_path)
         return session.install(
-            self.prefix, package_path, *properties, log_name=self._log_name("install")
+            self.prefix, package_path, *properties, log_name=self._log_name("install"), **options
         )
 
-    def remove(self, package_path: Path) -> SessionResult:
-        return session.remove(self.prefix, package_path, log_name=self._log_name("remove"))
+    def remove(self, package_path: Path, **options) -> SessionResult:
+        return session.remove(
+            self.prefix, package_path, log_name=self._log_name("remove"), **options
+        )
 
     def changes(self) -> Difference:
         """What differs from the clean machine now."""
         return machine.difference(self.beginning, machine.snapshot(self.prefix))
+
+    def end_service(self, name: str) -> None:
+        """Stops and deletes a service that a test has left."""
+        for command in ("stop", "delete"):
+            self.prefix.run("sc.exe", command, name)
 
     def clean_up(self) -> None:
         # With the property, so that a package that refuses its removal spoils no other test.
@@ -47,9 +57,17 @@ class CleanMachine:
                 "LAUNCHED_FROM_MIM=1",
                 log_name=self._log_name("clean-up"),
             )
-        for name in companion.LEFT_BEHIND:
+        # A service that ran while its product was removed has kept its folder, and so the one above.
+        with suppress(OSError):
+            self.prefix.host_path(companion.FOLDER).parent.rmdir()
+        for name in companion.COPIES_LEFT_BEHIND:
             for copy in self.prefix.drive_c.glob(f"users/*/Temp/{name}"):
                 copy.unlink()
+        for folder in self.prefix.drive_c.glob(f"users/*/Temp/{companion.LOG_FOLDER[0]}"):
+            shutil.rmtree(folder)
+        for key in companion.KEYS_TO_DELETE:
+            self.prefix.run("reg.exe", "delete", key, "/f")
+        self.prefix.host_path(companion.RECORD).unlink(missing_ok=True)
 
     def _log_name(self, what: str) -> str:
         return f"{self.test_name}-{what}"
@@ -58,6 +76,11 @@ class CleanMachine:
 @pytest.fixture(scope="session")
 def companion_package() -> Path:
     return package.build()
+
+
+@pytest.fixture(scope="session")
+def second_package() -> Path:
+    return package.build(package.SECOND_CLIENT)
 
 
 @pytest.fixture(scope="session")
@@ -72,7 +95,14 @@ def prefix() -> Iterator[Prefix]:
 
 
 @pytest.fixture(scope="session")
-def clean_snapshot(prefix: Prefix) -> Snapshot:
+def watching(prefix: Prefix) -> Mapping[str, str]:
+    """The environment of runs that tell what actions returned."""
+    return session.watch_results(prefix)
+
+
+# Behind what watching writes to the registry.
+@pytest.fixture(scope="session")
+def clean_snapshot(prefix: Prefix, watching: Mapping[str, str]) -> Snapshot:
     return machine.snapshot(prefix)
 
 
@@ -94,6 +124,6 @@ def runs_of(companion_package: Path):
     definitions = package.library_actions(companion_package)
 
     def read(result: SessionResult) -> list[ActionRun]:
-        return action_runs(result.lines, definitions)
+        return action_runs(result.lines, definitions, result.results)
 
     return read

@@ -1,9 +1,10 @@
 """The parser of installer logs, on recorded texts."""
 
 from pathlib import Path
+from typing import Sequence
 
 from installer.log import ActionDefinition, ActionRun, Execution, LogLine, action_runs
-from installer.session import GrowingLog, log_encoding
+from installer.session import GrowingLog, log_encoding, traced_results
 
 IMMEDIATE = ActionDefinition(Execution.IMMEDIATE)
 
@@ -44,10 +45,42 @@ Action ended 1:30:58: Rollback. Return value 1.
 """
 
 
-def runs(text: str, **definitions: ActionDefinition) -> list[ActionRun]:
+TRACED = """\
+00cc:trace:relay:load_list L"RelayInclude" = L"msi.__wine_msi_call_dll_function"
+0134:Call msi.__wine_msi_call_dll_function(000000e0,0206fe20) ret=140001e39
+0140:Call PE DLL (proc=0000000170068C10,module=0000000170000000 L"ntdll.dll",res=0) retval=1
+0134:Ret  msi.__wine_msi_call_dll_function() retval=00000103 ret=140001e39
+0144:Call msi.__wine_msi_call_dll_function(000000e0,0236fe20) ret=140001e39
+0168:Call msi.__wine_msi_call_dll_function(000000e0,0206fe20) ret=140001e39
+0168:Ret  msi.__wine_msi_call_dll_function() retval=00000643 ret=140001e39
+0134:Call msi.__wine_msi_call_dll_function(000000e0,0206fe20) ret=140001e39
+0134:Ret  msi.__wine_msi_call_dll_function() retval=00000000 ret=140001e39
+0999:Ret  msi.__wine_msi_call_dll_function() retval=00000001 ret=140001e39
+"""
+
+
+def runs(
+    text: str, results: Sequence[int | None] = (), **definitions: ActionDefinition
+) -> list[ActionRun]:
     """The runs in a text whose lines arrive 10 ms apart."""
     lines = [LogLine(line, 10.0 * number) for number, line in enumerate(text.splitlines())]
-    return action_runs(lines, definitions)
+    return action_runs(lines, definitions, results)
+
+
+def test_the_trace_tells_what_actions_returned_in_the_order_of_their_calls():
+    # The second one did not return.
+    assert traced_results(TRACED.splitlines()) == [259, None, 1603, 0]
+    assert traced_results([]) == []
+
+
+def test_runs_get_the_results_of_their_calls():
+    deferred = ActionDefinition(Execution.DEFERRED)
+    rollback = ActionDefinition(Execution.ROLLBACK)
+    came = runs(SCHEDULED, [259, None], Deferred=deferred, Rollback=rollback)
+    assert [(run.name, run.result) for run in came] == [("Deferred", 259), ("Rollback", None)]
+    for results in [], [259], [259, 0, 1]:
+        came = runs(SCHEDULED, results, Deferred=deferred, Rollback=rollback)
+        assert [run.result for run in came] == [None, None]
 
 
 def test_a_run_has_the_lines_between_its_start_and_its_end():

@@ -9,6 +9,20 @@ from installer import companion, package, paths
 from installer.log import ActionDefinition, Execution
 
 
+AGENT_SEQUENCE = [
+    "CheckForClients",
+    "StopAgent",
+    "PreInstallUPA",
+    "DuplicateFiles",
+    "SetPostInstallUPA",
+    "PostInstallUPA",
+    "AfterInstallUPA",
+    "RemoveAgentTask",
+    "RemoveEmptyFolders",
+    "InstallFinalize",
+]
+
+
 def test_the_library_in_the_package_is_the_one_just_built(companion_package):
     assert package.library_bytes(companion_package) == paths.LIBRARY.read_bytes()
 
@@ -59,6 +73,33 @@ def test_results_that_are_no_codes_of_the_installer_are_ignored(companion_packag
         "RemovePVSchedularTask": ignored,
         "RemoveDVRSchedularTask": ignored,
         "RemoveBenchMarkRunOnceSchedularTask": ignored,
+        "SetPermissionsRegisterDLL": checked,
+        "UnregisterDLL": ignored,
+        "ShutDownPivotConsole": ignored,
+        "TerminatePivotApp": ignored,
+        "ShutDownDVR": ignored,
+        "TerminateDVRApp": ignored,
+        "DeleteServiceIfBinaryIsInDirectory": ignored,
+        "DeleteXVRFolder": ignored,
+        "DeleteDMFTDirectory": ignored,
+        "DeletePVSlimINSTALLDIRFolder": ignored,
+        "DeletePVFolder": ignored,
+        "DeletePVINSTALLDIRFolder": ignored,
+        "EnableAnalyticsKey": checked,
+        "DisabelAnalyticsKey": ActionDefinition(Execution.IMMEDIATE),
+        "DeleteAnalyticsKey": ignored,
+        "TrackDVRAnalytics": ignored,
+        "SetDCLogFileRegistry": ignored,
+        "DeleteandRetainValues": ignored,
+        "InstallContextMenuMSIX": ignored,
+        "LaunchInstallProxyPV": ignored,
+        "DelInstallProxyKey": ignored,
+        "DeleteOptiqCameraGUID": ignored,
+        "DeleteQortaKey": ignored,
+        "CheckForClients": checked,
+        "PreInstallUPA": ignored,
+        "PostInstallUPA": checked,
+        "AfterInstallUPA": ignored,
     }
 
 
@@ -69,6 +110,19 @@ def test_a_command_that_wixl_leaves_out_is_in_the_package(companion_package):
         "TARGETDIR",
         'schtasks /delete /TN "ZenvoElevated" /F',
     ]
+
+
+@pytest.mark.parametrize("carrier", ["companion_package", "second_package"])
+def test_all_of_the_agent_stands_behind_the_question_for_its_clients(carrier, request):
+    carrier_package = request.getfixturevalue(carrier)
+    rows = package.table(carrier_package, "InstallExecuteSequence")
+    ordered = [row[0] for row in sorted(rows, key=lambda row: int(row[2]))]
+    start = ordered.index("CheckForClients")
+    assert ordered[start:][: len(AGENT_SEQUENCE)] == AGENT_SEQUENCE
+    copies = {row[2]: row[4] for row in package.table(carrier_package, "DuplicateFile")}
+    assert copies == {"AgentService": "AgentFolder", "AgentMaster": "AgentFolder"}
+    features = {row[0]: row[5] for row in package.table(carrier_package, "Feature")}
+    assert features["Agent"] == "2"
 
 
 @pytest.mark.parametrize("name", ["StartPV", "StartDVR", "StartPVBM"])

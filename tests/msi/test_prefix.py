@@ -1,11 +1,13 @@
 """Prefixes are checked before use, end with all their processes, and nothing waits for ever."""
 
 import shutil
+import time
+import warnings
 from pathlib import Path
 
 import pytest
 
-from installer import package, paths, session
+from installer import confinement, package, paths, session
 from installer.prefix import Prefix, UnsafePrefix, link_danger
 
 NAME = "prefix-msi-checked"
@@ -158,3 +160,146 @@ def test_a_drive_that_leads_elsewhere_or_is_missing_is_a_danger(made, drive):
     assert link_danger(*made) == f"drive {drive} is missing"
     device.symlink_to("/usr/share")
     assert link_danger(*made) == f"drive {drive} leads to /usr/share"
+
+
+RECORDER = paths.PREFIX_GUARD.with_name("recorder.exe")
+
+
+def unix_form(folder: Path) -> str:
+    """The path by which a program reaches any file of the host, whatever the drives are."""
+    return "\\\\?\\unix" + str(folder).replace("/", "\\")
+
+
+def change(prefix: Prefix, folder: Path, windows_folder: str) -> set[str]:
+    """What a program of the prefix can do in a folder: make and write a file, remove both kinds."""
+    shutil.rmtree(folder, ignore_errors=True)
+    (folder / "empty").mkdir(parents=True)
+    (folder / "file").write_text("as it was")
+    (folder / "grows").write_text("as it was")
+    for name in ("made", "grows"):
+        prefix.run(RECORDER, environment={"HALVARD_RECORD": rf"{windows_folder}\{name}"})
+    prefix.run("cmd.exe", "/c", "del", rf"{windows_folder}\file")
+    prefix.run("cmd.exe", "/c", "rd", rf"{windows_folder}\empty")
+    happened = {
+        "made a file": (folder / "made").exists(),
+        "wrote a file": (folder / "grows").read_text() != "as it was",
+        "removed a file": not (folder / "file").exists(),
+        "removed a folder": not (folder / "empty").exists(),
+    }
+    return {what for what, did in happened.items() if did}
+
+
+EVERYTHING = {"made a file", "wrote a file", "removed a file", "removed a folder"}
+
+
+@pytest.fixture
+def build_folder():
+    folder = paths.BUILD / "test-confinement"
+    yield folder
+    shutil.rmtree(folder, ignore_errors=True)
+
+
+@pytest.fixture
+def confining_kernel():
+    with warnings.catch_warnings():
+        warnings.simplefilter("ignore")
+        if not confinement.rights():
+            pytest.skip("this kernel cannot confine programs")
+
+
+def test_a_program_changes_nothing_outside_of_its_prefix(
+    confining_kernel, prefix, build_folder, tmp_path
+):
+    assert change(prefix, tmp_path / "outside", unix_form(tmp_path / "outside")) == set()
+    assert change(prefix, build_folder, r"b:\test-confinement") == set()
+    assert change(prefix, build_folder, unix_form(build_folder)) == set()
+
+
+def test_a_program_changes_what_its_prefix_holds(prefix):
+    for folder, windows_folder in (
+        (prefix.throwaway / "inside", r"t:\inside"),
+        (prefix.throwaway / "inside", unix_form(prefix.throwaway / "inside")),
+        (prefix.drive_c / "inside", r"c:\inside"),
+        (paths.LOGS / "inside", r"b:\installer-logs\inside"),
+    ):
+        assert change(prefix, folder, windows_folder) == EVERYTHING, windows_folder
+        shutil.rmtree(folder)
+
+
+def test_a_program_writes_results_where_its_prefix_lets_it(build_folder):
+    build_folder.mkdir()
+    with Prefix(NAME, results=[build_folder]) as prefix:
+        assert change(prefix, build_folder / "in", r"b:\test-confinement\in") == EVERYTHING
+
+
+@pytest.mark.parametrize(
+    "command",
+    [
+        ["cmd.exe", "/c", "cmd.exe", "/c", "del", "{outside_form}", "{inside_form}"],
+        ["start.exe", "/unix", "/bin/rm", "{outside}", "{inside}"],
+    ],
+    ids=["a program of Windows", "a program of the host"],
+)
+def test_what_a_program_starts_is_confined_as_well(confining_kernel, prefix, tmp_path, command):
+    outside, inside = tmp_path / "file", prefix.throwaway / "file"
+    for file in (outside, inside):
+        file.write_text("as it was")
+    names = {"outside": outside, "inside": inside}
+    names |= {f"{name}_form": unix_form(file) for name, file in names.items()}
+    prefix.run(*(part.format(**names) for part in command))
+    # The host's programs are not waited for.
+    limit = time.monotonic() + 20.0
+    while inside.exists() and time.monotonic() < limit:
+        time.sleep(0.01)
+    assert not inside.exists() and outside.exists()
+
+
+NO_SUCH_CALL = 100_000
+
+
+@pytest.fixture
+def kernel_without_confinement(monkeypatch):
+    confinement.rights.cache_clear()
+    monkeypatch.setattr(confinement, "CREATE_RULESET", NO_SUCH_CALL)
+    yield
+    confinement.rights.cache_clear()
+
+
+def test_a_kernel_that_cannot_confine_is_told_of_once(kernel_without_confinement, build_folder):
+    with pytest.warns(RuntimeWarning) as told, Prefix(NAME) as prefix:
+        done = change(prefix, build_folder, r"b:\test-confinement")
+    (warning,) = told
+    assert "cannot confine the programs of a prefix (Function not implemented)" in str(
+        warning.message
+    )
+    assert done == EVERYTHING
+
+
+def test_a_kernel_that_cannot_move_files_in_confinement_counts_as_none(monkeypatch):
+    confinement.rights.cache_clear()
+    monkeypatch.setattr(confinement, "LEAST_VERSION", 1_000)
+    with pytest.warns(RuntimeWarning, match="version [0-9]+ of Landlock|not implemented"):
+        assert confinement.rights() == 0
+    confinement.rights.cache_clear()
+
+
+def test_a_confinement_that_fails_starts_nothing(confining_kernel, monkeypatch):
+    monkeypatch.setattr(confinement, "RESTRICT_SELF", NO_SUCH_CALL)
+    with pytest.raises(OSError, match="Function not implemented"), Prefix(NAME):
+        pass
+
+
+def test_programs_of_a_prefix_see_each_other(prefix):
+    # The server of the prefix reads the memory of one program for the other.
+    shutil.copy(RECORDER, prefix.throwaway / "seen.exe")
+    record = {"HALVARD_RECORD": r"t:\seen.txt", "HALVARD_RECORD_DELAY": "60000"}
+    running = prefix.start(r"t:\seen.exe", environment=record)
+    limit = time.monotonic() + 20.0
+    while not (prefix.throwaway / "seen.txt").exists() and time.monotonic() < limit:
+        time.sleep(0.01)
+    killed = prefix.run("taskkill.exe", "/IM", "seen.exe", "/F")
+    running.kill()
+    running.wait()
+    for left in ("seen.exe", "seen.txt"):
+        (prefix.throwaway / left).unlink()
+    assert killed.returncode == 0, killed.stdout

@@ -27,6 +27,13 @@ def test_the_table_of_actions():
     ]
 
 
+def test_the_table_tells_what_an_action_returned():
+    returned = run("CheckForClients", Execution.DEFERRED, verdict=1, result=259)
+    assert "1 succeeded, returned 259" in report.action_table([returned])[2]
+    nothing = run("CheckForClients", Execution.DEFERRED, verdict=1, result=0)
+    assert "1 succeeded, returned 0" in report.action_table([nothing])[2]
+
+
 def test_no_actions():
     assert report.action_table([]) == ["No custom action ran."]
 

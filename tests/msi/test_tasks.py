@@ -48,9 +48,14 @@ def test_removal_takes_the_tasks_away(clean_machine, installed, companion_packag
 def test_an_installation_without_its_location_fails(clean_machine, companion_package, runs_of):
     # The exception that leaves the action ends it, and with it the installation.
     broken = package.changed_copy(
-        companion_package, "no-location", "DELETE FROM Registry WHERE Name='Location'"
+        companion_package,
+        "no-location",
+        "DELETE FROM Registry WHERE Name='Location'",
+        # The rollback here stops and deletes no service, which would hold its program.
+        "DELETE FROM ServiceControl",
     )
     result = clean_machine.install(broken, "LAUNCHED_FROM_MIM=1")
+    clean_machine.end_service(companion.SERVICE)
     assert result.exit_code == session.as_exit_code(session.INSTALL_FAILURE), result.report()
     last = runs_of(result)[-1]
     assert (last.name, last.verdict) == ("CreateLogonSchTask", 0), result.report()

@@ -45,7 +45,7 @@ private:
 /// What recorders have recorded, in order.
 std::vector<Recording> Recordings();
 
-/// Waits until `count` programs have recorded, for up to 20 seconds, and returns what there is
+/// Waits until `count` programs have recorded, for up to 60 seconds, and returns what there is
 /// then.
 std::vector<Recording> WaitForRecordings(std::size_t count);
 

@@ -12,10 +12,37 @@ void Check(LSTATUS status, const char* what) {
     }
 }
 
+// `value` of an open key; the code that the registry answered.
+LSTATUS ReadValue(HKEY key, const std::wstring& name, ScratchKey::Value& value) {
+    DWORD size = 0;
+    const LSTATUS status = RegQueryValueExW(key, name.c_str(), nullptr, nullptr, nullptr, &size);
+    if (status != ERROR_SUCCESS) {
+        return status;
+    }
+    // The engine writes a terminator behind a single byte whether or not there is room for it.
+    value.bytes.resize(size + sizeof(wchar_t));
+    const LSTATUS read =
+        RegQueryValueExW(key, name.c_str(), nullptr, &value.type, value.bytes.data(), &size);
+    value.bytes.resize(read == ERROR_SUCCESS ? size : 0);
+    return read;
+}
+
 } // namespace
 
-ScratchKey::ScratchKey() : path_(L"SOFTWARE\\HalvardTests\\" + std::to_wstring(GetTickCount64())) {
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\HalvardTests");
+std::vector<BYTE> BytesOf(const std::wstring& characters) {
+    const auto* const first = reinterpret_cast<const BYTE*>(characters.data());
+    return {first, first + characters.size() * sizeof(wchar_t)};
+}
+
+ScratchKey::ScratchKey()
+    : ScratchKey(L"SOFTWARE\\HalvardTests\\" + std::to_wstring(GetTickCount64()),
+                 L"SOFTWARE\\HalvardTests") {}
+
+ScratchKey::ScratchKey(const std::wstring& path) : ScratchKey(path, path) {}
+
+ScratchKey::ScratchKey(const std::wstring& path, const std::wstring& removed)
+    : path_(path), removed_(removed) {
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, removed_.c_str());
     Check(RegCreateKeyExW(HKEY_LOCAL_MACHINE, path_.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
                           &key_, nullptr),
           "RegCreateKeyExW");
@@ -23,7 +50,7 @@ ScratchKey::ScratchKey() : path_(L"SOFTWARE\\HalvardTests\\" + std::to_wstring(G
 
 ScratchKey::~ScratchKey() {
     RegCloseKey(key_);
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\HalvardTests");
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, removed_.c_str());
 }
 
 void ScratchKey::CreateSubkey(const std::wstring& subkey) const {
@@ -40,8 +67,7 @@ void ScratchKey::SetString(const std::wstring& name, const std::wstring& text) c
 
 void ScratchKey::SetCharacters(const std::wstring& name, DWORD type,
                                const std::wstring& characters) const {
-    const auto* const first = reinterpret_cast<const BYTE*>(characters.data());
-    SetBytes(name, type, {first, first + characters.size() * sizeof(wchar_t)});
+    SetBytes(name, type, BytesOf(characters));
 }
 
 void ScratchKey::SetBytes(const std::wstring& name, DWORD type,
@@ -52,12 +78,8 @@ void ScratchKey::SetBytes(const std::wstring& name, DWORD type,
 }
 
 ScratchKey::Value ScratchKey::Read(const std::wstring& name) const {
-    DWORD size = 0;
-    Check(RegQueryValueExW(key_, name.c_str(), nullptr, nullptr, nullptr, &size),
-          "RegQueryValueExW");
-    Value value = {0, std::vector<BYTE>(size)};
-    Check(RegQueryValueExW(key_, name.c_str(), nullptr, &value.type, value.bytes.data(), &size),
-          "RegQueryValueExW");
+    Value value = {};
+    Check(ReadValue(key_, name, value), "RegQueryValueExW");
     return value;
 }
 
@@ -65,6 +87,36 @@ std::wstring ScratchKey::ReadCharacters(const std::wstring& name) const {
     const Value value = Read(name);
     const auto* const first = reinterpret_cast<const wchar_t*>(value.bytes.data());
     return {first, first + value.bytes.size() / sizeof(wchar_t)};
+}
+
+bool operator==(const ScratchKey::Value& left, const ScratchKey::Value& right) {
+    return left.type == right.type && left.bytes == right.bytes;
+}
+
+std::optional<ScratchKey::Value> RegistryValueAt(const std::wstring& key,
+                                                 const std::wstring& name) {
+    return RegistryValueAt(HKEY_LOCAL_MACHINE, key, name);
+}
+
+std::optional<ScratchKey::Value> RegistryValueAt(HKEY root, const std::wstring& key,
+                                                 const std::wstring& name) {
+    HKEY opened = nullptr;
+    if (RegOpenKeyExW(root, key.c_str(), 0, KEY_READ, &opened) != ERROR_SUCCESS) {
+        return std::nullopt;
+    }
+    ScratchKey::Value value = {};
+    const LSTATUS status = ReadValue(opened, name, value);
+    RegCloseKey(opened);
+    return status == ERROR_SUCCESS ? std::optional(value) : std::nullopt;
+}
+
+bool KeyExists(const std::wstring& key) {
+    HKEY opened = nullptr;
+    const LSTATUS status = RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ, &opened);
+    if (status == ERROR_SUCCESS) {
+        RegCloseKey(opened);
+    }
+    return status == ERROR_SUCCESS;
 }
 
 } // namespace halvard_tests

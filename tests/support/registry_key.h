@@ -2,16 +2,21 @@
 
 #include <windows.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace halvard_tests {
 
-/// A key of its own below HKEY_LOCAL_MACHINE\SOFTWARE\HalvardTests, empty at the start and removed
-/// with all below it at the end.
+/// The bytes of characters, with no terminator added.
+std::vector<BYTE> BytesOf(const std::wstring& characters);
+
+/// A key of its own below HKEY_LOCAL_MACHINE\SOFTWARE\HalvardTests, or at a path below
+/// HKEY_LOCAL_MACHINE, empty at the start and removed with all below it at the end.
 class ScratchKey {
 public:
     ScratchKey();
+    explicit ScratchKey(const std::wstring& path);
     ~ScratchKey();
     ScratchKey(const ScratchKey&) = delete;
     ScratchKey& operator=(const ScratchKey&) = delete;
@@ -37,8 +42,23 @@ public:
     std::wstring ReadCharacters(const std::wstring& name) const;
 
 private:
+    ScratchKey(const std::wstring& path, const std::wstring& removed);
+
     std::wstring path_;
+    std::wstring removed_;
     HKEY key_ = nullptr;
 };
+
+bool operator==(const ScratchKey::Value& left, const ScratchKey::Value& right);
+
+/// A value of a key below HKEY_LOCAL_MACHINE; nothing when the key or the value is missing.
+std::optional<ScratchKey::Value> RegistryValueAt(const std::wstring& key, const std::wstring& name);
+
+/// The same below another root.
+std::optional<ScratchKey::Value> RegistryValueAt(HKEY root, const std::wstring& key,
+                                                 const std::wstring& name);
+
+/// Whether there is this key below HKEY_LOCAL_MACHINE.
+bool KeyExists(const std::wstring& key);
 
 } // namespace halvard_tests

@@ -1,12 +1,13 @@
 #include "tasks/benchmark_task.h"
 
-#include "runtime/registry.h"
-
 #include "child_programs.h"
+#include "files.h"
 #include "import_hook.h"
 #include "open_handles.h"
 #include "pivot_installation.h"
+#include "process_starts.h"
 #include "record_calls.h"
+#include "registry_error.h"
 
 #include <shlobj.h>
 
@@ -16,11 +17,14 @@
 #include <ctime>
 #include <new>
 
-using halvard::RegKeyError;
+using halvard_tests::CurrentDirectory;
+using halvard_tests::CurrentDirectoryScope;
 using halvard_tests::EnvironmentVariable;
 using halvard_tests::InTemporaryFolder;
 using halvard_tests::PivotInstallation;
-using halvard_tests::ReadBytes;
+using halvard_tests::ProcessStart;
+using halvard_tests::ProcessStarts;
+using halvard_tests::ReadWholeFile;
 using halvard_tests::RecorderAt;
 using halvard_tests::Recording;
 using halvard_tests::Recordings;
@@ -55,13 +59,8 @@ public:
     }
 };
 
-struct Thrown {
-    std::string message;
-    int code;
-    std::wstring lastValue; // the value that was asked for last
-};
-
-Thrown RegKeyErrorOfTheAction() {
+// Expects this error of the action, thrown when this value was the last one asked for.
+void ExpectThrown(const std::string& message, int code, const std::wstring& lastValue) {
     std::wstring asked;
     HOOK(reading, RegGetValueW,
          [&](HKEY key, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type, PVOID data,
@@ -69,19 +68,8 @@ Thrown RegKeyErrorOfTheAction() {
              asked = name;
              return reading.Original(key, subkey, name, flags, type, data, size);
          });
-    try {
-        CreateBenchMarkRunOnceSchTask(0);
-    } catch (const RegKeyError& error) {
-        const std::string what = error.what();
-        return {what.substr(0, what.find(':')), error.code().value(), asked};
-    }
-    return {"nothing thrown", -1, asked};
-}
-
-void ExpectThrown(const Thrown& thrown, const char* message, int code, const wchar_t* lastValue) {
-    EXPECT_EQ(thrown.message, message);
-    EXPECT_EQ(thrown.code, code);
-    EXPECT_EQ(thrown.lastValue, lastValue);
+    halvard_tests::ExpectRegKeyError([] { CreateBenchMarkRunOnceSchTask(0); }, message, code);
+    EXPECT_EQ(asked, lastValue);
 }
 
 } // namespace
@@ -90,20 +78,10 @@ TEST(CreateBenchMarkRunOnceSchTask, CreatesTheTaskFromTheRewrittenCopy) {
     const RecorderAt schtasks(halvard_tests::kSchtasks);
     const BenchmarkInstallation pivot(L"T:\\Apps\\With blanks \u0416");
     {
-        HANDLE first = nullptr;
-        HOOK(creating, CreateProcessW,
-             [&](LPCWSTR application, LPWSTR commandLine, LPSECURITY_ATTRIBUTES process,
-                 LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags, LPVOID environment,
-                 LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION created) {
-                 const BOOL done =
-                     creating.Original(application, commandLine, process, thread, inherit, flags,
-                                       environment, directory, startup, created);
-                 first = creating.Calls() == 1 ? created->hProcess : nullptr;
-                 return done;
-             });
+        const ProcessStarts starts;
         HOOK(waiting, WaitForSingleObject, [&](HANDLE handle, DWORD timeout) {
-            EXPECT_EQ(creating.Calls(), 1);
-            EXPECT_EQ(handle, first);
+            EXPECT_EQ(starts.Calls(), 1);
+            EXPECT_EQ(handle, starts.Process());
             EXPECT_EQ(timeout, static_cast<DWORD>(INFINITE));
             return waiting.Original(handle, timeout);
         });
@@ -116,7 +94,7 @@ TEST(CreateBenchMarkRunOnceSchTask, CreatesTheTaskFromTheRewrittenCopy) {
                   {L"schtasks.exe", pivot.Location(), CreateCommand()},
                   {L"schtasks.exe", pivot.Location(), ChangeCommand(pivot.Location())}}));
 
-    const std::string copy = ReadBytes(InTemporaryFolder(L"StartPVBM.xml"));
+    const std::string copy = ReadWholeFile(InTemporaryFolder(L"StartPVBM.xml"));
     const std::wstring wide(reinterpret_cast<const wchar_t*>(copy.data()), copy.size() / 2);
     EXPECT_EQ(wide.find(L"2001-02-03"), std::wstring::npos);
     EXPECT_NE(wide.find(L":00:00</StartBoundary>"), std::wstring::npos);
@@ -125,14 +103,12 @@ TEST(CreateBenchMarkRunOnceSchTask, CreatesTheTaskFromTheRewrittenCopy) {
 
 TEST(CreateBenchMarkRunOnceSchTask, RewritesBeforeItCreates) {
     const BenchmarkInstallation pivot;
-    HOOK(creating, CreateProcessW,
-         [&](LPCWSTR, LPWSTR, LPSECURITY_ATTRIBUTES, LPSECURITY_ATTRIBUTES, BOOL, DWORD, LPVOID,
-             LPCWSTR, LPSTARTUPINFOW, LPPROCESS_INFORMATION) {
-             EXPECT_GT(ReadBytes(InTemporaryFolder(L"StartPVBM.xml")).size(), 100U);
-             return FALSE;
-         });
+    const ProcessStarts starts([](ProcessStart&) {
+        EXPECT_GT(ReadWholeFile(InTemporaryFolder(L"StartPVBM.xml")).size(), 100U);
+        return false;
+    });
     EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
-    EXPECT_EQ(creating.Calls(), 2);
+    EXPECT_EQ(starts.Calls(), 2);
 }
 
 TEST(CreateBenchMarkRunOnceSchTask, ALocationThatEndsInABackslashGivesTwo) {
@@ -193,7 +169,7 @@ TEST(CreateBenchMarkRunOnceSchTask, StartsAtTheNextMidnightOfStandardTime) {
             _putenv_s("TZ", "UTC0");
             _tzset();
         }
-        const std::string copy = ReadBytes(InTemporaryFolder(L"StartPVBM.xml"));
+        const std::string copy = ReadWholeFile(InTemporaryFolder(L"StartPVBM.xml"));
         const std::wstring wide(reinterpret_cast<const wchar_t*>(copy.data()), copy.size() / 2);
         EXPECT_NE(wide.find(boundary), std::wstring::npos);
     }
@@ -209,8 +185,7 @@ TEST(CreateBenchMarkRunOnceSchTask, ThrowsWithoutTheUserKeyBeforeAnythingElse) {
              EXPECT_EQ(access, 0x2001FU);
              return opening.Original(root, subkey, options, access, opened);
          });
-    ExpectThrown(RegKeyErrorOfTheAction(), "Unable to open registry key", ERROR_FILE_NOT_FOUND,
-                 L"");
+    ExpectThrown("Unable to open registry key", ERROR_FILE_NOT_FOUND, L"");
     EXPECT_EQ(opening.Calls(), 1);
     EXPECT_EQ(creating.Calls(), 0);
 }
@@ -220,21 +195,17 @@ TEST(CreateBenchMarkRunOnceSchTask, ThrowsWithoutTheMarkerTheInstallKeyOrTheLoca
     const BenchmarkInstallation pivot;
     const DWORD number = 1;
     RegDeleteKeyValueW(HKEY_CURRENT_USER, halvard_tests::kUserKey, L"VxBench");
-    ExpectThrown(RegKeyErrorOfTheAction(), "Unable to get registry value", ERROR_FILE_NOT_FOUND,
-                 L"VxBench");
+    ExpectThrown("Unable to get registry value", ERROR_FILE_NOT_FOUND, L"VxBench");
     RegSetKeyValueW(HKEY_CURRENT_USER, halvard_tests::kUserKey, L"VxBench", REG_DWORD, &number,
                     sizeof(number));
-    ExpectThrown(RegKeyErrorOfTheAction(), "Unable to get registry value", ERROR_UNSUPPORTED_TYPE,
-                 L"VxBench");
+    ExpectThrown("Unable to get registry value", ERROR_UNSUPPORTED_TYPE, L"VxBench");
 
     SetRegistryString(HKEY_CURRENT_USER, halvard_tests::kUserKey, L"VxBench", L"0");
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey, L"Location");
-    ExpectThrown(RegKeyErrorOfTheAction(), "Unable to get registry value", ERROR_FILE_NOT_FOUND,
-                 L"Location");
+    ExpectThrown("Unable to get registry value", ERROR_FILE_NOT_FOUND, L"Location");
 
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey);
-    ExpectThrown(RegKeyErrorOfTheAction(), "Unable to open registry key", ERROR_FILE_NOT_FOUND,
-                 L"VxBench");
+    ExpectThrown("Unable to open registry key", ERROR_FILE_NOT_FOUND, L"VxBench");
     EXPECT_EQ(creating.Calls(), 0);
 }
 
@@ -247,22 +218,17 @@ TEST(CreateBenchMarkRunOnceSchTask, StopsOnlyWhenTheMarkerIsOneAndNamesSomething
     const Case cases[] = {
         {L"1", true, 0}, {L"1", false, 2}, {L"2", true, 2}, {L"10", true, 2}, {L"", false, 2},
     };
-    wchar_t former[MAX_PATH] = {};
-    GetCurrentDirectoryW(MAX_PATH, former);
     for (const Case& tested : cases) {
         const BenchmarkInstallation pivot;
         SetRegistryString(HKEY_CURRENT_USER, halvard_tests::kUserKey, L"VxBench", tested.marker);
         if (tested.exists) {
             WriteWholeFile(pivot.File(tested.marker), std::string());
         }
-        SetCurrentDirectoryW(pivot.Location().c_str());
-        {
-            FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_FILE_NOT_FOUND);
-            EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
-            EXPECT_EQ(creating.Calls(), tested.commands)
-                << std::string(tested.marker.begin(), tested.marker.end());
-        }
-        SetCurrentDirectoryW(former);
+        const CurrentDirectoryScope directory(pivot.Location());
+        FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_FILE_NOT_FOUND);
+        EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
+        EXPECT_EQ(creating.Calls(), tested.commands)
+            << std::string(tested.marker.begin(), tested.marker.end());
     }
 }
 
@@ -270,12 +236,9 @@ TEST(CreateBenchMarkRunOnceSchTask, AStoppedActionDoesNotAskForTheInstallation) 
     const BenchmarkInstallation pivot;
     SetRegistryString(HKEY_CURRENT_USER, halvard_tests::kUserKey, L"VxBench", L"1");
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey);
-    wchar_t former[MAX_PATH] = {};
-    GetCurrentDirectoryW(MAX_PATH, former);
-    SetCurrentDirectoryW(pivot.Location().c_str());
+    const CurrentDirectoryScope directory(pivot.Location());
     CreateDirectoryW(L"1", nullptr);
     EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
-    SetCurrentDirectoryW(former);
 }
 
 TEST(CreateBenchMarkRunOnceSchTask, IsQuietWithoutTheFolderOrTheFile) {
@@ -347,8 +310,7 @@ TEST(CreateBenchMarkRunOnceSchTask, ClosesItsKeysAndWritesNothingToTheLog) {
 }
 
 TEST(RemoveBenchMarkRunOnceSchedularTask, DeletesTheTaskWaitsAndReportsThatSchtasksStarted) {
-    wchar_t directory[MAX_PATH] = {};
-    GetCurrentDirectoryW(MAX_PATH, directory);
+    const std::wstring directory = CurrentDirectory();
     {
         const RecorderAt schtasks(halvard_tests::kSchtasks);
         const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"1");

@@ -3,6 +3,7 @@
 #include "runtime/session.h"
 #include "tasks/task_templates.h"
 
+#include "current_session.h"
 #include "import_hook.h"
 #include "stand_in_session.h"
 #include "task_scheduler_stand_in.h"
@@ -13,6 +14,7 @@
 #include <stdexcept>
 
 using halvard::ElevatedTaskXml;
+using halvard_tests::CurrentSessionScope;
 using halvard_tests::StandInSession;
 using halvard_tests::StandInTaskScheduler;
 using halvard_tests::StoredTask;
@@ -23,16 +25,11 @@ namespace {
 // A session with this data, and a stand-in for the Task Scheduler.
 class Action {
 public:
-    explicit Action(const std::wstring& data) {
-        session.SetProperty(L"CustomActionData", data);
-        halvard::SetCurrentSession(99);
-    }
-    ~Action() { halvard::SetCurrentSession(0); }
-    Action(const Action&) = delete;
-    Action& operator=(const Action&) = delete;
+    explicit Action(const std::wstring& data) { session.SetProperty(L"CustomActionData", data); }
 
     UINT Run() const { return CreateTriggerlessElevatedScheduleTask(session.Get()); }
 
+    CurrentSessionScope current{99};
     StandInSession session;
     StandInTaskScheduler scheduler;
 };
@@ -173,10 +170,10 @@ TEST(CreateTriggerlessElevatedScheduleTask, DataShorterThanAKeyThrowsAndRegister
 }
 
 TEST(CreateTriggerlessElevatedScheduleTask, AMissingPropertyThrowsAsEmptyDataDoes) {
+    const CurrentSessionScope current;
     const StandInSession session;
     EXPECT_THROW(CreateTriggerlessElevatedScheduleTask(session.Get()), std::out_of_range);
     EXPECT_EQ(session.LogLines(), Lines{L"CustomActionData: "});
-    halvard::SetCurrentSession(0);
 }
 
 TEST(CreateTriggerlessElevatedScheduleTask, ACommandTooLongForTheLogIsRegisteredWhole) {
@@ -200,6 +197,7 @@ TEST(CreateTriggerlessElevatedScheduleTask, ANameOrCommandThatBreaksTheXmlIsRefu
 
 TEST(CreateTriggerlessElevatedScheduleTask, PutsTheTaskIntoTheStoreOfTheSystem) {
     const StoredTask task(L"Halvard test elevated");
+    const CurrentSessionScope current;
     const StandInSession session;
     session.SetProperty(
         L"CustomActionData",
@@ -208,5 +206,4 @@ TEST(CreateTriggerlessElevatedScheduleTask, PutsTheTaskIntoTheStoreOfTheSystem) 
     EXPECT_TRUE(task.Holds("<Author>Zenvo Corporation</Author>\n"
                            "    <Description>Halvard test elevated</Description>\n"
                            "    <URI>Halvard test elevated</URI>\n"));
-    halvard::SetCurrentSession(0);
 }

@@ -3,6 +3,7 @@
 #include "runtime/session.h"
 
 #include "allocation_failure.h"
+#include "current_session.h"
 #include "import_hook.h"
 #include "record_calls.h"
 #include "stand_in_session.h"
@@ -12,6 +13,7 @@
 #include <new>
 #include <optional>
 
+using halvard_tests::CurrentSessionScope;
 using halvard_tests::RecordCalls;
 using halvard_tests::StandInSession;
 using Lines = std::vector<std::wstring>;
@@ -137,6 +139,7 @@ TEST(LaunchedFromMIM, KeepsItsResultWhateverBecomesOfTheMessages) {
 
 // No action catches: the installer records one that ends like this as failed.
 TEST(LaunchConditions, LetAnExceptionLeave) {
+    const CurrentSessionScope current;
     const StandInSession session;
     session.SetProperty(L"LAUNCHED_FROM_MIM", L"1 and a text that needs memory");
     for (const auto action : {LaunchedFromMIM, BlockLaunch}) {
@@ -144,20 +147,18 @@ TEST(LaunchConditions, LetAnExceptionLeave) {
         EXPECT_THROW(action(session.Get()), std::bad_alloc);
         EXPECT_TRUE(failure.Happened());
     }
-    halvard::SetCurrentSession(0);
 }
 
 TEST(LaunchedFromMIM, LeavesTheCurrentSessionAlone) {
     const StandInSession session;
-    halvard::SetCurrentSession(99);
+    const CurrentSessionScope current(99);
     LaunchedFromMIM(session.Get());
     EXPECT_EQ(halvard::CurrentSession(), 99U);
-    halvard::SetCurrentSession(0);
 }
 
 TEST(BlockLaunch, StoresItsSessionAsTheCurrentOne) {
     const StandInSession session;
-    halvard::SetCurrentSession(99);
+    const CurrentSessionScope current(99);
     // Stored before anything else happens.
     HOOK(reading, MsiGetPropertyW,
          [&](MSIHANDLE handle, LPCWSTR name, LPWSTR buffer, LPDWORD length) {
@@ -167,5 +168,4 @@ TEST(BlockLaunch, StoresItsSessionAsTheCurrentOne) {
     BlockLaunch(session.Get());
     EXPECT_EQ(reading.Calls(), 1);
     EXPECT_EQ(halvard::CurrentSession(), session.Get());
-    halvard::SetCurrentSession(0);
 }

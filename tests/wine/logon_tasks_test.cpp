@@ -3,10 +3,13 @@
 #include "runtime/registry.h"
 
 #include "child_programs.h"
+#include "files.h"
 #include "import_hook.h"
 #include "open_handles.h"
 #include "pivot_installation.h"
+#include "process_starts.h"
 #include "record_calls.h"
+#include "registry_error.h"
 
 #include <gtest/gtest.h>
 
@@ -14,13 +17,16 @@
 
 #include <algorithm>
 #include <functional>
-#include <optional>
 
 using halvard::RegKeyError;
+using halvard_tests::CurrentDirectory;
 using halvard_tests::EnvironmentVariable;
+using halvard_tests::ExpectRegKeyError;
 using halvard_tests::InTemporaryFolder;
 using halvard_tests::PivotInstallation;
-using halvard_tests::ReadBytes;
+using halvard_tests::ProcessStart;
+using halvard_tests::ProcessStarts;
+using halvard_tests::ReadWholeFile;
 using halvard_tests::RecorderAt;
 using halvard_tests::Recording;
 using halvard_tests::Recordings;
@@ -61,16 +67,6 @@ bool RunValueExists(const std::wstring& name) {
                         nullptr) == ERROR_SUCCESS;
 }
 
-std::optional<int> CodeOfRegKeyError(const std::function<void()>& action, std::string& message) {
-    try {
-        action();
-    } catch (const RegKeyError& error) {
-        message = error.what();
-        return error.code().value();
-    }
-    return std::nullopt;
-}
-
 } // namespace
 
 class CreateLogonTask : public testing::TestWithParam<LogonTask> {};
@@ -82,8 +78,10 @@ TEST_P(CreateLogonTask, CreatesTheTaskFromTheInstalledFileAndThenSetsItsCommand)
          {L"T:\\Apps\\Pivot"s, L"T:\\Apps\\With blanks"s, L"T:\\Apps\\\u0416\u00e9"s}) {
         const PivotInstallation pivot(location);
         const std::size_t before = Recordings().size();
+        const ProcessStarts starts;
         EXPECT_EQ(task.create(0), 0U);
-        const std::vector<Recording> recordings = WaitForRecordings(before + 2);
+        starts.WaitUntilAllHaveEnded();
+        const std::vector<Recording> recordings = Recordings();
         ASSERT_EQ(recordings.size(), before + 2);
         EXPECT_EQ(recordings[before],
                   (Recording{L"schtasks.exe", location,
@@ -99,8 +97,10 @@ TEST_P(CreateLogonTask, ALocationThatEndsInASlash) {
     for (const wchar_t slash : {L'\\', L'/'}) {
         const PivotInstallation pivot(L"T:\\Apps\\Pivot" + std::wstring(1, slash));
         const std::size_t before = Recordings().size();
+        const ProcessStarts starts;
         EXPECT_EQ(task.create(0), 0U);
-        const std::vector<Recording> recordings = WaitForRecordings(before + 2);
+        starts.WaitUntilAllHaveEnded();
+        const std::vector<Recording> recordings = Recordings();
         ASSERT_EQ(recordings.size(), before + 2);
         EXPECT_EQ(recordings[before].commandLine,
                   task.CreateCommand(pivot.Location() + task.XmlFile()));
@@ -115,7 +115,6 @@ TEST_P(CreateLogonTask, MakesItsCallsInThisOrder) {
     const std::wstring xml = pivot.File(task.XmlFile());
     WriteWholeFile(xml, TaskXml(L"<LogonTrigger/>"));
     std::vector<std::wstring> calls;
-    HANDLE child = nullptr;
     HOOK(opening, RegOpenKeyExW,
          [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
              calls.push_back(std::wstring(L"key ") + subkey);
@@ -136,18 +135,12 @@ TEST_P(CreateLogonTask, MakesItsCallsInThisOrder) {
              calls.push_back(std::wstring(L"file ") + path);
              return files.Original(path, access, share, attributes, disposition, flags, pattern);
          });
-    HOOK(creating, CreateProcessW,
-         [&](LPCWSTR application, LPWSTR commandLine, LPSECURITY_ATTRIBUTES process,
-             LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags, LPVOID environment,
-             LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION created) {
-             calls.push_back(std::wstring(L"start ") + commandLine);
-             const BOOL done = creating.Original(application, commandLine, process, thread, inherit,
-                                                 flags, environment, directory, startup, created);
-             child = created->hProcess;
-             return done;
-         });
+    const ProcessStarts starts([&](ProcessStart& start) {
+        calls.push_back(std::wstring(L"start ") + start.commandLine);
+        return true;
+    });
     HOOK(waiting, WaitForSingleObject, [&](HANDLE handle, DWORD timeout) {
-        EXPECT_EQ(handle, child);
+        EXPECT_EQ(handle, starts.Process());
         EXPECT_EQ(timeout, static_cast<DWORD>(INFINITE));
         calls.push_back(L"wait");
         return waiting.Original(handle, timeout);
@@ -202,21 +195,20 @@ TEST_P(CreateLogonTask, GoesOnWithoutARunKey) {
 }
 
 TEST_P(CreateLogonTask, ThrowsWithoutTheInstallKeyOrItsLocation) {
-    const LogonTask& task = GetParam();
     const RecorderAt schtasks(halvard_tests::kSchtasks);
-    std::string message;
-    EXPECT_EQ(CodeOfRegKeyError([&] { task.create(0); }, message), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(message.find("Unable to open registry key: "), 0U);
+    const auto create = [] {
+        GetParam().create(0);
+    };
+    ExpectRegKeyError(create, "Unable to open registry key", ERROR_FILE_NOT_FOUND);
 
     const PivotInstallation pivot;
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey, L"Location");
-    EXPECT_EQ(CodeOfRegKeyError([&] { task.create(0); }, message), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(message.find("Unable to get registry value: "), 0U);
+    ExpectRegKeyError(create, "Unable to get registry value", ERROR_FILE_NOT_FOUND);
 
     const DWORD number = 1;
     RegSetKeyValueW(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey, L"Location", REG_DWORD, &number,
                     sizeof(number));
-    EXPECT_EQ(CodeOfRegKeyError([&] { task.create(0); }, message), ERROR_UNSUPPORTED_TYPE);
+    ExpectRegKeyError(create, "Unable to get registry value", ERROR_UNSUPPORTED_TYPE);
     EXPECT_EQ(Recordings().size(), 0U);
 }
 
@@ -225,7 +217,6 @@ TEST_P(CreateLogonTask, OpensTheInstallKeyForReadingAndWritingAndClosesIt) {
     const PivotInstallation pivot;
     GetParam().create(0);
     WaitForRecordings(2);
-    EXPECT_THROW(throw RegKeyError(0, std::system_category(), ""), RegKeyError); // opens its own
     int opened = 0;
     HOOK(opening, RegOpenKeyExW,
          [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY key) {
@@ -299,15 +290,15 @@ TEST_P(CreateLogonTask, LeavesARewrittenCopyInTheTemporaryFolderAndTheInstalledF
     const RecorderAt schtasks(halvard_tests::kSchtasks);
     const PivotInstallation pivot(L"T:\\Apps\\With blanks");
     WriteWholeFile(pivot.File(task.XmlFile()), TaskXml(L"<LogonTrigger/>"));
-    const std::string installed = ReadBytes(pivot.File(task.XmlFile()));
+    const std::string installed = ReadWholeFile(pivot.File(task.XmlFile()));
     EXPECT_EQ(task.create(0), 0U);
     WaitForRecordings(2);
 
-    const std::string copy = ReadBytes(InTemporaryFolder(task.XmlFile()));
+    const std::string copy = ReadWholeFile(InTemporaryFolder(task.XmlFile()));
     const std::wstring wide(reinterpret_cast<const wchar_t*>(copy.data()), copy.size() / 2);
     EXPECT_NE(wide.find(L">T:\\Apps\\With blanks</WorkingDirectory>"), std::wstring::npos);
     EXPECT_EQ(wide.find(L"shipped"), std::wstring::npos);
-    EXPECT_EQ(ReadBytes(pivot.File(task.XmlFile())), installed);
+    EXPECT_EQ(ReadWholeFile(pivot.File(task.XmlFile())), installed);
 }
 
 TEST_P(CreateLogonTask, RunsItsCommandsWhateverBecomesOfTheFile) {
@@ -404,8 +395,7 @@ class RemoveLogonTask : public testing::TestWithParam<LogonTask> {};
 TEST_P(RemoveLogonTask, DeletesTheTaskWaitsAndReportsThatSchtasksStarted) {
     const RecorderAt schtasks(halvard_tests::kSchtasks);
     const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"1");
-    wchar_t directory[MAX_PATH] = {};
-    GetCurrentDirectoryW(MAX_PATH, directory);
+    const std::wstring directory = CurrentDirectory();
     COUNT_CALLS(waiting, WaitForSingleObject);
     EXPECT_EQ(GetParam().remove(0), 1U);
     EXPECT_EQ(waiting.Calls(), 1);
@@ -443,8 +433,7 @@ INSTANTIATE_TEST_SUITE_P(LogonTasks, CreateLogonTask, testing::ValuesIn(kTasks))
 INSTANTIATE_TEST_SUITE_P(LogonTasks, RemoveLogonTask, testing::ValuesIn(kTasks));
 
 TEST(LaunchPV, RunsTheTaskAndReportsOneInAnyCase) {
-    wchar_t directory[MAX_PATH] = {};
-    GetCurrentDirectoryW(MAX_PATH, directory);
+    const std::wstring directory = CurrentDirectory();
     {
         const RecorderAt schtasks(halvard_tests::kSchtasks);
         COUNT_CALLS(waiting, WaitForSingleObject);
@@ -492,8 +481,7 @@ TEST(DeleteSchedTaskonBranding, DeletesTheTaskWhenTheMarkerIsOne) {
         expected += marker.deletes ? 1 : 0;
         EXPECT_EQ(Recordings().size(), expected) << marker.what;
     }
-    wchar_t directory[MAX_PATH] = {};
-    GetCurrentDirectoryW(MAX_PATH, directory);
+    const std::wstring directory = CurrentDirectory();
     EXPECT_EQ(Recordings()[0],
               (Recording{L"schtasks.exe", directory, L"schtasks /delete /TN \"StartPV\" /F"}));
 }

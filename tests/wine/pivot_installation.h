@@ -1,6 +1,7 @@
 #pragma once
 
 #include "child_programs.h"
+#include "files.h"
 
 #include <windows.h>
 
@@ -14,10 +15,6 @@ inline constexpr wchar_t kUserKey[] = L"SOFTWARE\\Zenvo\\PV";
 
 void SetRegistryString(HKEY root, const std::wstring& key, const std::wstring& name,
                        const std::wstring& text);
-
-void WriteWholeFile(const std::wstring& path, const std::wstring& utf16);
-void WriteWholeFile(const std::wstring& path, const std::string& bytes);
-std::string ReadBytes(const std::wstring& path);
 
 /// A small task definition as the package ships it, its elements in the order of the task schema.
 std::wstring TaskXml(const std::wstring& trigger);

@@ -2,6 +2,7 @@
 
 #include "import_hook.h"
 #include "open_handles.h"
+#include "registry_error.h"
 #include "registry_key.h"
 
 #include <gtest/gtest.h>
@@ -14,39 +15,15 @@ using halvard::ReadMultiString;
 using halvard::ReadRegistryString;
 using halvard::RegKeyError;
 using halvard::WriteMultiString;
+using halvard_tests::ExpectRegKeyError;
 using halvard_tests::ScratchKey;
 using Strings = std::list<std::wstring>;
 using namespace std::string_literals;
 
 namespace {
 
-struct ThrownError {
-    int code;
-    std::string what;
-};
-
-// What a RegKeyError carried, or nothing when none was thrown.
-template <class Action>
-std::optional<ThrownError> ErrorOf(Action action) {
-    try {
-        action();
-    } catch (const RegKeyError& error) {
-        EXPECT_EQ(error.code().category(), std::system_category());
-        return ThrownError{error.code().value(), error.what()};
-    }
-    return std::nullopt;
-}
-
 std::string Composed(const char* message, int code) {
     return std::string(message) + ": " + std::system_category().message(code);
-}
-
-template <class Action>
-void ExpectRegKeyError(Action action, const char* message, int code) {
-    const std::optional<ThrownError> error = ErrorOf(action);
-    ASSERT_TRUE(error.has_value());
-    EXPECT_EQ(error->code, code);
-    EXPECT_EQ(error->what, Composed(message, code));
 }
 
 constexpr char kUnableToGet[] = "Unable to get registry value";
@@ -262,6 +239,47 @@ TEST(OpenRegistryKey, ThrowsTheCodeOfTheFailure) {
                       ERROR_ACCESS_DENIED);
 }
 
+TEST(OpenRequiredKey, OpensWithTheRootAndTheAccessGiven) {
+    HOOK(opening, RegOpenKeyExW,
+         [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY) {
+             EXPECT_EQ(root, HKEY_CURRENT_USER);
+             EXPECT_EQ(subkey, L"Some\\Key"s);
+             EXPECT_EQ(options, 0U);
+             EXPECT_EQ(access, static_cast<REGSAM>(KEY_ALL_ACCESS | KEY_WOW64_32KEY));
+             return ERROR_ACCESS_DENIED;
+         });
+    ExpectRegKeyError(
+        [] {
+            halvard::OpenRequiredKey(HKEY_CURRENT_USER, L"Some\\Key",
+                                     KEY_ALL_ACCESS | KEY_WOW64_32KEY);
+        },
+        kUnableToOpen, ERROR_ACCESS_DENIED);
+    EXPECT_EQ(opening.Calls(), 1);
+}
+
+TEST(ReadRequiredString, ReadsTheValueAndClosesTheKey) {
+    const ScratchKey key;
+    key.SetString(L"Name", L"text");
+    const int before = halvard_tests::OpenHandleCount();
+    EXPECT_EQ(
+        halvard::ReadRequiredString(HKEY_LOCAL_MACHINE, key.Path().c_str(), KEY_READ, L"Name"),
+        L"text");
+    EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
+}
+
+TEST(ReadRequiredString, ThrowsWithoutTheKeyOrTheValueAndLeavesNothingOpen) {
+    const ScratchKey key;
+    const auto read = [](const std::wstring& path) {
+        halvard::ReadRequiredString(HKEY_LOCAL_MACHINE, path.c_str(), KEY_READ, L"Missing");
+    };
+    ExpectRegKeyError([&] { read(key.Path()); }, kUnableToGet, ERROR_FILE_NOT_FOUND);
+    const int before = halvard_tests::OpenHandleCount();
+    ExpectRegKeyError([&] { read(key.Path()); }, kUnableToGet, ERROR_FILE_NOT_FOUND);
+    ExpectRegKeyError([&] { read(key.Path() + L"\\Missing"); }, kUnableToOpen,
+                      ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
+}
+
 TEST(CloseRegistryKey, ClosesTheKeyOnceAndLeavesTheHolderNull) {
     const ScratchKey key;
     const int before = halvard_tests::OpenHandleCount();
@@ -472,13 +490,8 @@ TEST(WriteMultiString, KeepsItsCodeWhenTheNameCannotBeConverted) {
     const ScratchKey key;
     FAIL_CALL(writing, RegSetValueExW, 0, ERROR_ACCESS_DENIED, NO_ERROR);
     FAIL_CALL(converting, WideCharToMultiByte, 0, 0, ERROR_NO_UNICODE_TRANSLATION);
-    try {
-        WriteMultiString(key.Get(), L"List", {L"a"});
-        FAIL() << "no exception";
-    } catch (const RegKeyError& error) {
-        EXPECT_EQ(error.code().value(), ERROR_ACCESS_DENIED);
-        EXPECT_EQ(std::string(error.what()).find("Unable to write REG_MULTI_SZ value = : "), 0U);
-    }
+    ExpectRegKeyError([&] { WriteMultiString(key.Get(), L"List", {L"a"}); },
+                      "Unable to write REG_MULTI_SZ value = ", ERROR_ACCESS_DENIED);
 }
 
 TEST(WriteMultiString, CutsTheMessageAt259Bytes) {
@@ -489,6 +502,6 @@ TEST(WriteMultiString, CutsTheMessageAt259Bytes) {
     for (const std::size_t length : {room, room + 1, std::size_t{16000}}) {
         const std::string message = start + std::string(room, 'n');
         ExpectRegKeyError([&] { WriteMultiString(key.Get(), std::wstring(length, L'n'), {L"a"}); },
-                          message.c_str(), ERROR_ACCESS_DENIED);
+                          message, ERROR_ACCESS_DENIED);
     }
 }

@@ -288,7 +288,6 @@ TEST(RegistryWalk, SkipsWhatACallRefusesAndClosesItsKeys) {
 TEST(RegistryWalk, ClosesItsKeysWhenMemoryRunsOut) {
     const ScratchKey key;
     MakeSmallTree(key);
-    EXPECT_THROW(throw std::bad_alloc(), std::bad_alloc); // the first one makes handles of its own
     const std::function<void()> walks[] = {[&] { Walk(key); },
                                            [&] {
                                                Query(HKEY_LOCAL_MACHINE, key.Path());

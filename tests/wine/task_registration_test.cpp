@@ -4,6 +4,7 @@
 #include "tasks/task_templates.h"
 
 #include "allocation_failure.h"
+#include "current_session.h"
 #include "import_hook.h"
 #include "stand_in_session.h"
 #include "task_scheduler_stand_in.h"
@@ -273,7 +274,7 @@ TEST(RegisterTaskFromXml, AStringThatCannotBeAllocatedIsAFailureOfItsStep) {
 
 TEST(RegisterTaskFromXml, NoneOfItsLinesReachesTheSession) {
     const StandInSession session;
-    halvard::SetCurrentSession(session.Get());
+    const halvard_tests::CurrentSessionScope current(session.Get());
     for (const HRESULT result : {S_OK, E_FAIL}) {
         StandInTaskScheduler scheduler;
         scheduler.apartmentResult = RPC_E_CHANGED_MODE;
@@ -282,7 +283,6 @@ TEST(RegisterTaskFromXml, NoneOfItsLinesReachesTheSession) {
     }
     EXPECT_EQ(session.Messages().size(), 0U);
     EXPECT_EQ(halvard::CurrentSession(), session.Get());
-    halvard::SetCurrentSession(0);
 }
 
 TEST(RegisterTaskFromXml, ReportsADefinitionBrokenByAnAmpersand) {

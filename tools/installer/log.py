@@ -50,7 +50,8 @@ class ActionRun:
     """One call of a custom action.
 
     `verdict` is the 'Return value' of the log, which is not what the action returned; None when the
-    log does not tell of the action's end. `duration` is in milliseconds and includes what the
+    log does not tell of the action's end. `result` is what the action returned, None when the run
+    was not watched for it or the action did not return. `duration` is in milliseconds and includes what the
     engine needs to unpack and load the library. `data` is what a deferred action got as
     CustomActionData.
     """
@@ -61,6 +62,7 @@ class ActionRun:
     verdict: int | None = None
     duration: float | None = None
     data: str | None = None
+    result: int | None = None
     lines: list[str] = field(default_factory=list)
 
     @property
@@ -74,9 +76,15 @@ class ActionRun:
 
 
 def action_runs(
-    lines: Sequence[LogLine], definitions: Mapping[str, ActionDefinition]
+    lines: Sequence[LogLine],
+    definitions: Mapping[str, ActionDefinition],
+    results: Sequence[int | None] = (),
 ) -> list[ActionRun]:
-    """The calls of the defined actions, in the order of their starts."""
+    """The calls of the defined actions, in the order of their starts.
+
+    `results` are those of all calls of the session; where their number differs from that of the
+    runs, no run gets one.
+    """
     runs: list[ActionRun] = []
     open_actions: list[tuple[str, ActionRun | None]] = []
     for line in lines:
@@ -95,6 +103,9 @@ def action_runs(
         run.lines = _without_trailing_blanks(run.lines)
         if run.definition.execution is not Execution.IMMEDIATE:
             run.data = properties.get(run.name)
+    if len(results) == len(runs):
+        for run, result in zip(runs, results):
+            run.result = result
     return runs
 
 

@@ -181,7 +181,7 @@ def _shown_data(data: str) -> str:
 
 
 def _registry(prefix: Prefix) -> dict[str, str]:
-    with tempfile.TemporaryDirectory(dir=paths.BUILD, prefix="registry-") as folder:
+    with tempfile.TemporaryDirectory(dir=prefix.path, prefix="registry-") as folder:
         saved = prefix.run(
             paths.REGISTRY_SAVE, paths.windows_path(Path(folder)), limit=SAVE_LIMIT
         )

@@ -8,15 +8,19 @@ import uuid
 import xml.etree.ElementTree as ElementTree
 from dataclasses import dataclass
 from pathlib import Path
+from typing import Iterator
 
 from installer import paths
 from installer.log import ActionDefinition, Execution
 
 COMPANION = paths.PACKAGE_SOURCES / "Companion.wxs"
+SECOND_CLIENT = paths.PACKAGE_SOURCES / "SecondClient.wxs"
 LIBRARY_STREAM = "Halvard_CA"
 
 _PRODUCTS = uuid.UUID("8C0B7A52-1F0E-4B7C-9D5E-6B8A5E3F2D41")
 _SOURCE_NAMESPACE = {"wix": "http://schemas.microsoft.com/wix/2006/wi"}
+_COPIED_TO = "DestinationDirectory"
+_INCLUDE = re.compile(r"<\?include (\S+) \?>")
 
 # Bits of the Type column of the table CustomAction.
 _LIBRARY_IN_BINARY_TABLE = 0x0001
@@ -68,13 +72,15 @@ def build(source: Path = COMPANION, library: Path = paths.LIBRARY) -> Path:
         "Version": identity.version,
         "UpgradeCode": str(upgrade_code).upper(),
         "ProductCode": str(product_code).upper(),
-        # wixl takes a path that begins with a slash for a missing file.
-        "Library": os.path.relpath(library, source.parent),
     }
+    files = {"Library": library} | paths.STAND_INS
+    # wixl takes a path that begins with a slash for a missing file.
+    definitions |= {name: os.path.relpath(file, source.parent) for name, file in files.items()}
     switches = [word for name, value in definitions.items() for word in ("-D", f"{name}={value}")]
     _run("wixl", "--arch", "x64", *switches, "-o", str(package), source.name, folder=source.parent)
     _correct_action_types(package, source)
     _add_commands(package, source)
+    _add_copies(package, source)
     return package
 
 
@@ -119,7 +125,7 @@ def library_actions(package: Path) -> dict[str, ActionDefinition]:
 def _correct_action_types(package: Path, source: Path) -> None:
     # wixl makes immediate actions of rollback and commit actions, and marks immediate ones as
     # running without impersonation.
-    for element in ElementTree.parse(source).iterfind(".//wix:CustomAction", _SOURCE_NAMESPACE):
+    for element in _elements(source, "CustomAction"):
         if "DllEntry" in element.attrib:
             change(
                 package,
@@ -130,7 +136,7 @@ def _correct_action_types(package: Path, source: Path) -> None:
 
 def _add_commands(package: Path, source: Path) -> None:
     # wixl leaves out actions that run a command in a folder.
-    for element in ElementTree.parse(source).iterfind(".//wix:CustomAction", _SOURCE_NAMESPACE):
+    for element in _elements(source, "CustomAction"):
         if "ExeCommand" in element.attrib:
             row = [element.attrib[name] for name in ("Id", "Directory", "ExeCommand")]
             change(
@@ -139,6 +145,36 @@ def _add_commands(package: Path, source: Path) -> None:
                 f"VALUES ('{row[0]}', {_action_type(element, _COMMAND_IN_FOLDER)}, "
                 f"'{row[1]}', '{row[2]}')",
             )
+
+
+def _add_copies(package: Path, source: Path) -> None:
+    # wixl does not know files that are copied once more when they have been installed.
+    rows = [
+        (copy.attrib["Id"], component.attrib["Id"], file.attrib["Id"], copy.attrib[_COPIED_TO])
+        for component in _elements(source, "Component")
+        for file in component.iterfind("wix:File", _SOURCE_NAMESPACE)
+        for copy in file.iterfind("wix:CopyFile", _SOURCE_NAMESPACE)
+    ]
+    if rows:
+        change(
+            package,
+            "CREATE TABLE DuplicateFile (FileKey CHAR(72) NOT NULL, Component_ CHAR(72) NOT NULL, "
+            "File_ CHAR(72) NOT NULL, DestName CHAR(255) LOCALIZABLE, DestFolder CHAR(72) "
+            "PRIMARY KEY FileKey)",
+        )
+    for row in rows:
+        change(
+            package,
+            "INSERT INTO DuplicateFile (FileKey, Component_, File_, DestFolder) "
+            f"VALUES ('{row[0]}', '{row[1]}', '{row[2]}', '{row[3]}')",
+        )
+
+
+def _elements(source: Path, tag: str) -> Iterator[ElementTree.Element]:
+    """The elements of this name in a source and in what it includes."""
+    files = [source.with_name(name) for name in _INCLUDE.findall(source.read_text())]
+    for file in (source, *files):
+        yield from ElementTree.parse(file).iterfind(f".//wix:{tag}", _SOURCE_NAMESPACE)
 
 
 def _action_type(element: ElementTree.Element, kind: int = _LIBRARY_IN_BINARY_TABLE) -> int:

@@ -10,6 +10,13 @@ CMAKE_LISTS = ROOT / "CMakeLists.txt"
 LIBRARY = PROGRAMS / "Utilities/CustomActions/Halvard_CA/Halvard_CA.dll"
 PREFIX_GUARD = PROGRAMS / "tests/support/prefix_guard.exe"
 REGISTRY_SAVE = PROGRAMS / "tools/registry_save.exe"
+# What stands in for the suite's own programs in packages: a tool that records what it was told, a
+# service and a COM server.
+STAND_INS = {
+    "Recorder": PROGRAMS / "tests/support/recorder.exe",
+    "Service": PROGRAMS / "tests/support/test_service.exe",
+    "Server": PROGRAMS / "tests/support/com_server.dll",
+}
 MAKE_PREFIX = ROOT / "tests/support/make_prefix.sh"
 
 PACKAGE_SOURCES = ROOT / "package"

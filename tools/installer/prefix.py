@@ -14,6 +14,7 @@ from pathlib import Path
 from typing import Mapping, Sequence
 
 from installer import paths
+from installer.confinement import ConfinedThread
 
 WINE = "/usr/lib/wine/wine64"
 MAKE_LIMIT = 180.0
@@ -28,6 +29,9 @@ class UnsafePrefix(RuntimeError):
 class Prefix:
     """A fresh prefix for the length of a `with` block.
 
+    Its programs can change files of the prefix, of its throw-away folder, of the folder of
+    installer logs and of `results`, and no others.
+
     One process of the prefix is kept alive for all of the block: services end with the last
     process, and starting a program in a living prefix takes a tenth of the time.
     """
@@ -37,13 +41,16 @@ class Prefix:
         name: str,
         guard: Path = paths.PREFIX_GUARD,
         environment: Mapping[str, str] | None = None,
+        results: Sequence[Path] = (),
     ) -> None:
         self.path = paths.BUILD / name
         self.drive_c = self.path / "drive_c"
         self.throwaway = paths.BUILD / f"{name}.throwaway"
         self._guard = guard
+        self._results = results
         self._environment = _environment(self.path) | dict(environment or {})
         self._keeper: subprocess.Popen[bytes] | None = None
+        self._starter: ConfinedThread | None = None
 
     def __enter__(self) -> "Prefix":
         try:
@@ -69,7 +76,10 @@ class Prefix:
 
         A session of its own keeps Ctrl-C away from the program, which is ended with its prefix.
         """
-        return subprocess.Popen(
+        if self._starter is None:
+            self._starter = ConfinedThread(self._writable())
+        return self._starter.call(
+            subprocess.Popen,
             [WINE, str(program), *arguments],
             env=self._environment | dict(environment or {}),
             cwd=self.drive_c / "windows/system32",
@@ -95,6 +105,12 @@ class Prefix:
             text = output.read().decode(errors="replace")
         return subprocess.CompletedProcess([str(program), *arguments], process.returncode, text)
 
+    def host_path(self, path: str) -> Path:
+        """Where a path of drive c: or t: lies on the host."""
+        drives = {"C:": self.drive_c, "T:": self.throwaway}
+        drive, *names = path.split("\\")
+        return drives[drive].joinpath(*names)
+
     def stop(self) -> None:
         """Ends every process of this prefix and of no other."""
         # First, for a program that is still starting would bring the ended prefix back to life.
@@ -106,12 +122,20 @@ class Prefix:
             self._keeper = None
         if (self.path / "dosdevices").is_dir() and not self._wineserver("-k", "-w"):
             self._wineserver("-k9", "-w")
+        if self._starter is not None:
+            self._starter.end()
+            self._starter = None
 
     def _make(self) -> None:
         command = ["sh", str(paths.MAKE_PREFIX), str(self.path)]
         made = _run_tool(command, MAKE_LIMIT, _environment(self.path))
         if made.returncode != 0:
             raise UnsafePrefix(f"no prefix could be made: {made.stdout.strip()}")
+
+    def _writable(self) -> list[Path]:
+        paths.LOGS.mkdir(parents=True, exist_ok=True)
+        own = [self.path, self.throwaway, _server_folder(self.path)]
+        return [*own, paths.LOGS, *self._results, Path(os.devnull)]
 
     def _check(self) -> None:
         danger = link_danger(self.path, self.throwaway)
@@ -166,6 +190,24 @@ def link_danger(prefix: Path, throwaway: Path) -> str:
                 if os.path.islink(path):
                     return f"{path} is a link"
     return ""
+
+
+def _server_folder(prefix: Path) -> Path:
+    """The folder in which the processes of a prefix meet; made here, for they cannot make it."""
+    runtime = Path(f"/run/user/{os.getuid()}")
+    # Debian's Wine keeps a name of its own choice, others have a fixed one.
+    chosen = prefix / "wineserver"
+    if runtime.is_dir():
+        parent = runtime / "wine"
+    elif chosen.is_file():
+        parent = Path("/tmp") / Path(chosen.read_text().strip()).name
+    else:
+        parent = Path(f"/tmp/.wine-{os.getuid()}")
+    identity = prefix.stat()
+    folder = parent / f"server-{identity.st_dev:x}-{identity.st_ino:x}"
+    for made in (parent, folder):
+        made.mkdir(mode=0o700, exist_ok=True)
+    return folder
 
 
 def _environment(prefix: Path) -> dict[str, str]:

@@ -2,14 +2,17 @@
 
 The installer's own stamps are whole seconds. The log is therefore followed while it grows, and each
 line gets the time of its arrival: milliseconds since the start, late by up to `POLL`.
+
+What an action returned does not stand in the log; the trace of the engine's calls tells it.
 """
 
 import codecs
+import re
 import subprocess
 import time
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Callable, Sequence
+from typing import Callable, Iterable, Mapping, Sequence
 
 from installer import paths
 from installer.log import LogLine
@@ -20,6 +23,15 @@ LIMIT = 60.0
 PROGRESS_INTERVAL = 2.0
 
 INSTALL_FAILURE = 1603
+NO_MORE_ITEMS = 259
+
+# The engine runs each action of a library on a thread of its own, through this function.
+_CALL = "msi.__wine_msi_call_dll_function"
+_TRACED_CALL = re.compile(rf"(?P<thread>\w+):Call {re.escape(_CALL)}\(")
+_TRACED_RETURN = re.compile(
+    rf"(?P<thread>\w+):Ret  {re.escape(_CALL)}\(\) retval=(?P<result>[0-9a-f]+) "
+)
+_TRACE = {"WINEDEBUG": "-all,trace+relay"}
 
 Progress = Callable[[float, str], None]
 
@@ -38,6 +50,9 @@ class SessionResult:
     log: Path
     seconds: float
     lines: list[LogLine] = field(repr=False)
+    # What the actions of the session returned, in the order of their calls; None for one that did
+    # not return. Empty in a prefix that does not watch them.
+    results: list[int | None] = field(default_factory=list)
 
     @property
     def texts(self) -> list[str]:
@@ -49,6 +64,15 @@ class SessionResult:
             f"msiexec {' '.join(self.arguments)}\n"
             f"exit code {self.exit_code}, installer log {paths.shown(self.log)}"
         )
+
+
+def watch_results(prefix: Prefix) -> Mapping[str, str]:
+    """Prepares a prefix for runs that tell what actions returned: the environment for them."""
+    key = r"HKCU\Software\Wine\Debug"
+    added = prefix.run("reg.exe", "add", key, "/v", "RelayInclude", "/d", _CALL, "/f")
+    if added.returncode != 0:
+        raise RuntimeError(f"the results of actions cannot be watched: {added.stdout}")
+    return _TRACE
 
 
 def install(prefix: Prefix, package: Path, *properties: str, **options) -> SessionResult:
@@ -67,6 +91,7 @@ def run(
     log_name: str = "session",
     limit: float = LIMIT,
     progress: Progress | None = None,
+    environment: Mapping[str, str] | None = None,
 ) -> SessionResult:
     """Runs msiexec without a user interface and follows its log.
 
@@ -80,8 +105,15 @@ def run(
     command = [*arguments, "/qn", "/l*v", paths.windows_path(log)]
 
     start = time.monotonic()
-    with open(log.with_suffix(".output"), "wb") as output:
-        process = prefix.start("msiexec.exe", *command, stdout=output, stderr=subprocess.STDOUT)
+    printed = log.with_suffix(".output")
+    with open(printed, "wb") as output:
+        process = prefix.start(
+            "msiexec.exe",
+            *command,
+            environment=environment,
+            stdout=output,
+            stderr=subprocess.STDOUT,
+        )
     try:
         lines = _follow(process, log, start, limit, progress)
         in_time = process.poll() is not None
@@ -93,7 +125,22 @@ def run(
             f"msiexec {' '.join(command)} did not end within {limit:g} s, "
             f"installer log {paths.shown(log)}"
         )
-    return SessionResult(command, process.returncode, log, time.monotonic() - start, lines)
+    seconds = time.monotonic() - start
+    results = traced_results(printed.read_text(errors="replace").splitlines())
+    return SessionResult(command, process.returncode, log, seconds, lines, results)
+
+
+def traced_results(trace: Iterable[str]) -> list[int | None]:
+    """What actions returned, in the order of their calls; None for one that did not return."""
+    results: list[int | None] = []
+    open_calls: dict[str, int] = {}
+    for line in trace:
+        if call := _TRACED_CALL.match(line):
+            open_calls[call["thread"]] = len(results)
+            results.append(None)
+        elif (ended := _TRACED_RETURN.match(line)) and ended["thread"] in open_calls:
+            results[open_calls.pop(ended["thread"])] = int(ended["result"], 16)
+    return results
 
 
 def _follow(

@@ -1,25 +1,19 @@
 #include "runtime/registry.h"
 
 #include "registry_key.h"
+#include "time_of.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 
+using halvard_tests::Duration;
+using halvard_tests::Growth;
 using halvard_tests::ScratchKey;
+using halvard_tests::TimeOf;
 using Paths = std::vector<std::wstring>;
 
 namespace {
-
-using Duration = std::chrono::duration<double>;
-
-template <class Action>
-Duration TimeOf(Action action) {
-    const auto start = std::chrono::steady_clock::now();
-    action();
-    return std::chrono::steady_clock::now() - start;
-}
 
 std::size_t EnumerateValuesBare(HKEY key) {
     std::wstring name(16383, L'\0');
@@ -51,48 +45,62 @@ void MakeValues(const ScratchKey& key, std::size_t count) {
     }
 }
 
+void MakeKeys(const ScratchKey& key, int count) {
+    for (int index = 0; index < count; ++index) {
+        key.CreateSubkey(L"key " + std::to_wstring(index));
+    }
+}
+
+// Ten walks of few take as long as one of ten times as many, so that what disturbs the machine
+// disturbs both alike.
+template <class TimedWalk>
+Duration OneOfTen(TimedWalk walk) {
+    Duration ten = Duration::zero();
+    for (int run = 0; run < 10; ++run) {
+        ten += walk();
+    }
+    return ten / 10;
+}
+
 } // namespace
 
 TEST(WalkTime, GrowsLinearlyAndStaysWithinTwiceABareEnumeration) {
-    // The shortest of three runs, taken in turns: what disturbs a run only makes it longer.
-    constexpr int runs = 3;
-    const ScratchKey key;
-    MakeValues(key, 2000);
-    Duration walkOfFew = Duration::max();
-    for (int run = 0; run < runs; ++run) {
-        walkOfFew = std::min(walkOfFew, TimeOf([&] { WalkValues(key); }));
-    }
-
-    MakeValues(key, 20000);
-    Duration bare = Duration::max();
-    Duration walk = Duration::max();
-    Duration query = Duration::max();
-    for (int run = 0; run < runs; ++run) {
-        bare = std::min(bare, TimeOf([&] { EXPECT_EQ(EnumerateValuesBare(key.Get()), 20000U); }));
-        walk = std::min(walk, TimeOf([&] { EXPECT_EQ(WalkValues(key).size(), 20000U); }));
-        query = std::min(query, TimeOf([&] { EXPECT_EQ(QueryPaths(key).size(), 20000U); }));
-    }
-    EXPECT_LE(walk.count(), 2 * bare.count());
-    EXPECT_LE(query.count(), 2 * bare.count());
-    EXPECT_LE(walk.count(), 12 * walkOfFew.count());
+    const ScratchKey few(L"SOFTWARE\\HalvardFewValues");
+    const ScratchKey many(L"SOFTWARE\\HalvardManyValues");
+    MakeValues(few, 2000);
+    MakeValues(many, 20000);
+    const auto walk = [](const ScratchKey& key, std::size_t count) {
+        return TimeOf([&] { EXPECT_EQ(WalkValues(key).size(), count); });
+    };
+    const auto walkOfFew = [&] {
+        return OneOfTen([&] { return walk(few, 2000); });
+    };
+    const auto walkOfMany = [&] {
+        return walk(many, 20000);
+    };
+    const auto query = [&] {
+        return TimeOf([&] { EXPECT_EQ(QueryPaths(many).size(), 20000U); });
+    };
+    const auto bare = [&] {
+        return TimeOf([&] { EXPECT_EQ(EnumerateValuesBare(many.Get()), 20000U); });
+    };
+    EXPECT_LE(Growth(bare, walkOfMany, 2), 2);
+    EXPECT_LE(Growth(bare, query, 2), 2);
+    EXPECT_LE(Growth(walkOfFew, walkOfMany, 12), 12);
 }
 
 TEST(WalkTime, OfKeysGrowsLinearly) {
-    const ScratchKey key;
-    const auto makeKeys = [&](int count) {
-        for (int index = 0; index < count; ++index) {
-            key.CreateSubkey(L"key " + std::to_wstring(index));
-        }
+    const ScratchKey few(L"SOFTWARE\\HalvardFewKeys");
+    const ScratchKey many(L"SOFTWARE\\HalvardManyKeys");
+    const auto timeOf = [](const ScratchKey& key, std::size_t count) {
+        return TimeOf([&] { EXPECT_EQ(QueryPaths(key).size(), count); });
     };
-    Duration few = Duration::max();
-    Duration many = Duration::max();
-    makeKeys(300);
-    for (int run = 0; run < 3; ++run) {
-        few = std::min(few, TimeOf([&] { EXPECT_EQ(QueryPaths(key).size(), 300U); }));
-    }
-    makeKeys(3000);
-    for (int run = 0; run < 3; ++run) {
-        many = std::min(many, TimeOf([&] { EXPECT_EQ(QueryPaths(key).size(), 3000U); }));
-    }
-    EXPECT_LE(many.count(), 12 * few.count());
+    MakeKeys(few, 300);
+    MakeKeys(many, 3000);
+    const auto walkOfFew = [&] {
+        return OneOfTen([&] { return timeOf(few, 300); });
+    };
+    EXPECT_LE(Growth(
+                  walkOfFew, [&] { return timeOf(many, 3000); }, 12),
+              12);
 }

@@ -13,4 +13,8 @@ std::wstring GetDataValue(const std::wstring& data, const std::wstring& key) {
     return data.substr(start, end == std::wstring::npos ? end : end - start);
 }
 
+std::wstring GetDataValueOrEmpty(const std::wstring& data, const std::wstring& key) {
+    return data.find(key) == std::wstring::npos ? std::wstring() : GetDataValue(data, key);
+}
+
 } // namespace halvard

@@ -17,4 +17,8 @@ namespace halvard {
 /// happens only for an absent key and a text shorter than the key's length minus 1.
 std::wstring GetDataValue(const std::wstring& data, const std::wstring& key);
 
+/// The value that GetDataValue picks, empty when the key is absent: for values that must never be
+/// made of other text. Throws std::bad_alloc only.
+std::wstring GetDataValueOrEmpty(const std::wstring& data, const std::wstring& key);
+
 } // namespace halvard

@@ -2,6 +2,13 @@
 
 namespace halvard {
 
+std::optional<std::wstring> CommandWithin(std::wstring command, std::size_t limit) {
+    if (command.size() >= limit) {
+        return std::nullopt;
+    }
+    return command;
+}
+
 std::wstring CmdCommandLine(const std::wstring& command) {
     return L"cmd.exe /C \"" + command + L"\"";
 }

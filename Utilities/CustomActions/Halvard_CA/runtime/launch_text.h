@@ -1,9 +1,17 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace halvard {
+
+/// The longest command line that the suite's own tools and TaskKill.exe are started with, in wide
+/// characters with its terminator.
+inline constexpr std::size_t kLaunchCommandLimit = 519;
+
+/// The command, or nothing when it does not fit `limit` wide characters with its terminator.
+std::optional<std::wstring> CommandWithin(std::wstring command, std::size_t limit);
 
 /// The command line that lets the command interpreter run `command`: "cmd.exe /C " and the command
 /// in one pair of double quotes. Quotes inside the command stay as they are.

@@ -153,14 +153,23 @@ std::wstring ReadRegistryString(HKEY key, const std::wstring& subkey, const std:
     return text;
 }
 
-KeyHolder OpenRegistryKey(std::wstring subkey) { // NOLINT(performance-unnecessary-value-param)
+KeyHolder OpenRequiredKey(HKEY root, const wchar_t* subkey, REGSAM access) {
     HKEY opened = nullptr;
-    const LSTATUS status =
-        RegOpenKeyExW(HKEY_LOCAL_MACHINE, subkey.c_str(), 0, KEY_READ | KEY_WRITE, &opened);
+    const LSTATUS status = RegOpenKeyExW(root, subkey, 0, access, &opened);
     if (status != ERROR_SUCCESS) {
         ThrowRegKeyError(status, "Unable to open registry key");
     }
     return KeyHolder(opened);
+}
+
+KeyHolder OpenRegistryKey(std::wstring subkey) { // NOLINT(performance-unnecessary-value-param)
+    return OpenRequiredKey(HKEY_LOCAL_MACHINE, subkey.c_str(), KEY_READ | KEY_WRITE);
+}
+
+std::wstring ReadRequiredString(HKEY root, const wchar_t* subkey, REGSAM access,
+                                const wchar_t* name) {
+    const KeyHolder key = OpenRequiredKey(root, subkey, access);
+    return ReadRegistryString(key.get(), L"", name, true);
 }
 
 std::list<std::wstring> ReadMultiString(HKEY key, const std::wstring& name) {

@@ -41,9 +41,17 @@ void CloseRegistryKey(KeyHolder& key) noexcept;
 std::wstring ReadRegistryString(HKEY key, const std::wstring& subkey, const std::wstring& name,
                                 bool throwOnError);
 
+/// Opens a key that has to be there. Throws RegKeyError ("Unable to open registry key").
+KeyHolder OpenRequiredKey(HKEY root, const wchar_t* subkey, REGSAM access);
+
 /// Opens a key below HKEY_LOCAL_MACHINE for reading and writing, so that callers need
-/// administrative rights even to read. Throws RegKeyError ("Unable to open registry key").
+/// administrative rights even to read. Throws as OpenRequiredKey does.
 KeyHolder OpenRegistryKey(std::wstring subkey);
+
+/// A REG_SZ value that has to be there, of a key that has to be there and is closed again. Throws
+/// RegKeyError ("Unable to open registry key", "Unable to get registry value").
+std::wstring ReadRequiredString(HKEY root, const wchar_t* subkey, REGSAM access,
+                                const wchar_t* name);
 
 /// The elements of a REG_MULTI_SZ value as SplitMultiString cuts them: the empty string that the
 /// value's final terminator yields is kept. Throws RegKeyError ("Unable to get registry value")

@@ -1,5 +1,8 @@
 #include "tasks/benchmark_task.h"
 
+#include "runtime/file_paths.h"
+#include "runtime/pivot.h"
+#include "runtime/registry.h"
 #include "tasks/schtasks_actions.h"
 #include "tasks/schtasks_commands.h"
 #include "tasks/task_xml_rewriter.h"
@@ -15,14 +18,14 @@ UINT __stdcall CreateBenchMarkRunOnceSchTask(MSIHANDLE /*session*/) {
     halvard::LookUpSystemFolder();
 
     // The marker counts only where something bears its text as a name; that is how it is tested.
-    const std::wstring marker =
-        halvard::ReadRequiredString(HKEY_CURRENT_USER, L"SOFTWARE\\Zenvo\\PV", L"VxBench");
+    const std::wstring marker = halvard::ReadRequiredString(
+        HKEY_CURRENT_USER, L"SOFTWARE\\Zenvo\\PV", KEY_READ | KEY_WRITE, L"VxBench");
     if (halvard::PathExists(marker) && marker == L"1") {
         return ERROR_SUCCESS;
     }
 
-    const std::wstring location =
-        halvard::ReadRequiredString(HKEY_LOCAL_MACHINE, halvard::kPivotInstallKey, L"Location");
+    const std::wstring location = halvard::ReadRequiredString(
+        HKEY_LOCAL_MACHINE, halvard::kPivotInstallKey, KEY_READ | KEY_WRITE, L"Location");
     if (!halvard::PathExists(location)) {
         return ERROR_SUCCESS;
     }

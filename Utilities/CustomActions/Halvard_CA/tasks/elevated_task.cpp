@@ -5,22 +5,12 @@
 #include "tasks/task_registration.h"
 #include "tasks/task_templates.h"
 
-namespace {
-
-// Empty when the key is absent: what GetDataValue yields then must not become a command that runs
-// elevated.
-std::wstring CommandToLaunch(const std::wstring& data) {
-    const std::wstring key = L"CommandToLaunch=";
-    return data.find(key) == std::wstring::npos ? std::wstring() : halvard::GetDataValue(data, key);
-}
-
-} // namespace
-
 UINT __stdcall CreateTriggerlessElevatedScheduleTask(MSIHANDLE session) {
     halvard::SetCurrentSession(session);
     const std::wstring data = halvard::ReadCustomActionData(session);
     const std::wstring taskName = halvard::GetDataValue(data, L"TaskName=");
-    const std::wstring command = CommandToLaunch(data);
+    // What GetDataValue yields for an absent key must not become a command that runs elevated.
+    const std::wstring command = halvard::GetDataValueOrEmpty(data, L"CommandToLaunch=");
     const std::wstring userName = halvard::GetDataValue(data, L"Username=");
 
     halvard::LogMessage(halvard::CurrentSession(), L"Task Name %s", taskName.c_str());

@@ -1,5 +1,8 @@
 #include "tasks/logon_tasks.h"
 
+#include "runtime/file_paths.h"
+#include "runtime/pivot.h"
+#include "runtime/registry.h"
 #include "tasks/schtasks_actions.h"
 #include "tasks/schtasks_commands.h"
 #include "tasks/task_xml_rewriter.h"
@@ -31,8 +34,8 @@ UINT CreateLogonTask(const LogonTask& task) {
     RemoveRunValue(task.name);
     halvard::LookUpSystemFolder();
 
-    const std::wstring location =
-        halvard::ReadRequiredString(HKEY_LOCAL_MACHINE, halvard::kPivotInstallKey, L"Location");
+    const std::wstring location = halvard::ReadRequiredString(
+        HKEY_LOCAL_MACHINE, halvard::kPivotInstallKey, KEY_READ | KEY_WRITE, L"Location");
     if (!halvard::PathExists(location)) {
         return ERROR_INSTALL_FAILURE;
     }

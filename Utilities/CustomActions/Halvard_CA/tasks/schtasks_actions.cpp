@@ -1,23 +1,11 @@
 #include "tasks/schtasks_actions.h"
 
 #include "runtime/launch.h"
-#include "runtime/registry.h"
 #include "tasks/schtasks_commands.h"
 
 #include <shlobj.h>
 
 namespace halvard {
-
-std::wstring ReadRequiredString(HKEY root, const wchar_t* subkey, const wchar_t* name) {
-    HKEY opened = nullptr;
-    const LSTATUS status = RegOpenKeyExW(root, subkey, 0, KEY_READ | KEY_WRITE, &opened);
-    if (status != ERROR_SUCCESS) {
-        throw RegKeyError(static_cast<int>(status), std::system_category(),
-                          "Unable to open registry key");
-    }
-    const KeyHolder key(opened);
-    return ReadRegistryString(key.get(), L"", name, true);
-}
 
 bool PathExists(const std::wstring& path) {
     return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;

@@ -9,16 +9,6 @@
 
 namespace halvard {
 
-/// The key of the settings application's installation, below HKEY_LOCAL_MACHINE.
-inline constexpr wchar_t kPivotInstallKey[] = L"SOFTWARE\\Qorta Technologies\\Install\\Pivot";
-
-/// The settings application's command tool.
-inline constexpr wchar_t kPivotProgram[] = L"pvcmd.exe";
-
-/// A REG_SZ value of a key that has to be there, opened for reading and writing. Throws RegKeyError
-/// ("Unable to open registry key", "Unable to get registry value").
-std::wstring ReadRequiredString(HKEY root, const wchar_t* subkey, const wchar_t* name);
-
 /// Whether a file or folder of this name exists; relative names start from the current directory.
 bool PathExists(const std::wstring& path);
 

@@ -3,8 +3,8 @@
 #include <optional>
 #include <string>
 
-// The command lines with which the library drives the schtasks tool, and the paths that go into
-// them. Values are pasted in as they are.
+// The command lines with which the library drives the schtasks tool. Values are pasted in as they
+// are.
 
 namespace halvard {
 
@@ -24,12 +24,5 @@ std::optional<std::wstring> ChangeTaskCommand(const std::wstring& taskName,
 
 std::wstring DeleteTaskCommand(const std::wstring& taskName);
 std::wstring RunTaskCommand(const std::wstring& taskName);
-
-/// The path of a file in a folder; a folder that ends in a slash of either kind gets no other.
-std::wstring FileInFolder(const std::wstring& folder, const std::wstring& fileName);
-
-/// The path of a program in a folder, always with a backslash between them: a folder that ends in
-/// one gives two, which Windows takes for one and which existing tasks show.
-std::wstring ProgramInFolder(const std::wstring& folder, const std::wstring& fileName);
 
 } // namespace halvard

@@ -1,0 +1,46 @@
+#include "agent/agent_text.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace halvard {
+
+std::wstring AgentFolderIn(const std::wstring& programFiles) {
+    return programFiles + L"\\Zenvo\\Usage Profile Agent";
+}
+
+std::wstring AgentDataFolderIn(const std::wstring& commonData) {
+    return commonData + L"\\Zenvo\\UPA";
+}
+
+std::optional<std::wstring> AgentFilePath(const std::wstring& agentFolder,
+                                          const std::wstring& fileName) {
+    std::wstring path = agentFolder + L"\\" + fileName;
+    if (path.size() >= kAgentFileLimit) {
+        return std::nullopt;
+    }
+    return path;
+}
+
+std::wstring RunTaskParameters(const std::wstring& taskName) {
+    return L" /run /TN " + taskName;
+}
+
+std::wstring WithoutBraces(std::wstring text) {
+    text.erase(
+        std::remove_if(text.begin(), text.end(),
+                       [](wchar_t character) { return character == L'{' || character == L'}'; }),
+        text.end());
+    return text;
+}
+
+std::list<std::wstring> RenamesToKeep(const std::list<std::wstring>& renames) {
+    std::list<std::wstring> kept;
+    std::copy_if(
+        renames.begin(), renames.end(), std::back_inserter(kept), [](const std::wstring& rename) {
+            return !rename.empty() && rename.find(L"\\Usage Profile Agent") == std::wstring::npos;
+        });
+    return kept;
+}
+
+} // namespace halvard

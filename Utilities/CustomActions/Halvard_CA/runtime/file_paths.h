@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string>
+
+// Texts of paths, without a look at the file system.
+
+namespace halvard {
+
+/// Whether a character separates the parts of a path.
+bool IsSlash(wchar_t character);
+
+/// The path of a file in a folder; a folder that ends in a slash of either kind gets no other.
+std::wstring FileInFolder(const std::wstring& folder, const std::wstring& fileName);
+
+/// The path of a program in a folder, always with a backslash between them: a folder that ends in
+/// one gives two, which Windows takes for one and which existing tasks show.
+std::wstring ProgramInFolder(const std::wstring& folder, const std::wstring& fileName);
+
+/// The extended-length form ("\\?\C:\folder", "\\?\UNC\server\share") of a full path: no limit of
+/// 260 characters, and names that end in dots or blanks stay what they are. Backslashes at the end
+/// go, but for the one of a drive's root. A path in this form or in that of a device is returned
+/// unchanged.
+std::wstring ExtendedLengthPath(const std::wstring& fullPath);
+
+/// The text with U+FFFD for each UTF-16 surrogate that stands alone. File names may hold them, but
+/// no such text converts to UTF-8.
+std::wstring WithoutLoneSurrogates(std::wstring text);
+
+} // namespace halvard

@@ -1,0 +1,50 @@
+#pragma once
+
+#include "runtime/handle.h"
+
+#include <windows.h>
+
+#include <string>
+
+// What a path leads to, reported as std::filesystem::filesystem_error with Win32 codes in the
+// system category: the standard library of some compilers reports others and takes links for
+// folders.
+
+namespace halvard {
+
+enum class FileKind { Missing, File, Directory, SymbolicLink, Junction };
+
+/// Throws std::filesystem::filesystem_error: `operation` as its text, the path, and a Win32 code in
+/// the system category. A surrogate that stands alone in the path becomes U+FFFD.
+[[noreturn]] void ThrowFileSystemError(const char* operation, const std::wstring& path, DWORD code);
+
+/// Whether a Win32 code says that there is nothing of this name: ERROR_FILE_NOT_FOUND (2),
+/// ERROR_PATH_NOT_FOUND (3), ERROR_BAD_NETPATH (53), ERROR_INVALID_NAME (123).
+bool MeansMissing(DWORD code);
+
+/// The extended-length form of a path, a relative one seen from the current directory. A path that
+/// Windows cannot make a full one of, such as an empty one, is returned as it is.
+std::wstring SystemPath(const std::wstring& path);
+
+/// The attributes of an open file or folder; the result is a Win32 code.
+DWORD ReadAttributes(HANDLE opened, DWORD& attributes);
+
+/// The tag of a reparse point (0 for anything else) in `tag`; the result is a Win32 code.
+DWORD ReadReparseTag(HANDLE opened, DWORD& tag);
+
+/// The kind of what a path leads to when links are followed. Throws filesystem_error under the name
+/// `operation` for codes that do not mean missing.
+FileKind QueryKind(const std::wstring& path, const char* operation);
+
+/// Whether a path leads to something when links are followed. Throws filesystem_error ("exists").
+bool Exists(const std::wstring& path);
+
+/// Whether a path leads to a folder when links are followed. Throws filesystem_error ("status").
+bool IsDirectory(const std::wstring& path);
+
+/// Whether two paths lead to the same file or folder, by its identity on its volume. Throws
+/// filesystem_error ("equivalent", with the first path and the second) when either cannot be opened
+/// or identified.
+bool AreEquivalent(const std::wstring& first, const std::wstring& second);
+
+} // namespace halvard

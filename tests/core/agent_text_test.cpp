@@ -1,0 +1,85 @@
+#include "agent/agent_text.h"
+
+#include <gtest/gtest.h>
+
+using halvard::AgentDataFolderIn;
+using halvard::AgentFilePath;
+using halvard::AgentFolderIn;
+using halvard::kAgentFileLimit;
+using halvard::RenamesToKeep;
+using halvard::RunTaskParameters;
+using halvard::WithoutBraces;
+using Renames = std::list<std::wstring>;
+
+TEST(AgentFolders, LieBelowTheFolderThatTheShellTells) {
+    EXPECT_EQ(AgentFolderIn(L"C:\\Program Files"),
+              L"C:\\Program Files\\Zenvo\\Usage Profile Agent");
+    EXPECT_EQ(AgentDataFolderIn(L"C:\\ProgramData"), L"C:\\ProgramData\\Zenvo\\UPA");
+}
+
+TEST(AgentFolders, TakeWhatTheShellTellsAsItStands) {
+    EXPECT_EQ(AgentFolderIn(L""), L"\\Zenvo\\Usage Profile Agent");
+    EXPECT_EQ(AgentDataFolderIn(L""), L"\\Zenvo\\UPA");
+    EXPECT_EQ(AgentFolderIn(L"T:\\"), L"T:\\\\Zenvo\\Usage Profile Agent");
+    EXPECT_EQ(AgentDataFolderIn(L"T:\\"), L"T:\\\\Zenvo\\UPA");
+}
+
+TEST(AgentFilePath, IsNothingWhenItDoesNotFitItsLimit) {
+    EXPECT_EQ(AgentFilePath(L"C:\\A", L"b.dll"), L"C:\\A\\b.dll");
+    for (std::size_t length = 0; length < 2 * kAgentFileLimit; ++length) {
+        const std::wstring folder(length, L'x');
+        const auto path = AgentFilePath(folder, L"b.dll");
+        // Separator and name have six characters, and the terminator has to fit too.
+        ASSERT_EQ(path.has_value(), length + 6 + 1 <= 256) << length;
+        if (path) {
+            EXPECT_EQ(*path, folder + L"\\b.dll");
+        }
+    }
+}
+
+TEST(RunTaskParameters, HoldTheNameAsItIs) {
+    EXPECT_EQ(RunTaskParameters(L"StartAgent"), L" /run /TN StartAgent");
+    EXPECT_EQ(RunTaskParameters(L"A \"task\""), L" /run /TN A \"task\"");
+    EXPECT_EQ(RunTaskParameters(L""), L" /run /TN ");
+}
+
+TEST(WithoutBraces, DropsEveryBraceAndNothingElse) {
+    EXPECT_EQ(WithoutBraces(L"{0A1B2C3D-0001-0002-0003-0123456789AB}"),
+              L"0A1B2C3D-0001-0002-0003-0123456789AB");
+    EXPECT_EQ(WithoutBraces(L"}}a{b}c{{"), L"abc");
+    EXPECT_EQ(WithoutBraces(L"[a] (b)"), L"[a] (b)");
+    EXPECT_EQ(WithoutBraces(L"{}"), L"");
+    EXPECT_EQ(WithoutBraces(L""), L"");
+}
+
+TEST(RenamesToKeep, DropsWhatLiesInTheAgentsFolderAndKeepsTheOrder) {
+    EXPECT_EQ(RenamesToKeep({L"\\??\\C:\\b", L"\\??\\C:\\P\\Zenvo\\Usage Profile Agent\\a.dll",
+                             L"!\\??\\C:\\a", L"\\??\\C:\\P\\Usage Profile Agent"}),
+              (Renames{L"\\??\\C:\\b", L"!\\??\\C:\\a"}));
+}
+
+TEST(RenamesToKeep, DropsEveryEmptyStringAndTellsNoPairsApart) {
+    // A deletion of the agent's, one of another product's, a move, and the end of the value.
+    EXPECT_EQ(RenamesToKeep({L"C:\\Usage Profile Agent\\a", L"", L"C:\\other", L"", L"C:\\from",
+                             L"C:\\to", L""}),
+              (Renames{L"C:\\other", L"C:\\from", L"C:\\to"}));
+    EXPECT_EQ(RenamesToKeep({L"", L"", L""}), Renames{});
+    EXPECT_EQ(RenamesToKeep({}), Renames{});
+}
+
+TEST(RenamesToKeep, DropsOnlyHalfOfAMoveIntoOrOutOfTheFolder) {
+    EXPECT_EQ(RenamesToKeep({L"C:\\new", L"!C:\\Usage Profile Agent\\a"}), (Renames{L"C:\\new"}));
+    EXPECT_EQ(RenamesToKeep({L"C:\\Usage Profile Agent\\a", L"C:\\old"}), (Renames{L"C:\\old"}));
+}
+
+TEST(RenamesToKeep, TheTextCountsInItsCaseAndWithItsBackslash) {
+    const Renames others = {L"C:\\usage profile agent\\a", L"C:\\USAGE PROFILE AGENT",
+                            L"C:/Usage Profile Agent/a",   L"C:\\My Usage Profile Agent",
+                            L"C:\\Usage Profile",          L"Usage Profile Agent",
+                            L"C:\\Usage  Profile Agent",   L" "};
+    EXPECT_EQ(RenamesToKeep(others), others);
+    // Anywhere, as the beginning of a longer name too.
+    EXPECT_EQ(RenamesToKeep({L"C:\\Usage Profile Agents\\a", L"C:\\x\\Usage Profile Agent.old",
+                             L"\\Usage Profile Agent"}),
+              Renames{});
+}

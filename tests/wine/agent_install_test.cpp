@@ -1,0 +1,1010 @@
+#include "agent/agent_install.h"
+
+#include "runtime/handle.h"
+#include "runtime/registry.h"
+#include "runtime/session.h"
+#include "tasks/task_templates.h"
+
+#include "agent_calls.h"
+#include "agent_machine.h"
+#include "allocation_failure.h"
+#include "child_programs.h"
+#include "file_system_error.h"
+#include "files.h"
+#include "open_handles.h"
+#include "record_calls.h"
+#include "registry_calls.h"
+#include "restart_renames.h"
+#include "stand_in_session.h"
+#include "task_scheduler_stand_in.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cwctype>
+#include <filesystem>
+#include <new>
+#include <set>
+#include <stdexcept>
+
+using halvard::KillProcessByImage;
+using halvard::OwnedHandle;
+using halvard::RegKeyError;
+using halvard_tests::AgentCalls;
+using halvard_tests::AgentMachine;
+using halvard_tests::AllocationFailure;
+using halvard_tests::EnvironmentVariable;
+using halvard_tests::ExpectFileSystemError;
+using halvard_tests::InstalledService;
+using halvard_tests::IsThere;
+using halvard_tests::kAgentService;
+using halvard_tests::kCountersKey;
+using halvard_tests::kOlderService;
+using halvard_tests::kTeloKey;
+using halvard_tests::OpenHandleCount;
+using halvard_tests::PendingRenames;
+using halvard_tests::RecordCalls;
+using halvard_tests::RecorderAt;
+using halvard_tests::Recording;
+using halvard_tests::Recordings;
+using halvard_tests::RegistryCalls;
+using halvard_tests::RegistryValueAt;
+using halvard_tests::ServiceBehavior;
+using halvard_tests::StandInSession;
+using halvard_tests::WaitForRecordings;
+using halvard_tests::WritableKeys;
+using halvard_tests::WriteFileAt;
+using Lines = std::vector<std::wstring>;
+using Value = halvard_tests::ScratchKey::Value;
+using namespace std::string_literals;
+
+namespace {
+
+constexpr wchar_t kTaskKill[] = L"C:\\windows\\system32\\taskkill.exe";
+constexpr wchar_t kSchtasks[] = L"C:\\windows\\system32\\schtasks.exe";
+constexpr DWORD kLimitMilliseconds = 20000;
+const Lines kImages = {L"ZenvoUPAM.exe",  L"ZenvoUPADU.exe",  L"ZenvoUPAUF.exe", L"ZenvoUPAUF.exe",
+                       L"TeloMaster.exe", L"TeloUF.exe",      L"TeloDU.exe",     L"TeloAC.exe",
+                       L"TeloUC.exe",     L"TeloLauncher.exe"};
+const std::wstring kData = L"TaskName=HalvardAgentTask;CommandToLaunch=C:\\A B\\TeloMaster.exe -x;"
+                           L"Username=A user";
+const std::wstring kExtended = L"\\\\?\\";
+
+std::wstring KillCommand(const std::wstring& image) {
+    return L"\"C:\\windows\\system32\\TaskKill.exe\" /IM " + image + L" /F";
+}
+
+std::wstring Kill(const std::wstring& image) {
+    return L"run " + KillCommand(image);
+}
+
+Lines Kills(std::size_t first, std::size_t count) {
+    Lines lines;
+    for (std::size_t index = first; index < first + count; ++index) {
+        lines.emplace_back(L"folder 37");
+        lines.push_back(Kill(kImages[index]));
+    }
+    return lines;
+}
+
+Lines operator+(Lines left, const Lines& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+Value String(const std::wstring& text) {
+    const auto* const first = reinterpret_cast<const BYTE*>(text.c_str());
+    return {REG_SZ, {first, first + 2 * text.size() + 2}};
+}
+
+// Eight, four, four, four and twelve hexadecimal digits with a hyphen between them.
+bool IsIdentity(const std::wstring& text) {
+    const std::wstring form = L"xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx";
+    return text.size() == form.size() &&
+           std::equal(text.begin(), text.end(), form.begin(), [](wchar_t left, wchar_t right) {
+               return right == L'-' ? left == L'-' : std::iswxdigit(left) != 0;
+           });
+}
+
+class AgentTest : public testing::Test {
+protected:
+    AgentTest() { session_.SetProperty(L"CustomActionData", kData); }
+    ~AgentTest() override { halvard::SetCurrentSession(0); }
+
+    UINT PostInstall() const { return PostInstallUPA(session_.Get()); }
+
+    AgentMachine machine_;
+    StandInSession session_;
+};
+
+using KillProcessByImageTest = AgentTest;
+using PreInstallUPATest = AgentTest;
+using PostInstallUPATest = AgentTest;
+using AfterInstallUPATest = AgentTest;
+
+} // namespace
+
+TEST_F(KillProcessByImageTest, WaitsForTaskKillAndAsksNotWhatItDid) {
+    const RecorderAt taskKill(kTaskKill);
+    const EnvironmentVariable delay(L"HALVARD_RECORD_DELAY", L"300");
+    const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"128");
+    wchar_t directory[MAX_PATH] = {};
+    GetCurrentDirectoryW(MAX_PATH, directory);
+    HOOK(waiting, WaitForSingleObject, [&](HANDLE process, DWORD milliseconds) {
+        EXPECT_EQ(milliseconds, INFINITE);
+        return waiting.Original(process, milliseconds);
+    });
+    const ULONGLONG start = GetTickCount64();
+    EXPECT_TRUE(KillProcessByImage(L"TeloUF.exe"));
+    EXPECT_GE(GetTickCount64() - start, 300U);
+    EXPECT_EQ(waiting.Calls(), 1);
+    EXPECT_EQ(Recordings(),
+              (std::vector<Recording>{{L"taskkill.exe", directory, KillCommand(L"TeloUF.exe")}}));
+}
+
+TEST_F(KillProcessByImageTest, IsFalseWhenTaskKillDoesNotStart) {
+    AgentCalls calls(machine_);
+    calls.Fail(L"run", ERROR_FILE_NOT_FOUND);
+    EXPECT_FALSE(KillProcessByImage(L"TeloUF.exe"));
+    EXPECT_EQ(calls.All(), (Lines{L"folder 37", Kill(L"TeloUF.exe")}));
+}
+
+TEST_F(KillProcessByImageTest, ACommandThatDoesNotFitIsNotRun) {
+    // 518 characters and the terminator fit.
+    const std::size_t longest = 518 - KillCommand(L"").size();
+    AgentCalls calls(machine_);
+    EXPECT_TRUE(KillProcessByImage(std::wstring(longest, L'x')));
+    EXPECT_FALSE(KillProcessByImage(std::wstring(longest + 1, L'x')));
+    EXPECT_FALSE(KillProcessByImage(std::wstring(10000, L'x')));
+    EXPECT_EQ(calls.Of({L"run"}), Lines{Kill(std::wstring(longest, L'x'))});
+}
+
+TEST_F(KillProcessByImageTest, TakesTheSystemFolderAsItStands) {
+    AgentCalls calls(machine_);
+    calls.Fail(L"folder", NO_ERROR);
+    EXPECT_TRUE(KillProcessByImage(L"a.exe"));
+    EXPECT_EQ(calls.Of({L"run"}), Lines{L"run \"\\TaskKill.exe\" /IM a.exe /F"});
+}
+
+TEST_F(KillProcessByImageTest, EndsEveryProcessOfTheProgram) {
+    const std::wstring program = machine_.Programs() + L"\\TeloUF.exe";
+    const RecorderAt running(program);
+    std::vector<OwnedHandle> processes;
+    {
+        const EnvironmentVariable delay(L"HALVARD_RECORD_DELAY", L"60000");
+        for (int count = 0; count < 2; ++count) {
+            STARTUPINFOW startup = {};
+            startup.cb = sizeof(startup);
+            PROCESS_INFORMATION child = {};
+            std::wstring commandLine = program;
+            ASSERT_NE(CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0,
+                                     nullptr, nullptr, &startup, &child),
+                      FALSE);
+            CloseHandle(child.hThread);
+            processes.emplace_back(child.hProcess);
+        }
+    }
+    EXPECT_EQ(WaitForRecordings(2).size(), 2U);
+    EXPECT_TRUE(KillProcessByImage(L"TeloUF.exe"));
+    for (const OwnedHandle& process : processes) {
+        EXPECT_EQ(WaitForSingleObject(process.get(), kLimitMilliseconds), WAIT_OBJECT_0);
+        TerminateProcess(process.get(), 1); // so that no later test meets it
+    }
+}
+
+TEST_F(PreInstallUPATest, WithoutAnAgentItRunsAllKillCommandsOfItsOwnDirectory) {
+    const RecorderAt taskKill(kTaskKill);
+    const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"128");
+    wchar_t directory[MAX_PATH] = {};
+    GetCurrentDirectoryW(MAX_PATH, directory);
+    {
+        AgentCalls calls(machine_);
+        calls.started = L"";
+        EXPECT_EQ(PreInstallUPA(0), 0U);
+    }
+    std::vector<Recording> expected;
+    for (const std::wstring& image : kImages) {
+        expected.push_back({L"taskkill.exe", directory, KillCommand(image)});
+    }
+    EXPECT_EQ(Recordings(), expected);
+}
+
+TEST_F(PreInstallUPATest, WithoutAnAgentItsCallsAreThese) {
+    AgentCalls calls(machine_);
+    EXPECT_EQ(PreInstallUPA(0), 0U);
+    const Lines look = {L"open file 0x80 " + kExtended + machine_.Folder()};
+    const auto services = [](const std::wstring& name, const Lines& between) {
+        return Lines{L"open manager 0xf003f", L"open " + name + L" 0x2c"} + between +
+               Lines{L"open manager 0xf003f", L"open " + name + L" 0x10000"};
+    };
+    const Lines files = {L"delete file " + machine_.File(L"ZenvoUPAUF.exe"),
+                         L"delete file " + machine_.File(L"UPASL.dll")};
+    EXPECT_EQ(calls.All(), Lines{L"folder 38"} + Kills(0, 3) + services(kOlderService, {}) +
+                               Kills(3, 1) + look + files + look + Kills(4, 5) +
+                               services(kAgentService, Kills(9, 1)) + look);
+}
+
+TEST_F(PreInstallUPATest, StopsAndDeletesBothServices) {
+    machine_.CopyAgent();
+    // Outside of the folder: a program that runs cannot be removed.
+    const std::wstring program = machine_.Programs() + L"\\older.exe";
+    halvard_tests::CopyTestService(program);
+    InstalledService older(kOlderService, program);
+    InstalledService agent(kAgentService, program);
+    older.Start();
+    agent.Start();
+    Lines lines;
+    {
+        AgentCalls calls(machine_);
+        EXPECT_EQ(PreInstallUPA(0), 0U);
+        lines = calls.Of({L"open UPAL", L"open TeloLauncher", L"query", L"control", L"delete UPAL",
+                          L"delete TeloLauncher", L"run"});
+    }
+    EXPECT_TRUE(older.WaitUntilGone());
+    EXPECT_TRUE(agent.WaitUntilGone());
+    EXPECT_TRUE(older.WaitForProcess());
+    EXPECT_TRUE(agent.WaitForProcess());
+    EXPECT_FALSE(IsThere(machine_.Folder()));
+    const auto steps = [](const std::wstring& name, const Lines& kill) {
+        return Lines{L"open " + name + L" 0x2c", L"query " + name, L"control " + name + L" 1"} +
+               kill + Lines{L"open " + name + L" 0x10000", L"delete " + name};
+    };
+    Lines expected;
+    for (std::size_t index = 0; index < kImages.size(); ++index) {
+        if (index == 3) {
+            expected = expected + steps(kOlderService, {});
+        }
+        expected = expected + (index == 9 ? steps(kAgentService, {Kill(kImages[9])})
+                                          : Lines{Kill(kImages[index])});
+    }
+    EXPECT_EQ(lines, expected);
+}
+
+TEST_F(PreInstallUPATest, DeletesServicesThatAreStopped) {
+    const InstalledService older(kOlderService, L"C:\\none.exe");
+    const InstalledService agent(kAgentService, L"C:\\none.exe");
+    {
+        AgentCalls calls(machine_);
+        EXPECT_EQ(PreInstallUPA(0), 0U);
+    }
+    EXPECT_FALSE(older.Exists());
+    EXPECT_FALSE(agent.Exists());
+}
+
+TEST_F(PreInstallUPATest, RemovesTheFolderUpToThreeTimes) {
+    machine_.CopyAgent();
+    AgentCalls calls(machine_);
+    Lines events;
+    calls.before = [&](const std::wstring& line) {
+        const bool there = IsThere(machine_.File(L"TeloUF.exe"));
+        // It comes back behind its first and its second removal.
+        if (line == L"delete file " + machine_.File(L"ZenvoUPAUF.exe")) {
+            events.push_back(there ? L"before the files, still there" : L"before the files, gone");
+            machine_.CopyAgent();
+        } else if (line == Kill(L"TeloMaster.exe")) {
+            events.push_back(there ? L"before the agent, still there" : L"before the agent, gone");
+            machine_.CopyAgent();
+        } else if (line == Kill(L"TeloLauncher.exe")) {
+            events.push_back(there ? L"before the service, there" : L"before the service, gone");
+        }
+    };
+    EXPECT_EQ(PreInstallUPA(0), 0U);
+    EXPECT_EQ(events, (Lines{L"before the files, gone", L"before the agent, gone",
+                             L"before the service, there"}));
+    EXPECT_FALSE(IsThere(machine_.Folder()));
+    // Each removal tries the folder as it is and once more when it has been emptied.
+    EXPECT_EQ(calls.Of({L"remove"}), Lines(6, L"remove " + kExtended + machine_.Folder()));
+    // Whether it exists, and the two looks of each removal.
+    EXPECT_EQ(calls.Of({L"open file 0x80 " + kExtended + machine_.Folder()}).size(), 9U);
+}
+
+TEST_F(PreInstallUPATest, DeletesTheOlderFilesBetweenTheFirstTwoRemovals) {
+    AgentCalls calls(machine_);
+    bool deleted = false;
+    calls.before = [&](const std::wstring& line) {
+        // What an older agent writes again while the first removal goes on.
+        if (line == L"delete file " + machine_.File(L"ZenvoUPAUF.exe")) {
+            machine_.CopyAgent();
+            WriteFileAt(machine_.File(L"ZenvoUPAUF.exe"));
+            WriteFileAt(machine_.File(L"UPASL.dll"));
+        } else if (line.find(L"open file 0x80") == 0 && IsThere(machine_.Folder())) {
+            deleted = !IsThere(machine_.File(L"ZenvoUPAUF.exe")) &&
+                      !IsThere(machine_.File(L"UPASL.dll")) &&
+                      IsThere(machine_.File(L"TeloUF.exe"));
+        }
+    };
+    EXPECT_EQ(PreInstallUPA(0), 0U);
+    EXPECT_TRUE(deleted);
+    EXPECT_FALSE(IsThere(machine_.Folder()));
+}
+
+TEST_F(PreInstallUPATest, LeavesWhatLiesBesideTheFolder) {
+    machine_.CopyAgent();
+    const Lines others = {machine_.Programs() + L"\\Zenvo\\readme.txt",
+                          machine_.Programs() + L"\\Zenvo\\Usage Profile Agent.txt",
+                          machine_.DataFolder() + L"\\profile.bin"};
+    for (const std::wstring& file : others) {
+        WriteFileAt(file);
+    }
+    AgentCalls calls(machine_);
+    EXPECT_EQ(PreInstallUPA(0), 0U);
+    EXPECT_FALSE(IsThere(machine_.Folder()));
+    for (const std::wstring& file : others) {
+        EXPECT_TRUE(IsThere(file));
+    }
+}
+
+TEST_F(PreInstallUPATest, AFileOfTheFoldersNameStays) {
+    halvard_tests::CreateFolders(machine_.Programs() + L"\\Zenvo");
+    WriteFileAt(machine_.Folder());
+    AgentCalls calls(machine_);
+    EXPECT_EQ(PreInstallUPA(0), 0U);
+    EXPECT_TRUE(IsThere(machine_.Folder()));
+}
+
+// With the steps before it done and those behind it not.
+TEST_F(PreInstallUPATest, WhatTheRemovalRaisesLeavesTheAction) {
+    const Lines triggers = {Kill(L"ZenvoUPAM.exe"),
+                            L"delete file " + machine_.File(L"ZenvoUPAUF.exe"),
+                            Kill(L"TeloMaster.exe")};
+    const std::vector<std::size_t> killed = {4, 4, 10};
+    for (std::size_t round = 0; round < triggers.size(); ++round) {
+        const InstalledService older(kOlderService, L"C:\\none.exe");
+        const InstalledService agent(kAgentService, L"C:\\none.exe");
+        AgentCalls calls(machine_);
+        OwnedHandle held;
+        const int before = OpenHandleCount();
+        calls.before = [&](const std::wstring& line) {
+            if (line == triggers[round]) {
+                machine_.CopyAgent();
+                held.reset(CreateFileW(machine_.File(L"TeloUF.exe").c_str(), GENERIC_READ,
+                                       FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+            }
+        };
+        ExpectFileSystemError([] { PreInstallUPA(0); }, "remove_all", machine_.Folder(),
+                              ERROR_SHARING_VIOLATION);
+        calls.before = nullptr;
+        EXPECT_EQ(calls.Of({L"run"}).size(), killed[round]);
+        EXPECT_EQ(calls.Of({L"delete UPAL"}).size(), 1U);
+        EXPECT_EQ(calls.Of({L"delete TeloLauncher"}).size(), round == 2 ? 1U : 0U);
+        EXPECT_EQ(calls.Of({L"delete file " + machine_.File(L"")}).size(), round == 0 ? 0U : 2U);
+        EXPECT_TRUE(IsThere(machine_.File(L"TeloUF.exe")));
+        held.reset();
+        EXPECT_EQ(OpenHandleCount(), before);
+        halvard_tests::RemoveTree(machine_.Folder());
+    }
+}
+
+TEST_F(PreInstallUPATest, AFolderThatCannotBeLookedAtLeavesTheAction) {
+    machine_.CopyAgent();
+    const std::wstring look = L"open file 0x80 " + kExtended + machine_.Folder();
+    {
+        AgentCalls calls(machine_);
+        calls.Fail(look, ERROR_ACCESS_DENIED);
+        ExpectFileSystemError([] { PreInstallUPA(0); }, "exists", machine_.Folder(),
+                              ERROR_ACCESS_DENIED);
+        EXPECT_EQ(calls.Of({L"run"}).size(), 4U);
+    }
+    {
+        AgentCalls calls(machine_);
+        calls.Fail(look, ERROR_BAD_NETPATH);
+        EXPECT_EQ(PreInstallUPA(0), 0U);
+    }
+    EXPECT_FALSE(IsThere(machine_.Folder()));
+}
+
+TEST_F(PreInstallUPATest, EachLookForTheFolderThatFailsLeavesTheAction) {
+    const std::wstring look = L"open file 0x80 " + kExtended + machine_.Folder();
+    const std::vector<std::size_t> killed = {4, 4, 10};
+    for (std::size_t nth = 1; nth <= killed.size(); ++nth) {
+        AgentCalls calls(machine_);
+        calls.Fail(look, ERROR_ACCESS_DENIED, nth);
+        ExpectFileSystemError([] { PreInstallUPA(0); }, "exists", machine_.Folder(),
+                              ERROR_ACCESS_DENIED);
+        EXPECT_EQ(calls.Of({L"run"}).size(), killed[nth - 1]);
+        EXPECT_EQ(calls.Of({L"delete file"}).size(), nth == 1 ? 0U : 2U);
+        EXPECT_EQ(calls.Of({L"open TeloLauncher 0x10000"}).size(), nth == 3 ? 1U : 0U);
+    }
+}
+
+TEST_F(PreInstallUPATest, TakesProgramFilesAsItStands) {
+    AgentCalls calls(machine_);
+    calls.Fail(L"folder 38", NO_ERROR);
+    EXPECT_EQ(PreInstallUPA(0), 0U);
+    const std::wstring folder = L"\\Zenvo\\Usage Profile Agent";
+    EXPECT_EQ(calls.Of({L"delete file"}), (Lines{L"delete file " + folder + L"\\ZenvoUPAUF.exe",
+                                                 L"delete file " + folder + L"\\UPASL.dll"}));
+}
+
+TEST_F(PreInstallUPATest, PathsTooLongForTheirBufferAreNotDeleted) {
+    // The shell's longest folder has 259 characters.
+    for (const std::size_t length : {214U, 215U, 219U, 220U, 259U}) {
+        AgentCalls calls(machine_);
+        const std::wstring programs = L"T:\\" + std::wstring(length - 3, L'x');
+        calls.programFiles = programs;
+        EXPECT_EQ(PreInstallUPA(0), 0U);
+        const std::wstring folder = programs + L"\\Zenvo\\Usage Profile Agent";
+        Lines expected;
+        for (const std::wstring& name : {L"\\ZenvoUPAUF.exe"s, L"\\UPASL.dll"s}) {
+            if (folder.size() + name.size() <= 255) {
+                expected.push_back(L"delete file " + folder + name);
+            }
+        }
+        EXPECT_EQ(calls.Of({L"delete file"}), expected) << length;
+        EXPECT_EQ(expected.size(), length <= 214 ? 2U : length <= 219 ? 1U : 0U) << length;
+    }
+}
+
+TEST_F(PreInstallUPATest, NoStepsFailureStopsTheNext) {
+    const InstalledService older(kOlderService, L"C:\\none.exe");
+    const InstalledService agent(kAgentService, L"C:\\none.exe");
+    Lines undisturbed;
+    {
+        AgentCalls calls(machine_);
+        calls.keepServices = true;
+        EXPECT_EQ(PreInstallUPA(0), 0U);
+        undisturbed = calls.All();
+    }
+    ASSERT_EQ(undisturbed.size(), 38U);
+    for (std::size_t failing = 1; failing <= undisturbed.size(); ++failing) {
+        const std::wstring& line = undisturbed[failing - 1];
+        if (line.find(L"open file 0x80") == 0) {
+            continue; // what the look at the folder raises has a test of its own
+        }
+        Lines expected = undisturbed;
+        if (line.find(L"open ") == 0) {
+            // Without what would have been done with the handle.
+            const auto next = expected.begin() + static_cast<std::ptrdiff_t>(failing);
+            expected.erase(next, std::find_if(next, expected.end(), [](const std::wstring& each) {
+                               return each.find(L"UPAL") == std::wstring::npos &&
+                                      each.find(L" TeloLauncher") == std::wstring::npos;
+                           }));
+        }
+        const int before = OpenHandleCount();
+        AgentCalls calls(machine_, failing);
+        calls.keepServices = true;
+        EXPECT_EQ(PreInstallUPA(0), 0U);
+        if (line.find(L"folder") == 0) {
+            // The commands and paths differ, which have tests of their own.
+            EXPECT_EQ(calls.Count(), expected.size());
+        } else {
+            EXPECT_EQ(calls.All(), expected) << std::string(line.begin(), line.end());
+        }
+        EXPECT_EQ(OpenHandleCount(), before);
+    }
+}
+
+TEST_F(PreInstallUPATest, WritesNothingToTheInstallerLogAndStoresNoSession) {
+    halvard::SetCurrentSession(17);
+    AgentCalls calls(machine_);
+    const RecordCalls records;
+    EXPECT_EQ(PreInstallUPA(18), 0U);
+    EXPECT_EQ(records.Lines().size(), 0U);
+    EXPECT_EQ(halvard::CurrentSession(), 17U);
+}
+
+TEST_F(PreInstallUPATest, ClosesItsHandlesWhenMemoryRunsOut) {
+    // Nothing that is hooked may allocate: the allocations have to be those of the code.
+    FAIL_CALL(starting, CreateProcessW, 0, FALSE, ERROR_FILE_NOT_FOUND);
+    FAIL_CALL(deletingFile, DeleteFileW, 0, FALSE, ERROR_FILE_NOT_FOUND);
+    FAIL_CALL(managers, OpenSCManagerW, 0, reinterpret_cast<SC_HANDLE>(1), NO_ERROR);
+    FAIL_CALL(services, OpenServiceW, 0, reinterpret_cast<SC_HANDLE>(2), NO_ERROR);
+    FAIL_CALL(querying, QueryServiceStatusEx, 0, FALSE, ERROR_INVALID_HANDLE);
+    FAIL_CALL(deletingService, DeleteService, 0, FALSE, ERROR_ACCESS_DENIED);
+    FAIL_CALL(closing, CloseServiceHandle, 0, TRUE, NO_ERROR);
+    int failures = 0;
+    for (bool happened = true; happened;) {
+        const int before = OpenHandleCount();
+        {
+            const AllocationFailure failure(failures + 1);
+            try {
+                EXPECT_EQ(PreInstallUPA(0), 0U);
+            } catch (const std::bad_alloc&) { // NOLINT(bugprone-empty-catch)
+            }
+            happened = failure.Happened();
+        }
+        failures += happened ? 1 : 0;
+        ASSERT_EQ(closing.Calls(), managers.Calls() + services.Calls());
+        ASSERT_EQ(OpenHandleCount(), before);
+    }
+    EXPECT_GE(failures, 20);
+    EXPECT_GE(starting.Calls(), 10);
+}
+
+TEST_F(PostInstallUPATest, SetsUpTheAgentAndStartsIt) {
+    machine_.CopyAgent();
+    const RecorderAt schtasks(kSchtasks);
+    {
+        AgentCalls calls(machine_);
+        calls.started = L"";
+        EXPECT_EQ(PostInstall(), 0U);
+    }
+    EXPECT_EQ(RegistryValueAt(kCountersKey, L"Disable Performance Counters"), String(L"0"));
+    EXPECT_PRED1(IsIdentity, machine_.Identity());
+    EXPECT_EQ(RegistryValueAt(kTeloKey, L"GUID"), String(machine_.Identity()));
+    EXPECT_EQ(machine_.Service().State(), static_cast<DWORD>(SERVICE_RUNNING));
+    EXPECT_TRUE(machine_.Task().Holds("<URI>HalvardAgentTask</URI>"));
+    const std::vector<Recording> recordings = WaitForRecordings(1);
+    ASSERT_EQ(recordings.size(), 1U);
+    EXPECT_EQ(recordings[0].program, L"schtasks.exe");
+    EXPECT_NE(recordings[0].commandLine.find(L" /run /TN HalvardAgentTask"), std::wstring::npos);
+}
+
+TEST_F(PostInstallUPATest, RegistersTheTaskOfItsItems) {
+    FAIL_CALL(locating, SHGetFolderLocation, 0, E_FAIL, NO_ERROR);
+    FAIL_CALL(opening, CreateFileW, 0, INVALID_HANDLE_VALUE, ERROR_FILE_NOT_FOUND);
+    FAIL_CALL(managers, OpenSCManagerW, 0, nullptr, ERROR_ACCESS_DENIED);
+    FAIL_CALL(executing, ShellExecuteExW, 0, FALSE, ERROR_FILE_NOT_FOUND);
+    const halvard_tests::StandInTaskScheduler scheduler;
+    EXPECT_EQ(PostInstall(), 0U);
+    ASSERT_EQ(scheduler.Registrations().size(), 1U);
+    const halvard_tests::Registration& task = scheduler.Registrations()[0];
+    EXPECT_EQ(task.path, L"HalvardAgentTask");
+    EXPECT_EQ(task.xml,
+              halvard::AgentLogonTaskXml(L"HalvardAgentTask", L"C:\\A B\\TeloMaster.exe -x"));
+    EXPECT_EQ(task.user, L"8:A user");
+}
+
+TEST_F(PostInstallUPATest, LogsItsDataAndItems) {
+    AgentCalls calls(machine_);
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_EQ(session_.LogLines(),
+              (Lines{L"CustomActionData: " + kData, L"Task Name HalvardAgentTask",
+                     L"Command to launch C:\\A B\\TeloMaster.exe -x", L"Username A user"}));
+    EXPECT_EQ(session_.Messages().size(), 4U);
+}
+
+TEST_F(PostInstallUPATest, MakesItsCallsInThisOrder) {
+    machine_.CopyAgent();
+    AgentCalls calls(machine_);
+    const std::wstring executed = L"execute schtasks| /run /TN HalvardAgentTask";
+    Lines all;
+    RegistryCalls registry;
+    std::size_t seen = 0;
+    const auto take = [&](const std::wstring& line) {
+        for (; seen < registry.Lines().size(); ++seen) {
+            all.push_back(registry.Lines()[seen]);
+        }
+        all.push_back(line);
+    };
+    calls.before = take;
+    EXPECT_EQ(PostInstall(), 0U);
+    const std::wstring counters = L"HKLM\\" + std::wstring(kCountersKey) + L"\\";
+    const std::wstring telo = L"HKLM\\Software\\Telo";
+    const std::wstring manager = L"HKLM\\" + machine_.InstallManager().Path();
+    // The task is not taken apart: the Task Scheduler's own calls are those of its client library.
+    EXPECT_EQ(all, (Lines{
+                        L"event source null Application",
+                        L"open " + counters + L" 0xf003f",
+                        L"create " + counters + L" 0x2",
+                        L"set " + counters + L" Disable Performance Counters 1 4 bytes",
+                        L"close " + counters,
+                        L"make identity",
+                        L"spell identity",
+                        L"open " + telo + L" 0x20019",
+                        L"open " + telo + L" 0xf003f",
+                        L"create " + telo + L" 0x2",
+                        L"set " + telo + L" GUID 1 74 bytes",
+                        L"close " + telo,
+                        L"folder 35",
+                        L"open file 0x60000 " + machine_.DataFolder(),
+                        L"get list",
+                        L"set list",
+                        L"open " + manager + L" 0x20119",
+                        L"query " + manager + L" InstallDir 260 bytes",
+                        L"close " + manager,
+                        L"open manager 0xf003f",
+                        L"create TeloLauncher",
+                        L"change TeloLauncher",
+                        L"open manager 0xf003f",
+                        L"open TeloLauncher 0xf01ff",
+                        L"query TeloLauncher",
+                        L"start TeloLauncher",
+                    } +
+                    Lines(calls.Of({L"query"}).size() - 1, L"query TeloLauncher") +
+                    Lines{L"register task", executed}));
+}
+
+TEST_F(PostInstallUPATest, StoresItsSessionBeforeAnythingElse) {
+    halvard::SetCurrentSession(99);
+    AgentCalls calls(machine_);
+    HOOK(reading, MsiGetPropertyW,
+         [&](MSIHANDLE handle, LPCWSTR name, LPWSTR buffer, LPDWORD length) {
+             EXPECT_EQ(halvard::CurrentSession(), session_.Get());
+             EXPECT_EQ(calls.Count(), 0U);
+             return reading.Original(handle, name, buffer, length);
+         });
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_EQ(reading.Calls(), 2);
+    EXPECT_EQ(halvard::CurrentSession(), session_.Get());
+}
+
+TEST_F(PostInstallUPATest, LogsItsItemsToTheCurrentSession) {
+    AgentCalls calls(machine_);
+    HOOK(reading, MsiGetPropertyW,
+         [&](MSIHANDLE handle, LPCWSTR name, LPWSTR buffer, LPDWORD length) {
+             halvard::SetCurrentSession(0);
+             return reading.Original(handle, name, buffer, length);
+         });
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_EQ(session_.LogLines(), Lines{L"CustomActionData: " + kData});
+}
+
+TEST_F(PostInstallUPATest, AnUnreachableEventLogIsItsOneFailure) {
+    machine_.CopyAgent();
+    for (const DWORD code : {RPC_S_SERVER_UNAVAILABLE, ERROR_ACCESS_DENIED, NO_ERROR}) {
+        AgentCalls calls(machine_);
+        calls.Fail(L"event source", code);
+        const RegistryCalls registry;
+        EXPECT_EQ(PostInstall(), 1603U);
+        EXPECT_EQ(calls.All(), Lines{L"event source null Application"});
+        EXPECT_EQ(registry.Lines(), Lines{});
+    }
+    // What it was told has been logged all the same.
+    EXPECT_EQ(session_.LogLines().size(), 12U);
+    EXPECT_EQ(machine_.Identity(), L"");
+}
+
+TEST_F(PostInstallUPATest, AnyOtherFailureIsASuccessAndStopsNoOtherStep) {
+    // Without its program the service does not start, which makes no difference here.
+    halvard_tests::CreateFolders(machine_.DataFolder());
+    // Each step by the first of its calls; the one in front is the failure of the action.
+    const Lines steps = {L"make identity", L"folder 35",           L"open file",
+                         L"open manager",  L"create TeloLauncher", L"open TeloLauncher",
+                         L"register task", L"execute schtasks"};
+    std::size_t failing = 2;
+    for (;; ++failing) {
+        machine_.Reset();
+        Lines came;
+        {
+            AgentCalls calls(machine_, failing);
+            EXPECT_EQ(PostInstall(), 0U) << failing;
+            came = calls.All();
+        }
+        if (came.size() < failing) {
+            break;
+        }
+        const std::wstring& line = came[failing - 1];
+        const std::string what(line.begin(), line.end());
+        for (const std::wstring& step : steps) {
+            const bool expected = step != L"create TeloLauncher" && step != L"open TeloLauncher";
+            const auto begins = [&](const std::wstring& each) {
+                return each.compare(0, step.size(), step) == 0;
+            };
+            if (expected || line != L"open manager 0xf003f") {
+                EXPECT_TRUE(std::any_of(came.begin(), came.end(), begins))
+                    << what << " " << std::string(step.begin(), step.end());
+            }
+        }
+        EXPECT_EQ(RegistryValueAt(kCountersKey, L"Disable Performance Counters"), String(L"0"));
+        const bool identityFails = line == L"make identity" || line == L"spell identity";
+        EXPECT_EQ(IsIdentity(machine_.Identity()), !identityFails) << what;
+        EXPECT_EQ(RegistryValueAt(kTeloKey, L"GUID").has_value(), !identityFails) << what;
+        EXPECT_EQ(machine_.Task().Exists(), line != L"register task") << what;
+    }
+    EXPECT_GE(failing, 16U);
+}
+
+TEST_F(PostInstallUPATest, RegistryCallsThatFailStopNoOtherStep) {
+    // Without its program the service does not start, which makes no difference here.
+    halvard_tests::CreateFolders(machine_.DataFolder());
+    std::size_t count = 0;
+    for (std::size_t failing = 0; failing <= count; ++failing) {
+        machine_.Reset();
+        AgentCalls calls(machine_);
+        {
+            const RegistryCalls registry(failing);
+            EXPECT_EQ(PostInstall(), 0U);
+            count = failing == 0 ? registry.Count() : count;
+        }
+        EXPECT_EQ(calls
+                      .Of({L"get list", L"create TeloLauncher", L"start TeloLauncher",
+                           L"register task", L"execute"})
+                      .size(),
+                  5U)
+            << failing;
+        // Two calls to create the key and one to write for either value.
+        EXPECT_EQ(RegistryValueAt(kCountersKey, L"Disable Performance Counters").has_value(),
+                  failing != 2 && failing != 3)
+            << failing;
+        EXPECT_EQ(IsIdentity(machine_.Identity()), failing != 6 && failing != 7) << failing;
+    }
+    EXPECT_EQ(count, 9U);
+}
+
+TEST_F(PostInstallUPATest, KeepsAnIdentityOfAnyKind) {
+    const std::vector<Value> kept = {
+        String(L"0A1B2C3D-0001-0002-0003-0123456789AB"),
+        String(L"not in the form"),
+        String(L""),
+        {REG_SZ, {}},
+        {REG_DWORD, {1, 2, 3, 4}},
+        {REG_BINARY, std::vector<BYTE>(520, 7)},
+    };
+    for (const Value& value : kept) {
+        machine_.SetIdentity(value.type, value.bytes);
+        AgentCalls calls(machine_);
+        EXPECT_EQ(PostInstall(), 0U);
+        EXPECT_EQ(RegistryValueAt(kTeloKey, L"GUID"), value);
+    }
+}
+
+TEST_F(PostInstallUPATest, AnIdentityTooLongForItsBufferCountsAsNone) {
+    machine_.SetIdentity(REG_SZ, std::vector<BYTE>(522, 'x'));
+    AgentCalls calls(machine_);
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_PRED1(IsIdentity, machine_.Identity());
+}
+
+TEST_F(PostInstallUPATest, AnIdentityThatCannotBeReadIsReplaced) {
+    const std::wstring former = L"0A1B2C3D-0001-0002-0003-0123456789AB";
+    // The opening of the key, and the read, behind the three calls for the counters.
+    for (const std::size_t failing : {4U, 5U}) {
+        machine_.Reset();
+        machine_.SetIdentity(former);
+        AgentCalls calls(machine_);
+        const RegistryCalls registry(failing);
+        EXPECT_EQ(PostInstall(), 0U);
+        EXPECT_PRED1(IsIdentity, machine_.Identity());
+        EXPECT_NE(machine_.Identity(), former);
+    }
+}
+
+TEST_F(PostInstallUPATest, EveryMachineGetsAnIdentityOfItsOwn) {
+    std::set<std::wstring> identities;
+    for (int count = 0; count < 5; ++count) {
+        machine_.Reset();
+        AgentCalls calls(machine_);
+        EXPECT_EQ(PostInstall(), 0U);
+        EXPECT_PRED1(IsIdentity, machine_.Identity());
+        identities.insert(machine_.Identity());
+    }
+    EXPECT_EQ(identities.size(), 5U);
+}
+
+TEST_F(PostInstallUPATest, TheIdentityIsTheTextOfTheSystemWithoutItsBraces) {
+    AgentCalls calls(machine_);
+    Lines freed;
+    HOOK(freeing, CoTaskMemFree, [&](LPVOID memory) {
+        freed.emplace_back(static_cast<const wchar_t*>(memory));
+        freeing.Original(memory);
+    });
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_EQ(freed, Lines{L"{" + machine_.Identity() + L"}"});
+}
+
+TEST_F(PostInstallUPATest, LeavesOtherValuesOfItsKeysAlone) {
+    machine_.SetStatus(L"ClientA_TeloStatus", 1);
+    machine_.SetStatus(L"ClientB_TeloStatus", 2);
+    AgentCalls calls(machine_);
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_EQ(machine_.Status(L"ClientA_TeloStatus"), 1U);
+    EXPECT_EQ(machine_.Status(L"ClientB_TeloStatus"), 2U);
+}
+
+TEST_F(PostInstallUPATest, TakesTheDataFolderAsItStands) {
+    AgentCalls calls(machine_);
+    calls.Fail(L"folder 35", NO_ERROR);
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_EQ(calls.Of({L"open file 0x60000"}), Lines{L"open file 0x60000 \\Zenvo\\UPA"});
+}
+
+TEST_F(PostInstallUPATest, AMissingDataFolderIsPassedOver) {
+    AgentCalls calls(machine_);
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_EQ(calls.Of({L"open file", L"get list", L"set list"}),
+              Lines{L"open file 0x60000 " + machine_.DataFolder()});
+    EXPECT_FALSE(IsThere(machine_.DataFolder()));
+}
+
+TEST_F(PostInstallUPATest, TakesItsItemsInAnyOrder) {
+    session_.SetProperty(L"CustomActionData",
+                         L"Username=u;CommandToLaunch=c;TaskName=HalvardAgentTask");
+    AgentCalls calls(machine_);
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_EQ(session_.LogLines()[1], L"Task Name HalvardAgentTask");
+    EXPECT_EQ(session_.LogLines()[2], L"Command to launch c");
+    EXPECT_EQ(session_.LogLines()[3], L"Username u");
+    EXPECT_TRUE(machine_.Task().Exists());
+}
+
+TEST_F(PostInstallUPATest, AbsentItemsAreTextFromFurtherOn) {
+    session_.SetProperty(L"CustomActionData", L"nothing that is a key");
+    AgentCalls calls(machine_);
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_EQ(session_.LogLines(),
+              (Lines{L"CustomActionData: nothing that is a key", L"Task Name that is a key",
+                     L"Command to launch  a key", L"Username that is a key"}));
+    EXPECT_EQ(calls.Of({L"execute"}), Lines{L"execute schtasks| /run /TN that is a key"});
+    const halvard_tests::StoredTask absent(L"that is a key");
+}
+
+TEST_F(PostInstallUPATest, DataShorterThanAKeyThrowsAndNothingIsDone) {
+    for (const std::wstring& data : {L""s, L"abc"s, std::wstring(7, L'x'), std::wstring(14, L'x'),
+                                     L"TaskName=t"s, L"Username=abcde"s}) {
+        session_.SetProperty(L"CustomActionData", data);
+        AgentCalls calls(machine_);
+        const RegistryCalls registry;
+        EXPECT_THROW(PostInstall(), std::out_of_range);
+        EXPECT_EQ(calls.All(), Lines{});
+        EXPECT_EQ(registry.Lines(), Lines{});
+    }
+    EXPECT_EQ(session_.LogLines().size(), 6U);
+    // The shortest data in which every item has a place.
+    session_.SetProperty(L"CustomActionData", std::wstring(15, L'x'));
+    AgentCalls calls(machine_);
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_EQ(session_.LogLines()[8], L"Command to launch ");
+}
+
+TEST_F(PostInstallUPATest, ItemsTooLongForTheLogAreUsedWhole) {
+    const std::wstring command(600, L'c');
+    session_.SetProperty(L"CustomActionData",
+                         L"TaskName=HalvardAgentTask;Username=u;CommandToLaunch=" + command);
+    AgentCalls calls(machine_);
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_EQ(session_.LogLines(), (Lines{L"CA buffer overflow\n", L"Task Name HalvardAgentTask",
+                                          L"CA buffer overflow\n", L"Username u"}));
+    EXPECT_TRUE(machine_.Task().Exists());
+}
+
+TEST_F(PostInstallUPATest, ATaskThatIsRefusedIsRunAllTheSame) {
+    session_.SetProperty(L"CustomActionData", L"TaskName=A <b>;CommandToLaunch=c;Username=u");
+    AgentCalls calls(machine_);
+    EXPECT_EQ(PostInstall(), 0U);
+    EXPECT_EQ(calls.Of({L"execute"}), Lines{L"execute schtasks| /run /TN A <b>"});
+    EXPECT_FALSE(machine_.Task().Exists());
+}
+
+// The folder whose list was changed, the event source and the service manager: the process that
+// hosts the action is gone soon after it.
+TEST_F(PostInstallUPATest, LeavesOpenWhatItIsKnownToLeaveOpenAndNothingElse) {
+    machine_.CopyAgent();
+    // The service's side of the calls, and whatever the first run loads.
+    {
+        AgentCalls calls(machine_);
+        EXPECT_EQ(PostInstall(), 0U);
+    }
+    int sources = 0;
+    int managersLeft = 0;
+    COUNT_CALLS(closingSource, DeregisterEventSource);
+    const int before = OpenHandleCount();
+    {
+        AgentCalls calls(machine_);
+        HOOK(closing, CloseServiceHandle, [&](SC_HANDLE handle) {
+            --managersLeft;
+            return closing.Original(handle);
+        });
+        calls.before = [&](const std::wstring& line) {
+            sources += line.find(L"event source") == 0 ? 1 : 0;
+            managersLeft += line.find(L"open manager") == 0 ? 1 : 0;
+            managersLeft += line.find(L"open TeloLauncher") == 0 ? 1 : 0;
+        };
+        EXPECT_EQ(PostInstall(), 0U);
+        ASSERT_EQ(calls.OpenFolders().size(), 1U);
+        DWORD flags = 0;
+        EXPECT_NE(GetHandleInformation(calls.OpenFolders()[0], &flags), FALSE);
+        EXPECT_EQ(closingSource.Calls(), 0);
+    }
+    EXPECT_EQ(sources, 1);
+    EXPECT_EQ(managersLeft, 1);
+    // The folder has been closed by the test.
+    EXPECT_EQ(OpenHandleCount(), before);
+}
+
+TEST_F(PostInstallUPATest, ClosesTheRestWhenMemoryRunsOut) {
+    // Nothing that is hooked may allocate: the allocations have to be those of the code.
+    FAIL_CALL(logging, MsiProcessMessage, 0, 0, NO_ERROR);
+    FAIL_CALL(locating, SHGetFolderLocation, 0, E_FAIL, NO_ERROR);
+    FAIL_CALL(opening, CreateFileW, 0, INVALID_HANDLE_VALUE, ERROR_FILE_NOT_FOUND);
+    FAIL_CALL(managers, OpenSCManagerW, 0, nullptr, ERROR_ACCESS_DENIED);
+    FAIL_CALL(tasks, CoCreateInstance, 0, E_FAIL, NO_ERROR);
+    FAIL_CALL(executing, ShellExecuteExW, 0, FALSE, ERROR_FILE_NOT_FOUND);
+    COUNT_CALLS(spelling, StringFromCLSID);
+    COUNT_CALLS(freeing, CoTaskMemFree);
+    int failures = 0;
+    for (bool happened = true; happened;) {
+        const int before = OpenHandleCount();
+        {
+            const AllocationFailure failure(failures + 1);
+            try {
+                EXPECT_EQ(PostInstall(), 0U);
+            } catch (const std::bad_alloc&) { // NOLINT(bugprone-empty-catch)
+            }
+            happened = failure.Happened();
+        }
+        failures += happened ? 1 : 0;
+        ASSERT_EQ(freeing.Calls(), spelling.Calls());
+        ASSERT_EQ(OpenHandleCount(), before);
+    }
+    EXPECT_GE(failures, 10);
+    EXPECT_EQ(executing.Calls(), 1);
+}
+
+TEST_F(AfterInstallUPATest, StartsTheServiceWhenThereAreNoRenames) {
+    const PendingRenames renames;
+    machine_.CopyAgent();
+    const InstalledService agent(kAgentService, machine_.File(L"TeloDU.exe"));
+    {
+        AgentCalls calls(machine_);
+        EXPECT_EQ(AfterInstallUPA(0), 0U);
+    }
+    EXPECT_FALSE(renames.IsThere());
+    EXPECT_EQ(agent.State(), static_cast<DWORD>(SERVICE_RUNNING));
+}
+
+TEST_F(AfterInstallUPATest, CleansTheRenamesAndThenStartsTheService) {
+    const std::wstring ours = machine_.File(L"TeloUF.exe");
+    const PendingRenames renames(L"\\??\\"s + ours + L"\0\0\\??\\C:\\other\0\0\0"s);
+    machine_.CopyAgent();
+    const InstalledService agent(kAgentService, machine_.File(L"TeloDU.exe"));
+    {
+        const WritableKeys writable;
+        AgentCalls calls(machine_);
+        calls.before = [&](const std::wstring&) {
+            EXPECT_EQ(renames.Read(), L"\\??\\C:\\other\0\0"s);
+        };
+        EXPECT_EQ(AfterInstallUPA(0), 0U);
+        EXPECT_GE(calls.Count(), 4U);
+    }
+    EXPECT_EQ(agent.State(), static_cast<DWORD>(SERVICE_RUNNING));
+}
+
+// On every machine with renames.
+TEST_F(AfterInstallUPATest, TheRefusedWriteLeavesTheActionBeforeTheServiceStarts) {
+    const std::wstring stored = L"\\??\\"s + machine_.File(L"TeloUF.exe") + L"\0\0\0"s;
+    const PendingRenames renames(stored);
+    machine_.CopyAgent();
+    const InstalledService agent(kAgentService, machine_.File(L"TeloDU.exe"));
+    {
+        AgentCalls calls(machine_);
+        EXPECT_THROW(AfterInstallUPA(0), RegKeyError);
+        EXPECT_EQ(calls.All(), Lines{});
+    }
+    EXPECT_EQ(renames.Read(), stored);
+    EXPECT_EQ(agent.State(), static_cast<DWORD>(SERVICE_STOPPED));
+}
+
+TEST_F(AfterInstallUPATest, OnlyTheFirstOpeningAndTheReadAreGuarded) {
+    const PendingRenames renames(L"\\??\\C:\\Usage Profile Agent\\a\0\0\0"s);
+    // First opening, size, read, second opening, write. A read that fails behind its size is not
+    // reported but gives empty strings, which go on to the refused write.
+    const std::vector<bool> guarded = {true, true, false, false, false};
+    for (std::size_t failing = 1; failing <= guarded.size(); ++failing) {
+        AgentCalls calls(machine_);
+        const RegistryCalls registry(failing);
+        if (guarded[failing - 1]) {
+            EXPECT_EQ(AfterInstallUPA(0), 0U);
+        } else {
+            EXPECT_THROW(AfterInstallUPA(0), RegKeyError);
+        }
+        EXPECT_EQ(calls.All(), guarded[failing - 1]
+                                   ? (Lines{L"open manager 0xf003f", L"open TeloLauncher 0xf01ff"})
+                                   : Lines{})
+            << failing;
+    }
+}
+
+TEST_F(AfterInstallUPATest, AServiceThatDoesNotStartIsASuccess) {
+    const PendingRenames renames;
+    {
+        AgentCalls calls(machine_);
+        EXPECT_EQ(AfterInstallUPA(0), 0U); // none there
+    }
+    const InstalledService agent(kAgentService, L"C:\\none.exe");
+    for (const wchar_t* const failing : {L"open manager", L"open Telo", L"query", L"start"}) {
+        AgentCalls calls(machine_);
+        calls.Fail(failing, ERROR_ACCESS_DENIED);
+        EXPECT_EQ(AfterInstallUPA(0), 0U) << failing;
+    }
+}
+
+TEST_F(AfterInstallUPATest, WritesNothingToTheInstallerLogAndStoresNoSession) {
+    const PendingRenames renames;
+    halvard::SetCurrentSession(17);
+    AgentCalls calls(machine_);
+    const RecordCalls records;
+    EXPECT_EQ(AfterInstallUPA(18), 0U);
+    EXPECT_EQ(records.Lines().size(), 0U);
+    EXPECT_EQ(halvard::CurrentSession(), 17U);
+}

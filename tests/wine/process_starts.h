@@ -1,0 +1,81 @@
+#pragma once
+
+#include "runtime/handle.h"
+
+#include "import_hook.h"
+
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace halvard_tests {
+
+/// A call of CreateProcessW that is about to be made. Its directory may be changed.
+struct ProcessStart {
+    LPCWSTR application;
+    LPWSTR commandLine;
+    BOOL inherit;
+    DWORD flags;
+    LPCWSTR directory;
+};
+
+/// Watches the calls of CreateProcessW, in their order.
+class ProcessStarts {
+public:
+    /// `before` sees each call, counted already. The call is made when it returns true, and refused
+    /// with ERROR_ACCESS_DENIED otherwise.
+    explicit ProcessStarts(std::function<bool(ProcessStart&)> before =
+                               [](ProcessStart&) { return true; })
+        : before_(std::move(before)) {}
+
+    int Calls() const { return creating_.Calls(); }
+    const std::vector<std::wstring>& CommandLines() const { return commandLines_; }
+
+    /// The error codes, NO_ERROR for a process that was started.
+    const std::vector<DWORD>& Codes() const { return codes_; }
+
+    /// The handle that the last start gave, which is the caller's; null when it failed.
+    HANDLE Process() const { return process_; }
+
+    void WaitUntilAllHaveEnded() const {
+        for (const DWORD id : ids_) {
+            const halvard::OwnedHandle process(OpenProcess(SYNCHRONIZE, FALSE, id));
+            if (process != nullptr) {
+                WaitForSingleObject(process.get(), INFINITE);
+            }
+        }
+    }
+
+private:
+    std::function<bool(ProcessStart&)> before_;
+    std::vector<std::wstring> commandLines_;
+    std::vector<DWORD> codes_;
+    std::vector<DWORD> ids_;
+    HANDLE process_ = nullptr;
+
+    HOOK(creating_, CreateProcessW,
+         [this](LPCWSTR application, LPWSTR commandLine, LPSECURITY_ATTRIBUTES process,
+                LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags, LPVOID environment,
+                LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION created) {
+             ProcessStart start{application, commandLine, inherit, flags, directory};
+             commandLines_.emplace_back(commandLine);
+             process_ = nullptr;
+             BOOL done = FALSE;
+             DWORD code = ERROR_ACCESS_DENIED;
+             if (before_(start)) {
+                 done = creating_.Original(application, commandLine, process, thread, inherit,
+                                           flags, environment, start.directory, startup, created);
+                 code = done != FALSE ? NO_ERROR : GetLastError();
+             }
+             if (done != FALSE) {
+                 process_ = created->hProcess;
+                 ids_.push_back(created->dwProcessId);
+             }
+             codes_.push_back(code);
+             SetLastError(code);
+             return done;
+         });
+};
+
+} // namespace halvard_tests

@@ -1,0 +1,733 @@
+#include "processes/service_removal.h"
+
+#include "runtime/file_status.h"
+
+#include "runtime/session.h"
+
+#include "allocation_failure.h"
+#include "current_session.h"
+#include "files.h"
+#include "import_hook.h"
+#include "installed_service.h"
+#include "open_handles.h"
+#include "record_calls.h"
+#include "stand_in_session.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <new>
+#include <stdexcept>
+#include <system_error>
+
+using halvard::RemoveServiceInDirectory;
+using halvard_tests::AllocationFailure;
+using halvard_tests::CurrentSessionScope;
+using halvard_tests::InstalledService;
+using halvard_tests::RecordCalls;
+using halvard_tests::ScratchFolder;
+using halvard_tests::ServiceBehavior;
+using halvard_tests::ServiceScope;
+using halvard_tests::StandInSession;
+using Lines = std::vector<std::wstring>;
+
+namespace {
+
+constexpr wchar_t kName[] = L"HalvardTestService";
+constexpr wchar_t kFolder[] = L"T:\\Scratch\\Svc";
+constexpr wchar_t kProgram[] = L"T:\\Scratch\\Svc\\svc.exe";
+constexpr wchar_t kWaiting[] = L"Waiting for service to stop.";
+
+// The folder of a service with its program in it.
+class ServiceFolder {
+public:
+    ServiceFolder() {
+        halvard_tests::CreateFolders(kFolder);
+        halvard_tests::CopyTestService(kProgram);
+    }
+
+private:
+    ScratchFolder scratch_;
+};
+
+Lines LinesOfFoundService(const std::wstring& program = kProgram,
+                          const std::wstring& parent = kFolder) {
+    return {L"binary path = " + program + L"\n", L"Parent path of " + program + L" is " + parent};
+}
+
+Lines operator+(Lines left, const Lines& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+const Lines& DeletedLine() {
+    static const Lines line = {std::wstring(L"Successfully deleted ") + kName};
+    return line;
+}
+
+Lines NotInLine(const std::wstring& program, const std::wstring& directory) {
+    return {program + L" is not in directory " + directory};
+}
+
+// What a removal logs, every line of it to session 0.
+Lines LogOf(const std::wstring& name, const std::wstring& directory) {
+    const CurrentSessionScope other(99); // none of the lines may reach it
+    const RecordCalls calls;
+    RemoveServiceInDirectory(name, directory);
+    std::size_t lost = 0;
+    for (const std::wstring& line : calls.Lines()) {
+        lost += line == L"process 0x4000000 in 0" ? 1 : 0;
+    }
+    EXPECT_EQ(lost, calls.Texts().size());
+    return calls.Texts();
+}
+
+void ExpectFolderError(const std::wstring& program, const std::wstring& parent,
+                       const std::wstring& directory) {
+    try {
+        RemoveServiceInDirectory(kName, directory);
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const std::filesystem::filesystem_error& error) {
+        EXPECT_NE(std::string(error.what()).find("equivalent"), std::string::npos) << error.what();
+        EXPECT_EQ(error.path1().wstring(), parent) << program.c_str();
+        EXPECT_EQ(error.path2().wstring(), directory) << program.c_str();
+        EXPECT_EQ(error.code().category(), std::system_category());
+        EXPECT_TRUE(halvard::MeansMissing(static_cast<DWORD>(error.code().value())));
+    }
+}
+
+} // namespace
+
+TEST(DeleteServiceIfBinaryIsInDirectory, StopsAndDeletesAServiceOfTheFolder) {
+    const ServiceFolder folder;
+    InstalledService service(kName, kProgram);
+    service.Start();
+    const CurrentSessionScope current;
+    const StandInSession session;
+    const std::wstring data =
+        std::wstring(L"ServiceName=") + kName + L";DirectoryOfBinary=" + kFolder;
+    session.SetProperty(L"CustomActionData", data);
+    {
+        const RecordCalls calls;
+        EXPECT_EQ(DeleteServiceIfBinaryIsInDirectory(session.Get()), 0U);
+        EXPECT_EQ(calls.Texts(),
+                  Lines{L"CustomActionData: " + data} + LinesOfFoundService() + DeletedLine());
+    }
+    EXPECT_TRUE(service.WaitUntilGone());
+    EXPECT_TRUE(service.WaitForProcess());
+    // Nothing else reaches the log.
+    EXPECT_EQ(session.LogLines(), Lines{L"CustomActionData: " + data});
+    EXPECT_EQ(session.Messages().size(), 1U);
+}
+
+TEST(DeleteServiceIfBinaryIsInDirectory, TakesItsItemsInAnyOrder) {
+    const ServiceFolder folder;
+    const InstalledService service(kName, kProgram);
+    const CurrentSessionScope current;
+    const StandInSession session;
+    session.SetProperty(L"CustomActionData",
+                        std::wstring(L"DirectoryOfBinary=") + kFolder + L";ServiceName=" + kName);
+    EXPECT_EQ(DeleteServiceIfBinaryIsInDirectory(session.Get()), 0U);
+    EXPECT_FALSE(service.Exists());
+}
+
+TEST(DeleteServiceIfBinaryIsInDirectory, StoresItsSessionBeforeAnythingElse) {
+    const StandInSession session;
+    session.SetProperty(L"CustomActionData", L"ServiceName=;DirectoryOfBinary=T:\\");
+    const CurrentSessionScope current(99);
+    HOOK(reading, MsiGetPropertyW,
+         [&](MSIHANDLE handle, LPCWSTR name, LPWSTR buffer, LPDWORD length) {
+             EXPECT_EQ(halvard::CurrentSession(), session.Get());
+             EXPECT_EQ(handle, session.Get());
+             return reading.Original(handle, name, buffer, length);
+         });
+    EXPECT_EQ(DeleteServiceIfBinaryIsInDirectory(session.Get()), 0U);
+    EXPECT_EQ(reading.Calls(), 2);
+    EXPECT_EQ(halvard::CurrentSession(), session.Get());
+}
+
+TEST(DeleteServiceIfBinaryIsInDirectory, DataShorterThanAKeyThrowsAndTouchesNoService) {
+    const CurrentSessionScope current;
+    const StandInSession session;
+    for (const std::wstring& data : {std::wstring(), std::wstring(L"ServiceName="),
+                                     std::wstring(L"ServiceName=abcd"), std::wstring(16, L'x')}) {
+        session.SetProperty(L"CustomActionData", data);
+        COUNT_CALLS(managers, OpenSCManagerW);
+        EXPECT_THROW(DeleteServiceIfBinaryIsInDirectory(session.Get()), std::out_of_range);
+        EXPECT_EQ(managers.Calls(), 0);
+    }
+    EXPECT_EQ(session.LogLines().size(), 4U);
+}
+
+TEST(DeleteServiceIfBinaryIsInDirectory, AnAbsentNameIsTheTextFromIndex11) {
+    const CurrentSessionScope current;
+    const StandInSession session;
+    session.SetProperty(L"CustomActionData", L"DirectoryOfBinary=T:\\");
+    const RecordCalls calls;
+    EXPECT_EQ(DeleteServiceIfBinaryIsInDirectory(session.Get()), 0U);
+    ASSERT_EQ(calls.Texts().size(), 2U);
+    EXPECT_EQ(calls.Texts()[1].find(L"Unable to open service Binary=T:\\. Error code: "), 0U);
+}
+
+TEST(DeleteServiceIfBinaryIsInDirectory, AnAbsentDirectoryIsTheTextFromIndex17) {
+    const ServiceFolder folder;
+    const InstalledService service(kName, kProgram);
+    const CurrentSessionScope current;
+    const StandInSession session;
+    session.SetProperty(L"CustomActionData", std::wstring(L"ServiceName=") + kName);
+    const std::wstring directory = std::wstring(kName).substr(5);
+    try {
+        DeleteServiceIfBinaryIsInDirectory(session.Get());
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const std::filesystem::filesystem_error& error) {
+        EXPECT_EQ(error.path2().wstring(), directory);
+    }
+    EXPECT_TRUE(service.Exists());
+}
+
+TEST(DeleteServiceIfBinaryIsInDirectory, WhatLeavesTheRemovalLeavesTheAction) {
+    const CurrentSessionScope current;
+    const StandInSession session;
+    session.SetProperty(L"CustomActionData", L"ServiceName=Spooler;DirectoryOfBinary=T:\\");
+    FAIL_CALL(reading, QueryServiceConfigW, 0, FALSE, ERROR_ACCESS_DENIED);
+    FAIL_CALL(manager, OpenSCManagerW, 0, reinterpret_cast<SC_HANDLE>(1), NO_ERROR);
+    FAIL_CALL(opening, OpenServiceW, 0, reinterpret_cast<SC_HANDLE>(2), NO_ERROR);
+    FAIL_CALL(closing, CloseServiceHandle, 0, TRUE, NO_ERROR);
+    try {
+        DeleteServiceIfBinaryIsInDirectory(session.Get());
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code(), std::error_code(ERROR_ACCESS_DENIED, std::system_category()));
+        EXPECT_NE(std::string(error.what()).find("Unable to call QueryServiceConfig"),
+                  std::string::npos);
+    }
+}
+
+TEST(RemoveServiceInDirectory, LeavesAServiceThatRunsFromElsewhere) {
+    const ServiceFolder folder;
+    halvard_tests::CreateFolders(L"T:\\Scratch\\Svc\\Sub");
+    InstalledService service(kName, kProgram);
+    service.Start();
+    for (const std::wstring directory : {L"T:\\Scratch", L"T:\\Scratch\\Svc\\Sub", kProgram}) {
+        EXPECT_EQ(LogOf(kName, directory), LinesOfFoundService() + NotInLine(kProgram, directory));
+    }
+    EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_RUNNING));
+    EXPECT_FALSE(service.IsBeingDeleted());
+}
+
+TEST(RemoveServiceInDirectory, WaitsForAServiceThatTakesTwoSecondsToStop) {
+    const ServiceFolder folder;
+    ServiceBehavior behavior;
+    behavior.stopPending = 2000;
+    InstalledService service(kName, kProgram, behavior);
+    service.Start();
+    const ULONGLONG start = GetTickCount64();
+    const Lines lines = LogOf(kName, kFolder);
+    const ULONGLONG elapsed = GetTickCount64() - start;
+    EXPECT_TRUE(service.WaitUntilGone());
+
+    const auto waits = static_cast<std::size_t>(std::count(lines.begin(), lines.end(), kWaiting));
+    EXPECT_EQ(lines, LinesOfFoundService() + Lines(waits, kWaiting) + DeletedLine());
+    EXPECT_GE(waits, 1U);
+    EXPECT_LT(waits, 30U);
+    EXPECT_GE(elapsed, 1980U);
+}
+
+TEST(RemoveServiceInDirectory, MarksAServiceThatIgnoresTheStopForDeletion) {
+    const ServiceFolder folder;
+    ServiceBehavior behavior;
+    behavior.stopIgnored = true;
+    InstalledService service(kName, kProgram, behavior);
+    service.Start();
+    const ULONGLONG start = GetTickCount64();
+    const Lines lines = LogOf(kName, kFolder);
+    const ULONGLONG elapsed = GetTickCount64() - start;
+
+    EXPECT_EQ(lines, LinesOfFoundService() + Lines(30, kWaiting) + DeletedLine());
+    EXPECT_GE(elapsed, 3000U);
+    EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_RUNNING));
+    EXPECT_TRUE(service.IsBeingDeleted());
+    // The system removes it when it stops at last.
+    service.EndProcess();
+    EXPECT_TRUE(service.WaitUntilGone());
+}
+
+TEST(RemoveServiceInDirectory, DeletesAServiceThatIsStoppedAlready) {
+    const ServiceFolder folder;
+    const InstalledService service(kName, kProgram);
+    EXPECT_EQ(LogOf(kName, kFolder), LinesOfFoundService() + DeletedLine());
+    EXPECT_FALSE(service.Exists());
+}
+
+TEST(RemoveServiceInDirectory, ANameWithoutAServiceIsLogged) {
+    const ScratchFolder scratch;
+    const ServiceScope service(kName);
+    EXPECT_EQ(LogOf(kName, scratch.Path()),
+              Lines{std::wstring(L"Unable to open service ") + kName + L". Error code: 1060"});
+}
+
+TEST(RemoveServiceInDirectory, AServiceThatIsBeingDeletedCannotBeDeletedAgain) {
+    const ServiceFolder folder;
+    ServiceBehavior behavior;
+    behavior.stopPending = 300;
+    InstalledService service(kName, kProgram, behavior);
+    service.Start();
+    {
+        const SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+        const SC_HANDLE opened = OpenServiceW(manager, kName, DELETE);
+        EXPECT_NE(DeleteService(opened), FALSE);
+        CloseServiceHandle(opened);
+        CloseServiceHandle(manager);
+    }
+    const Lines lines = LogOf(kName, kFolder);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(), std::wstring(L"Unable to delete ") + kName + L". Error code: 1072");
+    EXPECT_TRUE(service.WaitUntilGone());
+}
+
+TEST(RemoveServiceInDirectory, OnlyTheFolderOfTheProgramHasToBeThere) {
+    const ServiceFolder folder;
+    DeleteFileW(kProgram);
+    const InstalledService service(kName, kProgram);
+    EXPECT_EQ(LogOf(kName, kFolder), LinesOfFoundService() + DeletedLine());
+    EXPECT_FALSE(service.Exists());
+}
+
+TEST(RemoveServiceInDirectory, TheSameFolderInAnotherSpelling) {
+    const ServiceFolder folder;
+    halvard_tests::CreateFolders(L"T:\\Scratch\\Other");
+    const halvard_tests::Link link(L"T:\\Scratch", L"Link", L"Svc");
+    const halvard_tests::CurrentDirectoryScope current(L"T:\\Scratch");
+    for (const std::wstring directory :
+         {L"t:\\SCRATCH\\svc", L"T:/Scratch/Svc", L"T:\\Scratch\\Svc\\", L"T:/Scratch/Svc/",
+          L"T:\\Scratch\\\\Svc\\\\", L"T:\\Scratch\\Other\\..\\.\\Svc", L"\\\\?\\T:\\Scratch\\Svc",
+          L"Svc", L".\\Svc\\", L"T:Svc", L"T:\\Scratch\\Link"}) {
+        const InstalledService service(kName, kProgram);
+        EXPECT_EQ(LogOf(kName, directory), LinesOfFoundService() + DeletedLine())
+            << std::string(directory.begin(), directory.end());
+        EXPECT_FALSE(service.Exists());
+    }
+}
+
+TEST(RemoveServiceInDirectory, TheSameProgramInAnotherSpelling) {
+    const ServiceFolder folder;
+    halvard_tests::CreateFolders(L"T:\\Scratch\\Other");
+    const halvard_tests::Link link(L"T:\\Scratch", L"Link", L"Svc");
+    const std::vector<std::pair<std::wstring, std::wstring>> programsAndParents = {
+        {L"t:\\SCRATCH\\svc\\SVC.EXE", L"t:\\SCRATCH\\svc"},
+        {L"T:/Scratch/Svc/svc.exe", L"T:/Scratch/Svc"},
+        {L"T:\\Scratch\\Svc\\/\\svc.exe", L"T:\\Scratch\\Svc"},
+        {L"T:\\Scratch\\Other\\..\\Svc\\svc.exe", L"T:\\Scratch\\Other\\..\\Svc"},
+        {L"T:\\Scratch\\Link\\svc.exe", L"T:\\Scratch\\Link"},
+        {L"T:\\Scratch\\Svc\\", L"T:\\Scratch\\Svc"},
+    };
+    for (const auto& [program, parent] : programsAndParents) {
+        const InstalledService service(kName, program);
+        EXPECT_EQ(LogOf(kName, kFolder), LinesOfFoundService(program, parent) + DeletedLine());
+        EXPECT_FALSE(service.Exists());
+    }
+}
+
+TEST(RemoveServiceInDirectory, AProgramInTheRootOfADrive) {
+    const ScratchFolder scratch;
+    const halvard_tests::CurrentDirectoryScope current(scratch.Path());
+    const InstalledService service(kName, L"T:\\svc.exe");
+    const Lines found = LinesOfFoundService(L"T:\\svc.exe", L"T:\\");
+    // "T:" alone would be the current folder of the drive.
+    EXPECT_EQ(LogOf(kName, scratch.Path()), found + NotInLine(L"T:\\svc.exe", scratch.Path()));
+    EXPECT_TRUE(service.Exists());
+    EXPECT_EQ(LogOf(kName, L"T:\\"), found + DeletedLine());
+    EXPECT_FALSE(service.Exists());
+}
+
+TEST(RemoveServiceInDirectory, ArgumentsWithoutASlashAreOfNoConcern) {
+    const ServiceFolder folder;
+    const std::wstring program = std::wstring(kProgram) + L" -k group";
+    const InstalledService service(kName, program);
+    EXPECT_EQ(LogOf(kName, kFolder), LinesOfFoundService(program) + DeletedLine());
+    EXPECT_FALSE(service.Exists());
+}
+
+TEST(RemoveServiceInDirectory, QuotesAndArgumentsWithASlashGiveAFolderThatIsNotThere) {
+    const ServiceFolder folder;
+    const std::wstring program = kProgram;
+    const std::vector<std::pair<std::wstring, std::wstring>> programsAndParents = {
+        {L"\"" + program + L"\"", std::wstring(L"\"") + kFolder},
+        {L"\"" + program + L"\" -k group", std::wstring(L"\"") + kFolder},
+        {L"\"" + program + L"\" /run", L"\"" + program + L"\" "},
+        {program + L" -f T:\\Scratch\\x.ini", program + L" -f T:\\Scratch"},
+        {L"svc.exe", L""},
+        {L"T:\\Scratch\\missing\\svc.exe", L"T:\\Scratch\\missing"},
+    };
+    for (const auto& [stored, parent] : programsAndParents) {
+        const InstalledService service(kName, stored);
+        ExpectFolderError(stored, parent, kFolder);
+        EXPECT_TRUE(service.Exists());
+        EXPECT_FALSE(service.IsBeingDeleted());
+    }
+}
+
+TEST(RemoveServiceInDirectory, AnArgumentBehindASlashIsNotInTheFolder) {
+    const ServiceFolder folder;
+    const std::wstring program = std::wstring(kProgram) + L" /run";
+    const InstalledService service(kName, program);
+    // What stands before the slash is the program itself: the system drops the blank at its end.
+    EXPECT_EQ(LogOf(kName, kFolder), LinesOfFoundService(program, std::wstring(kProgram) + L" ") +
+                                         NotInLine(program, kFolder));
+    EXPECT_TRUE(service.Exists());
+}
+
+TEST(RemoveServiceInDirectory, ADirectoryThatIsNotThereThrows) {
+    const ServiceFolder folder;
+    InstalledService service(kName, kProgram);
+    service.Start();
+    for (const wchar_t* directory :
+         {L"T:\\Scratch\\missing", L"T:\\Scratch\\missing\\Svc", L"", L"\"T:\\Scratch\\Svc\""}) {
+        ExpectFolderError(kProgram, kFolder, directory);
+    }
+    EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_RUNNING));
+    EXPECT_FALSE(service.IsBeingDeleted());
+}
+
+TEST(RemoveServiceInDirectory, PathsTooLongForTheLogAreStillCompared) {
+    const ScratchFolder scratch;
+    const std::wstring longFolder = scratch.Path() + L"\\" + std::wstring(200, L'a') + L"\\" +
+                                    std::wstring(200, L'b') + L"\\" + std::wstring(100, L'c');
+    halvard_tests::CreateFolders(L"\\\\?\\" + longFolder);
+    const InstalledService service(kName, longFolder + L"\\svc.exe");
+    const std::wstring overflow = L"CA buffer overflow\n";
+    EXPECT_EQ(LogOf(kName, scratch.Path()), (Lines{overflow, overflow, overflow}));
+    EXPECT_TRUE(service.Exists());
+    EXPECT_EQ(LogOf(kName, longFolder), (Lines{overflow, overflow}) + DeletedLine());
+    EXPECT_FALSE(service.Exists());
+}
+
+namespace {
+
+// A service manager of the test's own that knows one service. Every call is one line, and so is
+// what is logged; each of them leaves an error of its own behind.
+class StandInServiceManager {
+public:
+    std::wstring binaryPath = kProgram;
+    DWORD managerError = NO_ERROR;
+    DWORD openError = NO_ERROR;
+    // The sizes that are asked for, one after the other, before the configuration is there.
+    std::vector<DWORD> configSizes = {1000};
+    DWORD configError = NO_ERROR;
+    DWORD controlError = NO_ERROR;
+    // What is told as the state: first by the request to stop, then by each query. 0 is a query
+    // that fails. The last one stays.
+    std::vector<DWORD> states = {SERVICE_STOPPED};
+    DWORD deleteError = NO_ERROR;
+
+    const Lines& Calls() const { return calls_; }
+
+private:
+    static SC_HANDLE Manager() { return reinterpret_cast<SC_HANDLE>(0x100); }
+    static SC_HANDLE Service() { return reinterpret_cast<SC_HANDLE>(0x200); }
+
+    static std::wstring NameOf(SC_HANDLE handle) {
+        return handle == Manager() ? L" manager" : handle == Service() ? L" service" : L" unknown";
+    }
+
+    BOOL Call(const std::wstring& line, DWORD error) {
+        calls_.push_back(line);
+        SetLastError(error == NO_ERROR ? ERROR_INVALID_DATA : error);
+        return error == NO_ERROR ? TRUE : FALSE;
+    }
+
+    BOOL TellState(SERVICE_STATUS* status) {
+        const DWORD state = states[std::min(told_++, states.size() - 1)];
+        status->dwCurrentState = state == 0 ? SERVICE_STOPPED : state;
+        return state == 0 ? FALSE : TRUE;
+    }
+
+    BOOL TellConfig(SC_HANDLE service, QUERY_SERVICE_CONFIGW* config, DWORD size, DWORD* needed) {
+        const bool given = config != nullptr;
+        calls_.push_back(L"QueryServiceConfigW" + NameOf(service) +
+                         (given ? L" buffer " : L" null ") + std::to_wstring(size));
+        if (asked_ < configSizes.size()) {
+            *needed = configSizes[asked_++];
+            SetLastError(ERROR_INSUFFICIENT_BUFFER);
+            return FALSE;
+        }
+        if (configError != NO_ERROR) {
+            SetLastError(configError);
+            return FALSE;
+        }
+        *config = {};
+        config->lpBinaryPathName = binaryPath.data();
+        return TRUE;
+    }
+
+    Lines calls_;
+    std::size_t asked_ = 0;
+    std::size_t told_ = 0;
+
+    HOOK(openManager_, OpenSCManagerW, [this](LPCWSTR machine, LPCWSTR database, DWORD access) {
+        wchar_t number[16] = {};
+        wsprintfW(number, L" 0x%x", access);
+        const BOOL done = Call(std::wstring(L"OpenSCManagerW ") +
+                                   (machine == nullptr ? L"null " : machine) + database + number,
+                               managerError);
+        return done != FALSE ? Manager() : nullptr;
+    });
+    HOOK(openService_, OpenServiceW, [this](SC_HANDLE manager, LPCWSTR name, DWORD access) {
+        asked_ = 0;
+        told_ = 0;
+        wchar_t number[16] = {};
+        wsprintfW(number, L" 0x%x", access);
+        const BOOL done = Call(L"OpenServiceW" + NameOf(manager) + L" " + name + number, openError);
+        return done != FALSE ? Service() : nullptr;
+    });
+    HOOK(config_, QueryServiceConfigW,
+         [this](SC_HANDLE service, LPQUERY_SERVICE_CONFIGW config, DWORD size, LPDWORD needed) {
+             return TellConfig(service, config, size, needed);
+         });
+    HOOK(control_, ControlService,
+         [this](SC_HANDLE service, DWORD control, LPSERVICE_STATUS status) {
+             TellState(status);
+             return Call(L"ControlService" + NameOf(service) + L" " + std::to_wstring(control),
+                         controlError);
+         });
+    HOOK(query_, QueryServiceStatus, [this](SC_HANDLE service, LPSERVICE_STATUS status) {
+        Call(L"QueryServiceStatus" + NameOf(service), NO_ERROR);
+        return TellState(status);
+    });
+    HOOK(sleep_, Sleep, [this](DWORD milliseconds) {
+        calls_.push_back(L"Sleep " + std::to_wstring(milliseconds));
+    });
+    const CurrentSessionScope other_{99};
+    HOOK(delete_, DeleteService, [this](SC_HANDLE service) {
+        return Call(L"DeleteService" + NameOf(service), deleteError);
+    });
+    HOOK(close_, CloseServiceHandle, [this](SC_HANDLE handle) {
+        return Call(L"CloseServiceHandle" + NameOf(handle), NO_ERROR);
+    });
+    HOOK(create_, MsiCreateRecord, [this](UINT fields) {
+        SetLastError(ERROR_INVALID_FUNCTION);
+        return create_.Original(fields);
+    });
+    HOOK(log_, MsiRecordSetStringW, [this](MSIHANDLE record, UINT field, LPCWSTR text) {
+        calls_.push_back(text);
+        return log_.Original(record, field, text);
+    });
+    HOOK(process_, MsiProcessMessage,
+         [this](MSIHANDLE session, INSTALLMESSAGE type, MSIHANDLE record) {
+             EXPECT_EQ(session, 0U);
+             EXPECT_EQ(type, INSTALLMESSAGE_INFO);
+             return process_.Original(session, type, record);
+         });
+};
+
+const Lines kOpened = {L"OpenSCManagerW null ServicesActive 0xf003f",
+                       std::wstring(L"OpenServiceW manager ") + kName + L" 0xf003f"};
+const Lines kConfigured = {L"QueryServiceConfigW service null 0",
+                           L"QueryServiceConfigW service buffer 1000"};
+const Lines kStopRequested = {L"ControlService service 1"};
+const Lines kDeletion = {L"DeleteService service"};
+const Lines kClosed = {L"CloseServiceHandle service", L"CloseServiceHandle manager"};
+
+Lines Polls(std::size_t count) {
+    Lines lines;
+    for (std::size_t poll = 0; poll < count; ++poll) {
+        lines = lines + Lines{kWaiting, L"Sleep 101", L"QueryServiceStatus service"};
+    }
+    return lines;
+}
+
+Lines DeletionAfter(std::size_t polls) {
+    return kOpened + kConfigured + LinesOfFoundService() + kStopRequested + Polls(polls) +
+           kDeletion + DeletedLine() + kClosed;
+}
+
+} // namespace
+
+TEST(RemoveServiceInDirectory, MakesItsCallsInThisOrder) {
+    const ServiceFolder folder;
+    const StandInServiceManager manager;
+    RemoveServiceInDirectory(kName, kFolder);
+    EXPECT_EQ(manager.Calls(), DeletionAfter(0));
+}
+
+TEST(RemoveServiceInDirectory, AnEmptyNameAsksNobody) {
+    const StandInServiceManager manager;
+    RemoveServiceInDirectory(L"", kFolder);
+    EXPECT_EQ(manager.Calls(), Lines{L"Empty service name provided"});
+}
+
+TEST(RemoveServiceInDirectory, LogsToNoSessionWhateverTheCurrentOneIs) {
+    const StandInSession session;
+    const CurrentSessionScope current(session.Get());
+    // Expects session 0 with every line.
+    const StandInServiceManager manager;
+    RemoveServiceInDirectory(L"", kFolder);
+    EXPECT_EQ(manager.Calls().size(), 1U);
+    EXPECT_EQ(session.LogLines(), Lines{});
+}
+
+TEST(RemoveServiceInDirectory, AManagerThatCannotBeOpenedIsLogged) {
+    StandInServiceManager manager;
+    manager.managerError = ERROR_ACCESS_DENIED;
+    RemoveServiceInDirectory(kName, kFolder);
+    EXPECT_EQ(manager.Calls(), (Lines{L"OpenSCManagerW null ServicesActive 0xf003f",
+                                      L"Unable call  OpenSCManager. Error code: 5"}));
+}
+
+TEST(RemoveServiceInDirectory, AServiceThatCannotBeOpenedIsLoggedAndTheManagerClosed) {
+    StandInServiceManager manager;
+    manager.openError = ERROR_ACCESS_DENIED;
+    RemoveServiceInDirectory(kName, kFolder);
+    const Lines refused = {std::wstring(L"Unable to open service ") + kName + L". Error code: 5",
+                           L"CloseServiceHandle manager"};
+    EXPECT_EQ(manager.Calls(), kOpened + refused);
+}
+
+TEST(RemoveServiceInDirectory, AConfigurationThatGrowsIsAskedForAgain) {
+    const ServiceFolder folder;
+    StandInServiceManager manager;
+    manager.configSizes = {100, 300, 400};
+    RemoveServiceInDirectory(kName, kFolder);
+    Lines expected = DeletionAfter(0);
+    expected.erase(expected.begin() + 3);
+    const Lines asked = {L"QueryServiceConfigW service buffer 100",
+                         L"QueryServiceConfigW service buffer 300",
+                         L"QueryServiceConfigW service buffer 400"};
+    expected.insert(expected.begin() + 3, asked.begin(), asked.end());
+    EXPECT_EQ(manager.Calls(), expected);
+}
+
+TEST(RemoveServiceInDirectory, AConfigurationThatCannotBeReadThrowsAndClosesBothHandles) {
+    for (const DWORD code : {ERROR_ACCESS_DENIED, ERROR_INVALID_HANDLE, ERROR_MORE_DATA}) {
+        for (const bool afterGrowth : {false, true}) {
+            StandInServiceManager manager;
+            manager.configError = code;
+            Lines asked = kConfigured;
+            if (!afterGrowth) {
+                manager.configSizes.clear();
+                asked.pop_back();
+            }
+            try {
+                RemoveServiceInDirectory(kName, kFolder);
+                ADD_FAILURE() << "nothing was thrown";
+            } catch (const std::system_error& error) {
+                EXPECT_EQ(error.code(),
+                          std::error_code(static_cast<int>(code), std::system_category()));
+                EXPECT_EQ(std::string(error.what()).find("Unable to call QueryServiceConfig: "), 0U)
+                    << error.what();
+            }
+            EXPECT_EQ(manager.Calls(), kOpened + asked + kClosed);
+        }
+    }
+}
+
+TEST(RemoveServiceInDirectory, AFolderThatIsNotTheSameClosesBothHandlesAndCallsNothingElse) {
+    const ServiceFolder folder;
+    const StandInServiceManager manager;
+    RemoveServiceInDirectory(kName, L"T:\\Scratch");
+    EXPECT_EQ(manager.Calls(), kOpened + kConfigured + LinesOfFoundService() +
+                                   NotInLine(kProgram, L"T:\\Scratch") + kClosed);
+}
+
+TEST(RemoveServiceInDirectory, AFolderThatCannotBeComparedClosesBothHandles) {
+    const ServiceFolder folder;
+    const StandInServiceManager manager;
+    EXPECT_THROW(RemoveServiceInDirectory(kName, L"T:\\Scratch\\missing"),
+                 std::filesystem::filesystem_error);
+    const int before = halvard_tests::OpenHandleCount();
+    const std::size_t calls = manager.Calls().size();
+    EXPECT_THROW(RemoveServiceInDirectory(kName, L"T:\\Scratch\\missing"),
+                 std::filesystem::filesystem_error);
+    EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
+    EXPECT_EQ(Lines(manager.Calls().begin(), manager.Calls().begin() + static_cast<int>(calls)),
+              kOpened + kConfigured + LinesOfFoundService() + kClosed);
+}
+
+TEST(RemoveServiceInDirectory, AStopThatIsRefusedIsNotWaitedFor) {
+    const ServiceFolder folder;
+    for (const DWORD code :
+         {ERROR_SERVICE_NOT_ACTIVE, ERROR_SERVICE_CANNOT_ACCEPT_CTRL, ERROR_ACCESS_DENIED}) {
+        StandInServiceManager manager;
+        manager.controlError = code;
+        manager.states = {SERVICE_STOP_PENDING};
+        RemoveServiceInDirectory(kName, kFolder);
+        EXPECT_EQ(manager.Calls(), DeletionAfter(0));
+    }
+}
+
+TEST(RemoveServiceInDirectory, WaitsUntilTheStateIsStopped) {
+    const ServiceFolder folder;
+    for (const std::size_t polls : {1U, 3U, 29U, 30U}) {
+        StandInServiceManager manager;
+        manager.states.assign(polls, SERVICE_STOP_PENDING);
+        manager.states.push_back(SERVICE_STOPPED);
+        RemoveServiceInDirectory(kName, kFolder);
+        EXPECT_EQ(manager.Calls(), DeletionAfter(polls));
+    }
+}
+
+TEST(RemoveServiceInDirectory, GivesUpAfter30WaitsInEveryOtherState) {
+    const ServiceFolder folder;
+    for (const DWORD state : {SERVICE_START_PENDING, SERVICE_STOP_PENDING, SERVICE_RUNNING,
+                              SERVICE_CONTINUE_PENDING, SERVICE_PAUSE_PENDING, SERVICE_PAUSED}) {
+        StandInServiceManager manager;
+        manager.states = {state};
+        RemoveServiceInDirectory(kName, kFolder);
+        EXPECT_EQ(manager.Calls(), DeletionAfter(30));
+    }
+}
+
+TEST(RemoveServiceInDirectory, AStateThatCannotBeAskedForStaysAsItWas) {
+    const ServiceFolder folder;
+    {
+        StandInServiceManager manager;
+        manager.states = {SERVICE_RUNNING, 0, 0, SERVICE_STOPPED};
+        RemoveServiceInDirectory(kName, kFolder);
+        EXPECT_EQ(manager.Calls(), DeletionAfter(3));
+    }
+    StandInServiceManager manager;
+    manager.states = {SERVICE_RUNNING, 0};
+    RemoveServiceInDirectory(kName, kFolder);
+    EXPECT_EQ(manager.Calls(), DeletionAfter(30));
+}
+
+TEST(RemoveServiceInDirectory, ADeletionThatIsRefusedIsLogged) {
+    const ServiceFolder folder;
+    StandInServiceManager manager;
+    manager.deleteError = ERROR_SERVICE_MARKED_FOR_DELETE;
+    RemoveServiceInDirectory(kName, kFolder);
+    EXPECT_EQ(manager.Calls(),
+              kOpened + kConfigured + LinesOfFoundService() + kStopRequested + kDeletion +
+                  Lines{std::wstring(L"Unable to delete ") + kName + L". Error code: 1072"} +
+                  kClosed);
+}
+
+TEST(RemoveServiceInDirectory, ClosesBothHandlesWhenMemoryRunsOut) {
+    const ServiceFolder folder;
+    const InstalledService service(kName, kProgram);
+    const std::wstring directory = kFolder;
+    const std::wstring name = kName;
+    // Nothing of the test allocates in between: what counts here are the allocations of the code.
+    COUNT_CALLS(managers, OpenSCManagerW);
+    COUNT_CALLS(services, OpenServiceW);
+    COUNT_CALLS(closing, CloseServiceHandle);
+    FAIL_CALL(stopping, ControlService, 0, FALSE, ERROR_SERVICE_NOT_ACTIVE);
+    FAIL_CALL(deleting, DeleteService, 0, FALSE, ERROR_ACCESS_DENIED);
+    int failures = 0;
+    for (bool happened = true; happened;) {
+        const AllocationFailure failure(failures + 1);
+        try {
+            RemoveServiceInDirectory(name, directory);
+        } catch (const std::bad_alloc&) {
+            EXPECT_EQ(deleting.Calls(), 0);
+        }
+        happened = failure.Happened();
+        failures += happened ? 1 : 0;
+        ASSERT_EQ(closing.Calls(), managers.Calls() + services.Calls());
+    }
+    EXPECT_GE(failures, 3);
+    EXPECT_EQ(managers.Calls(), failures + 1);
+    EXPECT_EQ(services.Calls(), failures + 1);
+    EXPECT_EQ(deleting.Calls(), 1);
+}

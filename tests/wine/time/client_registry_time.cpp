@@ -1,0 +1,72 @@
+#include "agent/client_registry.h"
+
+#include "import_hook.h"
+#include "many_files.h"
+#include "registry_key.h"
+#include "time_of.h"
+
+#include <gtest/gtest.h>
+#include <msiquery.h>
+
+#include <algorithm>
+#include <string>
+
+using halvard_tests::Duration;
+using halvard_tests::Growth;
+using halvard_tests::Numbered;
+using halvard_tests::ScratchKey;
+using halvard_tests::TimeOf;
+
+namespace {
+
+constexpr wchar_t kTelo[] = L"SOFTWARE\\Telo";
+
+// The status values of clients of which the last alone is active.
+class Clients {
+public:
+    explicit Clients(int count) {
+        for (int number = 1; number <= count; ++number) {
+            const BYTE status = number == count ? 1 : 2;
+            telo_.SetBytes(Numbered(L"client ", number) + L"_TeloStatus", REG_DWORD,
+                           {status, 0, 0, 0});
+        }
+    }
+
+    // The time that so many installations of one more client take.
+    Duration TimeOfInstallations(int count) const {
+        const Duration time = TimeOf([&] {
+            for (int run = 0; run < count; ++run) {
+                EXPECT_EQ(CheckForClients(0), static_cast<UINT>(ERROR_NO_MORE_ITEMS));
+            }
+        });
+        EXPECT_EQ(telo_.Read(L"Foo_TeloStatus"), (ScratchKey::Value{REG_DWORD, {1, 0, 0, 0}}));
+        return time;
+    }
+
+private:
+    ScratchKey telo_{kTelo};
+};
+
+} // namespace
+
+TEST(ClientRegistryTime, GrowsLinearlyWithTheClients) {
+    // The calls of a session take the same time for any number of clients, and would hide the rest.
+    HOOK(reading, MsiGetPropertyW, [](MSIHANDLE, LPCWSTR, LPWSTR buffer, LPDWORD length) -> UINT {
+        const std::wstring data = L"ClientName=Foo;Action=;CurrentVersion=1.2.3.4";
+        if (*length > data.size()) {
+            std::copy(data.begin(), data.end(), buffer);
+        }
+        *length = static_cast<DWORD>(data.size());
+        return ERROR_SUCCESS;
+    });
+    // Ten installations among few clients against one among ten times as many, so that what
+    // disturbs a run hits both alike.
+    const auto few = [] {
+        return Clients(300).TimeOfInstallations(10) / 10;
+    };
+    const auto many = [] {
+        return Clients(3000).TimeOfInstallations(1);
+    };
+    EXPECT_LE(Growth(few, many, 12), 12);
+    RegDeleteTreeW(HKEY_CURRENT_USER, kTelo);
+}
