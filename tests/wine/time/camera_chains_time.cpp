@@ -1,17 +1,24 @@
 #include "registry_actions/camera_chains.h"
 
+#include "bare_enumeration.h"
 #include "registry_key.h"
 #include "time_of.h"
 
 #include <gtest/gtest.h>
 
 using halvard_tests::Duration;
-using halvard_tests::Growth;
+using halvard_tests::EnumerateKeysBare;
+using halvard_tests::ExpectLinear;
+using halvard_tests::OneOfTen;
+using halvard_tests::ReadValueBare;
 using halvard_tests::ScratchKey;
 using halvard_tests::TimeOf;
 using namespace std::string_literals;
 
 namespace {
+
+constexpr wchar_t kDeviceClass[] = L"SYSTEM\\CurrentControlSet\\Control\\DeviceClasses\\"
+                                   L"{e5323777-f976-4f5b-9b55-b94699c46e44}";
 
 void MakeDevices(const ScratchKey& deviceClass, int count) {
     for (int index = 0; index < count; ++index) {
@@ -25,8 +32,7 @@ void MakeDevices(const ScratchKey& deviceClass, int count) {
 
 // The time of one run among so many devices.
 Duration CleaningTime(int devices) {
-    const ScratchKey deviceClass(L"SYSTEM\\CurrentControlSet\\Control\\DeviceClasses\\"
-                                 L"{e5323777-f976-4f5b-9b55-b94699c46e44}");
+    const ScratchKey deviceClass(kDeviceClass);
     MakeDevices(deviceClass, devices);
     const Duration time = TimeOf([] { EXPECT_EQ(halvard::CleanCameraTransformChains(), 0U); });
     const auto last = halvard_tests::RegistryValueAt(deviceClass.Path() + L"\\device " +
@@ -36,8 +42,21 @@ Duration CleaningTime(int devices) {
     return time;
 }
 
+// The time in which the system hands out and stores the chains of as many devices.
+Duration BareTime(std::size_t devices) {
+    const ScratchKey deviceClass(kDeviceClass);
+    MakeDevices(deviceClass, static_cast<int>(devices));
+    const auto store = [](HKEY device) {
+        const BYTE chain[24] = {};
+        ReadValueBare(device, L"CameraDeviceMftClsidChain");
+        RegSetValueExW(device, L"CameraDeviceMftClsidChain", 0, REG_MULTI_SZ, chain, sizeof(chain));
+    };
+    return TimeOf([&] { EXPECT_EQ(EnumerateKeysBare(deviceClass.Get(), store), devices); });
+}
+
 } // namespace
 
 TEST(CameraChainsTime, GrowsLinearlyWithTheDevices) {
-    EXPECT_LE(Growth([] { return CleaningTime(300); }, [] { return CleaningTime(3000); }, 12), 12);
+    ExpectLinear([] { return OneOfTen([] { return CleaningTime(300); }); },
+                 [] { return CleaningTime(3000); }, [] { return BareTime(3000); });
 }

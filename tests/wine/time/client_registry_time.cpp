@@ -1,5 +1,6 @@
 #include "agent/client_registry.h"
 
+#include "bare_enumeration.h"
 #include "import_hook.h"
 #include "many_files.h"
 #include "registry_key.h"
@@ -12,8 +13,11 @@
 #include <string>
 
 using halvard_tests::Duration;
-using halvard_tests::Growth;
+using halvard_tests::EnumerateValuesBare;
+using halvard_tests::ExpectLinear;
 using halvard_tests::Numbered;
+using halvard_tests::OneOfTen;
+using halvard_tests::ReadValueBare;
 using halvard_tests::ScratchKey;
 using halvard_tests::TimeOf;
 
@@ -32,15 +36,24 @@ public:
         }
     }
 
-    // The time that so many installations of one more client take.
-    Duration TimeOfInstallations(int count) const {
-        const Duration time = TimeOf([&] {
-            for (int run = 0; run < count; ++run) {
-                EXPECT_EQ(CheckForClients(0), static_cast<UINT>(ERROR_NO_MORE_ITEMS));
-            }
-        });
+    ~Clients() { RegDeleteTreeW(HKEY_CURRENT_USER, kTelo); }
+    Clients(const Clients&) = delete;
+    Clients& operator=(const Clients&) = delete;
+
+    // The time that an installation of one more client takes.
+    Duration TimeOfInstallation() const {
+        const Duration time =
+            TimeOf([] { EXPECT_EQ(CheckForClients(0), static_cast<UINT>(ERROR_NO_MORE_ITEMS)); });
         EXPECT_EQ(telo_.Read(L"Foo_TeloStatus"), (ScratchKey::Value{REG_DWORD, {1, 0, 0, 0}}));
         return time;
+    }
+
+    // The time in which the system hands out as many values as an installation reads.
+    Duration BareTime() const {
+        const auto read = [&](const wchar_t* name) {
+            ReadValueBare(telo_.Get(), name);
+        };
+        return TimeOf([&] { EXPECT_EQ(EnumerateValuesBare(telo_.Get(), read), 3000U); });
     }
 
 private:
@@ -59,14 +72,15 @@ TEST(ClientRegistryTime, GrowsLinearlyWithTheClients) {
         *length = static_cast<DWORD>(data.size());
         return ERROR_SUCCESS;
     });
-    // Ten installations among few clients against one among ten times as many, so that what
-    // disturbs a run hits both alike.
     const auto few = [] {
-        return Clients(300).TimeOfInstallations(10) / 10;
+        const Clients clients(300);
+        return OneOfTen([&] { return clients.TimeOfInstallation(); });
     };
     const auto many = [] {
-        return Clients(3000).TimeOfInstallations(1);
+        return Clients(3000).TimeOfInstallation();
     };
-    EXPECT_LE(Growth(few, many, 12), 12);
-    RegDeleteTreeW(HKEY_CURRENT_USER, kTelo);
+    const auto bare = [] {
+        return Clients(3000).BareTime();
+    };
+    ExpectLinear(few, many, bare);
 }

@@ -1,5 +1,6 @@
 #include "runtime/registry.h"
 
+#include "bare_enumeration.h"
 #include "registry_key.h"
 #include "time_of.h"
 
@@ -7,24 +8,16 @@
 
 #include <algorithm>
 
-using halvard_tests::Duration;
+using halvard_tests::EnumerateKeysBare;
+using halvard_tests::EnumerateValuesBare;
+using halvard_tests::ExpectLinear;
 using halvard_tests::Growth;
+using halvard_tests::OneOfTen;
 using halvard_tests::ScratchKey;
 using halvard_tests::TimeOf;
 using Paths = std::vector<std::wstring>;
 
 namespace {
-
-std::size_t EnumerateValuesBare(HKEY key) {
-    std::wstring name(16383, L'\0');
-    std::size_t count = 0;
-    for (DWORD length = 16383; RegEnumValueW(key, static_cast<DWORD>(count), name.data(), &length,
-                                             nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
-         length = 16383) {
-        ++count;
-    }
-    return count;
-}
 
 Paths WalkValues(const ScratchKey& key) {
     Paths keys;
@@ -51,17 +44,6 @@ void MakeKeys(const ScratchKey& key, int count) {
     }
 }
 
-// Ten walks of few take as long as one of ten times as many, so that what disturbs the machine
-// disturbs both alike.
-template <class TimedWalk>
-Duration OneOfTen(TimedWalk walk) {
-    Duration ten = Duration::zero();
-    for (int run = 0; run < 10; ++run) {
-        ten += walk();
-    }
-    return ten / 10;
-}
-
 } // namespace
 
 TEST(WalkTime, GrowsLinearlyAndStaysWithinTwiceABareEnumeration) {
@@ -82,11 +64,12 @@ TEST(WalkTime, GrowsLinearlyAndStaysWithinTwiceABareEnumeration) {
         return TimeOf([&] { EXPECT_EQ(QueryPaths(many).size(), 20000U); });
     };
     const auto bare = [&] {
-        return TimeOf([&] { EXPECT_EQ(EnumerateValuesBare(many.Get()), 20000U); });
+        return TimeOf(
+            [&] { EXPECT_EQ(EnumerateValuesBare(many.Get(), [](const wchar_t*) {}), 20000U); });
     };
     EXPECT_LE(Growth(bare, walkOfMany, 2), 2);
     EXPECT_LE(Growth(bare, query, 2), 2);
-    EXPECT_LE(Growth(walkOfFew, walkOfMany, 12), 12);
+    ExpectLinear(walkOfFew, walkOfMany, bare);
 }
 
 TEST(WalkTime, OfKeysGrowsLinearly) {
@@ -100,7 +83,11 @@ TEST(WalkTime, OfKeysGrowsLinearly) {
     const auto walkOfFew = [&] {
         return OneOfTen([&] { return timeOf(few, 300); });
     };
-    EXPECT_LE(Growth(
-                  walkOfFew, [&] { return timeOf(many, 3000); }, 12),
-              12);
+    const auto walkOfMany = [&] {
+        return timeOf(many, 3000);
+    };
+    const auto bare = [&] {
+        return TimeOf([&] { EXPECT_EQ(EnumerateKeysBare(many.Get(), [](HKEY) {}), 3000U); });
+    };
+    ExpectLinear(walkOfFew, walkOfMany, bare);
 }

@@ -10,24 +10,21 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 using halvard::RemoveAll;
 using halvard_tests::CreateFolders;
 using halvard_tests::Duration;
+using halvard_tests::ExpectLinear;
 using halvard_tests::Growth;
 using halvard_tests::IsThere;
 using halvard_tests::LiveBytes;
 using halvard_tests::MakeManyFiles;
 using halvard_tests::Numbered;
+using halvard_tests::OneOfTen;
 using halvard_tests::RemoveBare;
 using halvard_tests::ScratchFolder;
 using halvard_tests::TimeOf;
 
 namespace {
-
-// The shortest of some runs is taken: what disturbs a run only makes it longer.
-constexpr int kRuns = 3;
 
 // The bench measures up to 100,000; a test has to be short.
 constexpr int kFew = 200;
@@ -67,40 +64,25 @@ void RemoveAllOf(const std::wstring& folder, std::uintmax_t entries) {
     EXPECT_EQ(code, DWORD{ERROR_SUCCESS});
 }
 
-// How the time of a removal grows from the smaller number of files to the larger. Ten removals of
-// the smaller number are taken together, so that what disturbs the machine disturbs both alike.
-template <class Make, class Remove>
-double GrowthOfRemoval(Make make, Remove remove, double limit) {
+// Ten removals of the smaller number of files are taken together, so that what disturbs the machine
+// disturbs both alike.
+template <class Make, class Entries>
+void ExpectLinearRemoval(Make make, Entries entries) {
     const auto timeOf = [&](int files) {
         const std::wstring folder = make(files);
-        return TimeOf([&] { remove(folder, files); });
+        return TimeOf([&] { RemoveAllOf(folder, static_cast<std::uintmax_t>(entries(files))); });
     };
     const auto few = [&] {
-        Duration ten = Duration::zero();
-        for (int part = 0; part < 10; ++part) {
-            ten += timeOf(kFew);
-        }
-        return ten / 10;
+        return OneOfTen([&] { return timeOf(kFew); });
     };
-    return Growth(
-        few, [&] { return timeOf(kMany); }, limit);
-}
-
-// Ten times the files within twelve times the time. Where the file system itself does not manage
-// that with a bare loop, at most a fifth is added to what it needs.
-template <class Make, class Entries>
-void ExpectLinear(Make make, Entries entries) {
-    const double growth = GrowthOfRemoval(
-        make,
-        [&](const std::wstring& folder, int files) {
-            RemoveAllOf(folder, static_cast<std::uintmax_t>(entries(files)));
-        },
-        12);
-    if (growth > 12) {
-        const double bare = GrowthOfRemoval(
-            make, [](const std::wstring& folder, int) { RemoveBare(folder); }, 10);
-        EXPECT_LE(growth, 1.2 * bare);
-    }
+    const auto many = [&] {
+        return timeOf(kMany);
+    };
+    const auto bare = [&] {
+        const std::wstring folder = make(kMany);
+        return TimeOf([&] { RemoveBare(folder); });
+    };
+    ExpectLinear(few, many, bare);
 }
 
 std::size_t PeakOfRemoval(const ScratchFolder& scratch, int files) {
@@ -115,30 +97,31 @@ std::size_t PeakOfRemoval(const ScratchFolder& scratch, int files) {
 
 TEST(RemovalTime, GrowsLinearlyWithTheEntriesOfATree) {
     const ScratchFolder scratch;
-    ExpectLinear([&](int files) { return MakeTree(scratch, files); },
-                 [](int files) { return files + files / 100 + 1; });
+    ExpectLinearRemoval([&](int files) { return MakeTree(scratch, files); },
+                        [](int files) { return files + files / 100 + 1; });
 }
 
 TEST(RemovalTime, GrowsLinearlyWithTheEntriesOfAFolder) {
     const ScratchFolder scratch;
-    ExpectLinear([&](int files) { return MakeFolder(scratch, files); },
-                 [](int files) { return files + 1; });
+    ExpectLinearRemoval([&](int files) { return MakeFolder(scratch, files); },
+                        [](int files) { return files + 1; });
 }
 
 // Not linear: the system looks up every part of a path anew, also for the bare loop. A folder costs
 // the library five look-ups and the loop two.
 TEST(RemovalTime, OfADeepTreeStaysWithinFourTimesABareLoop) {
     const ScratchFolder scratch;
-    Duration bare = Duration::max();
-    Duration removal = Duration::max();
-    for (int run = 0; run < kRuns; ++run) {
+    const auto bare = [&] {
         const std::wstring chain = L"\\\\?\\" + MakeChain(scratch, 200);
-        bare = std::min(bare, TimeOf([&] { RemoveBare(chain); }));
+        const Duration time = TimeOf([&] { RemoveBare(chain); });
         EXPECT_FALSE(IsThere(chain));
-        MakeChain(scratch, 200);
-        removal = std::min(removal, TimeOf([&] { RemoveAllOf(chain, 200); }));
-    }
-    EXPECT_LE(removal.count(), 4 * bare.count());
+        return time;
+    };
+    const auto removal = [&] {
+        const std::wstring chain = MakeChain(scratch, 200);
+        return TimeOf([&] { RemoveAllOf(chain, 200); });
+    };
+    EXPECT_LE(Growth(bare, removal, 4), 4);
 }
 
 TEST(RemovalTime, ATreeOf500LevelsIsRemoved) {

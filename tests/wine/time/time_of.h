@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <chrono>
 
@@ -12,6 +14,17 @@ Duration TimeOf(Action action) {
     const auto start = std::chrono::steady_clock::now();
     action();
     return std::chrono::steady_clock::now() - start;
+}
+
+/// A tenth of the time of ten runs: these take as long as one run of ten times the work, so that
+/// what disturbs the machine disturbs both alike.
+template <class TimedRun>
+Duration OneOfTen(TimedRun timedRun) {
+    Duration ten = Duration::zero();
+    for (int run = 0; run < 10; ++run) {
+        ten += timedRun();
+    }
+    return ten / 10;
 }
 
 /// How many times as long `many` takes as `few`; both return the Duration that they measured. The
@@ -30,6 +43,17 @@ double Growth(Few few, Many many, double limit) {
         }
     }
     return shortestMany / shortestFew;
+}
+
+/// Expects ten times the work, `many`, within twelve times the time of `few`. Where the system
+/// itself does not manage that, which some file systems below Wine do not, `many` may take three
+/// times as long as `bare`, the system's calls for as much work without anything of the library.
+template <class Few, class Many, class Bare>
+void ExpectLinear(Few few, Many many, Bare bare) {
+    const double growth = Growth(few, many, 12);
+    if (growth > 12) {
+        EXPECT_LE(Growth(bare, many, 3), 3) << "ten times the work takes " << growth << " times";
+    }
 }
 
 } // namespace halvard_tests
