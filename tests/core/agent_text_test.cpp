@@ -7,7 +7,6 @@ using halvard::AgentFilePath;
 using halvard::AgentFolderIn;
 using halvard::kAgentFileLimit;
 using halvard::RenamesToKeep;
-using halvard::RunTaskParameters;
 using halvard::WithoutBraces;
 using Renames = std::list<std::wstring>;
 
@@ -35,12 +34,6 @@ TEST(AgentFilePath, IsNothingWhenItDoesNotFitItsLimit) {
             EXPECT_EQ(*path, folder + L"\\b.dll");
         }
     }
-}
-
-TEST(RunTaskParameters, HoldTheNameAsItIs) {
-    EXPECT_EQ(RunTaskParameters(L"StartAgent"), L" /run /TN StartAgent");
-    EXPECT_EQ(RunTaskParameters(L"A \"task\""), L" /run /TN A \"task\"");
-    EXPECT_EQ(RunTaskParameters(L""), L" /run /TN ");
 }
 
 TEST(WithoutBraces, DropsEveryBraceAndNothingElse) {

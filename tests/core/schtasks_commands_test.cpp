@@ -4,6 +4,7 @@
 
 using halvard::ChangeTaskCommand;
 using halvard::CreateTaskCommand;
+using halvard::RunTaskParameters;
 
 TEST(CreateTaskCommand, QuotesNameAndFile) {
     EXPECT_EQ(CreateTaskCommand(L"StartPV", L"C:\\A B\\StartPV.xml"),
@@ -43,4 +44,10 @@ TEST(DeleteTaskCommand, ForcesTheDeletion) {
 
 TEST(RunTaskCommand, NamesTheTask) {
     EXPECT_EQ(halvard::RunTaskCommand(L"StartPV"), L"schtasks /run /TN \"StartPV\"");
+}
+
+TEST(RunTaskParameters, HoldTheNameAsItIs) {
+    EXPECT_EQ(RunTaskParameters(L"StartAgent"), L" /run /TN StartAgent");
+    EXPECT_EQ(RunTaskParameters(L"A \"task\""), L" /run /TN A \"task\"");
+    EXPECT_EQ(RunTaskParameters(L""), L" /run /TN ");
 }

@@ -11,6 +11,7 @@
 #include "child_programs.h"
 #include "file_system_error.h"
 #include "files.h"
+#include "lines.h"
 #include "open_handles.h"
 #include "record_calls.h"
 #include "registry_calls.h"
@@ -54,7 +55,6 @@ using halvard_tests::StandInSession;
 using halvard_tests::WaitForRecordings;
 using halvard_tests::WritableKeys;
 using halvard_tests::WriteFileAt;
-using Lines = std::vector<std::wstring>;
 using Value = halvard_tests::ScratchKey::Value;
 using namespace std::string_literals;
 
@@ -85,11 +85,6 @@ Lines Kills(std::size_t first, std::size_t count) {
         lines.push_back(Kill(kImages[index]));
     }
     return lines;
-}
-
-Lines operator+(Lines left, const Lines& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
 }
 
 Value String(const std::wstring& text) {

@@ -13,6 +13,7 @@
 //   two processes with both of these       the running service
 //   an agent that runs from its folder     the running service, and the removal's exception
 //   one that runs from elsewhere           neither process, service nor folder, then a new service
+//   one that nothing ends                  its process, and no new service until it is gone
 //   a service that waits for its deletion  no new service until it is gone
 //   a locked file                          the file, the service, and the removal's exception
 
@@ -27,6 +28,7 @@
 #include "agent_machine.h"
 #include "file_system_error.h"
 #include "files.h"
+#include "import_hook.h"
 #include "registry_calls.h"
 #include "restart_renames.h"
 #include "stand_in_session.h"
@@ -359,6 +361,11 @@ public:
         process_.reset(child.hProcess);
     }
 
+    /// One that still runs would go on in later tests.
+    ~Child() { TerminateProcess(process_.get(), 1); }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
     /// Its exit code; waits for its end.
     DWORD Result() const {
         DWORD code = STILL_ACTIVE;
@@ -471,6 +478,44 @@ TEST_F(AgentInterleavings, AnInstallationOverAnAgentThatRunsFromElsewhere) {
         EXPECT_EQ(machine_.Service().State(), static_cast<DWORD>(SERVICE_RUNNING));
         EXPECT_EQ(machine_.Identity(), kIdentity);
     }
+}
+
+TEST_F(AgentInterleavings, AnInstallationOverAnAgentThatNothingEnds) {
+    Begin(false);
+    // Under a name that the action does not end.
+    const std::wstring program = machine_.Programs() + L"\\other.exe";
+    halvard_tests::CopyTestService(program);
+    ServiceBehavior behavior;
+    behavior.stopIgnored = true;
+    InstalledService agent(kAgentService, program, behavior);
+    agent.Start();
+    machine_.CopyAgent();
+    {
+        DWORD now = 0;
+        HOOK(looking, GetTickCount, [&] { return now += 3000; });
+        const AgentCalls calls(machine_);
+        EXPECT_EQ(PreInstallUPA(0), 0U);
+        // One look for either service, and eleven for this one: more than 30 seconds.
+        EXPECT_EQ(looking.Calls(), 13);
+        EXPECT_EQ(calls.Of({L"delete TeloLauncher"}), Lines{L"delete TeloLauncher"});
+    }
+    EXPECT_EQ(agent.State(), static_cast<DWORD>(SERVICE_RUNNING));
+    EXPECT_TRUE(agent.IsBeingDeleted());
+    EXPECT_FALSE(IsThere(machine_.Folder()));
+    {
+        const AgentCalls calls(machine_);
+        EXPECT_EQ(PostInstall(), 0U);
+    }
+    EXPECT_TRUE(agent.IsBeingDeleted());
+    ExpectStatuses("not ended");
+    agent.EndProcess();
+    EXPECT_TRUE(agent.WaitUntilGone());
+    machine_.CopyAgent();
+    {
+        const AgentCalls calls(machine_);
+        EXPECT_EQ(PostInstall(), 0U);
+    }
+    EXPECT_EQ(machine_.Service().State(), static_cast<DWORD>(SERVICE_RUNNING));
 }
 
 // A service that waits for its deletion keeps its name from the new one.

@@ -35,8 +35,7 @@ private:
 };
 
 /// What the usage-profile agent leaves on a machine, gone at the start and at the end: its folders,
-/// its keys, its services and its task. The install
-/// manager is there, beside the agent's folder.
+/// its keys, its services and its task. The install manager is there, beside the agent's folder.
 class AgentMachine : public AgentFolders {
 public:
     explicit AgentMachine(const ServiceBehavior& behavior = {}) : behavior_(behavior) {

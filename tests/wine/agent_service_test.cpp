@@ -1,6 +1,7 @@
 #include "agent/agent_service.h"
 
 #include "allocation_failure.h"
+#include "current_session.h"
 #include "debugger_output.h"
 #include "files.h"
 #include "import_hook.h"
@@ -8,6 +9,7 @@
 #include "registry_calls.h"
 #include "registry_key.h"
 #include "stand_in_clock.h"
+#include "stand_in_session.h"
 #include "standard_output.h"
 
 #include <gtest/gtest.h>
@@ -898,6 +900,23 @@ TEST_F(StopServiceWithTimeoutTest, ARealServiceThatIgnoresTheStop) {
     EXPECT_EQ(clock.Sleeps(), Sleeps(11, 0));
     EXPECT_EQ(messages.Get(), Says(kStopTimeout));
     EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_RUNNING));
+}
+
+TEST_F(StopServiceWithTimeoutTest, NothingButItsMessagesIsSaid) {
+    const halvard_tests::StandInSession session;
+    const halvard_tests::CurrentSessionScope current(session.Get());
+    InstalledService service(kName, folder_.Program());
+    service.Start();
+    EXPECT_EQ(halvard_tests::StandardOutputOf([] {
+                  EXPECT_TRUE(StopServiceWithTimeout(kName));
+                  EXPECT_TRUE(StopServiceWithTimeout(kName));
+                  EXPECT_FALSE(StopServiceWithTimeout(L"HalvardNoService"));
+                  FAIL_CALL(opening, OpenSCManagerW, 1, nullptr, ERROR_ACCESS_DENIED);
+                  EXPECT_FALSE(StopServiceWithTimeout(kName));
+                  EXPECT_FALSE(StartAgentService());
+              }),
+              "");
+    EXPECT_EQ(session.LogLines(), std::vector<std::wstring>{});
 }
 
 TEST_F(StopServiceWithTimeoutTest, ARealServiceThatIsDeletedMeanwhile) {

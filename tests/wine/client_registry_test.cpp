@@ -101,6 +101,18 @@ void RemoveKeys() {
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, kQorta.c_str());
 }
 
+// Sets the locale back at the end.
+class LocaleScope {
+public:
+    LocaleScope() = default;
+    ~LocaleScope() { std::setlocale(LC_ALL, before_.c_str()); }
+    LocaleScope(const LocaleScope&) = delete;
+    LocaleScope& operator=(const LocaleScope&) = delete;
+
+private:
+    std::string before_ = std::setlocale(LC_ALL, nullptr);
+};
+
 // The keys of the action are absent at the start of a test, and gone at its end.
 class CheckForClientsTest : public testing::Test {
 public:
@@ -213,6 +225,12 @@ TEST_F(CheckForClientsTest, AbsentItemsGiveWhatStandsInTheirPlace) {
     const StandInSession removing;
     EXPECT_EQ(Run(L"Index All that follows;ClientName=Foo;CurrentVersion=1.2"), 0U);
     EXPECT_EQ(removing.LogLines()[2], L"Action All that follows");
+    EXPECT_EQ(Status(L"Foo_TeloStatus"), Number(2));
+
+    // What stands in the place of an item ends at its semicolon too.
+    const StandInSession cutting;
+    EXPECT_EQ(Run(L"Suite all;ClientName=Foo;CurrentVersion=1.2"), 0U);
+    EXPECT_EQ(cutting.LogLines()[2], L"Action all");
     EXPECT_EQ(Status(L"Foo_TeloStatus"), Number(2));
 
     const StandInSession comparing;
@@ -738,6 +756,31 @@ TEST_F(CheckForClientsTest, ARemovalAmongClientsWithEachCallRefusedInTurn) {
     }
 }
 
+// As for a user without the right to write: clients are listed, but neither read nor written.
+TEST_F(CheckForClientsTest, AKeyThatNeitherOpensForWritingNorIsCreatedLeavesEverythingAsItIs) {
+    SetStatus(L"Bar_TeloStatus", 1);
+    SetStatus(L"Foo_TeloStatus", 2);
+    SetInstalledVersion(L"1.2.3.4");
+    SetLastClient(L"Last");
+    HOOK(opening, RegOpenKeyExW,
+         [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY key) -> LSTATUS {
+             return access == KEY_ALL_ACCESS ? ERROR_ACCESS_DENIED
+                                             : opening.Original(root, subkey, options, access, key);
+         });
+    HOOK(creating, RegCreateKeyExW,
+         [](HKEY, LPCWSTR, DWORD, LPWSTR, DWORD, REGSAM, LPSECURITY_ATTRIBUTES, PHKEY,
+            LPDWORD) -> LSTATUS { return ERROR_ACCESS_DENIED; });
+    COUNT_CALLS(setting, RegSetValueExW);
+    EXPECT_EQ(Install(L"Foo"), 0U);
+    EXPECT_EQ(creating.Calls(), 2);
+    EXPECT_EQ(Remove(L"Foo"), 0U);
+    EXPECT_EQ(creating.Calls(), 4);
+    EXPECT_EQ(setting.Calls(), 0);
+    EXPECT_EQ(LastClient(), Text(L"Last"));
+    EXPECT_EQ(Status(L"Bar_TeloStatus"), Number(1));
+    EXPECT_EQ(Status(L"Foo_TeloStatus"), Number(2));
+}
+
 TEST_F(CheckForClientsTest, WhatTheRegistryDoesNotListIsNoClient) {
     SetStatus(L"Bar_TeloStatus", 1);
     SetStatus(L"Zoo_TeloStatus", 2);
@@ -904,7 +947,7 @@ TEST_F(SetClientStatusTest, WritesTheStatusUnderTheClientsName) {
 }
 
 TEST(IsVersionAtLeast, IsTheSameInALocaleWithAnotherDecimalPoint) {
-    const std::string before = std::setlocale(LC_ALL, nullptr);
+    const LocaleScope locale;
     ASSERT_NE(std::setlocale(LC_ALL, "German_Germany"), nullptr);
     ASSERT_STREQ(std::localeconv()->decimal_point, ",");
     const auto atLeast = [](const wchar_t* a, const wchar_t* b) {
@@ -914,5 +957,4 @@ TEST(IsVersionAtLeast, IsTheSameInALocaleWithAnotherDecimalPoint) {
     EXPECT_FALSE(atLeast(L"1.2.9.9", L"1.2.10.0"));
     EXPECT_TRUE(atLeast(L"1.1000", L"1.999"));
     EXPECT_EQ(halvard::ParseVersion(L"1.2,5").kind, halvard::VersionKind::Invalid);
-    std::setlocale(LC_ALL, before.c_str());
 }

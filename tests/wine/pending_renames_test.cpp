@@ -5,6 +5,7 @@
 #include "allocation_failure.h"
 #include "files.h"
 #include "import_hook.h"
+#include "lines.h"
 #include "open_handles.h"
 #include "restart_renames.h"
 #include "registry_calls.h"
@@ -23,7 +24,6 @@ using halvard_tests::PendingRenames;
 using halvard_tests::RegistryCalls;
 using halvard_tests::ScratchFolder;
 using halvard_tests::WritableKeys;
-using Lines = std::vector<std::wstring>;
 using namespace std::string_literals;
 
 namespace {
@@ -34,11 +34,6 @@ const std::wstring kOurs = L"\\??\\C:\\P\\Zenvo\\Usage Profile Agent\\a.dll";
 const Lines kReading = {L"open " + kManager + L" 0x20019",
                         L"size of " + kManager + L" " + kName + L" 0x20",
                         L"get " + kManager + L" " + kName + L" 0x20", L"close " + kManager};
-
-Lines operator+(Lines left, const Lines& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 Lines Writing(std::size_t bytes) {
     return {L"open " + kManager + L" 0x20019",
@@ -66,6 +61,22 @@ TEST(CleanPendingRenames, LeavesNothingButTheTerminatorWhenAllWasTheAgents) {
     const PendingRenames renames(kOurs + L"\0\0\0"s);
     CleanPendingRenames();
     EXPECT_EQ(renames.Read(), L"\0"s);
+}
+
+TEST(CleanPendingRenames, AValueOfTerminatorsAloneIsWrittenAndOneWithoutAByteIsNot) {
+    const WritableKeys writable;
+    for (const std::wstring& terminators : {L"\0"s, L"\0\0"s, L"\0\0\0"s}) {
+        const PendingRenames renames(terminators);
+        COUNT_CALLS(writing, RegSetValueExW);
+        CleanPendingRenames();
+        EXPECT_EQ(writing.Calls(), 1);
+        EXPECT_EQ(renames.Read(), L"\0"s);
+    }
+    const PendingRenames renames(L"");
+    COUNT_CALLS(writing, RegSetValueExW);
+    CleanPendingRenames();
+    EXPECT_EQ(writing.Calls(), 0);
+    EXPECT_EQ(renames.Read(), L"");
 }
 
 TEST(CleanPendingRenames, TheTextCountsInItsCase) {

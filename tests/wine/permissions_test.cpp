@@ -8,6 +8,7 @@
 #include "file_system_error.h"
 #include "files.h"
 #include "import_hook.h"
+#include "lines.h"
 #include "open_handles.h"
 #include "process_starts.h"
 #include "registry_key.h"
@@ -42,7 +43,6 @@ using halvard_tests::ScratchFolder;
 using halvard_tests::ScratchKey;
 using halvard_tests::StandInSession;
 using halvard_tests::WriteFileAt;
-using Lines = std::vector<std::wstring>;
 
 namespace {
 
@@ -131,11 +131,6 @@ Lines EntryLines(const Lines& paths, const std::wstring& userName) {
 Lines ServerLines(const std::wstring& unregistered, const std::wstring& registered) {
     return {InCmd(L"regsvr32.exe /u /s \"" + unregistered + L"\""),
             InCmd(L"regsvr32.exe /s \"" + registered + L"\"")};
-}
-
-Lines operator+(Lines left, const Lines& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
 }
 
 bool IsRegistration(const std::wstring& line) {

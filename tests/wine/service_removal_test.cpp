@@ -9,6 +9,7 @@
 #include "files.h"
 #include "import_hook.h"
 #include "installed_service.h"
+#include "lines.h"
 #include "open_handles.h"
 #include "record_calls.h"
 #include "stand_in_session.h"
@@ -30,7 +31,6 @@ using halvard_tests::ScratchFolder;
 using halvard_tests::ServiceBehavior;
 using halvard_tests::ServiceScope;
 using halvard_tests::StandInSession;
-using Lines = std::vector<std::wstring>;
 
 namespace {
 
@@ -54,11 +54,6 @@ private:
 Lines LinesOfFoundService(const std::wstring& program = kProgram,
                           const std::wstring& parent = kFolder) {
     return {L"binary path = " + program + L"\n", L"Parent path of " + program + L" is " + parent};
-}
-
-Lines operator+(Lines left, const Lines& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
 }
 
 const Lines& DeletedLine() {

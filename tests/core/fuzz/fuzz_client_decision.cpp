@@ -104,8 +104,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     std::uint32_t status = 0;
     for (std::size_t index = 0; index < values.size(); ++index) {
         status = values[index].number ? *values[index].number : status;
-        Require(clients.records[index].status == status);
+        const halvard::ClientRecord& record = clients.records[index];
+        Require(record.status == status);
+        const std::wstring& name = values[index].name;
+        Require(record.clientName.find(L'_') == std::wstring::npos);
+        Require(name == record.clientName ||
+                name.compare(0, record.clientName.size() + 1, record.clientName + L"_") == 0);
+        Require(record.self == (record.clientName == client));
+        Require(record.enabled == (values[index].number == std::optional<std::uint32_t>(1)));
     }
+    // A version that cannot be read leaves the decision to the other clients.
+    Require(halvard::DecideForClient(clients, false, std::nullopt, currentText).skipsAgent ==
+            anotherIsActive);
     for (const bool removal : {false, true}) {
         const halvard::ClientDecision decision =
             halvard::DecideForClient(clients, removal, installedText, currentText);

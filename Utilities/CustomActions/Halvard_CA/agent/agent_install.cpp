@@ -13,6 +13,7 @@
 #include "runtime/registry.h"
 #include "runtime/service_handle.h"
 #include "runtime/session.h"
+#include "tasks/schtasks_commands.h"
 #include "tasks/task_registration.h"
 
 #include <objbase.h>
@@ -33,13 +34,6 @@ struct TaskMemoryFreer {
     void operator()(wchar_t* text) const noexcept { CoTaskMemFree(text); }
 };
 using OwnedTaskText = std::unique_ptr<wchar_t, TaskMemoryFreer>;
-
-// Empty when Windows does not tell it.
-std::wstring ShellFolder(int csidl) {
-    std::wstring folder;
-    halvard::GetShellFolderPath(csidl, folder);
-    return folder;
-}
 
 void DeleteServiceNamed(const wchar_t* name) noexcept {
     const halvard::OwnedServiceHandle manager(
@@ -104,14 +98,15 @@ void GiveIdentity() {
 namespace halvard {
 
 bool KillProcessByImage(const std::wstring& imageName) {
-    auto command = TaskKillCommand(ShellFolder(CSIDL_SYSTEM), imageName, L"");
+    auto command = TaskKillCommand(ShellFolderOrEmpty(CSIDL_SYSTEM), imageName, L"");
     return command && RunCommandLine(command->data(), L"", true);
 }
 
 } // namespace halvard
 
 UINT __stdcall PreInstallUPA(MSIHANDLE /*session*/) {
-    const std::wstring folder = halvard::AgentFolderIn(ShellFolder(CSIDL_PROGRAM_FILES));
+    const std::wstring folder =
+        halvard::AgentFolderIn(halvard::ShellFolderOrEmpty(CSIDL_PROGRAM_FILES));
 
     for (const wchar_t* const image : {L"ZenvoUPAM.exe", L"ZenvoUPADU.exe", kOlderUploader}) {
         halvard::KillProcessByImage(image);
@@ -156,7 +151,8 @@ UINT __stdcall PostInstallUPA(MSIHANDLE session) {
     halvard::WriteRegistryString(L"SYSTEM\\CurrentControlSet\\Services\\PerfOS\\Performance\\",
                                  L"Disable Performance Counters", L"0");
     GiveIdentity();
-    halvard::GrantUsersFullAccess(halvard::AgentDataFolderIn(ShellFolder(CSIDL_COMMON_APPDATA)));
+    halvard::GrantUsersFullAccess(
+        halvard::AgentDataFolderIn(halvard::ShellFolderOrEmpty(CSIDL_COMMON_APPDATA)));
     halvard::CreateAgentService();
     halvard::StartAgentService();
     halvard::RegisterAgentLogonTask(taskName, command, userName);

@@ -22,10 +22,6 @@ std::optional<std::wstring> AgentFilePath(const std::wstring& agentFolder,
     return path;
 }
 
-std::wstring RunTaskParameters(const std::wstring& taskName) {
-    return L" /run /TN " + taskName;
-}
-
 std::wstring WithoutBraces(std::wstring text) {
     text.erase(
         std::remove_if(text.begin(), text.end(),

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-// Paths, parameters and lists of the usage-profile agent's installation, without a Windows call.
+// Paths, texts and lists of the usage-profile agent's installation, without a Windows call.
 
 namespace halvard {
 
@@ -21,10 +21,6 @@ std::wstring AgentDataFolderIn(const std::wstring& commonData);
 /// The path of a file in the agent's folder; nothing when it does not fit kAgentFileLimit.
 std::optional<std::wstring> AgentFilePath(const std::wstring& agentFolder,
                                           const std::wstring& fileName);
-
-/// What schtasks is told to run a task now. The name is not quoted: one with blanks reaches
-/// schtasks as several words, of which the first is taken for the name.
-std::wstring RunTaskParameters(const std::wstring& taskName);
 
 /// The text without its braces of either kind, wherever they stand.
 std::wstring WithoutBraces(std::wstring text);

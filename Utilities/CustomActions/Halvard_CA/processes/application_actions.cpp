@@ -74,9 +74,8 @@ bool RunTaskKill(const Termination& termination, const wchar_t* image,
 }
 
 UINT Terminate(const Termination& termination) {
-    // A folder that Windows does not tell stays empty, and the start decides.
-    std::wstring systemFolder;
-    halvard::GetShellFolderPath(CSIDL_SYSTEM, systemFolder);
+    // A folder that Windows does not tell is empty, and the start decides.
+    const std::wstring systemFolder = halvard::ShellFolderOrEmpty(CSIDL_SYSTEM);
 
     for (const wchar_t* const image : termination.images) {
         if (image != nullptr && RunTaskKill(termination, image, systemFolder)) {

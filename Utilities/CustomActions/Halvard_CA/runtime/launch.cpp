@@ -164,6 +164,12 @@ bool GetShellFolderPath(int csidl, std::wstring& path) {
     return result == S_OK;
 }
 
+std::wstring ShellFolderOrEmpty(int csidl) {
+    std::wstring path;
+    GetShellFolderPath(csidl, path);
+    return path;
+}
+
 std::wstring GetSystemDriveRoot() {
     wchar_t directory[MAX_PATH] = {};
     if (GetWindowsDirectoryW(directory, MAX_PATH) == 0) {

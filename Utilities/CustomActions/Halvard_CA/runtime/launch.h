@@ -43,6 +43,10 @@ bool LaunchSchtasks(const wchar_t* parameters);
 /// one of 260 wide characters and more. Throws std::bad_alloc only.
 bool GetShellFolderPath(int csidl, std::wstring& path);
 
+/// The path of a shell folder as GetShellFolderPath finds it; empty when it finds none. Throws
+/// std::bad_alloc only.
+std::wstring ShellFolderOrEmpty(int csidl);
+
 /// The root of the drive that holds Windows, such as "C:\"; empty when Windows does not tell.
 /// Throws std::bad_alloc only.
 std::wstring GetSystemDriveRoot();

@@ -26,4 +26,8 @@ std::wstring RunTaskCommand(const std::wstring& taskName) {
     return L"schtasks /run /TN \"" + taskName + L"\"";
 }
 
+std::wstring RunTaskParameters(const std::wstring& taskName) {
+    return L" /run /TN " + taskName;
+}
+
 } // namespace halvard

@@ -25,4 +25,8 @@ std::optional<std::wstring> ChangeTaskCommand(const std::wstring& taskName,
 std::wstring DeleteTaskCommand(const std::wstring& taskName);
 std::wstring RunTaskCommand(const std::wstring& taskName);
 
+/// What the schtasks tool is told, without its own name, to run a task now. The name is not quoted:
+/// one with blanks reaches schtasks as several words, of which the first is taken for the name.
+std::wstring RunTaskParameters(const std::wstring& taskName);
+
 } // namespace halvard
