@@ -9,8 +9,9 @@ from collections import defaultdict
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(ROOT / "tools"))
+sys.path[:0] = [str(ROOT / "tools"), str(ROOT / "bench")]
 
+import library_size  # noqa: E402
 from installer import package, paths, session  # noqa: E402
 from installer.prefix import Prefix  # noqa: E402
 
@@ -30,11 +31,21 @@ REMOVAL_LIMITS = {
 BENCH = paths.PROGRAMS / "bench"
 SOURCES = paths.BUILD / "bench"
 
+# The DLLs and what is called of them. DeleteAnalyticsKey looks for a key that is not there and
+# makes no call of the installer, LaunchedFromMIM makes three.
 CALLED = {
-    "empty C DLL": BENCH / "empty_action.dll",
-    "C DLL with the same installer calls": BENCH / "same_calls_action.dll",
-    "Halvard_CA.dll": paths.LIBRARY,
+    "empty C DLL": (BENCH / "empty_action.dll", "LaunchedFromMIM"),
+    "DeleteAnalyticsKey of Halvard_CA.dll": (paths.LIBRARY, "DeleteAnalyticsKey"),
+    "C DLL with the calls of LaunchedFromMIM": (BENCH / "same_calls_action.dll", "LaunchedFromMIM"),
+    "LaunchedFromMIM of Halvard_CA.dll": (paths.LIBRARY, "LaunchedFromMIM"),
 }
+# The calls that are compared, with the goal for their ratio.
+CALL_GOALS = [
+    ("DeleteAnalyticsKey of Halvard_CA.dll", "empty C DLL", 1.1),
+    ("LaunchedFromMIM of Halvard_CA.dll", "C DLL with the calls of LaunchedFromMIM", 1.1),
+]
+SIZE_GOAL = 850_000
+OBJECTS_SHOWN = 25
 
 
 def main() -> int:
@@ -101,10 +112,10 @@ def measure_calls(prefix: Prefix) -> None:
         f"\nOne call of a trivial action by msiexec: {INSTALLS} installs with {CALLS} calls of each"
         " DLL, alternated;\nmedian install time less that of a package without calls, by call"
     )
-    without_calls = bench_package("bench_no_calls", paths.LIBRARY, 0)
+    without_calls = bench_package("bench_no_calls", paths.LIBRARY, "", 0)
     packages = {
-        name: bench_package(f"bench_{library.stem}", library, CALLS)
-        for name, library in CALLED.items()
+        name: bench_package(f"bench_{library.stem}_{action}", library, action, CALLS)
+        for name, (library, action) in CALLED.items()
     }
     empty_installs = []
     installs: dict[str, list[float]] = defaultdict(list)
@@ -118,14 +129,17 @@ def measure_calls(prefix: Prefix) -> None:
         for name, measured in installs.items()
     }
     print_medians(times, reference="empty C DLL", unit="ms")
+    for name, reference, goal in CALL_GOALS:
+        ratio = statistics.median(times[name]) / statistics.median(times[reference])
+        print(f"  {name}: {ratio:.2f} x {reference}, goal {goal:.2f}")
 
 
-def bench_package(name: str, library: Path, calls: int) -> Path:
+def bench_package(name: str, library: Path, action: str, calls: int) -> Path:
     """A package that installs one file and calls one action many times."""
     numbers = range(calls)
     binary = '<Binary Id="Halvard_CA" SourceFile="$(var.Library)"/>' if calls else ""
     actions = "".join(
-        f'<CustomAction Id="Call{number}" BinaryKey="Halvard_CA" DllEntry="LaunchedFromMIM"'
+        f'<CustomAction Id="Call{number}" BinaryKey="Halvard_CA" DllEntry="{action}"'
         ' Execute="immediate" Return="check"/>\n'
         for number in numbers
     )
@@ -164,8 +178,20 @@ def print_medians(times: dict[str, list[float]], reference: str, unit: str) -> N
 
 def print_sizes() -> None:
     print("\nSize of the DLLs")
-    for name, library in CALLED.items():
-        print(f"  {name:<36}{library.stat().st_size:>9,} bytes")
+    for library in dict.fromkeys(library for library, _ in CALLED.values()):
+        print(f"  {library.name:<36}{library.stat().st_size:>9,} bytes")
+    print(f"  {'goal':<36}{SIZE_GOAL:>9,} bytes")
+
+    print(f"\nSections of {paths.LIBRARY.name}, in bytes")
+    for name, size in library_size.sections(paths.LIBRARY).items():
+        print(f"  {name:<36}{size:>9,}")
+
+    objects = library_size.objects(paths.LIBRARY.with_name(paths.LIBRARY.name + ".map"))
+    print(f"\nThe {OBJECTS_SHOWN} largest of {len(objects)} objects in it, in bytes")
+    for name, size in sorted(objects.items(), key=lambda item: -item[1])[:OBJECTS_SHOWN]:
+        print(f"  {name:<36}{size:>9,}")
+    own = sum(size for name, size in objects.items() if name.endswith(".cpp.obj"))
+    print(f"  the library's own objects{own:>20,} of {sum(objects.values()):,}")
 
 
 if __name__ == "__main__":
