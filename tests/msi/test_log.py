@@ -3,7 +3,15 @@
 from pathlib import Path
 from typing import Sequence
 
-from installer.log import ActionDefinition, ActionRun, Execution, LogLine, action_runs
+from installer.log import (
+    ActionDefinition,
+    ActionRun,
+    Call,
+    Execution,
+    LogLine,
+    Outcome,
+    action_runs,
+)
 from installer.session import GrowingLog, log_encoding, traced_results
 
 IMMEDIATE = ActionDefinition(Execution.IMMEDIATE)
@@ -78,9 +86,30 @@ def test_runs_get_the_results_of_their_calls():
     rollback = ActionDefinition(Execution.ROLLBACK)
     came = runs(SCHEDULED, [259, None], Deferred=deferred, Rollback=rollback)
     assert [(run.name, run.result) for run in came] == [("Deferred", 259), ("Rollback", None)]
-    for results in [], [259], [259, 0, 1]:
+    assert [run.call for run in came] == [Call.RETURNED, Call.NOT_RETURNED]
+    for results in [], [259], [259, 0, 1], [None, 0, 1]:
         came = runs(SCHEDULED, results, Deferred=deferred, Rollback=rollback)
         assert [run.result for run in came] == [None, None]
+        assert [run.call for run in came] == [Call.NOT_WATCHED, Call.NOT_WATCHED]
+
+
+def test_nothing_is_called_behind_an_action_that_did_not_return():
+    defined = {name: ActionDefinition(Execution.IMMEDIATE) for name in ("A", "B", "C", "D")}
+    ends = "".join(
+        f"Action start 1:00:00: {name}.\nAction ended 1:00:00: {name}. Return value 1.\n"
+        for name in defined
+    )
+    came = runs(ends, [0, None], **defined)
+    assert [(run.call, run.result) for run in came] == [
+        (Call.RETURNED, 0),
+        (Call.NOT_RETURNED, None),
+        (Call.NOT_CALLED, None),
+        (Call.NOT_CALLED, None),
+    ]
+    # Had the process ended at the first None, there would be no call behind it.
+    for results in [None, 0], [None, None], [0, 0]:
+        came = runs(ends, results, **defined)
+        assert {run.call for run in came} == {Call.NOT_WATCHED}, results
 
 
 def test_a_run_has_the_lines_between_its_start_and_its_end():
@@ -148,6 +177,34 @@ def test_verdicts_in_words():
     assert ActionRun("A", IMMEDIATE, 0.0, verdict=1).meaning == "succeeded"
     assert ActionRun("A", IMMEDIATE, 0.0, verdict=4).meaning == "unknown"
     assert ActionRun("A", ignored, 0.0, verdict=1).meaning == "result ignored"
+
+
+def test_what_came_of_a_call_in_words():
+    def run(**values) -> ActionRun:
+        return ActionRun("A", IMMEDIATE, 0.0, **values)
+
+    assert run(verdict=1).answer == ""
+    assert run(verdict=1, call=Call.RETURNED, result=0).answer == "returned 0"
+    assert run(verdict=1, call=Call.NOT_RETURNED).answer == "did not return"
+    assert run(verdict=1, call=Call.NOT_CALLED).answer == "not called"
+
+
+def test_the_outcome_is_the_worse_of_verdict_and_call():
+    ignored = ActionDefinition(Execution.IMMEDIATE, result_ignored=True)
+
+    def outcome(definition: ActionDefinition, verdict: int | None, call: Call) -> Outcome:
+        return ActionRun("A", definition, 0.0, verdict=verdict, call=call).outcome
+
+    assert outcome(IMMEDIATE, 1, Call.NOT_WATCHED) is Outcome.SUCCEEDED
+    assert outcome(IMMEDIATE, 1, Call.RETURNED) is Outcome.SUCCEEDED
+    assert outcome(ignored, 1, Call.RETURNED) is Outcome.IGNORED
+    assert outcome(IMMEDIATE, 0, Call.RETURNED) is Outcome.FAILED
+    assert outcome(IMMEDIATE, 0, Call.NOT_RETURNED) is Outcome.NOT_RETURNED
+    assert outcome(ignored, 1, Call.NOT_RETURNED) is Outcome.NOT_RETURNED
+    assert outcome(ignored, 1, Call.NOT_CALLED) is Outcome.NOT_CALLED
+    assert outcome(IMMEDIATE, 0, Call.NOT_CALLED) is Outcome.FAILED
+    assert outcome(IMMEDIATE, None, Call.NOT_RETURNED) is Outcome.NOT_ENDED
+    assert outcome(IMMEDIATE, 4, Call.RETURNED) is Outcome.UNKNOWN
 
 
 def test_lines_are_stamped_when_they_are_complete(tmp_path: Path):

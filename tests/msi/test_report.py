@@ -1,7 +1,7 @@
 """Tables and lists for readers."""
 
 from installer import report
-from installer.log import ActionDefinition, ActionRun, Execution
+from installer.log import ActionDefinition, ActionRun, Call, Execution
 from installer.machine import Area, Change, Difference, Kind
 
 LONG_NAME = "CreateTriggerlessElevatedScheduleTask"
@@ -28,10 +28,13 @@ def test_the_table_of_actions():
 
 
 def test_the_table_tells_what_an_action_returned():
-    returned = run("CheckForClients", Execution.DEFERRED, verdict=1, result=259)
-    assert "1 succeeded, returned 259" in report.action_table([returned])[2]
-    nothing = run("CheckForClients", Execution.DEFERRED, verdict=1, result=0)
-    assert "1 succeeded, returned 0" in report.action_table([nothing])[2]
+    for result in 259, 0:
+        returned = run(
+            "CheckForClients", Execution.DEFERRED, verdict=1, result=result, call=Call.RETURNED
+        )
+        assert f"1 succeeded, returned {result}" in report.action_table([returned])[2]
+    thrown = run("CheckForClients", Execution.DEFERRED, verdict=0, call=Call.NOT_RETURNED)
+    assert "0 failed, did not return" in report.action_table([thrown])[2]
 
 
 def test_no_actions():

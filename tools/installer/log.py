@@ -29,6 +29,28 @@ class Execution(Enum):
     COMMIT = "commit"
 
 
+class Call(Enum):
+    """What is known of the call of an action's export."""
+
+    NOT_WATCHED = "not watched"
+    RETURNED = "returned"
+    NOT_RETURNED = "did not return"
+    # The process that hosts the actions had ended before.
+    NOT_CALLED = "not called"
+
+
+class Outcome(Enum):
+    """What an action came to: the installer's verdict and the call in one word."""
+
+    SUCCEEDED = "succeeded"
+    IGNORED = "result ignored"
+    FAILED = "failed"
+    NOT_RETURNED = "did not return"
+    NOT_CALLED = "not called"
+    NOT_ENDED = "did not end"
+    UNKNOWN = "unknown"
+
+
 @dataclass(frozen=True)
 class ActionDefinition:
     """What the package says of a custom action."""
@@ -50,10 +72,9 @@ class ActionRun:
     """One call of a custom action.
 
     `verdict` is the 'Return value' of the log, which is not what the action returned; None when the
-    log does not tell of the action's end. `result` is what the action returned, None when the run
-    was not watched for it or the action did not return. `duration` is in milliseconds and includes what the
-    engine needs to unpack and load the library. `data` is what a deferred action got as
-    CustomActionData.
+    log does not tell of the action's end. `result` is what the action returned, None unless `call`
+    says that it returned. `duration` is in milliseconds and includes what the engine needs to
+    unpack and load the library. `data` is what a deferred action got as CustomActionData.
     """
 
     name: str
@@ -63,6 +84,7 @@ class ActionRun:
     duration: float | None = None
     data: str | None = None
     result: int | None = None
+    call: Call = Call.NOT_WATCHED
     lines: list[str] = field(default_factory=list)
 
     @property
@@ -74,6 +96,22 @@ class ActionRun:
             return "result ignored"
         return {FAILED: "failed", SUCCEEDED: "succeeded"}.get(self.verdict, "unknown")
 
+    @property
+    def answer(self) -> str:
+        """What came of the call in words, empty when it was not watched."""
+        if self.call is Call.RETURNED:
+            return f"returned {self.result}"
+        return "" if self.call is Call.NOT_WATCHED else self.call.value
+
+    @property
+    def outcome(self) -> Outcome:
+        """The verdict, unless the call tells worse than the verdict does."""
+        if self.verdict is not None and self.call is Call.NOT_RETURNED:
+            return Outcome.NOT_RETURNED
+        if self.call is Call.NOT_CALLED and self.meaning != Outcome.FAILED.value:
+            return Outcome.NOT_CALLED
+        return Outcome(self.meaning)
+
 
 def action_runs(
     lines: Sequence[LogLine],
@@ -82,8 +120,9 @@ def action_runs(
 ) -> list[ActionRun]:
     """The calls of the defined actions, in the order of their starts.
 
-    `results` are those of all calls of the session; where their number differs from that of the
-    runs, no run gets one.
+    `results` are those of all calls of the session. An action that does not return ends the process
+    that hosts the actions, so the runs behind it are not called. Where the number of results differs
+    from that of the runs for another reason, no run gets one.
     """
     runs: list[ActionRun] = []
     open_actions: list[tuple[str, ActionRun | None]] = []
@@ -103,10 +142,19 @@ def action_runs(
         run.lines = _without_trailing_blanks(run.lines)
         if run.definition.execution is not Execution.IMMEDIATE:
             run.data = properties.get(run.name)
-    if len(results) == len(runs):
-        for run, result in zip(runs, results):
-            run.result = result
+    _give_results(runs, results)
     return runs
+
+
+def _give_results(runs: Sequence[ActionRun], results: Sequence[int | None]) -> None:
+    cut_short = None in results and results.index(None) == len(results) - 1 < len(runs) - 1
+    if len(results) != len(runs) and not cut_short:
+        return
+    for run, result in zip(runs, results):
+        run.result = result
+        run.call = Call.NOT_RETURNED if result is None else Call.RETURNED
+    for run in runs[len(results) :]:
+        run.call = Call.NOT_CALLED
 
 
 def _begun(

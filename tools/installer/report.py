@@ -44,8 +44,8 @@ def change_list(difference: Difference) -> list[str]:
 
 def _cells(run: ActionRun) -> tuple[str, str, str, str]:
     verdict = run.meaning if run.verdict is None else f"{run.verdict} {run.meaning}"
-    if run.result is not None:
-        verdict += f", returned {run.result}"
+    if run.answer:
+        verdict += f", {run.answer}"
     duration = "" if run.duration is None else f"{run.duration:.0f} ms"
     return run.name, run.definition.execution.value, verdict, duration
 
