@@ -1,19 +1,23 @@
 """Lets the real installer refuse, install and remove the sample package, a second product that
-carries the agent meanwhile, and shows what happened.
+carries the agent meanwhile, and shows what happened: in the terminal, in build/demo/report.html and
+in build/demo/report.json.
 
 Exit code 0 when all runs went as they should, 1 when one did not, 130 after Ctrl-C.
 """
 
 import getpass
+import json
 import signal
 import sys
 import textwrap
 import time
 from dataclasses import dataclass
+from datetime import datetime
 from typing import Callable
 
-from installer import companion, machine, package, paths, report, session
-from installer.log import ActionRun, action_runs
+from installer import companion, facts, machine, package, page, paths, report, session
+from installer.facts import Expectation, Report, SessionFacts
+from installer.log import ActionDefinition, ActionRun, action_runs
 from installer.machine import Area, Difference, Kind
 from installer.prefix import Prefix
 from installer.session import SessionResult
@@ -30,19 +34,6 @@ class Outcome:
     difference: Difference
     since_beginning: Difference
     told: list[str]
-
-
-@dataclass(frozen=True)
-class Expectation:
-    """Something that must hold after an installer run, as texts that a reader can compare."""
-
-    what: str
-    expected: str
-    came: str
-
-    @property
-    def met(self) -> bool:
-        return self.expected == self.came
 
 
 @dataclass(frozen=True)
@@ -79,6 +70,27 @@ def _run_demo() -> int:
     steps = _steps(paths.windows_path(companion_package), paths.windows_path(second_package))
 
     progress.say("making a fresh Wine prefix")
+    shown = Report(
+        "Installer sessions of the sample packages",
+        datetime.now().isoformat(timespec="seconds"),
+        package.project_identity().version,
+        len(steps),
+        [],
+    )
+    try:
+        failures = _run_steps(steps, definitions, progress, shown.sessions)
+    finally:
+        _write(shown)
+    return _conclude(failures, len(steps))
+
+
+def _run_steps(
+    steps: list[Step],
+    definitions: dict[str, ActionDefinition],
+    progress: "_Progress",
+    sessions: list[SessionFacts],
+) -> list[str]:
+    """Puts the facts of each step's session behind `sessions`; returns the failed expectations."""
     failures: list[str] = []
     with Prefix("prefix-demo") as prefix:
         watching = session.watch_results(prefix)
@@ -102,10 +114,32 @@ def _run_demo() -> int:
                 machine.difference(beginning, after),
                 companion.told(prefix),
             )
-            failures += _show(number, step, outcome)
+            expectations = step.expectations(outcome)
+            sessions.append(
+                SessionFacts(
+                    step.title,
+                    result,
+                    outcome.runs,
+                    outcome.difference,
+                    step.note,
+                    outcome.told,
+                    expectations,
+                )
+            )
+            failures += _show(number, step, outcome, expectations)
             before = after
         progress.say("ending the Wine prefix")
-    return _conclude(failures, len(steps))
+    return failures
+
+
+def _write(shown: Report) -> None:
+    paths.REPORT.mkdir(parents=True, exist_ok=True)
+    for name, text in (
+        ("report.html", page.page(shown)),
+        ("report.json", json.dumps(facts.document(shown), indent=1) + "\n"),
+    ):
+        (paths.REPORT / name).write_text(text, encoding="utf-8")
+        _say(f"report: {paths.shown(paths.REPORT / name)}")
 
 
 def _steps(package_path: str, second_path: str) -> list[Step]:
@@ -253,17 +287,9 @@ def _removed(outcome: Outcome) -> list[Expectation]:
 def _exit_code(outcome: Outcome, result: int) -> Expectation:
     return Expectation(
         "exit code",
-        _shown_exit_code(session.as_exit_code(result)),
-        _shown_exit_code(outcome.result.exit_code),
+        session.shown_exit_code(session.as_exit_code(result)),
+        session.shown_exit_code(outcome.result.exit_code),
     )
-
-
-def _shown_exit_code(exit_code: int) -> str:
-    # Only the low byte of an exit code arrives here.
-    refused = session.as_exit_code(session.INSTALL_FAILURE)
-    if exit_code == refused:
-        return f"{session.INSTALL_FAILURE}, seen as {refused}"
-    return str(exit_code)
 
 
 def _verdicts(outcome: Outcome, expected: str) -> Expectation:
@@ -374,7 +400,9 @@ def _untouched(outcome: Outcome) -> Expectation:
     )
 
 
-def _show(number: int, step: Step, outcome: Outcome) -> list[str]:
+def _show(
+    number: int, step: Step, outcome: Outcome, expectations: list[Expectation]
+) -> list[str]:
     """Prints what came of a step and returns the failed expectations as texts."""
     result = outcome.result
     _say("")
@@ -382,7 +410,7 @@ def _show(number: int, step: Step, outcome: Outcome) -> list[str]:
     _say(f"   msiexec {' '.join(step.arguments)} /qn")
     _say_all(textwrap.wrap(step.note, report.WIDTH, initial_indent="   ", subsequent_indent="   "))
     _say(
-        f"   exit code {_shown_exit_code(result.exit_code)}, {result.seconds:.1f} s, "
+        f"   exit code {session.shown_exit_code(result.exit_code)}, {result.seconds:.1f} s, "
         f"log {paths.shown(result.log)}"
     )
     _say("")
@@ -396,7 +424,6 @@ def _show(number: int, step: Step, outcome: Outcome) -> list[str]:
     _say_all(report.change_list(outcome.difference))
     _say("")
 
-    expectations = step.expectations(outcome)
     met = [expectation.what for expectation in expectations if expectation.met]
     failed = [expectation for expectation in expectations if not expectation.met]
     if met:

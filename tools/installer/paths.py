@@ -22,6 +22,7 @@ MAKE_PREFIX = ROOT / "tests/support/make_prefix.sh"
 PACKAGE_SOURCES = ROOT / "package"
 PACKAGES = BUILD / "package"
 LOGS = BUILD / "installer-logs"
+REPORT = BUILD / "demo"
 
 
 def windows_path(path: Path) -> str:

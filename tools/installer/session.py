@@ -41,6 +41,15 @@ def as_exit_code(result: int) -> int:
     return result % 256
 
 
+def shown_exit_code(exit_code: int) -> str:
+    """An exit code as text, and the refusal of the installer by its whole number."""
+    # Only the low byte of an exit code arrives here.
+    refused = as_exit_code(INSTALL_FAILURE)
+    if exit_code == refused:
+        return f"{INSTALL_FAILURE}, seen as {refused}"
+    return str(exit_code)
+
+
 @dataclass
 class SessionResult:
     """What is known of an installer run that has ended."""
