@@ -8,6 +8,7 @@ import time
 import pytest
 
 from installer import companion
+from installer.log import Call
 from installer.machine import Kind
 from installer.prefix import START_LIMIT
 
@@ -130,7 +131,7 @@ def test_a_removal_with_a_locked_agent_file_keeps_identity_and_status(
         start = time.monotonic()
         while not record.exists() and time.monotonic() - start < START_LIMIT:
             time.sleep(0.01)
-        result = clean_machine.remove(companion_package)
+        result = clean_machine.remove(companion_package, environment=watching)
     finally:
         held.kill()
         held.wait()
@@ -142,7 +143,7 @@ def test_a_removal_with_a_locked_agent_file_keeps_identity_and_status(
     clean_machine.end_service(companion.AGENT_SERVICE)
     shutil.rmtree(folder.parent)
     assert result.exit_code == 0, result.report()
-    assert run.result is None, result.report()
+    assert run.call is Call.NOT_RETURNED, result.report()
     assert was_held and service, result.report()
     # By the package itself.
     assert companion.AGENT_TASK not in there, result.report()

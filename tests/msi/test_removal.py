@@ -6,6 +6,7 @@ import shutil
 import pytest
 
 from installer import companion, package
+from installer.log import Call, Outcome
 from installer.machine import Area, Kind
 
 
@@ -43,7 +44,9 @@ def test_removal_takes_away_what_the_installer_does_not_know(
     assert [name for name in left if not name.endswith(companion.LEFT_BEHIND)] == []
 
 
-def test_a_link_in_a_folder_keeps_what_lies_behind_it(clean_machine, companion_package):
+def test_a_link_in_a_folder_keeps_what_lies_behind_it(
+    clean_machine, companion_package, runs_of, watching
+):
     # The link stays too: here the system cannot remove it without what it leads to. The exception
     # ends the process that hosts the actions, and the engine here starts no other one, so that the
     # actions behind it do not run and the one whose result counts would fail the removal.
@@ -59,7 +62,7 @@ def test_a_link_in_a_folder_keeps_what_lies_behind_it(clean_machine, companion_p
     behind.mkdir()
     (behind / "kept.txt").write_text("kept")
     (folder / "link").symlink_to(behind)
-    result = clean_machine.remove(ignoring)
+    result = clean_machine.remove(ignoring, environment=watching)
     kept = (behind / "kept.txt").exists()
     (folder / "link").unlink()
     (behind / "kept.txt").unlink(missing_ok=True)
@@ -67,6 +70,13 @@ def test_a_link_in_a_folder_keeps_what_lies_behind_it(clean_machine, companion_p
     shutil.rmtree(folder.parent.parent)
     assert kept, result.report()
     assert result.exit_code == 0, result.report()
+    runs = {run.name: run for run in runs_of(result)}
+    names = list(runs)
+    ended = names.index("DeleteDMFTDirectory")
+    assert {runs[name].call for name in names[:ended]} == {Call.RETURNED}, result.report()
+    assert runs["DeleteDMFTDirectory"].outcome is Outcome.NOT_RETURNED, result.report()
+    behind_it = {runs[name].call for name in names[ended + 1 :]}
+    assert behind_it == {Call.NOT_CALLED}, result.report()
 
 
 def test_a_service_that_runs_from_elsewhere_stays(clean_machine, companion_package):
