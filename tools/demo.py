@@ -23,6 +23,7 @@ from installer.prefix import Prefix
 from installer.session import SessionResult
 
 INTERRUPTED = 130
+TITLE = "Installer sessions of the sample packages"
 
 
 @dataclass
@@ -70,17 +71,17 @@ def _run_demo() -> int:
     steps = _steps(paths.windows_path(companion_package), paths.windows_path(second_package))
 
     progress.say("making a fresh Wine prefix")
-    shown = Report(
-        "Installer sessions of the sample packages",
-        datetime.now().isoformat(timespec="seconds"),
-        package.project_identity().version,
-        len(steps),
-        [],
-    )
+    made = datetime.now().isoformat(timespec="seconds")
+    sessions: list[SessionFacts] = []
+    failure = ""
     try:
-        failures = _run_steps(steps, definitions, progress, shown.sessions)
+        failures = _run_steps(steps, definitions, progress, sessions)
+    except (OSError, RuntimeError) as raised:
+        failure = str(raised)
+        raise
     finally:
-        _write(shown)
+        version = package.project_identity().version
+        _write(Report(TITLE, made, version, len(steps), sessions, failure))
     return _conclude(failures, len(steps))
 
 

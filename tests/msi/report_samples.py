@@ -88,11 +88,12 @@ def good_session(title: str = "Install") -> SessionFacts:
     )
 
 
-def report(*sessions: SessionFacts, planned: int | None = None) -> Report:
+def report(*sessions: SessionFacts, planned: int | None = None, failure: str = "") -> Report:
     return Report(
         "Installer sessions",
         "2026-11-21T13:01:47",
         "1.2.3",
         len(sessions) if planned is None else planned,
         list(sessions),
+        failure,
     )

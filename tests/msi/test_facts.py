@@ -2,11 +2,13 @@
 
 import json
 import re
+import shutil
 
 import pytest
 from report_samples import DATA, HOSTILE, every_outcome, good_session, report, session
 
-from installer import facts, paths
+import demo
+from installer import facts, package, page, paths
 from installer.log import Outcome
 
 DOCUMENTATION = paths.ROOT / "docs/demo-report.md"
@@ -31,6 +33,7 @@ def test_the_document_tells_the_facts():
         "made": "2026-11-21T13:01:47",
         "library_version": "1.2.3",
         "planned_sessions": 2,
+        "failure": "",
         "as_expected": False,
     }
     actions, changes = told.pop("actions"), told.pop("changes")
@@ -137,6 +140,37 @@ def test_outcomes_are_counted():
         Outcome.UNKNOWN: 1,
     }
     assert good_session().outcomes() == {Outcome.SUCCEEDED: 1}
+
+
+def test_the_demo_writes_the_page_and_the_document(monkeypatch, tmp_path):
+    monkeypatch.setattr(paths, "REPORT", paths.BUILD / tmp_path.name)
+    given = report(session(), good_session())
+    try:
+        demo._write(given)
+        written = {file.name: file.read_text("utf-8") for file in paths.REPORT.iterdir()}
+    finally:
+        shutil.rmtree(paths.REPORT)
+    assert set(written) == {"report.html", "report.json"}
+    assert written["report.html"] == page.page(given)
+    assert json.loads(written["report.json"]) == facts.document(given)
+
+
+def test_a_demo_that_is_cut_short_tells_what_it_has_and_why(monkeypatch):
+    def cut_short(steps, definitions, progress, sessions):
+        sessions.append(good_session())
+        raise TimeoutError("msiexec did not end")
+
+    written = []
+    monkeypatch.setattr(package, "build", lambda *_: paths.PACKAGES / "Companion.msi")
+    monkeypatch.setattr(package, "library_actions", lambda _: {})
+    monkeypatch.setattr(demo, "_run_steps", cut_short)
+    monkeypatch.setattr(demo, "_write", written.append)
+    with pytest.raises(TimeoutError):
+        demo._run_demo()
+    (shown,) = map(facts.document, written)
+    assert [each["title"] for each in shown["sessions"]] == ["Install"]
+    assert shown["planned_sessions"] > 1 and shown["as_expected"] is False
+    assert shown["failure"] == "msiexec did not end"
 
 
 def test_the_documentation_names_the_fields_that_there_are():

@@ -74,9 +74,9 @@ class TreeBuilder(HTMLParser):
         raise AssertionError(f"a comment: {data}")
 
 
-def tree(*sessions: SessionFacts, planned: int | None = None) -> Node:
+def tree(*sessions: SessionFacts, **values) -> Node:
     builder = TreeBuilder()
-    text = page.page(report(*sessions, planned=planned))
+    text = page.page(report(*sessions, **values))
     assert text.startswith("<!DOCTYPE html>\n")
     builder.feed(text)
     builder.close()
@@ -340,6 +340,12 @@ def test_what_was_not_as_expected_is_told_with_what_came():
 )
 def test_the_head_tells_how_the_sessions_went(sessions, planned, words):
     assert tree(*sessions, planned=planned).one("header").one(class_="judgement").text == words
+
+
+def test_the_head_tells_what_cut_the_sessions_short():
+    head = tree(good_session(), planned=3, failure="msiexec <b> did not end").one("header")
+    words = "✗ Only 1 of 3 sessions came to their end: msiexec <b> did not end"
+    assert head.one(class_="judgement").text == words
 
 
 def test_any_number_of_sessions_each_under_its_title():

@@ -73,7 +73,8 @@ class SessionFacts:
 class Report:
     """Sessions in the order of their runs.
 
-    `made` is a date and time in ISO 8601; `planned` is the number of sessions that there should be.
+    `made` is a date and time in ISO 8601; `planned` is the number of sessions that there should be,
+    and `failure` says what kept the others from their end, where that is known.
     """
 
     title: str
@@ -81,6 +82,7 @@ class Report:
     version: str
     planned: int
     sessions: list[SessionFacts]
+    failure: str = ""
 
     @property
     def complete(self) -> bool:
@@ -99,6 +101,7 @@ def document(report: Report) -> dict[str, Any]:
         "made": report.made,
         "library_version": report.version,
         "planned_sessions": report.planned,
+        "failure": report.failure,
         "as_expected": report.as_expected,
         "sessions": [_session(session) for session in report.sessions],
     }

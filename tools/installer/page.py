@@ -158,7 +158,8 @@ def _header(report: Report) -> ElementTree.Element:
 
 def _sum(report: Report) -> str:
     if not report.complete:
-        return f"Only {len(report.sessions)} of {report.planned} sessions came to their end."
+        reason = f": {report.failure}" if report.failure else "."
+        return f"Only {len(report.sessions)} of {report.planned} sessions came to their end{reason}"
     if report.as_expected and len(report.sessions) == 1:
         return "The session went as it should."
     if report.as_expected:
