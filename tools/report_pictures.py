@@ -1,6 +1,6 @@
 """Takes pictures of the demo's report in headless Chromium, and tries there what it must hold.
 
-build/demo gets a picture of each view, docs/demo-report.png the one that readers of the project see.
+build/demo gets a picture of each view, docs/demo-report.png the one that the README shows.
 Exit code 0 when the page fits each window, answers the keyboard and the browser has no complaint.
 """
 
@@ -28,6 +28,7 @@ LARGEST_PICTURE = 300_000
 COLOURS = 64
 # Pixels. A picture of a page is cut there.
 TALLEST = 6000
+MARGIN = 16
 # What readers of the project see: a session of many actions, the first one with data open.
 PICTURE_SESSION = "session-2"
 PICTURE_DETAILS = f"#{PICTURE_SESSION} ~ .actions details:has(code)"
@@ -144,8 +145,9 @@ def _photograph(
 ) -> bytes:
     top = 0
     if element is not None:
-        script = "return document.getElementById(arguments[0]).getBoundingClientRect().top + scrollY"
-        top = browser.execute_script(script, element) - 16
+        script = "return arguments[0].getBoundingClientRect().top + scrollY"
+        found = browser.find_element(By.ID, element)
+        top = browser.execute_script(script, found) - MARGIN
     height = browser.execute_script("return document.documentElement.scrollHeight")
     clip = {
         "x": 0,

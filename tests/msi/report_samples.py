@@ -1,4 +1,4 @@
-"""Made-up sessions for the tests of the report: every outcome of an action, every kind of change."""
+"""Made-up sessions for the tests of the report, with every outcome and every kind of change."""
 
 from collections import Counter
 

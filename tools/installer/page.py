@@ -98,8 +98,8 @@ def page(report: Report) -> str:
 
 
 def visible(text: str) -> str:
-    """The text with what cannot be seen, or turns the order of what can, as its code in brackets."""
-    return "".join(character if _can_be_seen(character) else _code_point(character) for character in text)
+    """The text with what cannot be seen, or turns the order of letters, as its code in brackets."""
+    return "".join(each if _can_be_seen(each) else f"[U+{ord(each):04X}]" for each in text)
 
 
 def ticks(milliseconds: float) -> list[float]:
@@ -121,7 +121,8 @@ def extent(session: SessionFacts, run: ActionRun) -> tuple[float, float]:
 
 
 def _header(report: Report) -> ElementTree.Element:
-    header = _element(
+    sessions = [_overview(number, each) for number, each in enumerate(report.sessions, 1)]
+    return _element(
         "header",
         _element("h1", report.title),
         _element(
@@ -129,31 +130,17 @@ def _header(report: Report) -> ElementTree.Element:
             f"Halvard_CA {report.version}, {report.made.replace('T', ' ')}. ",
             _judgement(report.as_expected, _sum(report)),
         ),
-        class_="page",
-    )
-    header.append(
-        _element(
-            "nav",
-            _element(
-                "ol",
-                *[_overview(number, each) for number, each in enumerate(report.sessions, 1)],
-                class_="overview",
-            ),
-            aria_label="Sessions",
-        )
-    )
-    header.append(_legend())
-    # Without its script the page has no use for them.
-    header.append(
+        _element("nav", _element("ol", *sessions, class_="overview"), aria_label="Sessions"),
+        _legend(),
+        # Hidden until the script shows them: without it they would do nothing.
         _element(
             "p",
             _element("button", "Open all details", type="button", data_open="yes"),
             _element("button", "Close all details", type="button", data_open="no"),
             id="switches",
             hidden="",
-        )
+        ),
     )
-    return header
 
 
 def _sum(report: Report) -> str:
@@ -543,10 +530,6 @@ def _policy(style: str, script: str) -> str:
 def _can_be_seen(character: str) -> bool:
     # Lone surrogates, formatting characters and controls are none of these.
     return character.isprintable() or character in "\t\u00a0\u3000"
-
-
-def _code_point(character: str) -> str:
-    return f"[U+{ord(character):04X}]"
 
 
 def _element(
