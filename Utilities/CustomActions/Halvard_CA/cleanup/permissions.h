@@ -39,12 +39,13 @@ extern "C" {
 /// Gives the installation folder with all it holds to a user, grants the built-in Users group full
 /// control of each entry, and registers the COM server in it anew. Links are not entered.
 ///
-/// Deferred action. Inputs: the items InstallDir=, DLLName= and Username= of CustomActionData, the
-/// folder, the DLL's name relative to it, and the account. An absent one is not detected: its value
-/// is then the data from index 10, 7 or 8 onward. All three are pasted into commands as they are.
+/// Deferred action, result checked. Inputs: the items InstallDir=, DLLName= and Username= of
+/// CustomActionData, the folder, the DLL's name relative to it, and the account. An absent one is
+/// not detected: its value is then the data from index 10, 7 or 8 onward. All three are pasted into
+/// commands as they are.
 /// With an InstallDir that does not end in a backslash the server is registered, but not
 /// unregistered before.
-/// Results: ERROR_SUCCESS (0), whatever became of the permissions, or ERROR_INSTALL_FAILURE (1603)
+/// Results: 0, 1603. ERROR_SUCCESS, whatever became of the permissions, or ERROR_INSTALL_FAILURE
 /// when the server could not be registered, as for a folder that does not exist.
 /// Throws std::out_of_range when InstallDir= is absent and the data has fewer than 10 characters,
 /// std::filesystem::filesystem_error when the folder cannot be asked or listed (nothing is
@@ -53,11 +54,10 @@ UINT __stdcall SetPermissionsRegisterDLL(MSIHANDLE session);
 
 /// Unregisters a COM server.
 ///
-/// Deferred action. Inputs: the items InstallDir= and DLLName= of CustomActionData. InstallDir has
-/// to end in a backslash: nothing is put between it and the DLL's name. An absent item is as in
-/// SetPermissionsRegisterDLL.
-/// Results: ERROR_SUCCESS (0), or ERROR_INSTALL_FAILURE (1603) when the server could not be
-/// unregistered.
+/// Deferred action, result ignored. Inputs: the items InstallDir= and DLLName= of CustomActionData.
+/// InstallDir has to end in a backslash: nothing is put between it and the DLL's name. An absent
+/// item is as in SetPermissionsRegisterDLL.
+/// Results: 0, 1603. ERROR_INSTALL_FAILURE when the server could not be unregistered.
 /// Throws std::out_of_range as SetPermissionsRegisterDLL does, and std::bad_alloc.
 UINT __stdcall UnregisterDLL(MSIHANDLE session);
 

@@ -21,12 +21,12 @@ extern "C" {
 
 /// Installs the packaged context-menu extension: trusts its certificate, then adds the package.
 ///
-/// Deferred action, without CustomActionData. Inputs: the files MyKey.cer and
+/// Deferred action, result ignored, without CustomActionData. Inputs: the files MyKey.cer and
 /// PhotoStoreDemoPkg.msix in "Program Files\ContextMenuDemo" of the system drive, wherever the
-/// package installs to.
-/// Results: ERROR_SUCCESS (0) when both steps ended with 0, else ERROR_INSTALL_FAILURE (1603). A
-/// certificate that cannot be imported does not keep the package from being added. Logs nothing and
-/// waits for each step without a time limit. Throws std::bad_alloc only.
+/// package installs to. Logs nothing and waits for each step without a time limit.
+/// Results: 0, 1603. ERROR_SUCCESS when both steps ended with 0, else ERROR_INSTALL_FAILURE. A
+/// certificate that cannot be imported does not keep the package from being added.
+/// Throws std::bad_alloc only.
 UINT __stdcall InstallContextMenuMSIX(MSIHANDLE session);
 
 } // extern "C"

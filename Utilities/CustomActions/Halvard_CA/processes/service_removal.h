@@ -26,15 +26,16 @@ extern "C" {
 
 /// Stops and deletes a service, but only when its program lies directly in a given folder.
 ///
-/// Deferred action. Inputs: the items ServiceName= (the service's key name) and DirectoryOfBinary=
-/// of CustomActionData. An absent item is not detected: its value is then the data from index 11
-/// (ServiceName=) or 17 (DirectoryOfBinary=) onward. A service whose configured binary path has
-/// quotes around it, or arguments with a slash in them, is not found in its folder.
+/// Deferred action, result ignored. Inputs: the items ServiceName= (the service's key name) and
+/// DirectoryOfBinary= of CustomActionData. An absent item is not detected: its value is then the
+/// data from index 11 (ServiceName=) or 17 (DirectoryOfBinary=) onward. A service whose configured
+/// binary path has quotes around it, or arguments with a slash in them, is not found in its folder.
 /// Stores its session as the current session, but of what it does only CustomActionData shows in
 /// the log. Blocks for about 3 seconds when the service does not stop.
-/// Results: ERROR_SUCCESS (0), whatever became of the service.
-/// Throws std::out_of_range when the data has fewer than 17 characters, and as
-/// RemoveServiceInDirectory does; the service is as before then.
+/// Results: 0, whatever became of the service.
+/// Throws std::out_of_range when the data has fewer than 17 characters, and std::system_error,
+/// std::filesystem::filesystem_error and std::bad_alloc as RemoveServiceInDirectory does; the
+/// service is as before then.
 UINT __stdcall DeleteServiceIfBinaryIsInDirectory(MSIHANDLE session);
 
 } // extern "C"

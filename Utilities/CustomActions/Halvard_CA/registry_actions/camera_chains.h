@@ -22,13 +22,13 @@ extern "C" {
 
 /// Removes the package's camera transform from every camera device interface of the system.
 ///
-/// Deferred action, without CustomActionData. Inputs: the values "CameraDeviceMftClsidChain" and
-/// "CLSID" of the device class {e5323777-f976-4f5b-9b55-b94699c46e44}, HKLM
-/// "SYSTEM\CurrentControlSet\Control\DeviceClasses", and of all keys below it. Logs nothing. Stores
-/// its session as the current session.
-/// Results: reversed on purpose, ERROR_INSTALL_FAILURE (1603) for a clean run, also one that found
-/// nothing, and ERROR_SUCCESS (0) when a value could not be deleted. Packages count on this:
-/// declare the action's result as ignored. Throws as halvard::CleanCameraTransformChains does.
+/// Deferred action, result ignored, without CustomActionData. Inputs: the values
+/// "CameraDeviceMftClsidChain" and "CLSID" of the device class
+/// {e5323777-f976-4f5b-9b55-b94699c46e44}, HKLM "SYSTEM\CurrentControlSet\Control\DeviceClasses",
+/// and of all keys below it. Logs nothing. Stores its session as the current session.
+/// Results: 0, 1603. Reversed on purpose, and packages count on this: ERROR_INSTALL_FAILURE for a
+/// clean run, also one that found nothing, and ERROR_SUCCESS when a value could not be deleted.
+/// Throws std::bad_alloc only, as halvard::CleanCameraTransformChains does.
 UINT __stdcall DeleteOptiqCameraGUID(MSIHANDLE session);
 
 } // extern "C"

@@ -16,10 +16,11 @@ extern "C" {
 
 /// Withdraws the user's consent to analytics when the installation is told to.
 ///
-/// Immediate action, in a package that runs elevated. Input: the property DISABLEANALYTICS, at most
-/// 259 wide characters. When it begins with "YES" in any case, HKLM
+/// Immediate action, result checked, in a package that runs elevated. Input: the property
+/// DISABLEANALYTICS, at most 259 wide characters. When it begins with "YES" in any case, HKLM
 /// "SOFTWARE\Zenvo\ZenvoAnalytics", REG_SZ "AnalyticsAccepted", becomes "false"; the key is not
-/// created. Results: always ERROR_SUCCESS (0). Throws std::bad_alloc only.
+/// created.
+/// Results: 0, whatever became of it. Throws std::bad_alloc only.
 UINT __stdcall DisabelAnalyticsKey(MSIHANDLE session);
 
 /// Records that the telemetry programme belongs to this installation, and the user's consent to
@@ -27,33 +28,32 @@ UINT __stdcall DisabelAnalyticsKey(MSIHANDLE session);
 /// and HKLM "SOFTWARE\Zenvo\ZenvoAnalytics", REG_SZ "AnalyticsAccepted" = "true". Creates both
 /// keys.
 ///
-/// Deferred action, without CustomActionData. Inputs: none.
-/// Results: always ERROR_SUCCESS (0), also when a value could not be written. Throws RegKeyError
-/// ("Unable to get create registry key") when the key of the consent can neither be opened nor
-/// created.
+/// Deferred action, result checked, without CustomActionData. Inputs: none.
+/// Results: 0, also when a value could not be written. Throws RegKeyError ("Unable to get create
+/// registry key") when the key of the consent can neither be opened nor created.
 UINT __stdcall EnableAnalyticsKey(MSIHANDLE session);
 
 /// Deletes HKLM "SOFTWARE\Zenvo\ZenvoAnalytics" when it has no subkeys.
 ///
-/// Deferred action, without CustomActionData. Inputs: none. Logs what became of the key: "UPA Key
-/// deleted", "UPA Key not deleted" or "Could not access UPA Key".
-/// Results: always ERROR_SUCCESS (0). Throws nothing.
+/// Deferred action, result ignored, without CustomActionData. Inputs: none. Logs what became of the
+/// key: "UPA Key deleted", "UPA Key not deleted" or "Could not access UPA Key".
+/// Results: 0, whatever became of it. Throws nothing.
 UINT __stdcall DeleteAnalyticsKey(MSIHANDLE session);
 
 /// Marks once that the recorder's analytics have been tracked: creates HKLM "SOFTWARE\ZenvoDVR"
 /// with REG_DWORD "ZenvoDVR_Tracked" = 1 when the recorder is enabled and the key cannot be opened.
 ///
-/// Deferred action, without CustomActionData. Inputs: HKLM "SOFTWARE\Qorta Technologies\Install",
-/// "ZenvoDVR_Enabled": the recorder is enabled when its bytes, at most 4 and of any type, are those
-/// of the number 1.
-/// Results: 1 when this run created the marker, its value written or not, else ERROR_SUCCESS (0).
-/// No code of the installer: declare the action's result as ignored. Throws nothing.
+/// Deferred action, result ignored, without CustomActionData. Inputs: HKLM
+/// "SOFTWARE\Qorta Technologies\Install", "ZenvoDVR_Enabled": the recorder is enabled when its
+/// bytes, at most 4 and of any type, are those of the number 1.
+/// Results: 0, 1. The latter, no code of the installer, when this run created the marker, its value
+/// written or not, else ERROR_SUCCESS. Throws nothing.
 UINT __stdcall TrackDVRAnalytics(MSIHANDLE session);
 
 /// Deletes HKLM "SOFTWARE\Qorta", the maker's former root, with all below it.
 ///
-/// Deferred action, without CustomActionData. Inputs: none.
-/// Results: always ERROR_SUCCESS (0). Throws nothing.
+/// Deferred action, result ignored, without CustomActionData. Inputs: none.
+/// Results: 0, whatever became of it. Throws nothing.
 UINT __stdcall DeleteQortaKey(MSIHANDLE session);
 
 } // extern "C"
