@@ -10,7 +10,6 @@ import subprocess
 import xml.etree.ElementTree as ElementTree
 from dataclasses import dataclass, replace
 from functools import cached_property
-from pathlib import Path
 
 import pytest
 
@@ -20,12 +19,13 @@ LIBRARY_SOURCES = paths.ROOT / "Utilities/CustomActions/Halvard_CA"
 INCLUDE = paths.PACKAGE_SOURCES / "halvard_actions.wxi"
 NAMESPACE = "http://schemas.microsoft.com/wix/2006/wi"
 
+DOCUMENTS = sorted((paths.ROOT / "docs").glob("*.md"))
+README = paths.ROOT / "README.md"
+
 # The parts of a section of the reference, in their order.
 PARTS = ("Schedule", "Data", "Reads", "Effects", "Results", "Throws", "Take care")
 # Running out of memory is told of all actions at once.
-EXCEPTION = re.compile(
-    r"\b(RegKeyError|std::(?:filesystem::)?\w+_error|std::out_of_range)\b"
-)
+EXCEPTION = re.compile(r"\b(RegKeyError|std::(?:filesystem::)?\w+_error|std::out_of_range)\b")
 # How results that are no fixed numbers are named in the README.
 OTHER_RESULTS = ("another number", "a registry type")
 KEY_OF_DATA = re.compile(r"\b([A-Z]\w*=)(?=[^\w\"]|$)")
@@ -143,7 +143,8 @@ def _of_attributes(text: str) -> Schedule | None:
 
 def _of_comment(text: str) -> Action:
     schedule = re.search(
-        r"\b(Immediate|Deferred) action,( as the user who installs,)? result (checked|ignored)\b", text
+        r"\b(Immediate|Deferred) action,( as the user who installs,)? result (checked|ignored)\b",
+        text,
     )
     results = re.search(r"\bResults: ((?:\d+|other)(?:, (?:\d+|other))*)[.,]", text)
     inputs = text.partition("Inputs: ")[2].partition("Results:")[0]
@@ -253,7 +254,7 @@ def sources() -> Sources:
         definition=(LIBRARY_SOURCES / "Halvard_CA.def").read_text(),
         include=INCLUDE.read_text(),
         headers=joined(".h"),
-        readme=(paths.ROOT / "README.md").read_text(),
+        readme=README.read_text(),
         reference=(paths.ROOT / "docs/actions.md").read_text(),
         code=joined(".h", ".cpp"),
     )
@@ -270,7 +271,7 @@ def test_all_sources_tell_the_same_of_every_export(sources):
         ("definition", "    LaunchPV\n", "", "README: LaunchPV is no export"),
         ("definition", "    ; agent\n", "", "index of the reference: not the exports"),
         ("include", 'DllEntry="DeleteQortaKey"', 'DllEntry="Other"', "DeleteQortaKey is missing"),
-        ("include", 'Impersonate="yes"', 'Impersonate="no"', "CreateBenchMarkRunOnceSchTask: sched"),
+        ("include", 'Impersonate="yes"', 'Impersonate="no"', "MarkRunOnceSchTask: schedule"),
         ("include", 'Execute="immediate" Return="check"', 'Execute="immediate" Return="ignore"',
          "BlockLaunch: schedule"),
         ("headers", "UINT __stdcall UnregisterDLL(", "UINT __stdcall UnRegisterDLL(",
@@ -284,7 +285,7 @@ def test_all_sources_tell_the_same_of_every_export(sources):
          "CheckForClients: exceptions"),
         ("readme", "| `LaunchPV` | deferred, ", "| `LaunchPV` | immediate, ", "LaunchPV: schedule"),
         ("readme", "| 0, 259 to skip the agent |", "| 0 |", "CheckForClients: results"),
-        ("readme", "| `DeleteQortaKey` |", "| `DeleteOtherKey` |", "README: DeleteQortaKey is miss"),
+        ("readme", "| `DeleteQortaKey` |", "| `DeleteOtherKey` |", "DeleteQortaKey is missing"),
         ("reference", "### LaunchPV\n", "### LaunchPivot\n", "reference: LaunchPV is missing"),
         ("reference", "  - `259`: skip", "  - `250`: skip", "CheckForClients: results"),
         ("reference", "[PostInstallUPA](#postinstallupa)", "[PostInstallUPA](#post)",
@@ -364,8 +365,8 @@ def test_the_examples_together_make_a_package(sources, tmp_path):
     ]
     source = tmp_path / "examples.wxs"
     source.write_text(
-        f'<Wix xmlns="{NAMESPACE}"><Product Id="*" UpgradeCode="6B1D6F0E-6D0B-4C39-9E52-0B7C2B8F7C11"'
-        ' Name="Examples" Manufacturer="Examples" Version="1.0.0" Language="1033">'
+        f'<Wix xmlns="{NAMESPACE}"><Product Id="*" Name="Examples" Manufacturer="Examples"'
+        ' UpgradeCode="6B1D6F0E-6D0B-4C39-9E52-0B7C2B8F7C11" Version="1.0.0" Language="1033">'
         '<Package InstallerVersion="500" InstallScope="perMachine" Compressed="yes"/>'
         '<Media Id="1" Cabinet="a.cab" EmbedCab="yes"/>'
         '<Binary Id="Halvard_CA" SourceFile="a.dll"/><?include halvard_actions.wxi ?>'
@@ -387,3 +388,43 @@ def test_the_examples_together_make_a_package(sources, tmp_path):
     ).stdout
     scheduled = {line.split("\t")[0] for line in exported.splitlines()[3:]}
     assert set(fragments(sources)) <= scheduled
+
+
+def test_the_architecture_tells_which_subsystem_calls_which():
+    text = (paths.ROOT / "docs/architecture.md").read_text()
+    table = text.partition("| Subsystem |")[2].partition("\n\n")[0]
+    rows = re.findall(r"^\| (\w+) \| ([\w, ]+) \| ", table, re.MULTILINE)
+    told = {caller: set(called.split(", ")) - {"nothing"} for caller, called in rows}
+    included = {
+        folder.name: {
+            name
+            for file in folder.iterdir()
+            for name in re.findall(r'^#include "(\w+)/', file.read_text(), re.MULTILINE)
+        }
+        - {folder.name}
+        for folder in LIBRARY_SOURCES.iterdir()
+        if folder.is_dir()
+    }
+    assert told == included
+
+
+def anchor(heading: str) -> str:
+    """What a heading is linked by."""
+    return re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-")
+
+
+@pytest.mark.parametrize("document", [README, *DOCUMENTS], ids=lambda file: file.name)
+def test_links_lead_to_what_is_there(document):
+    for link in re.findall(r"\]\(([^)\s]+)\)", document.read_text()):
+        path, _, fragment = link.partition("#")
+        target = document.parent / path if path else document
+        assert target.exists(), link
+        if fragment:
+            headings = re.findall(r"^#+ (.*)$", target.read_text(), re.MULTILINE)
+            assert fragment in map(anchor, headings), link
+
+
+def test_the_readme_leads_to_every_document():
+    text = README.read_text()
+    assert [file.name for file in DOCUMENTS if f"](docs/{file.name})" not in text] == []
+    assert len(DOCUMENTS) >= 3
