@@ -332,17 +332,19 @@ def fragments(sources: Sources) -> dict[str, list[ElementTree.Element]]:
     }
 
 
+def scheduled_in(elements: list[ElementTree.Element]) -> list[dict[str, str]]:
+    """The attributes of what the elements put into a sequence."""
+    tag = f"{{{NAMESPACE}}}Custom"
+    return [custom.attrib for element in elements for custom in element.iter(tag)]
+
+
 def test_every_example_is_one_of_its_action(sources):
     in_packages = fragments(sources)
     for name, section in sources.sections.items():
         if name not in in_packages:
             assert example_of(section)[1].startswith(f"halvard_run {name}"), name
             continue
-        customs = [
-            custom.attrib["Action"]
-            for element in in_packages[name]
-            for custom in element.iter(f"{{{NAMESPACE}}}Custom")
-        ]
+        customs = [custom["Action"] for custom in scheduled_in(in_packages[name])]
         setters = {
             element.attrib["Id"]: element
             for element in in_packages[name]
@@ -358,11 +360,8 @@ def test_every_example_is_one_of_its_action(sources):
 
 
 def test_the_examples_together_make_a_package(sources, tmp_path):
-    parts = [
-        ElementTree.tostring(element, encoding="unicode")
-        for elements in fragments(sources).values()
-        for element in elements
-    ]
+    elements = [element for example in fragments(sources).values() for element in example]
+    parts = [ElementTree.tostring(element, encoding="unicode") for element in elements]
     source = tmp_path / "examples.wxs"
     source.write_text(
         f'<Wix xmlns="{NAMESPACE}"><Product Id="*" Name="Examples" Manufacturer="Examples"'
@@ -386,8 +385,13 @@ def test_the_examples_together_make_a_package(sources, tmp_path):
         ["msiinfo", "export", "examples.msi", "InstallExecuteSequence"],
         cwd=tmp_path, capture_output=True, text=True, check=True,
     ).stdout
-    scheduled = {line.split("\t")[0] for line in exported.splitlines()[3:]}
-    assert set(fragments(sources)) <= scheduled
+    rows = [line.split("\t") for line in exported.splitlines()[3:]]
+    numbers = {name: int(number) for name, _, number in rows}
+    for custom in scheduled_in(elements):
+        action = numbers[custom["Action"]]
+        for neighbour, distance in (("Before", -1), ("After", 1)):
+            if neighbour in custom:
+                assert (action - numbers[custom[neighbour]]) * distance > 0, custom
 
 
 def test_the_architecture_tells_which_subsystem_calls_which():
