@@ -10,10 +10,12 @@ import subprocess
 import xml.etree.ElementTree as ElementTree
 from dataclasses import dataclass, replace
 from functools import cached_property
+from pathlib import Path
 
 import pytest
 
 from installer import paths
+from installer.package import table
 
 LIBRARY_SOURCES = paths.ROOT / "Utilities/CustomActions/Halvard_CA"
 INCLUDE = paths.PACKAGE_SOURCES / "halvard_actions.wxi"
@@ -359,10 +361,10 @@ def test_every_example_is_one_of_its_action(sources):
         assert len(setters) == (1 if keys or name == "LaunchInstallProxyPV" else 0), name
 
 
-def test_the_examples_together_make_a_package(sources, tmp_path):
-    elements = [element for example in fragments(sources).values() for element in example]
+def built_sequence(elements: list[ElementTree.Element], folder: Path) -> dict[str, int]:
+    """The sequence of a package that holds the elements, by the names of its actions."""
     parts = [ElementTree.tostring(element, encoding="unicode") for element in elements]
-    source = tmp_path / "examples.wxs"
+    source = folder / "examples.wxs"
     source.write_text(
         f'<Wix xmlns="{NAMESPACE}"><Product Id="*" Name="Examples" Manufacturer="Examples"'
         ' UpgradeCode="6B1D6F0E-6D0B-4C39-9E52-0B7C2B8F7C11" Version="1.0.0" Language="1033">'
@@ -371,27 +373,51 @@ def test_the_examples_together_make_a_package(sources, tmp_path):
         '<Binary Id="Halvard_CA" SourceFile="a.dll"/><?include halvard_actions.wxi ?>'
         + "".join(parts)
         + '<Directory Id="TARGETDIR" Name="SourceDir"><Component Id="C"'
-        ' Guid="0D2C8C5B-7A86-4A7B-9D56-1C6E8B6D1F27"><File Id="F" Source="a.dll"/></Component>'
-        '</Directory><Feature Id="A" Level="1"><ComponentRef Id="C"/></Feature></Product></Wix>'
+        ' Guid="0D2C8C5B-7A86-4A7B-9D56-1C6E8B6D1F27"><File Id="F" Source="a.dll"/>'
+        '<RegistryValue Root="HKLM" Key="Software" Name="B" Type="string" Value="C"/>'
+        '</Component></Directory><Feature Id="A" Level="1"><ComponentRef Id="C"/></Feature>'
+        "</Product></Wix>"
     )
-    (tmp_path / INCLUDE.name).write_bytes(INCLUDE.read_bytes())
-    (tmp_path / "a.dll").write_bytes(b"MZ")
+    (folder / INCLUDE.name).write_bytes(INCLUDE.read_bytes())
+    (folder / "a.dll").write_bytes(b"MZ")
+    package = folder / "examples.msi"
     built = subprocess.run(
-        ["wixl", "--arch", "x64", "-o", "examples.msi", source.name],
-        cwd=tmp_path, capture_output=True, text=True,
+        ["wixl", "--arch", "x64", "-o", package.name, source.name],
+        cwd=folder, capture_output=True, text=True,
     )
     assert built.returncode == 0, built.stderr
-    exported = subprocess.run(
-        ["msiinfo", "export", "examples.msi", "InstallExecuteSequence"],
-        cwd=tmp_path, capture_output=True, text=True, check=True,
-    ).stdout
-    rows = [line.split("\t") for line in exported.splitlines()[3:]]
-    numbers = {name: int(number) for name, _, number in rows}
-    for custom in scheduled_in(elements):
-        action = numbers[custom["Action"]]
-        for neighbour, distance in (("Before", -1), ("After", 1)):
-            if neighbour in custom:
-                assert (action - numbers[custom[neighbour]]) * distance > 0, custom
+    rows = table(package, "InstallExecuteSequence")
+    return {name: int(number) for name, _, number in rows}
+
+
+def test_the_examples_together_make_a_package(sources, tmp_path):
+    examples = fragments(sources)
+    standard = built_sequence([], tmp_path)
+    elements = [element for example in examples.values() for element in example]
+    customs = {custom["Action"]: custom for custom in scheduled_in(elements)}
+    assert customs.keys() <= built_sequence(elements, tmp_path).keys()
+
+    # Not the numbers of the compiler, which may put an action far from the one that it is tied to.
+    # What is tied to an action of the package stands nearer to it than that one to its own.
+    def number_and_room(name: str) -> tuple[float, float]:
+        if name in standard:
+            return standard[name], 1.0
+        custom = customs[name]
+        if "Sequence" in custom:
+            return float(custom["Sequence"]), 1.0
+        before = "Before" in custom
+        beside, room = number_and_room(custom["Before" if before else "After"])
+        return beside + (-room if before else room) / 2, room / 2
+
+    def number(name: str) -> float:
+        return number_and_room(name)[0]
+
+    for name, example in examples.items():
+        in_example = [number(custom["Action"]) for custom in scheduled_in(example)]
+        assert max(in_example) == number(name), f"{name}: its data comes too late"
+        if sources.in_include()[name].schedule.execution == "deferred":
+            begin, end = standard["InstallInitialize"], standard["InstallFinalize"]
+            assert begin < number(name) < end, name
 
 
 def test_the_architecture_tells_which_subsystem_calls_which():
