@@ -310,6 +310,12 @@ def test_a_source_that_tells_something_else_is_found(sources, source, old, new, 
     assert any(complaint in line for line in disagreements(broken)), disagreements(broken)
 
 
+def test_every_declaration_gives_its_reason(sources):
+    pattern = r'^    <!-- .+ -->\n    <CustomAction Id="(\w+)"'
+    told = re.findall(pattern, sources.include, re.MULTILINE)
+    assert told == list(sources.in_include())
+
+
 def test_only_results_that_the_installer_takes_for_what_they_are_get_checked(sources):
     told = sources.in_reference()
     for name, action in sources.in_include().items():
