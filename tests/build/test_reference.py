@@ -15,7 +15,7 @@ from pathlib import Path
 import pytest
 
 from installer import paths
-from installer.package import table
+from installer.package import COMPANION, table
 
 LIBRARY_SOURCES = paths.ROOT / "Utilities/CustomActions/Halvard_CA"
 INCLUDE = paths.PACKAGE_SOURCES / "halvard_actions.wxi"
@@ -424,6 +424,21 @@ def test_the_examples_together_make_a_package(sources, tmp_path):
         if sources.in_include()[name].schedule.execution == "deferred":
             begin, end = standard["InstallInitialize"], standard["InstallFinalize"]
             assert begin < number(name) < end, name
+
+
+def test_the_order_that_the_reference_advises_is_the_one_of_the_sample_package(sources):
+    sequence = {
+        custom["Action"]: int(custom["Sequence"])
+        for file in (COMPANION, COMPANION.with_name("Agent.wxi"))
+        for custom in scheduled_in([ElementTree.parse(file).getroot()])
+    }
+    advice = sources.reference.partition("## Order in a package\n")[2].partition("\n## ")[0]
+    advised = set()
+    for order in re.split(r"^(?:Installation|Removal):$", advice, flags=re.MULTILINE)[1:]:
+        names = [name for name in re.findall(r"`(\w+)`", order) if name in sources.exports]
+        assert names == sorted(names, key=sequence.__getitem__)
+        advised |= set(names)
+    assert advised == sources.exports.keys()
 
 
 def test_the_architecture_tells_which_subsystem_calls_which():
