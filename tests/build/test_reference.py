@@ -121,12 +121,17 @@ class Sources:
     def in_reference(self) -> dict[str, Action]:
         return {name: _of_section(text) for name, text in self.sections.items()}
 
-    def in_code(self) -> dict[str, Action]:
+    @cached_property
+    def bodies(self) -> dict[str, str]:
+        """What the exports do, as far as it stands in their own functions."""
         pattern = r"^UINT __stdcall (\w+)\(MSIHANDLE[^)]*\) \{\n(.*?)^\}"
-        bodies = re.findall(pattern, self.code, re.MULTILINE | re.DOTALL)
+        return dict(re.findall(pattern, self.code, re.MULTILINE | re.DOTALL))
+
+    def in_code(self) -> dict[str, Action]:
         reader = re.compile(r'GetDataValue(?:OrEmpty)?\(data, L"(\w+=)"\)')
         return {
-            name: Action(data_keys=frozenset(reader.findall(body))) for name, body in bodies
+            name: Action(data_keys=frozenset(reader.findall(body)))
+            for name, body in self.bodies.items()
         }
 
 
@@ -457,6 +462,13 @@ def test_the_architecture_tells_which_subsystem_calls_which():
         if folder.is_dir()
     }
     assert told == included
+
+
+def test_the_architecture_names_the_exports_that_store_their_session(sources):
+    text = (paths.ROOT / "docs/architecture.md").read_text()
+    sentence = re.search(r"when they begin: ([^.]*)\.", text)[1]
+    storing = [name for name, body in sources.bodies.items() if "SetCurrentSession(" in body]
+    assert sorted(re.findall(r"`(\w+)`", sentence), key=str.lower) == sorted(storing, key=str.lower)
 
 
 def anchor(heading: str) -> str:
