@@ -11,6 +11,7 @@ import pytest
 from installer import paths
 
 LIBRARY_SOURCES = paths.ROOT / "Utilities/CustomActions/Halvard_CA"
+RUNNER_SOURCES = paths.ROOT / "tools/runner"
 STANDARD_LIBRARY = Path("/usr/lib/gcc/x86_64-w64-mingw32/12-posix/include/c++")
 # What the second compiler needs to read the sources as the first one does.
 CLANG_FLAGS = [
@@ -18,7 +19,7 @@ CLANG_FLAGS = [
     "-std=c++17",
     *("-DUNICODE", "-D_UNICODE", "-DWIN32_LEAN_AND_MEAN", "-DNOMINMAX", "-D_WIN32_WINNT=0x0A00"),
     *(f"-isystem{STANDARD_LIBRARY / folder}" for folder in ("", "x86_64-w64-mingw32", "backward")),
-    f"-I{LIBRARY_SOURCES}",
+    *(f"-I{folder}" for folder in (LIBRARY_SOURCES, RUNNER_SOURCES, paths.LIBRARY.parent)),
 ]
 TIDY_SETTINGS = paths.ROOT / ".clang-tidy"
 TIDY = ["clang-tidy", f"--config-file={TIDY_SETTINGS}", "--quiet"]
@@ -36,12 +37,18 @@ def library_files(*suffixes: str) -> list[Path]:
     return sorted(file for file in LIBRARY_SOURCES.rglob("*") if file.suffix in suffixes)
 
 
+def checked_sources() -> list[Path]:
+    """What the second compiler and its analysis read: all that is shipped."""
+    return [*library_files(".cpp"), *sorted(RUNNER_SOURCES.glob("*.cpp"))]
+
+
 def includes(file: Path) -> list[str]:
     return re.findall(r'^#include ["<](.*)[">]', file.read_text(), re.MULTILINE)
 
 
 def own_includes(file: Path) -> list[Path]:
-    found = [LIBRARY_SOURCES / name for name in includes(file)]
+    folders = (LIBRARY_SOURCES, RUNNER_SOURCES)
+    found = [folder / name for folder in folders for name in includes(file)]
     return [name for name in found if name.exists()]
 
 
@@ -96,9 +103,9 @@ def test_a_check_is_made_again_when_what_it_reads_has_changed(tmp_path):
     assert fingerprint(["check"], source) != first
 
 
-def test_the_checks_read_the_library():
-    names = [file.name for file in library_files(".cpp")]
-    assert "session.cpp" in names and "registry.cpp" in names and "launch.cpp" in names
+def test_the_checks_read_the_library_and_the_runner():
+    names = {file.name for file in checked_sources()}
+    assert names >= {"session.cpp", "registry.cpp", "launch.cpp", "report.cpp", "library.cpp"}
 
 
 def test_sources_are_laid_out_as_clang_format_says():
@@ -109,13 +116,13 @@ def test_sources_are_laid_out_as_clang_format_says():
     assert done.returncode == 0, done.stderr
 
 
-def test_a_second_compiler_reads_the_library_without_a_warning():
+def test_a_second_compiler_reads_the_sources_without_a_warning():
     command = ["clang++", *CLANG_FLAGS, *WARNINGS, "-fsyntax-only"]
-    assert run_on_each(command, library_files(".cpp")) == ""
+    assert run_on_each(command, checked_sources()) == ""
 
 
 def test_clang_tidy_has_no_complaint():
-    assert run_on_each(TIDY, library_files(".cpp"), ("--", *CLANG_FLAGS)) == ""
+    assert run_on_each(TIDY, checked_sources(), ("--", *CLANG_FLAGS)) == ""
 
 
 @pytest.mark.parametrize("tool", ["clang++", "clang-tidy"])
@@ -147,9 +154,17 @@ def test_no_two_files_include_each_other_in_a_circle():
 
 
 def portable_sources() -> list[Path]:
-    text = (LIBRARY_SOURCES / "CMakeLists.txt").read_text()
-    listed = re.search(r"set\(portable_sources\s+(.*?)\)", text, re.DOTALL)[1]
-    return [LIBRARY_SOURCES / name for name in listed.split()]
+    lists = {
+        LIBRARY_SOURCES: r"set\(portable_sources\s+(.*?)\)",
+        RUNNER_SOURCES: r"add_library\(halvard_runner_text OBJECT (.*?)\)",
+    }
+    return [
+        folder / name
+        for folder, pattern in lists.items()
+        for name in re.search(
+            pattern, (folder / "CMakeLists.txt").read_text(), re.DOTALL
+        )[1].split()
+    ]
 
 
 def test_logic_without_windows_calls_includes_no_windows_header():
@@ -160,7 +175,7 @@ def test_logic_without_windows_calls_includes_no_windows_header():
         return found
 
     windows = {"windows.h", "msi.h", "msiquery.h", "objidl.h", "shellapi.h", "shlobj.h", "xmllite.h"}
-    assert len(portable_sources()) >= 4
+    assert {file.parent.name for file in portable_sources()} >= {"runtime", "runner"}
     for source in portable_sources():
         assert all_includes(source) & windows == set(), source
 

@@ -1,0 +1,109 @@
+#include "arguments.h"
+#include "runner_error.h"
+
+#include <gtest/gtest.h>
+
+using halvard_runner::Arguments;
+using halvard_runner::ExitCode;
+using halvard_runner::ParseArguments;
+using halvard_runner::Property;
+using halvard_runner::Request;
+using halvard_runner::RunnerError;
+using Words = std::vector<std::wstring>;
+
+namespace {
+
+void ExpectRefusal(const Words& words, const std::wstring& text) {
+    try {
+        ParseArguments(words);
+        ADD_FAILURE() << "the arguments were taken";
+    } catch (const RunnerError& error) {
+        EXPECT_EQ(error.Code(), ExitCode::WrongArguments);
+        EXPECT_EQ(error.Text(), text);
+    }
+}
+
+} // namespace
+
+TEST(ParseArguments, TakesAnActionAndItsPropertiesInTheirOrder) {
+    const Arguments parsed = ParseArguments({L"LaunchPV", L"B=2", L"A_.9=x=y [z] ", L"_a="});
+    EXPECT_EQ(parsed.request, Request::Call);
+    EXPECT_EQ(parsed.action, L"LaunchPV");
+    const std::vector<Property> expected = {{L"B", L"2"}, {L"A_.9", L"x=y [z] "}, {L"_a", L""}};
+    EXPECT_EQ(parsed.properties, expected);
+    EXPECT_EQ(parsed.dll, L"");
+    EXPECT_FALSE(parsed.json);
+}
+
+TEST(ParseArguments, TakesOptionsWhereverTheyStand) {
+    for (const Words& words : {Words{L"--json", L"--dll", L"c:\\a b.dll", L"LaunchPV", L"A=1"},
+                               Words{L"LaunchPV", L"A=1", L"--dll=c:\\a b.dll", L"--json"},
+                               Words{L"LaunchPV", L"--dll", L"c:\\a b.dll", L"--json", L"A=1"}}) {
+        const Arguments parsed = ParseArguments(words);
+        EXPECT_EQ(parsed.action, L"LaunchPV");
+        EXPECT_EQ(parsed.dll, L"c:\\a b.dll");
+        EXPECT_TRUE(parsed.json);
+        EXPECT_EQ(parsed.properties.size(), 1U);
+    }
+}
+
+TEST(ParseArguments, TakesAPathThatLooksLikeAnOption) {
+    EXPECT_EQ(ParseArguments({L"list", L"--dll", L"--json.dll"}).dll, L"--json.dll");
+}
+
+TEST(ParseArguments, KnowsTheRequests) {
+    EXPECT_EQ(ParseArguments({L"list"}).request, Request::List);
+    EXPECT_EQ(ParseArguments({L"--version"}).request, Request::Version);
+    EXPECT_EQ(ParseArguments({L"--help"}).request, Request::Help);
+    EXPECT_EQ(ParseArguments({L"-h"}).request, Request::Help);
+}
+
+TEST(ParseArguments, LetsTheHelpWinOverAllThatIsWrong) {
+    EXPECT_EQ(ParseArguments({L"LaunchPV", L"--nonsense", L"=", L"-h"}).request, Request::Help);
+}
+
+TEST(ParseArguments, RefusesMalformedProperties) {
+    ExpectRefusal({L"LaunchPV", L"Name"}, L"\"Name\" is no property: Property=Value is expected");
+    for (const wchar_t* const name : {L"", L"9A", L".A", L"A B", L"A-B", L"\u00C4"}) {
+        ExpectRefusal({L"LaunchPV", std::wstring(name) + L"=1"},
+                      std::wstring(L"\"") + name +
+                          L"\" is no name of a property: letters, digits, \"_\" and \".\", "
+                          L"no digit or \".\" in front");
+    }
+    ExpectRefusal({L"LaunchPV", L"A=1", L"A=2"}, L"the property A is given twice");
+    EXPECT_EQ(ParseArguments({L"LaunchPV", L"A=1", L"a=2"}).properties.size(), 2U);
+}
+
+TEST(ParseArguments, RefusesWhatIsMissingOrUnknown) {
+    const std::wstring none = L"no action is named; halvard_run list shows them";
+    ExpectRefusal({}, none);
+    ExpectRefusal({L"--json"}, none);
+    ExpectRefusal({L"A=1"}, L"\"A=1\" stands where the name of an action is expected");
+    ExpectRefusal({L""}, L"\"\" stands where the name of an action is expected");
+    ExpectRefusal({L"LaunchPV", L"--quiet"}, L"unknown option --quiet");
+    ExpectRefusal({L"LaunchPV", L"-q"}, L"unknown option -q");
+    ExpectRefusal({L"list", L"A=1"}, L"list takes no properties");
+    ExpectRefusal({L"list", L"--dll"}, L"--dll needs the path of a library");
+    ExpectRefusal({L"list", L"--dll="}, L"--dll needs the path of a library");
+    ExpectRefusal({L"list", L"--dll", L"a", L"--dll=b"}, L"--dll is given twice");
+}
+
+TEST(HelpText, TellsEveryExitCode) {
+    const std::wstring help = halvard_runner::HelpText();
+    for (const ExitCode code :
+         {ExitCode::Success, ExitCode::OtherResult, ExitCode::WrongArguments, ExitCode::NoLibrary,
+          ExitCode::NoSuchAction, ExitCode::NoSession, ExitCode::Exception}) {
+        const std::wstring line = L"\n  " + std::to_wstring(static_cast<int>(code)) + L"   ";
+        EXPECT_NE(help.find(line), std::wstring::npos) << static_cast<int>(code);
+    }
+}
+
+TEST(HelpText, FitsAConsole) {
+    std::size_t start = 0;
+    const std::wstring help = halvard_runner::HelpText();
+    for (std::size_t end = help.find(L'\n'); end != std::wstring::npos;
+         start = end + 1, end = help.find(L'\n', start)) {
+        EXPECT_LE(end - start, 80U);
+    }
+    EXPECT_EQ(start, help.size());
+}

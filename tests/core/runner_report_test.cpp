@@ -1,0 +1,170 @@
+#include "names.h"
+#include "report.h"
+
+#include <gtest/gtest.h>
+
+using halvard_runner::EndLines;
+using halvard_runner::EscapedException;
+using halvard_runner::ExitCode;
+using halvard_runner::JsonString;
+using halvard_runner::MessageLines;
+using halvard_runner::NamesNear;
+using halvard_runner::Outcome;
+using halvard_runner::ResultEffect;
+using halvard_runner::ResultName;
+
+namespace {
+
+constexpr std::uint32_t kLog = 0x04000000;
+constexpr std::uint32_t kError = 0x01000010;
+
+Outcome Returned(std::uint32_t result) {
+    Outcome outcome;
+    outcome.result = result;
+    outcome.milliseconds = 12.34;
+    return outcome;
+}
+
+Outcome Left(const EscapedException& exception) {
+    Outcome outcome;
+    outcome.exception = exception;
+    return outcome;
+}
+
+} // namespace
+
+TEST(ResultName, KnowsTheResultsOfActions) {
+    EXPECT_STREQ(ResultName(0), L"ERROR_SUCCESS");
+    EXPECT_STREQ(ResultName(259), L"ERROR_NO_MORE_ITEMS");
+    EXPECT_STREQ(ResultName(1602), L"ERROR_INSTALL_USEREXIT");
+    EXPECT_STREQ(ResultName(1603), L"ERROR_INSTALL_FAILURE");
+    EXPECT_STREQ(ResultName(1604), L"ERROR_INSTALL_SUSPEND");
+    EXPECT_STREQ(ResultName(1612), L"ERROR_INSTALL_SOURCE_ABSENT");
+    EXPECT_STREQ(ResultName(1626), L"ERROR_FUNCTION_NOT_CALLED");
+    for (const std::uint32_t other : {1U, 2U, 258U, 260U, 1605U, 0xFFFFFFFFU}) {
+        EXPECT_EQ(ResultName(other), nullptr) << other;
+    }
+}
+
+TEST(ResultEffect, TellsWhatACheckedResultDoes) {
+    EXPECT_STREQ(ResultEffect(0), L"goes on");
+    EXPECT_STREQ(ResultEffect(259), L"skips the rest of the sequence, without an error");
+    for (const std::uint32_t other : {1U, 1603U, 1612U, 0xFFFFFFFFU}) {
+        EXPECT_STREQ(ResultEffect(other), L"fails the installation") << other;
+    }
+}
+
+TEST(MessageKind, IgnoresButtonsAndIcons) {
+    EXPECT_STREQ(halvard_runner::MessageKind(kError), L"error");
+    EXPECT_STREQ(halvard_runner::MessageKind(0x03000000), L"user");
+    EXPECT_STREQ(halvard_runner::MessageKind(kLog), L"log");
+    EXPECT_STREQ(halvard_runner::MessageKind(0x7F000000), L"other");
+}
+
+TEST(ExceptionNames, TellStructuredOnesFromThoseOfCompilers) {
+    EXPECT_STREQ(halvard_runner::StructuredExceptionName(0xC0000005),
+                 L"EXCEPTION_ACCESS_VIOLATION");
+    EXPECT_EQ(halvard_runner::StructuredExceptionName(0xE06D7363), nullptr);
+    EXPECT_STREQ(halvard_runner::CompilerOfException(0xE06D7363), L"Visual C++");
+    EXPECT_STREQ(halvard_runner::CompilerOfException(0x20474343), L"g++");
+    EXPECT_EQ(halvard_runner::CompilerOfException(0xC0000005), nullptr);
+}
+
+TEST(NamesNear, FindsWhatWasMeant) {
+    using Names = std::vector<std::wstring>;
+    const Names names = {L"BlockLaunch", L"DeletePVFolder", L"DeleteXVRFolder", L"LaunchPV"};
+    EXPECT_EQ(NamesNear(L"launchpv", names), Names{L"LaunchPV"});
+    EXPECT_EQ(NamesNear(L"BlokLaunch", names), Names{L"BlockLaunch"});
+    EXPECT_EQ(NamesNear(L"LaunchPVabc", names), Names{L"LaunchPV"});
+    EXPECT_EQ(NamesNear(L"LaunchPVabcd", names), Names{});
+    EXPECT_EQ(NamesNear(L"DeletePXVRFolder", names), Names{L"DeleteXVRFolder"});
+    EXPECT_EQ(NamesNear(L"DeleteVRFolder", names), Names{L"DeleteXVRFolder"});
+    EXPECT_EQ(NamesNear(L"DeleteVFolder", names), Names{L"DeletePVFolder"});
+    EXPECT_EQ(NamesNear(L"DeleteQVFolder", {L"DeletePVFolder", L"DeleteRVFolder"}),
+              (Names{L"DeletePVFolder", L"DeleteRVFolder"}));
+    EXPECT_EQ(NamesNear(L"", names), Names{});
+    EXPECT_EQ(NamesNear(L"LaunchPV", {}), Names{});
+}
+
+TEST(MessageLines, IndentsFurtherLinesAndDropsTheLastEnds) {
+    EXPECT_EQ(MessageLines({kLog, L"one\r\n\r\ntwo\n\r\n"}),
+              L"log         one\n\n            two\n");
+    EXPECT_EQ(MessageLines({kLog, L"\r\n"}), L"log\n");
+    EXPECT_EQ(MessageLines({kLog, L""}), L"log\n");
+    EXPECT_EQ(MessageLines({0x07000000, L"full"}), L"out of disk space  full\n");
+}
+
+TEST(EndLines, TellAResultByNumberAndName) {
+    EXPECT_EQ(EndLines(Returned(1603)), L"result      1603 ERROR_INSTALL_FAILURE\n"
+                                        L"if checked  fails the installation\n"
+                                        L"duration    12.3 ms\n");
+    EXPECT_EQ(EndLines(Returned(1)), L"result      1 (no code of the installer)\n"
+                                     L"if checked  fails the installation\n"
+                                     L"duration    12.3 ms\n");
+}
+
+TEST(EndLines, TellAllThatIsKnownOfAnException) {
+    EXPECT_EQ(EndLines(Left({L"C++ exception", L"std::system_error", -7, L"system", L"why\nso"})),
+              L"exception   C++ exception std::system_error, code -7 (system)\n"
+              L"            why\n"
+              L"            so\n"
+              L"duration    0.0 ms\n");
+    EXPECT_EQ(EndLines(Left({L"structured exception", L"", 0xC0000374, L"", L""})),
+              L"exception   structured exception, code 0xC0000374\n"
+              L"duration    0.0 ms\n");
+}
+
+TEST(ExitCodeOf, TellsSuccessOtherResultsAndExceptionsApart) {
+    EXPECT_EQ(ExitCodeOf(Returned(0)), ExitCode::Success);
+    EXPECT_EQ(ExitCodeOf(Returned(1)), ExitCode::OtherResult);
+    EXPECT_EQ(ExitCodeOf(Returned(256)), ExitCode::OtherResult);
+    EXPECT_EQ(ExitCodeOf(Left({})), ExitCode::Exception);
+}
+
+TEST(JsonString, EscapesWhatJsonDoesNotTake) {
+    EXPECT_EQ(JsonString(L"a \"b\" c:\\d\r\n\t\x1F\x7F\u0416"),
+              L"\"a \\\"b\\\" c:\\\\d\\u000D\\n\\u0009\\u001F\x7F\u0416\"");
+    EXPECT_EQ(JsonString(std::wstring(1, L'\0')), L"\"\\u0000\"");
+}
+
+TEST(JsonString, EscapesSurrogatesWithoutAPartner) {
+    const wchar_t high = 0xD83D;
+    const wchar_t low = 0xDE00;
+    EXPECT_EQ(JsonString({high, low}), (std::wstring{L'"', high, low, L'"'}));
+    EXPECT_EQ(JsonString({low, high}), L"\"\\uDE00\\uD83D\"");
+    EXPECT_EQ(JsonString({high, L'x'}), L"\"\\uD83Dx\"");
+}
+
+TEST(OutcomeJson, HoldsAllOfACall) {
+    halvard_runner::Arguments arguments;
+    arguments.action = L"BlockLaunch";
+    arguments.properties = {{L"B", L"\"2\""}, {L"A", L""}};
+    Outcome outcome = Returned(1603);
+    outcome.messages = {{kLog, L"one"}, {kError, L"two"}, {kLog, L"three"}};
+    EXPECT_EQ(OutcomeJson(arguments, L"c:\\a.dll", outcome),
+              L"{\"action\": \"BlockLaunch\", \"dll\": \"c:\\\\a.dll\", "
+              L"\"properties\": {\"B\": \"\\\"2\\\"\", \"A\": \"\"}, "
+              L"\"log\": [\"one\", \"three\"], "
+              L"\"messages\": [{\"kind\": \"error\", \"type\": 16777232, \"text\": \"two\"}], "
+              L"\"result\": 1603, \"result_name\": \"ERROR_INSTALL_FAILURE\", "
+              L"\"exception\": null, \"milliseconds\": 12.3, \"exit_code\": 1}\n");
+}
+
+TEST(OutcomeJson, HasNullForWhatIsNotKnown) {
+    EXPECT_EQ(OutcomeJson({}, L"", Left({L"abort", L"", std::nullopt, L"", L""})),
+              L"{\"action\": \"\", \"dll\": \"\", \"properties\": {}, \"log\": [], "
+              L"\"messages\": [], \"result\": null, \"result_name\": null, "
+              L"\"exception\": {\"kind\": \"abort\", \"type\": null, \"code\": null, "
+              L"\"category\": null, \"text\": \"\"}, \"milliseconds\": 0.0, \"exit_code\": 7}\n");
+}
+
+TEST(ListJson, HoldsTheNames) {
+    EXPECT_EQ(halvard_runner::ListJson(L"a.dll", {L"A", L"B"}),
+              L"{\"dll\": \"a.dll\", \"actions\": [\"A\", \"B\"]}\n");
+    EXPECT_EQ(halvard_runner::ListJson(L"a.dll", {}), L"{\"dll\": \"a.dll\", \"actions\": []}\n");
+}
+
+TEST(ErrorJson, HoldsTextAndExitCode) {
+    EXPECT_EQ(halvard_runner::ErrorJson({ExitCode::NoSuchAction, L"no \"X\""}),
+              L"{\"error\": \"no \\\"X\\\"\", \"exit_code\": 5}\n");
+}

@@ -1,0 +1,145 @@
+// fault_actions: a custom-action library whose actions end, and speak, in the ways that the sample
+// library does not show by itself.
+
+#include <windows.h>
+#include <msi.h>
+#include <msiquery.h>
+
+#include <cstdlib>
+#include <cwchar>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+namespace {
+
+constexpr DWORD kVisualCppException = 0xE06D7363;
+constexpr DWORD kCodeWithoutName = 0xE0000042;
+
+class OwnCategory : public std::error_category {
+public:
+    const char* name() const noexcept override { return "own"; }
+    std::string message(int) const override { return "a text of its own"; }
+};
+
+struct NoStandardException {};
+
+void Send(MSIHANDLE session, UINT type, const wchar_t* text) {
+    const MSIHANDLE record = MsiCreateRecord(1);
+    MsiRecordSetStringW(record, 0, text);
+    MsiProcessMessage(session, static_cast<INSTALLMESSAGE>(type), record);
+    MsiCloseHandle(record);
+}
+
+DWORD NumberProperty(MSIHANDLE session, const wchar_t* name) {
+    wchar_t text[32] = {};
+    DWORD length = 32;
+    MsiGetPropertyW(session, name, text, &length);
+    return std::wcstoul(text, nullptr, 10);
+}
+
+void ThrowAndForbidIt() noexcept {
+    static_cast<void>(std::string().at(1));
+}
+
+int Deep(volatile int* above) {
+    volatile int here[512] = {};
+    here[0] = *above + 1;
+    return here[0] < 0 ? 0 : Deep(here) + here[0];
+}
+
+} // namespace
+
+#define ACTION(name) extern "C" __declspec(dllexport) UINT __stdcall name(MSIHANDLE session)
+
+ACTION(ReturnResult) {
+    return NumberProperty(session, L"RESULT");
+}
+
+ACTION(SendEachKind) {
+    Send(session, INSTALLMESSAGE_INFO, L"first line\r\nsecond line\r\n");
+    Send(session, INSTALLMESSAGE_WARNING, L"careful");
+    Send(session, INSTALLMESSAGE_ERROR | MB_ICONERROR, L"\"quoted\" and \\");
+    Send(session, INSTALLMESSAGE_USER | MB_OK, L"\u0416 \U0001F600");
+    return ERROR_SUCCESS;
+}
+
+ACTION(WaitAWhile) {
+    Sleep(NumberProperty(session, L"MILLISECONDS"));
+    return ERROR_SUCCESS;
+}
+
+ACTION(LogCurrentDirectory) {
+    wchar_t folder[MAX_PATH] = {};
+    GetCurrentDirectoryW(MAX_PATH, folder);
+    Send(session, INSTALLMESSAGE_INFO, folder);
+    return ERROR_SUCCESS;
+}
+
+ACTION(ThrowOwnCategory) {
+    static const OwnCategory category;
+    Send(session, INSTALLMESSAGE_INFO, L"before");
+    throw std::system_error(-7, category, "what was done");
+}
+
+ACTION(ThrowSystemText) {
+    static_cast<void>(session);
+    // Of the ANSI code page, and no UTF-8.
+    throw std::runtime_error("caf\xE9");
+}
+
+ACTION(ThrowUtf8) {
+    static_cast<void>(session);
+    throw std::runtime_error("caf\xC3\xA9");
+}
+
+ACTION(ThrowNoMemory) {
+    static_cast<void>(session);
+    throw std::bad_alloc();
+}
+
+ACTION(ThrowNoStandardException) {
+    static_cast<void>(session);
+    throw NoStandardException();
+}
+
+ACTION(WriteToNull) {
+    static_cast<void>(session);
+    *static_cast<volatile int*>(nullptr) = 1;
+    return ERROR_SUCCESS;
+}
+
+ACTION(RaiseAsVisualCpp) {
+    static_cast<void>(session);
+    RaiseException(kVisualCppException, EXCEPTION_NONCONTINUABLE, 0, nullptr);
+    return ERROR_SUCCESS;
+}
+
+ACTION(RaiseCodeWithoutName) {
+    static_cast<void>(session);
+    RaiseException(kCodeWithoutName, 0, 0, nullptr);
+    return ERROR_SUCCESS;
+}
+
+ACTION(OverflowTheStack) {
+    static_cast<void>(session);
+    volatile int start = 0;
+    return static_cast<UINT>(Deep(&start));
+}
+
+ACTION(ThrowWhereItIsForbidden) {
+    static_cast<void>(session);
+    ThrowAndForbidIt();
+    return ERROR_SUCCESS;
+}
+
+ACTION(EndOwnThread) {
+    static_cast<void>(session);
+    ExitThread(12);
+}
+
+ACTION(Abort) {
+    static_cast<void>(session);
+    std::abort();
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace halvard_runner {
+
+enum class Request { Help, Version, List, Call };
+
+struct Property {
+    std::wstring name;
+    std::wstring value;
+};
+
+bool operator==(const Property& left, const Property& right);
+
+/// What the user asks for.
+struct Arguments {
+    Request request = Request::Call;
+    std::wstring action;
+    std::vector<Property> properties;
+    /// Empty for the library beside the program.
+    std::wstring dll;
+    bool json = false;
+};
+
+/// Reads the arguments behind the program's name. `--help` and `--version` win over all the rest.
+///
+/// Throws RunnerError (WrongArguments) for an unknown option, a missing action or path, and for a
+/// property without "=", with a name that the installer would not take, or given twice.
+Arguments ParseArguments(const std::vector<std::wstring>& arguments);
+
+/// Whether errors are to be told as JSON: also when the arguments cannot be read.
+bool WantsJson(const std::vector<std::wstring>& arguments);
+
+/// What `--help` prints.
+const wchar_t* HelpText();
+
+} // namespace halvard_runner

@@ -1,0 +1,136 @@
+#include "bare_session.h"
+
+#include "text_output.h"
+
+#include <msiquery.h>
+#include <msidefs.h>
+#include <wtypes.h>
+
+#include <utility>
+
+namespace halvard_runner {
+
+namespace {
+
+constexpr DWORD kAllMessages = INSTALLLOGMODE_FATALEXIT | INSTALLLOGMODE_ERROR |
+                               INSTALLLOGMODE_WARNING | INSTALLLOGMODE_USER | INSTALLLOGMODE_INFO |
+                               INSTALLLOGMODE_RESOLVESOURCE | INSTALLLOGMODE_OUTOFDISKSPACE |
+                               INSTALLLOGMODE_ACTIONSTART | INSTALLLOGMODE_ACTIONDATA |
+                               INSTALLLOGMODE_COMMONDATA | INSTALLLOGMODE_PROGRESS;
+
+// What the engine wants to find in a package before it opens it.
+constexpr const wchar_t* kStatements[] = {
+    L"CREATE TABLE `Property` (`Property` CHAR(72) NOT NULL, `Value` LONGCHAR NOT NULL "
+    L"LOCALIZABLE PRIMARY KEY `Property`)",
+    L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('ProductCode', "
+    L"'{5D1F6C0A-8E7B-4C36-9A52-0B3D47E1F688}')",
+    L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('ProductName', 'halvard_run')",
+    L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('ProductVersion', '1.0.0')",
+    L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('ProductLanguage', '1033')",
+    L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('Manufacturer', 'halvard_run')",
+};
+constexpr const wchar_t* kPlatformAndLanguage = L"x64;1033";
+constexpr const wchar_t* kPackageCode = L"{E2B94C71-3A05-4D88-B6F9-71C25D08AE43}";
+// The least version of the engine, times 100, that takes 64-bit packages.
+constexpr int kEngineVersion = 200;
+constexpr int kCompressedSource = 2;
+
+class Handle {
+public:
+    Handle() = default;
+    ~Handle() { MsiCloseHandle(handle_); }
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+
+    [[nodiscard]] MSIHANDLE Get() const noexcept { return handle_; }
+    MSIHANDLE* Receive() noexcept { return &handle_; }
+
+private:
+    MSIHANDLE handle_ = 0;
+};
+
+void Check(UINT status, const std::wstring& what) {
+    if (status != ERROR_SUCCESS) {
+        throw RunnerError(ExitCode::NoSession, what + L": " + ErrorText(status));
+    }
+}
+
+void Execute(MSIHANDLE database, const wchar_t* statement) {
+    Handle view;
+    Check(MsiDatabaseOpenViewW(database, statement, view.Receive()), statement);
+    Check(MsiViewExecute(view.Get(), 0), statement);
+}
+
+void WriteSummary(MSIHANDLE database) {
+    constexpr UINT kProperties = 4;
+    const wchar_t* const what = L"the package's summary cannot be written";
+    Handle summary;
+    Check(MsiGetSummaryInformationW(database, nullptr, kProperties, summary.Receive()), what);
+    const auto setText = [&](UINT property, const wchar_t* text) {
+        Check(MsiSummaryInfoSetPropertyW(summary.Get(), property, VT_LPSTR, 0, nullptr, text),
+              what);
+    };
+    const auto setNumber = [&](UINT property, int number) {
+        Check(MsiSummaryInfoSetPropertyW(summary.Get(), property, VT_I4, number, nullptr, nullptr),
+              what);
+    };
+    setText(PID_TEMPLATE, kPlatformAndLanguage);
+    setText(PID_REVNUMBER, kPackageCode);
+    setNumber(PID_PAGECOUNT, kEngineVersion);
+    setNumber(PID_WORDCOUNT, kCompressedSource);
+    Check(MsiSummaryInfoPersist(summary.Get()), what);
+}
+
+void WritePackage(const std::wstring& path) {
+    Handle database;
+    Check(MsiOpenDatabaseW(path.c_str(), MSIDBOPEN_CREATE, database.Receive()),
+          L"no package can be made at " + path);
+    for (const wchar_t* const statement : kStatements) {
+        Execute(database.Get(), statement);
+    }
+    WriteSummary(database.Get());
+    Check(MsiDatabaseCommit(database.Get()), L"the package cannot be written to " + path);
+}
+
+int WINAPI Receive(void* context, UINT type, const wchar_t* text) {
+    const auto& receiver = *static_cast<const BareSession::Receiver*>(context);
+    receiver({type, text == nullptr ? L"" : text});
+    return IDOK;
+}
+
+} // namespace
+
+TemporaryFile::TemporaryFile() {
+    wchar_t folder[MAX_PATH + 1] = {};
+    wchar_t file[MAX_PATH + 1] = {};
+    if (GetTempPathW(MAX_PATH + 1, folder) == 0 || GetTempFileNameW(folder, L"hrn", 0, file) == 0) {
+        const DWORD code = GetLastError();
+        throw RunnerError(ExitCode::NoSession, L"no temporary file: " + ErrorText(code));
+    }
+    path_ = file;
+}
+
+TemporaryFile::~TemporaryFile() {
+    DeleteFileW(path_.c_str());
+}
+
+BareSession::BareSession(Receiver receiver) : receiver_(std::move(receiver)) {
+    WritePackage(package_.Path());
+    MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
+    Check(MsiOpenPackageExW(package_.Path().c_str(), MSIOPENPACKAGEFLAGS_IGNOREMACHINESTATE,
+                            &session_),
+          L"no installer session can be opened");
+    MsiSetExternalUIW(Receive, kAllMessages, &receiver_);
+}
+
+BareSession::~BareSession() {
+    MsiSetExternalUIW(nullptr, 0, nullptr);
+    MsiCloseHandle(session_);
+}
+
+void BareSession::SetProperty(const Property& property) const {
+    Check(MsiSetPropertyW(session_, property.name.c_str(), property.value.c_str()),
+          L"the session does not take the property " + property.name);
+}
+
+} // namespace halvard_runner

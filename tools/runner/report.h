@@ -1,0 +1,64 @@
+#pragma once
+
+#include "arguments.h"
+#include "runner_error.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace halvard_runner {
+
+/// What an action sent to the installer: the engine's type with its flags, and the formatted text.
+struct Message {
+    std::uint32_t type;
+    std::wstring text;
+};
+
+/// How an action ended that did not return.
+struct EscapedException {
+    /// "C++ exception", "foreign C++ exception" (of another compiler), "structured exception",
+    /// "abort" or "ended thread".
+    std::wstring kind;
+    /// The class of a C++ exception or the name of a structured one; empty when it is not known.
+    std::wstring type;
+    /// The code of a std::system_error or of a structured exception.
+    std::optional<std::int64_t> code;
+    /// The category of that code, by its name; empty without one.
+    std::wstring category;
+    std::wstring text;
+};
+
+/// What came of a call: a result or an exception.
+struct Outcome {
+    std::vector<Message> messages;
+    std::optional<std::uint32_t> result;
+    std::optional<EscapedException> exception;
+    double milliseconds = 0.0;
+};
+
+/// "0x" and the digits, without zeros in front.
+std::wstring HexadecimalText(std::uint64_t number);
+
+ExitCode ExitCodeOf(const Outcome& outcome);
+
+/// One message for a reader: its kind and its text, without the line ends behind it; further lines
+/// are indented.
+std::wstring MessageLines(const Message& message);
+
+/// How the action ended, for a reader.
+std::wstring EndLines(const Outcome& outcome);
+
+/// `text` as a JSON string. A surrogate without its partner is escaped, so that the whole can be
+/// written in UTF-8.
+std::wstring JsonString(const std::wstring& text);
+
+/// A call for scripts: one JSON object, with a line end.
+std::wstring OutcomeJson(const Arguments& arguments, const std::wstring& library,
+                         const Outcome& outcome);
+
+std::wstring ListJson(const std::wstring& library, const std::vector<std::wstring>& actions);
+std::wstring ErrorJson(const RunnerError& error);
+
+} // namespace halvard_runner

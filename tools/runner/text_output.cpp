@@ -1,0 +1,63 @@
+#include "text_output.h"
+
+#include <cstring>
+
+namespace halvard_runner {
+
+namespace {
+
+std::wstring Decoded(UINT codePage, DWORD flags, const char* text) {
+    const int size = static_cast<int>(std::strlen(text));
+    const int length = MultiByteToWideChar(codePage, flags, text, size, nullptr, 0);
+    std::wstring wide(static_cast<std::size_t>(length), L'\0');
+    MultiByteToWideChar(codePage, flags, text, size, wide.data(), length);
+    return wide;
+}
+
+std::string Utf8(const std::wstring& text) {
+    const int length = static_cast<int>(text.size());
+    const int size =
+        WideCharToMultiByte(CP_UTF8, 0, text.c_str(), length, nullptr, 0, nullptr, nullptr);
+    std::string bytes(static_cast<std::size_t>(size), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text.c_str(), length, bytes.data(), size, nullptr, nullptr);
+    return bytes;
+}
+
+} // namespace
+
+std::wstring Widened(const char* text) {
+    if (*text == '\0') {
+        return {};
+    }
+    const std::wstring wide = Decoded(CP_UTF8, MB_ERR_INVALID_CHARS, text);
+    return wide.empty() ? Decoded(CP_ACP, 0, text) : wide;
+}
+
+void Write(DWORD stream, const std::wstring& text) {
+    void* const handle = GetStdHandle(stream);
+    DWORD written = 0;
+    DWORD mode = 0;
+    if (GetConsoleMode(handle, &mode) != FALSE) {
+        WriteConsoleW(handle, text.c_str(), static_cast<DWORD>(text.size()), &written, nullptr);
+        return;
+    }
+    const std::string bytes = Utf8(text);
+    std::size_t done = 0;
+    while (done < bytes.size() &&
+           WriteFile(handle, bytes.data() + done, static_cast<DWORD>(bytes.size() - done), &written,
+                     nullptr) != FALSE) {
+        done += written;
+    }
+}
+
+std::wstring ErrorText(DWORD code) {
+    wchar_t message[512] = {};
+    const DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                                        nullptr, code, 0, message, 512, nullptr);
+    const std::wstring text(message, length);
+    const std::size_t last = text.find_last_not_of(L"\r\n. ");
+    const std::wstring number = L"Win32 error " + std::to_wstring(code);
+    return last == std::wstring::npos ? number : number + L" (" + text.substr(0, last + 1) + L")";
+}
+
+} // namespace halvard_runner

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+namespace halvard_runner {
+
+/// A text of the C++ run-time: UTF-8, or the ANSI code page where it is no UTF-8.
+std::wstring Widened(const char* text);
+
+/// Writes to STD_OUTPUT_HANDLE or STD_ERROR_HANDLE: as it is to a console, in UTF-8 to a file or a
+/// pipe.
+void Write(DWORD stream, const std::wstring& text);
+
+/// "Win32 error 126 (The specified module could not be found)".
+std::wstring ErrorText(DWORD code);
+
+} // namespace halvard_runner
