@@ -89,6 +89,8 @@ TEST(NamesNear, FindsWhatWasMeant) {
 TEST(MessageLines, IndentsFurtherLinesAndDropsTheLastEnds) {
     EXPECT_EQ(MessageLines({kLog, L"one\r\n\r\ntwo\n\r\n"}),
               L"log         one\n\n            two\n");
+    EXPECT_EQ(MessageLines({kLog, L"with space \r\n more "}),
+              L"log         with space \n             more \n");
     EXPECT_EQ(MessageLines({kLog, L"\r\n"}), L"log\n");
     EXPECT_EQ(MessageLines({kLog, L""}), L"log\n");
     EXPECT_EQ(MessageLines({0x07000000, L"full"}), L"out of disk space  full\n");

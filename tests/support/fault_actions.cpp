@@ -65,7 +65,8 @@ ACTION(SendEachKind) {
     return ERROR_SUCCESS;
 }
 
-ACTION(WaitAWhile) {
+ACTION(LogAndWait) {
+    Send(session, INSTALLMESSAGE_INFO, L"waiting");
     Sleep(NumberProperty(session, L"MILLISECONDS"));
     return ERROR_SUCCESS;
 }

@@ -8,6 +8,7 @@ PROGRAMS = BUILD / "mingw-release"
 
 CMAKE_LISTS = ROOT / "CMakeLists.txt"
 LIBRARY = PROGRAMS / "Utilities/CustomActions/Halvard_CA/Halvard_CA.dll"
+RUNNER = LIBRARY.with_name("halvard_run.exe")
 PREFIX_GUARD = PROGRAMS / "tests/support/prefix_guard.exe"
 REGISTRY_SAVE = PROGRAMS / "tools/registry_save.exe"
 # What stands in for the suite's own programs in packages: a tool that records what it was told, a
@@ -17,6 +18,8 @@ STAND_INS = {
     "Service": PROGRAMS / "tests/support/test_service.exe",
     "Server": PROGRAMS / "tests/support/com_server.dll",
 }
+# A library for tests of the runner, whose actions end in every way.
+FAULT_ACTIONS = PROGRAMS / "tests/support/fault_actions.dll"
 MAKE_PREFIX = ROOT / "tests/support/make_prefix.sh"
 
 PACKAGE_SOURCES = ROOT / "package"

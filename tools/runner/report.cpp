@@ -34,18 +34,17 @@ std::wstring Escaped(wchar_t c) {
     return L"\\u" + Hexadecimal(static_cast<std::uint32_t>(c), 4);
 }
 
-std::wstring WithoutEnd(const std::wstring& text, const wchar_t* characters) {
-    return text.substr(0, text.find_last_not_of(characters) + 1);
-}
-
 std::wstring Labelled(std::wstring label, const std::wstring& text) {
     label.resize(std::max(kLabelWidth, label.size() + 2), L' ');
-    const std::wstring shown = WithoutEnd(text, L"\r\n");
+    const std::wstring shown = text.substr(0, text.find_last_not_of(L"\r\n") + 1);
     std::wstring lines;
     std::size_t start = 0;
     while (start <= shown.size()) {
         const std::size_t end = std::min(shown.find(L'\n', start), shown.size());
-        lines += WithoutEnd(label + shown.substr(start, end - start), L"\r ") + L'\n';
+        std::wstring line = shown.substr(start, end - start);
+        line.resize(line.find_last_not_of(L'\r') + 1);
+        lines += line.empty() ? label.substr(0, label.find_last_not_of(L' ') + 1) : label + line;
+        lines += L'\n';
         label.assign(kLabelWidth, L' ');
         start = end + 1;
     }

@@ -1,0 +1,414 @@
+"""halvard_run, which calls one action without a package."""
+
+import json
+import re
+import subprocess
+import sys
+import tempfile
+import time
+from contextlib import contextmanager
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Iterator
+
+import pytest
+
+from installer import companion, paths
+from installer.prefix import Prefix
+
+DEFINITION = paths.ROOT / "Utilities/CustomActions/Halvard_CA/Halvard_CA.def"
+LIBRARY = ("--dll", paths.windows_path(paths.FAULT_ACTIONS))
+LIMIT = 60.0
+
+SUCCESS, OTHER_RESULT, WRONG_ARGUMENTS, NO_LIBRARY, NO_ACTION, NO_SESSION, EXCEPTION = (
+    0, 1, 2, 4, 5, 6, 7,
+)
+DURATION = re.compile(r"^duration    \d+\.\d ms\n\Z", re.MULTILINE)
+PIVOT_KEY = r"HKLM\SOFTWARE\Qorta Technologies\Install\Pivot"
+
+
+@dataclass
+class Run:
+    code: int
+    output: str
+    errors: str
+
+    @property
+    def json(self) -> dict:
+        assert self.errors == ""
+        return json.loads(self.output)
+
+
+@pytest.fixture(scope="module")
+def prefix() -> Iterator[Prefix]:
+    """One of its own: what actions change without a package, no package takes back."""
+    with Prefix("prefix-msi-runner") as running:
+        yield running
+
+
+@pytest.fixture
+def call(prefix):
+    def call(*arguments: str, program: str | Path = paths.RUNNER) -> Run:
+        with running(prefix, program, *arguments) as (process, output, errors):
+            code = process.wait(LIMIT)
+            return Run(code, output.read_text(), errors.read_text())
+
+    return call
+
+
+@contextmanager
+def running(
+    prefix: Prefix, *command: str | Path
+) -> Iterator[tuple[subprocess.Popen[bytes], Path, Path]]:
+    """A program and the files of its output and errors."""
+    # No pipes: what the engine starts beside a program would hold them open.
+    with tempfile.TemporaryDirectory() as folder:
+        files = [Path(folder) / name for name in ("output", "errors")]
+        with files[0].open("wb") as output, files[1].open("wb") as errors:
+            process = prefix.start(*command, stdout=output, stderr=errors)
+        try:
+            yield process, *files
+        finally:
+            process.kill()
+            process.wait()
+
+
+def named_by_runner(file: Path) -> str:
+    """The path of a file of the build as a program tells it that found it beside itself."""
+    path = paths.windows_path(file)
+    return path[0].upper() + path[1:]
+
+
+def exported() -> list[str]:
+    names = re.findall(r"^    (\w+)$", DEFINITION.read_text(), re.MULTILINE)
+    assert len(names) >= 38
+    return sorted(names)
+
+
+def without_duration(output: str) -> str:
+    text, count = DURATION.subn("", output)
+    assert count == 1, output
+    return text
+
+
+def test_the_actions_are_listed(call):
+    done = call("list")
+    assert (done.code, done.errors) == (SUCCESS, "")
+    assert done.output.splitlines() == exported()
+
+
+def test_the_actions_are_listed_for_scripts(call):
+    listed = call("list", "--json").json
+    assert listed == {"dll": named_by_runner(paths.LIBRARY), "actions": exported()}
+
+
+def test_another_library_is_listed(call):
+    assert "OverflowTheStack" in call("list", *LIBRARY).output.splitlines()
+
+
+def test_an_action_gets_its_properties_and_its_log_lines_are_shown(call):
+    done = call("LaunchedFromMIM", "LAUNCHED_FROM_MIM=1")
+    assert (done.code, done.errors) == (SUCCESS, "")
+    assert without_duration(done.output) == (
+        f"log         {companion.acceptance_line('1')}\n"
+        "result      0 ERROR_SUCCESS\n"
+        "if checked  goes on\n"
+    )
+
+
+def test_a_result_is_told_by_its_name_and_the_box_by_its_text(call):
+    done = call("BlockLaunch")
+    assert (done.code, done.errors) == (OTHER_RESULT, "")
+    first, *further = companion.REFUSAL_MESSAGE
+    assert without_duration(done.output) == "".join(
+        [f"log         {companion.REFUSAL_LINE}\n", f"user        {first}\n"]
+        + [f"            {line}\n" for line in further]
+        + ["result      1603 ERROR_INSTALL_FAILURE\n", "if checked  fails the installation\n"]
+    )
+
+
+@pytest.mark.parametrize(
+    "result, name, code",
+    [
+        (0, "ERROR_SUCCESS", SUCCESS),
+        (1, None, OTHER_RESULT),
+        (256, None, OTHER_RESULT),
+        (259, "ERROR_NO_MORE_ITEMS", OTHER_RESULT),
+        (1602, "ERROR_INSTALL_USEREXIT", OTHER_RESULT),
+        (1603, "ERROR_INSTALL_FAILURE", OTHER_RESULT),
+        (1612, "ERROR_INSTALL_SOURCE_ABSENT", OTHER_RESULT),
+        (4294967295, None, OTHER_RESULT),
+    ],
+)
+def test_every_result_is_told(call, result, name, code):
+    done = call("ReturnResult", f"RESULT={result}", "--json", *LIBRARY)
+    assert done.code == code
+    told = done.json
+    assert (told["result"], told["result_name"], told["exit_code"]) == (result, name, code)
+    assert told["exception"] is None
+
+
+def test_a_script_gets_all_of_a_call(call):
+    data = 'ClientName=J\u00fcrgen "J";Action=;CurrentVersion=1.0 \\'
+    done = call("CheckForClients", f"CustomActionData={data}", "OTHER=", "--json")
+    assert done.code == SUCCESS
+    told = done.json
+    assert told.pop("milliseconds") > 0
+    assert told == {
+        "action": "CheckForClients",
+        "dll": named_by_runner(paths.LIBRARY),
+        "properties": {"CustomActionData": data, "OTHER": ""},
+        "log": [
+            f"CustomActionData: {data}",
+            'Client Name J\u00fcrgen "J"',
+            "Action ",
+            "Current Version 1.0 \\",
+        ],
+        "messages": [],
+        "result": 0,
+        "result_name": "ERROR_SUCCESS",
+        "exception": None,
+        "exit_code": 0,
+    }
+
+
+def test_messages_of_every_kind_are_told(call):
+    told = call("SendEachKind", "--json", *LIBRARY).json
+    assert told["log"] == ["first line\r\nsecond line\r\n"]
+    assert told["messages"] == [
+        {"kind": "warning", "type": 0x02000000, "text": "careful"},
+        {"kind": "error", "type": 0x01000010, "text": '"quoted" and \\'},
+        {"kind": "user", "type": 0x03000000, "text": "\u0416 \U0001F600"},
+    ]
+
+
+def test_an_action_runs_where_the_installer_runs_it(call):
+    told = call("LogCurrentDirectory", "--json", *LIBRARY).json
+    assert [line.lower() for line in told["log"]] == [r"c:\windows\system32"]
+
+
+def test_the_duration_is_that_of_the_action(call):
+    done = call("LogAndWait", "MILLISECONDS=300", "--json", *LIBRARY)
+    assert 290 <= done.json["milliseconds"] < LIMIT * 1000
+
+
+def test_a_line_is_shown_when_it_comes(prefix):
+    command = [paths.RUNNER, "LogAndWait", f"MILLISECONDS={3 * LIMIT * 1000:.0f}", *LIBRARY]
+    with running(prefix, *command) as (process, output, _):
+        limit = time.monotonic() + LIMIT
+        while not output.read_text() and time.monotonic() < limit:
+            time.sleep(0.01)
+        assert output.read_text() == "log         waiting\n"
+        assert process.poll() is None
+
+
+def escaped(done: Run) -> dict:
+    assert done.code == EXCEPTION
+    told = done.json
+    assert (told["result"], told["result_name"], told["exit_code"]) == (None, None, EXCEPTION)
+    return told["exception"]
+
+
+def test_an_exception_is_told_to_a_reader(call):
+    done = call("DeletePVFolder")
+    assert (done.code, done.errors) == (EXCEPTION, "")
+    assert without_duration(done.output) == (
+        "exception   C++ exception halvard::RegKeyError, code 2 (system)\n"
+        "            Unable to open registry key: File not found\n"
+    )
+
+
+def test_an_exception_of_the_registry_is_told(call):
+    assert escaped(call("DeletePVFolder", "--json")) == {
+        "kind": "C++ exception",
+        "type": "halvard::RegKeyError",
+        "code": 2,
+        "category": "system",
+        "text": "Unable to open registry key: File not found",
+    }
+
+
+def test_an_exception_of_a_process_that_does_not_start_is_told(call, prefix):
+    key = [PIVOT_KEY, "/v", "Location", "/d", r"t:\nowhere"]
+    assert prefix.run("reg.exe", "add", *key, "/f").returncode == 0
+    try:
+        exception = escaped(call("DeletePVFolder", "--json"))
+    finally:
+        prefix.run("reg.exe", "delete", PIVOT_KEY, "/f")
+    assert exception["type"] == "std::system_error"
+    assert exception["code"] in (2, 3)
+    assert exception["text"].startswith("Unable to create process")
+
+
+def test_an_exception_of_the_file_system_is_told(call, prefix):
+    # Here the system removes no link whose target is not empty.
+    kept, tree = prefix.throwaway / "kept", prefix.throwaway / "tree"
+    kept.mkdir()
+    (kept / "file").touch()
+    tree.mkdir()
+    (tree / "link").symlink_to(kept)
+    try:
+        done = call("DeleteDMFTDirectory", r"CustomActionData=InstallDir=t:\tree", "--json")
+        assert (kept / "file").exists()
+    finally:
+        (tree / "link").unlink()
+        tree.rmdir()
+    exception = escaped(done)
+    assert exception["type"].startswith("std::filesystem::")
+    assert exception["type"].endswith("::filesystem_error")
+    assert (exception["code"], exception["category"]) == (145, "system")
+    assert "remove_all" in exception["text"] and r"t:\tree" in exception["text"]
+    assert done.json["log"] == [r"CustomActionData: InstallDir=t:\tree"]
+
+
+@pytest.mark.parametrize(
+    "action, expected",
+    [
+        (
+            "ThrowOwnCategory",
+            ("C++ exception", "std::system_error", -7, "own", "what was done: a text of its own"),
+        ),
+        ("ThrowSystemText", ("C++ exception", "std::runtime_error", None, None, "caf\u00e9")),
+        ("ThrowUtf8", ("C++ exception", "std::runtime_error", None, None, "caf\u00e9")),
+        ("ThrowNoMemory", ("C++ exception", "std::bad_alloc", None, None, "std::bad_alloc")),
+        (
+            "ThrowNoStandardException",
+            ("C++ exception", "(anonymous namespace)::NoStandardException", None, None, ""),
+        ),
+        (
+            "WriteToNull",
+            (
+                "structured exception", "EXCEPTION_ACCESS_VIOLATION", 0xC0000005, None,
+                r"writing 0x0 at fault_actions\.dll\+0x[0-9A-F]+",
+            ),
+        ),
+        (
+            "RaiseCodeWithoutName",
+            ("structured exception", None, 0xE0000042, None, r"at \S+\.dll\+0x[0-9A-F]+"),
+        ),
+        (
+            "RaiseAsVisualCpp",
+            (
+                "foreign C++ exception", None, 0xE06D7363, None,
+                r"of Visual C\+\+, whose classes this program cannot read, at .*",
+            ),
+        ),
+        ("EndOwnThread", ("ended thread", None, 12, None, ".* ended without a result")),
+        # Windows would tell 0xC00000FD; here the thread ends without a word.
+        ("OverflowTheStack", ("ended thread", None, 0, None, ".* ended without a result")),
+        ("Abort", ("abort", None, None, None, r"the action gave up .*")),
+    ],
+)
+def test_every_other_end_is_told(call, action, expected):
+    exception = escaped(call(action, "--json", *LIBRARY))
+    *told, text = (exception[key] for key in ("kind", "type", "code", "category", "text"))
+    assert tuple(told) == expected[:-1]
+    assert text == expected[-1] or re.fullmatch(expected[-1], text)
+
+
+def test_what_came_before_an_exception_is_told(call):
+    done = call("ThrowOwnCategory", *LIBRARY)
+    assert without_duration(done.output) == (
+        "log         before\n"
+        "exception   C++ exception std::system_error, code -7 (own)\n"
+        "            what was done: a text of its own\n"
+    )
+
+
+def test_an_exception_that_may_not_leave_ends_in_an_abort(call):
+    done = call("ThrowWhereItIsForbidden", "--json", *LIBRARY)
+    assert done.code == EXCEPTION
+    assert "terminate called after throwing an instance of 'std::out_of_range'" in done.errors
+    assert json.loads(done.output)["exception"]["kind"] == "abort"
+
+
+@pytest.mark.parametrize(
+    "arguments, code, text",
+    [
+        ([], WRONG_ARGUMENTS, "no action is named"),
+        (["LaunchPV", "Name"], WRONG_ARGUMENTS, '"Name" is no property'),
+        (["LaunchPV", "=1"], WRONG_ARGUMENTS, '"" is no name of a property'),
+        (["LaunchPV", "9=1"], WRONG_ARGUMENTS, '"9" is no name of a property'),
+        (["LaunchPV", "A=1", "A=2"], WRONG_ARGUMENTS, "the property A is given twice"),
+        (["LaunchPV", "--quiet"], WRONG_ARGUMENTS, "unknown option --quiet"),
+        (["list", "--dll", r"c:\none.dll"], NO_LIBRARY, r"there is no library c:\none.dll"),
+        (["list", "--dll", r"c:\windows"], NO_LIBRARY, r"there is no library c:\windows"),
+        (
+            ["LaunchPV", "--dll", r"c:\windows\win.ini"],
+            NO_LIBRARY,
+            r"c:\windows\win.ini cannot be loaded into this 64-bit program: Win32 error 193",
+        ),
+        (["launchpv"], NO_ACTION, "has no action launchpv; did you mean LaunchPV?"),
+        (["Nothing"], NO_ACTION, "has no action Nothing; halvard_run list shows them"),
+    ],
+)
+def test_what_cannot_be_called_is_told_with_its_exit_code(call, arguments, code, text):
+    plain = call(*arguments)
+    assert (plain.code, plain.output) == (code, "")
+    assert plain.errors.startswith("halvard_run: ") and text in plain.errors
+    assert ("--help" in plain.errors) == (code == WRONG_ARGUMENTS)
+    scripted = call(*arguments, "--json")
+    assert scripted.code == code
+    assert scripted.json["exit_code"] == code and text in scripted.json["error"]
+
+
+def test_no_session_is_told_with_its_exit_code(call):
+    command = rf"set TMP=c:\nowhere&& {paths.windows_path(paths.RUNNER)} LaunchedFromMIM"
+    done = call("/c", command, program="cmd.exe")
+    assert (done.code, done.output) == (NO_SESSION, "")
+    assert done.errors.startswith("halvard_run: no temporary file: Win32 error ")
+
+
+@pytest.mark.parametrize("option", ["--help", "-h"])
+def test_the_help_tells_the_exit_codes(call, option):
+    done = call(option)
+    assert (done.code, done.errors) == (SUCCESS, "")
+    assert "halvard_run ACTION [Property=Value...]" in done.output
+    listed = re.findall(r"^  (\d)   ", done.output, re.MULTILINE)
+    assert [int(code) for code in listed] == [
+        SUCCESS, OTHER_RESULT, WRONG_ARGUMENTS, NO_LIBRARY, NO_ACTION, NO_SESSION, EXCEPTION,
+    ]
+
+
+def test_the_version_is_that_of_the_project(call):
+    version = re.search(r"VERSION (\d+\.\d+\.\d+)\n", paths.CMAKE_LISTS.read_text())[1]
+    done = call("--version")
+    assert (done.code, done.output, done.errors) == (SUCCESS, f"halvard_run {version}\n", "")
+
+
+@pytest.mark.parametrize("action", ["LaunchedFromMIM", "DeletePVFolder"])
+def test_nothing_of_the_session_is_left(call, prefix, action):
+    folders = list(prefix.drive_c.glob("users/*/Temp"))
+    before = [sorted(folder.iterdir()) for folder in folders]
+    call(action)
+    assert folders and [sorted(folder.iterdir()) for folder in folders] == before
+
+
+def action_script(*arguments: str) -> subprocess.CompletedProcess[str]:
+    return subprocess.run(
+        [sys.executable, "-B", str(paths.ROOT / "tools/action.py"), *arguments],
+        cwd=paths.ROOT,
+        capture_output=True,
+        text=True,
+        timeout=3 * LIMIT,
+    )
+
+
+def test_the_script_hands_on_what_the_runner_says():
+    done = action_script("BlockLaunch", "--json")
+    assert (done.returncode, done.stderr) == (OTHER_RESULT, "")
+    assert json.loads(done.stdout)["result_name"] == "ERROR_INSTALL_FAILURE"
+    done = action_script("Nothing")
+    assert (done.returncode, done.stdout) == (NO_ACTION, "")
+    assert "has no action Nothing" in done.stderr
+
+
+@pytest.mark.parametrize("form", [["--dll", "{path}"], ["--dll={path}"]])
+def test_the_script_takes_a_library_of_this_machine(form, tmp_path):
+    library = tmp_path / "other name.dll"
+    library.write_bytes(paths.FAULT_ACTIONS.read_bytes())
+    option = [word.format(path=library) for word in form]
+    done = action_script("ReturnResult", "RESULT=259", "--json", *option)
+    assert done.returncode == OTHER_RESULT
+    told = json.loads(done.stdout)
+    assert (told["dll"], told["result"]) == (r"t:\other name.dll", 259)

@@ -1,0 +1,92 @@
+"""Calls one action of the library in a fresh Wine prefix, without a package.
+
+The arguments are those of halvard_run; `--dll` may name a file of this machine, which the prefix gets
+a copy of. What halvard_run prints comes out as it is, and its exit code is the one here, but for 125
+when no prefix could be had and 130 after Ctrl-C.
+"""
+
+import shutil
+import signal
+import subprocess
+import sys
+import threading
+from pathlib import Path
+from typing import BinaryIO
+
+from installer import paths
+from installer.prefix import Prefix
+
+NO_PREFIX = 125
+INTERRUPTED = 130
+OPTION = "--dll"
+
+
+def main(arguments: list[str]) -> int:
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
+    try:
+        return _call(arguments)
+    except KeyboardInterrupt:
+        print("action: interrupted", file=sys.stderr)
+        return INTERRUPTED
+    except (OSError, RuntimeError) as failure:
+        print(f"action: {failure}", file=sys.stderr)
+        return NO_PREFIX
+
+
+def _call(arguments: list[str]) -> int:
+    with Prefix("prefix-action") as prefix:
+        # Pipes, for at a terminal the engine would draw a console of its own.
+        process = prefix.start(
+            paths.RUNNER,
+            *_with_copied_library(arguments, prefix),
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+        )
+        forwarded = [
+            _forward(process.stdout, sys.stdout.buffer),
+            _forward(process.stderr, sys.stderr.buffer),
+        ]
+        try:
+            code = process.wait()
+        finally:
+            process.kill()
+            process.wait()
+    # What the action has left running holds the pipes open until the prefix ends.
+    for thread in forwarded:
+        thread.join()
+    return code
+
+
+def _with_copied_library(arguments: list[str], prefix: Prefix) -> list[str]:
+    """The arguments with the path that the prefix has for a library of this machine."""
+    changed = list(arguments)
+    for position, argument in enumerate(arguments):
+        option, equals, path = argument.partition("=")
+        if option == OPTION and equals:
+            changed[position] = f"{OPTION}={_copied(path, prefix)}"
+        elif argument == OPTION and position + 1 < len(arguments):
+            changed[position + 1] = _copied(arguments[position + 1], prefix)
+    return changed
+
+
+def _copied(path: str, prefix: Prefix) -> str:
+    library = Path(path)
+    if not library.is_file():
+        return path
+    shutil.copy(library, prefix.throwaway)
+    return rf"t:\{library.name}"
+
+
+def _forward(source: BinaryIO, target: BinaryIO) -> threading.Thread:
+    def copy() -> None:
+        while data := source.read1():
+            target.write(data)
+            target.flush()
+
+    thread = threading.Thread(target=copy, daemon=True)
+    thread.start()
+    return thread
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
