@@ -130,14 +130,19 @@ def test_the_build_leaves_one_dll_of_this_name():
     assert list(paths.PROGRAMS.rglob("Halvard_CA.dll")) == [paths.LIBRARY]
 
 
-def test_version_resource_tells_what_the_project_says():
-    content = paths.LIBRARY.read_bytes()
+@pytest.mark.parametrize("file", [paths.LIBRARY, paths.RUNNER], ids=lambda file: file.name)
+def test_version_resource_tells_what_the_project_says(file):
+    content = file.read_bytes()
     lists = (paths.ROOT / "CMakeLists.txt").read_text()
     expected = {
         "CompanyName": re.search(r'HALVARD_COMPANY "(.*)"', lists)[1],
-        "FileDescription": re.search(r'DESCRIPTION "(.*)"', lists)[1],
+        "FileDescription": (
+            re.search(r'DESCRIPTION "(.*)"', lists)[1]
+            if file == paths.LIBRARY
+            else "Calls one action of Halvard_CA without a package"
+        ),
         "FileVersion": re.search(r"VERSION (\d+\.\d+\.\d+)\n", lists)[1],
-        "OriginalFilename": "Halvard_CA.dll",
+        "OriginalFilename": file.name,
     }
     for key, value in expected.items():
         start = content.find(f"{key}\0".encode("utf-16-le"))
@@ -160,14 +165,15 @@ def test_two_builds_in_two_folders_give_the_same_bytes(tmp_path):
             shutil.copy(source, copy / name)
     for command in (
         ["cmake", "--preset", "mingw-release"],
-        ["cmake", "--build", "--preset", "mingw-release", "--target", "Halvard_CA"],
+        ["cmake", "--build", "--preset", "mingw-release", "--target", "Halvard_CA", "halvard_run"],
     ):
         done = subprocess.run(command, cwd=copy, capture_output=True, text=True)
         assert done.returncode == 0, done.stdout + done.stderr
 
     def digests(root: Path) -> dict[str, str]:
-        files = (root / paths.LIBRARY.relative_to(paths.ROOT)).parent.glob("Halvard_CA.dll*")
+        folder = (root / paths.LIBRARY.relative_to(paths.ROOT)).parent
+        files = [*folder.glob("Halvard_CA.dll*"), folder / paths.RUNNER.name]
         return {file.name: hashlib.sha256(file.read_bytes()).hexdigest() for file in files}
 
-    assert len(digests(copy)) == 2
+    assert len(digests(copy)) == 3
     assert digests(copy) == digests(paths.ROOT)

@@ -27,9 +27,10 @@ def test_the_library_in_the_package_is_the_one_just_built(companion_package):
     assert package.library_bytes(companion_package) == paths.LIBRARY.read_bytes()
 
 
-def test_company_and_version_are_those_of_the_project(companion_package):
+def test_company_version_and_description_are_those_of_the_project(companion_package):
     properties = dict(package.table(companion_package, "Property"))
     identity = package.project_identity()
+    assert package.comments(companion_package) == identity.description
     assert properties["Manufacturer"] == identity.company
     assert properties["ProductName"] == f"{identity.company} Companion"
     assert properties["ProductVersion"] == identity.version

@@ -47,14 +47,16 @@ class Identity:
 
     company: str
     version: str
+    description: str
 
 
 def project_identity() -> Identity:
-    """Reads company and version where the project keeps them."""
+    """Reads company, version and description where the project keeps them."""
     text = paths.CMAKE_LISTS.read_text()
     return Identity(
         company=_only_match(r'set\(HALVARD_COMPANY "([^"]+)"\)', text),
         version=_only_match(r"project\(Halvard_CA\s+VERSION (\d+\.\d+\.\d+)", text),
+        description=_only_match(r'DESCRIPTION "([^"]+)"', text),
     )
 
 
@@ -70,6 +72,7 @@ def build(source: Path = COMPANION, library: Path = paths.LIBRARY) -> Path:
     definitions = {
         "Company": identity.company,
         "Version": identity.version,
+        "Description": identity.description,
         "UpgradeCode": str(upgrade_code).upper(),
         "ProductCode": str(product_code).upper(),
     }
@@ -102,6 +105,12 @@ def table(package: Path, name: str) -> list[list[str]]:
     """The rows of a table, each a list of its columns' texts."""
     lines = _run("msiinfo", "export", str(package), name).decode().splitlines()
     return [line.split("\t") for line in lines[3:]]
+
+
+def comments(package: Path) -> str:
+    """What the summary of the package says of it."""
+    lines = _run("msiinfo", "suminfo", str(package)).decode().splitlines()
+    return next(line.partition(": ")[2] for line in lines if line.startswith("Comments: "))
 
 
 def library_bytes(package: Path) -> bytes:
