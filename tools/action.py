@@ -5,11 +5,13 @@ a copy of. What halvard_run prints comes out as it is, and its exit code is the 
 when no prefix could be had and 130 after Ctrl-C.
 """
 
+import os
 import shutil
 import signal
 import subprocess
 import sys
 import threading
+from contextlib import suppress
 from pathlib import Path
 from typing import BinaryIO
 
@@ -43,8 +45,8 @@ def _call(arguments: list[str]) -> int:
             stderr=subprocess.PIPE,
         )
         forwarded = [
-            _forward(process.stdout, sys.stdout.buffer),
-            _forward(process.stderr, sys.stderr.buffer),
+            _forward(process.stdout, sys.stdout.fileno()),
+            _forward(process.stderr, sys.stderr.fileno()),
         ]
         try:
             code = process.wait()
@@ -77,11 +79,13 @@ def _copied(path: str, prefix: Prefix) -> str:
     return rf"t:\{library.name}"
 
 
-def _forward(source: BinaryIO, target: BinaryIO) -> threading.Thread:
+def _forward(source: BinaryIO, target: int) -> threading.Thread:
     def copy() -> None:
         while data := source.read1():
-            target.write(data)
-            target.flush()
+            # A reader that has gone does not keep the action from its end.
+            with suppress(BrokenPipeError):
+                while data:
+                    data = data[os.write(target, data) :]
 
     thread = threading.Thread(target=copy, daemon=True)
     thread.start()

@@ -1,11 +1,14 @@
 """The release: what is in it, its sums, its signatures, and the same bytes every time."""
 
+import http.server
 import os
 import re
 import subprocess
 import sys
+import threading
 import zipfile
 from pathlib import Path
+from typing import Iterator
 
 import pytest
 
@@ -127,17 +130,21 @@ def test_the_entries_are_sorted_and_without_times(folder):
     assert {entry.external_attr >> 16 for entry in entries} == {0o100644}
 
 
-@pytest.fixture(scope="module")
-def identity(tmp_path_factory) -> Path:
-    """A folder with a certificate of its own making in each form that a release is signed with."""
-    folder = tmp_path_factory.mktemp("identity")
+def make_certificate(folder: Path, name: str, usage: str) -> None:
     made = run(
         *("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2"),
-        *("-subj", "/CN=Release test", "-addext", "extendedKeyUsage=codeSigning"),
+        *("-subj", f"/CN={name}", "-addext", f"extendedKeyUsage={usage}"),
         *("-keyout", "key.pem", "-out", "certificate.pem"),
         cwd=folder,
     )
     assert made.returncode == 0, made.stdout
+
+
+@pytest.fixture(scope="module")
+def identity(tmp_path_factory) -> Path:
+    """A folder with a certificate of its own making in each form that a release is signed with."""
+    folder = tmp_path_factory.mktemp("identity")
+    make_certificate(folder, "Release test", "codeSigning")
     parts = [(folder / name).read_text() for name in ("certificate.pem", "key.pem")]
     (folder / "both.pem").write_text("".join(parts))
     (folder / "password.txt").write_text(PASSWORD)
@@ -150,9 +157,11 @@ def identity(tmp_path_factory) -> Path:
     return folder
 
 
-def verification(file: Path, identity: Path) -> subprocess.CompletedProcess[str]:
+def verification(
+    file: Path, identity: Path, *options: str | Path
+) -> subprocess.CompletedProcess[str]:
     certificate = identity / "certificate.pem"
-    return run("osslsigncode", "verify", "-CAfile", certificate, "-in", file)
+    return run("osslsigncode", "verify", "-CAfile", certificate, *options, "-in", file)
 
 
 @pytest.mark.parametrize(
@@ -175,6 +184,67 @@ def test_a_signature_verifies(names, identity, folder, tmp_path):
     for name in set(SHIPPED) - set(SIGNED):
         assert (top / name).read_bytes() == SHIPPED[name].read_bytes(), name
     assert run("sha256sum", "--check", "--strict", SUMS, cwd=top).returncode == 0
+
+
+TIMESTAMPING = """
+[server]
+serial = serial.txt
+crypto_device = builtin
+signer_digest = sha256
+default_policy = 1.2.3.4.1
+digests = sha256, sha384, sha512
+accuracy = secs:1
+"""
+
+
+@pytest.fixture
+def timestamp_server(tmp_path) -> Iterator[tuple[str, Path]]:
+    """The address of a timestamp server of this machine, and its certificate."""
+    (tmp_path / "server.cnf").write_text(TIMESTAMPING)
+    (tmp_path / "serial.txt").write_text("01")
+    make_certificate(tmp_path, "Timestamp test", "critical,timeStamping")
+
+    class Answer(http.server.BaseHTTPRequestHandler):
+        def do_POST(self) -> None:
+            length = int(self.headers["Content-Length"])
+            (tmp_path / "query").write_bytes(self.rfile.read(length))
+            answered = run(
+                *("openssl", "ts", "-reply", "-config", "server.cnf", "-section", "server"),
+                *("-queryfile", "query", "-signer", "certificate.pem", "-inkey", "key.pem"),
+                *("-out", "reply"),
+                cwd=tmp_path,
+            )
+            self.send_response(200 if answered.returncode == 0 else 500)
+            self.send_header("Content-Type", "application/timestamp-reply")
+            self.end_headers()
+            self.wfile.write((tmp_path / "reply").read_bytes())
+
+        def log_message(self, *_: object) -> None:
+            pass
+
+    with http.server.HTTPServer(("127.0.0.1", 0), Answer) as server:
+        serving = threading.Thread(target=server.serve_forever)
+        serving.start()
+        yield f"http://127.0.0.1:{server.server_port}/", tmp_path / "certificate.pem"
+        server.shutdown()
+        serving.join()
+
+
+def test_a_signature_bears_the_time_of_a_server(identity, timestamp_server, folder, tmp_path):
+    address, authority = timestamp_server
+    signer = dist.Signer(identity / "both.pem", timestamp=address)
+    top = unpacked(dist.pack(signer), tmp_path / "unpacked")
+    for name in SIGNED:
+        verified = verification(top / name, identity, "-TSA-CAfile", authority)
+        assert verified.returncode == 0, verified.stdout
+        assert "Timestamp Server Signature verification: ok" in verified.stdout
+
+
+def test_a_server_that_does_not_answer_is_told(identity, folder):
+    signer = dist.Signer(identity / "both.pem", timestamp="http://127.0.0.1:9/")
+    with pytest.raises(dist.SigningFailed, match="http://127.0.0.1:9/"):
+        dist.pack(signer)
+    assert list(folder.iterdir()) == []
 
 
 def test_a_changed_file_does_not_verify(identity, folder, tmp_path):

@@ -1,6 +1,7 @@
 """halvard_run, which calls one action without a package."""
 
 import json
+import os
 import re
 import subprocess
 import sys
@@ -384,11 +385,14 @@ def test_nothing_of_the_session_is_left(call, prefix, action):
     assert folders and [sorted(folder.iterdir()) for folder in folders] == before
 
 
-def action_script(*arguments: str) -> subprocess.CompletedProcess[str]:
+def action_script(
+    *arguments: str, stdout: int = subprocess.PIPE
+) -> subprocess.CompletedProcess[str]:
     return subprocess.run(
         [sys.executable, "-B", str(paths.ROOT / "tools/action.py"), *arguments],
         cwd=paths.ROOT,
-        capture_output=True,
+        stdout=stdout,
+        stderr=subprocess.PIPE,
         text=True,
         timeout=3 * LIMIT,
     )
@@ -401,6 +405,16 @@ def test_the_script_hands_on_what_the_runner_says():
     done = action_script("Nothing")
     assert (done.returncode, done.stdout) == (NO_ACTION, "")
     assert "has no action Nothing" in done.stderr
+
+
+def test_a_reader_that_has_gone_changes_no_exit_code():
+    read_end, write_end = os.pipe()
+    os.close(read_end)
+    try:
+        done = action_script("BlockLaunch", stdout=write_end)
+    finally:
+        os.close(write_end)
+    assert (done.returncode, done.stderr) == (OTHER_RESULT, "")
 
 
 @pytest.mark.parametrize("form", [["--dll", "{path}"], ["--dll={path}"]])

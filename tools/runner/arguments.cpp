@@ -21,7 +21,11 @@ is, and square brackets in it are not replaced.
 
   list         the names that the library exports, one a line
   --dll PATH   the library; Halvard_CA.dll beside this program without it
-  --json       one JSON object, for scripts; errors too
+  --json       one JSON object, for scripts: action, dll, properties, log,
+               messages (kind, type, text), result, result_name, exception
+               (kind, type, code, category, text), milliseconds, exit_code;
+               dll and actions for list; error and exit_code where nothing
+               was called
   -h, --help   this text
   --version    the version of this program
 
