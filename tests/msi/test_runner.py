@@ -284,6 +284,13 @@ def test_an_exception_of_the_file_system_is_told(call, prefix):
             ),
         ),
         (
+            "WriteToNullInAnotherThread",
+            (
+                "structured exception", "EXCEPTION_ACCESS_VIOLATION", 0xC0000005, None,
+                r"writing 0x0 at fault_actions\.dll\+0x[0-9A-F]+",
+            ),
+        ),
+        (
             "RaiseCodeWithoutName",
             ("structured exception", None, 0xE0000042, None, r"at \S+\.dll\+0x[0-9A-F]+"),
         ),

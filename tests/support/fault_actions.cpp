@@ -49,6 +49,11 @@ int Deep(volatile int* above) {
     return here[0] < 0 ? 0 : Deep(here) + here[0];
 }
 
+DWORD WINAPI WriteToNullThread(void* /*parameter*/) {
+    *static_cast<volatile int*>(nullptr) = 1;
+    return 0;
+}
+
 } // namespace
 
 #define ACTION(name) extern "C" __declspec(dllexport) UINT __stdcall name(MSIHANDLE session)
@@ -108,6 +113,14 @@ ACTION(ThrowNoStandardException) {
 ACTION(WriteToNull) {
     static_cast<void>(session);
     *static_cast<volatile int*>(nullptr) = 1;
+    return ERROR_SUCCESS;
+}
+
+ACTION(WriteToNullInAnotherThread) {
+    static_cast<void>(session);
+    void* const thread = CreateThread(nullptr, 0, WriteToNullThread, nullptr, 0, nullptr);
+    WaitForSingleObject(thread, INFINITE);
+    CloseHandle(thread);
     return ERROR_SUCCESS;
 }
 

@@ -178,7 +178,11 @@ Outcome CallAction(Action action, MSIHANDLE session) {
     DWORD ended = 0;
     GetExitCodeThread(thread, &ended);
     CloseHandle(thread);
-    if (!call.outcome.result && !call.outcome.exception) {
+    if (call.outcome.exception) {
+        // Of a thread that the action started: in the installer's process it would have been the
+        // end of the action too, whatever it returned here.
+        call.outcome.result.reset();
+    } else if (!call.outcome.result) {
         call.outcome.exception = EndedThread(ended);
     }
 
