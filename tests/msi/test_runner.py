@@ -3,6 +3,7 @@
 import json
 import os
 import re
+import signal
 import subprocess
 import sys
 import tempfile
@@ -392,11 +393,14 @@ def test_nothing_of_the_session_is_left(call, prefix, action):
     assert folders and [sorted(folder.iterdir()) for folder in folders] == before
 
 
+ACTION_SCRIPT = [sys.executable, "-B", str(paths.ROOT / "tools/action.py")]
+
+
 def action_script(
     *arguments: str, stdout: int = subprocess.PIPE
 ) -> subprocess.CompletedProcess[str]:
     return subprocess.run(
-        [sys.executable, "-B", str(paths.ROOT / "tools/action.py"), *arguments],
+        [*ACTION_SCRIPT, *arguments],
         cwd=paths.ROOT,
         stdout=stdout,
         stderr=subprocess.PIPE,
@@ -412,6 +416,24 @@ def test_the_script_hands_on_what_the_runner_says():
     done = action_script("Nothing")
     assert (done.returncode, done.stdout) == (NO_ACTION, "")
     assert "has no action Nothing" in done.stderr
+
+
+@pytest.mark.parametrize("signal_number, code", [(signal.SIGINT, 130), (signal.SIGTERM, 143)])
+def test_the_script_ends_an_action_that_is_interrupted(signal_number, code):
+    command = ["LogAndWait", f"MILLISECONDS={3 * LIMIT * 1000:.0f}"]
+    process = subprocess.Popen(
+        [*ACTION_SCRIPT, *command, "--dll", str(paths.FAULT_ACTIONS)],
+        cwd=paths.ROOT,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.DEVNULL,
+    )
+    try:
+        assert process.stdout.readline() == b"log         waiting\n"
+        process.send_signal(signal_number)
+        assert process.wait(LIMIT) == code
+    finally:
+        process.kill()
+        process.communicate()
 
 
 def test_a_reader_that_has_gone_changes_no_exit_code():
