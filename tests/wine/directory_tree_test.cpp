@@ -7,6 +7,7 @@
 #include "file_system_error.h"
 #include "files.h"
 #include "import_hook.h"
+#include "lines.h"
 #include "open_handles.h"
 #include "stand_in_session.h"
 
@@ -892,8 +893,8 @@ TEST_F(FallbackTest, AFolderThatIsNotEmptyEndsIt) {
 
 namespace {
 
-/// One file, "stays.txt", that has gone whenever it is to be removed, and what is done about it.
-class StayingFile {
+/// One entry, "stays", that has gone whenever it is to be removed, and what is done about it.
+class StayingEntry {
 public:
     DWORD attributes = FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_READONLY;
     BOOL canBeSet = TRUE;
@@ -905,13 +906,19 @@ private:
         calls.push_back(call + std::wstring(path) + L" " + std::to_wstring(number));
     }
 
-    HOOK(deleting_, DeleteFileW, [this](LPCWSTR path) -> BOOL {
-        Note(L"delete ", path, 0);
-        SetLastError(deleting_.Calls() == 1 ? ERROR_FILE_NOT_FOUND : secondRemoval);
-        return deleting_.Calls() > 1 && secondRemoval == ERROR_SUCCESS ? TRUE : FALSE;
-    });
+    BOOL Remove(const wchar_t* call, LPCWSTR path) {
+        Note(call, path, 0);
+        const bool first = removals_++ == 0;
+        SetLastError(first ? ERROR_FILE_NOT_FOUND : secondRemoval);
+        return !first && secondRemoval == ERROR_SUCCESS ? TRUE : FALSE;
+    }
+
+    int removals_ = 0;
+
+    HOOK(deleting_, DeleteFileW, [this](LPCWSTR path) { return Remove(L"delete ", path); });
+    HOOK(removing_, RemoveDirectoryW, [this](LPCWSTR path) { return Remove(L"remove ", path); });
     HOOK(getting_, GetFileAttributesW, [this](LPCWSTR path) {
-        if (std::wstring(path).find(L"stays.txt") == std::wstring::npos) {
+        if (std::wstring(path).find(L"stays") == std::wstring::npos) {
             return getting_.Original(path);
         }
         Note(L"get ", path, 0);
@@ -929,70 +936,85 @@ private:
     });
 };
 
-class StayingFileTest : public testing::Test {
+class StayingEntryTest : public testing::Test {
 protected:
-    StayingFileTest() {
+    StayingEntryTest() {
         CreateFolders(top);
-        WriteFileAt(top + L"\\stays.txt");
+        WriteFileAt(top + L"\\stays");
     }
 
     void Remove() { halvard::RemoveDirectoryTree(top, FailWithoutACode); }
 
     ScratchFolder scratch;
     std::wstring top = scratch.File(L"tree");
-    std::wstring file = kExtended + top + L"\\stays.txt";
-    using Lines = std::vector<std::wstring>;
+    std::wstring file = kExtended + top + L"\\stays";
 };
 
 } // namespace
 
-TEST_F(StayingFileTest, LosesItsReadOnlyAttributeAndIsQueuedForTheNextRestart) {
-    StayingFile stays;
+TEST_F(StayingEntryTest, LosesItsReadOnlyAttributeAndIsQueuedForTheNextRestart) {
+    StayingEntry stays;
     Remove();
     EXPECT_EQ(stays.calls,
               (Lines{L"delete " + file + L" 0", L"get " + file + L" 0", L"set " + file + L" 32",
                      L"delete " + file + L" 0", L"move " + file + L" 4"}));
 }
 
-TEST_F(StayingFileTest, AttributesThatCannotBeReadAreWrittenBackAllTheSame) {
-    StayingFile stays;
+// A folder too, and it is entered all the same: what it holds is queued behind it.
+TEST_F(StayingEntryTest, AFolderIsTreatedAsAFileIs) {
+    ASSERT_NE(DeleteFileW(file.c_str()), FALSE);
+    CreateFolders(top + L"\\stays");
+    WriteFileAt(top + L"\\stays\\in");
+    StayingEntry stays;
+    stays.attributes = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY;
+    Remove();
+    const auto treated = [](const std::wstring& removal, const std::wstring& entry) {
+        return Lines{removal + entry + L" 0", L"get " + entry + L" 0", L"set " + entry + L" 16",
+                     removal + entry + L" 0", L"move " + entry + L" 4"};
+    };
+    // Between the two it is asked whether it is a link.
+    EXPECT_EQ(stays.calls, treated(L"remove ", file) + Lines{L"get " + file + L" 0"} +
+                               treated(L"delete ", file + L"\\in"));
+}
+
+TEST_F(StayingEntryTest, AttributesThatCannotBeReadAreWrittenBackAllTheSame) {
+    StayingEntry stays;
     stays.attributes = INVALID_FILE_ATTRIBUTES;
     Remove();
     ASSERT_EQ(stays.calls.size(), 5U);
     EXPECT_EQ(stays.calls[2], L"set " + file + L" " + std::to_wstring(0xFFFFFFFEU));
 }
 
-TEST_F(StayingFileTest, IsPassedOverWhenItsAttributesCannotBeSet) {
-    StayingFile stays;
+TEST_F(StayingEntryTest, IsPassedOverWhenItsAttributesCannotBeSet) {
+    StayingEntry stays;
     stays.canBeSet = FALSE;
     Remove();
     EXPECT_EQ(stays.calls,
               (Lines{L"delete " + file + L" 0", L"get " + file + L" 0", L"set " + file + L" 32"}));
 }
 
-TEST_F(StayingFileTest, IsNotQueuedWhenTheSecondRemovalWorks) {
-    StayingFile stays;
+TEST_F(StayingEntryTest, IsNotQueuedWhenTheSecondRemovalWorks) {
+    StayingEntry stays;
     stays.secondRemoval = ERROR_SUCCESS;
     Remove();
     EXPECT_EQ(stays.calls.size(), 4U);
 }
 
-TEST_F(StayingFileTest, ASecondRemovalThatFailsEndsIt) {
-    StayingFile stays;
+TEST_F(StayingEntryTest, ASecondRemovalThatFailsEndsIt) {
+    StayingEntry stays;
     stays.secondRemoval = ERROR_ACCESS_DENIED;
-    ExpectFileSystemError([&] { Remove(); }, "remove", top + L"\\stays.txt", ERROR_ACCESS_DENIED);
+    ExpectFileSystemError([&] { Remove(); }, "remove", top + L"\\stays", ERROR_ACCESS_DENIED);
     EXPECT_EQ(stays.calls.size(), 4U);
 }
 
-TEST_F(StayingFileTest, AFirstRemovalThatFailsEndsIt) {
+TEST_F(StayingEntryTest, AFirstRemovalThatFailsEndsIt) {
     FAIL_CALL(deleting, DeleteFileW, 1, FALSE, ERROR_SHARING_VIOLATION);
     COUNT_CALLS(setting, SetFileAttributesW);
-    ExpectFileSystemError([&] { Remove(); }, "remove", top + L"\\stays.txt",
-                          ERROR_SHARING_VIOLATION);
+    ExpectFileSystemError([&] { Remove(); }, "remove", top + L"\\stays", ERROR_SHARING_VIOLATION);
     EXPECT_EQ(setting.Calls(), 0);
 }
 
-TEST_F(StayingFileTest, IsReallyQueuedWithTheSystem) {
+TEST_F(StayingEntryTest, IsReallyQueuedWithTheSystem) {
     const wchar_t* const manager = L"SYSTEM\\CurrentControlSet\\Control\\Session Manager";
     const wchar_t* const pending = L"PendingFileRenameOperations";
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, manager, pending);
@@ -1007,7 +1029,7 @@ TEST_F(StayingFileTest, IsReallyQueuedWithTheSystem) {
               ERROR_SUCCESS);
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, manager, pending);
     queued.resize(queued.find(L'\0'));
-    EXPECT_EQ(queued, L"\\??\\" + top + L"\\stays.txt");
+    EXPECT_EQ(queued, L"\\??\\" + top + L"\\stays");
 }
 
 TEST_F(FallbackTest, NamesTheWalkThatCannotBegin) {

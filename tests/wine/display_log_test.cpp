@@ -7,6 +7,7 @@
 #include "files.h"
 #include "import_hook.h"
 #include "registry_key.h"
+#include "stand_in_session.h"
 
 #include <setupapi.h>
 #include <shlobj.h>
@@ -334,6 +335,22 @@ TEST_F(SetDCLogFileRegistryTest, LeavesTheKeysAndTheListOpen) {
         EXPECT_EQ(RegCloseKey(key), ERROR_SUCCESS);
     }
     EXPECT_TRUE(SetupDiDestroyDeviceInfoList(list));
+}
+
+TEST_F(SetDCLogFileRegistryTest, LogsNothingWhateverHappens) {
+    const halvard_tests::StandInSession session;
+    const halvard_tests::CurrentSessionScope current(session.Get());
+    const ClassKey key(DriverName(1));
+    const DisplayAdapter adapter(L"Zenvo", key.Driver());
+    const DisplayAdapter withoutDriver(L"Zenvo", L"");
+    EXPECT_EQ(SetDCLogFileRegistry(session.Get()), 0U);
+    {
+        FAIL_CALL(opening, RegOpenKeyExW, 0, ERROR_ACCESS_DENIED, NO_ERROR);
+        EXPECT_EQ(SetDCLogFileRegistry(session.Get()), 0U);
+    }
+    FAIL_CALL(listing, SetupDiGetClassDevsW, 1, INVALID_HANDLE_VALUE, ERROR_ACCESS_DENIED);
+    EXPECT_EQ(SetDCLogFileRegistry(session.Get()), 0U);
+    EXPECT_EQ(session.LogLines(), std::vector<std::wstring>{});
 }
 
 TEST_F(SetDCLogFileRegistryTest, StoresNoSession) {

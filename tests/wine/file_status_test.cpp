@@ -170,6 +170,12 @@ TEST(QueryKind, AFailedLookAtAnOpenFileThrowsAndClosesIt) {
         HOOK(tag, GetFileInformationByHandleEx, ReparsePoint(0, ERROR_INVALID_FUNCTION));
         ExpectFileSystemError(query, "status", scratch.Path(), ERROR_INVALID_FUNCTION);
     }
+    // As on a network whose server has gone meanwhile.
+    for (const DWORD code : {2U, 3U, 53U, 123U}) {
+        FAIL_CALL(reading, GetFileInformationByHandleEx, 1, FALSE, code);
+        EXPECT_EQ(halvard::QueryKind(scratch.Path(), "status"), FileKind::Missing) << code;
+        EXPECT_EQ(reading.Calls(), 1);
+    }
     EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
 }
 

@@ -405,6 +405,7 @@ namespace {
 class StandInServiceManager {
 public:
     std::wstring binaryPath = kProgram;
+    bool hasBinaryPath = true;
     DWORD managerError = NO_ERROR;
     DWORD openError = NO_ERROR;
     // The sizes that are asked for, one after the other, before the configuration is there.
@@ -452,7 +453,7 @@ private:
             return FALSE;
         }
         *config = {};
-        config->lpBinaryPathName = binaryPath.data();
+        config->lpBinaryPathName = hasBinaryPath ? binaryPath.data() : nullptr;
         return TRUE;
     }
 
@@ -637,6 +638,15 @@ TEST(RemoveServiceInDirectory, AFolderThatCannotBeComparedClosesBothHandles) {
     EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
     EXPECT_EQ(Lines(manager.Calls().begin(), manager.Calls().begin() + static_cast<int>(calls)),
               kOpened + kConfigured + LinesOfFoundService() + kClosed);
+}
+
+TEST(RemoveServiceInDirectory, AConfigurationWithoutAProgramIsInNoFolder) {
+    const ServiceFolder folder;
+    StandInServiceManager manager;
+    manager.hasBinaryPath = false;
+    EXPECT_THROW(RemoveServiceInDirectory(kName, kFolder), std::filesystem::filesystem_error);
+    const Lines logged = {L"binary path = \n", L"Parent path of  is "};
+    EXPECT_EQ(manager.Calls(), kOpened + kConfigured + logged + kClosed);
 }
 
 TEST(RemoveServiceInDirectory, AStopThatIsRefusedIsNotWaitedFor) {

@@ -39,7 +39,9 @@ std::wstring ReadBinaryPath(SC_HANDLE service) {
         }
         buffer.resize(size);
     }
-    return reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(buffer.data())->lpBinaryPathName;
+    const wchar_t* const path =
+        reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(buffer.data())->lpBinaryPathName;
+    return path == nullptr ? L"" : path;
 }
 
 bool IsInDirectory(const std::wstring& binaryPath, const std::wstring& directory) {

@@ -106,9 +106,6 @@ DWORD ReadReparseTag(HANDLE opened, DWORD& tag) {
 FileKind QueryKind(const std::wstring& path, const char* operation) {
     OwnedHandle opened;
     DWORD code = OpenForStatus(path, opened);
-    if (MeansMissing(code)) {
-        return FileKind::Missing;
-    }
     DWORD attributes = 0;
     DWORD tag = 0;
     if (code == ERROR_SUCCESS) {
@@ -116,6 +113,9 @@ FileKind QueryKind(const std::wstring& path, const char* operation) {
     }
     if (code == ERROR_SUCCESS && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
         code = ReadReparseTag(opened.get(), tag);
+    }
+    if (MeansMissing(code)) {
+        return FileKind::Missing;
     }
     if (code != ERROR_SUCCESS) {
         ThrowFileSystemError(operation, path, code);
