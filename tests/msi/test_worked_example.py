@@ -1,0 +1,255 @@
+"""docs/worked-example.md: its commands print what it says, and its package does what it says."""
+
+import re
+import shutil
+import subprocess
+from pathlib import Path
+from typing import Iterator
+
+import pytest
+
+from installer import package, paths, session
+from installer.log import Execution, action_runs
+from installer.machine import Area, Kind
+from installer.prefix import Prefix
+
+DOCUMENT = paths.ROOT / "docs/worked-example.md"
+SOURCE, PACKAGE = "Transform.wxs", "Transform.msi"
+FOLDER = r"C:\Program Files\Zenvo\Transform"
+SETTINGS, WRITTEN_LATER = rf"{FOLDER}\Transform.ini", rf"{FOLDER}\cache.bin"
+KEY = r"HKLM\Software\Wow6432Node\Qorta\Sable\Settings\Kiln\Install"
+
+DEFERRED = ["DelInstallProxyKey", "DeleteDMFTDirectory"]
+# About half of them show it.
+BUILDS = 40
+
+PROMPT = re.compile(r"^([>$]) ", re.MULTILINE)
+# The command and the lines of the log behind it.
+SESSION = re.compile(
+    r"`msiexec (/\w) Transform\.msi ((?:\w+=\w+ )*)/qn /l\*v (\w+)\.log`.*?^```text\n(.*?)^```$",
+    re.MULTILINE | re.DOTALL,
+)
+TIME = re.compile(r"\b\d+:\d\d:\d\d\b")
+DURATION = re.compile(r"\d+\.\d ms")
+
+MOVE = "UPDATE InstallExecuteSequence SET Sequence={} WHERE Action='{}'"
+
+
+def blocks(language: str) -> list[str]:
+    pattern = rf"^```{language}\n(.*?)^```$"
+    return re.findall(pattern, DOCUMENT.read_text(), re.MULTILINE | re.DOTALL)
+
+
+def commands(prompt: str) -> list[tuple[str, str]]:
+    """The commands at this prompt, each with what it printed."""
+    found = []
+    for block in blocks("console"):
+        before, *pieces = PROMPT.split(block)
+        assert before == "", block
+        for sign, piece in zip(pieces[::2], pieces[1::2]):
+            command, _, output = piece.partition("\n")
+            if sign == prompt:
+                found.append((command, output))
+    return found
+
+
+def trimmed(text: str) -> str:
+    """As the document shows a text: without blanks at the ends of lines, and one duration for all."""
+    lines = [line.rstrip() for line in DURATION.sub("1.0 ms", text).splitlines()]
+    return "".join(f"{line}\n" for line in lines)
+
+
+@pytest.fixture(scope="module")
+def folder(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """The source with what the document says lies beside it."""
+    folder = tmp_path_factory.mktemp("example")
+    (text,) = blocks("xml")
+    (folder / SOURCE).write_text(text)
+    (folder / "Transform.ini").write_text("[Transform]\n")
+    shutil.copy(paths.LIBRARY, folder)
+    shutil.copy(paths.PACKAGE_SOURCES / "halvard_actions.wxi", folder)
+    return folder
+
+
+def built_as_told(folder: Path) -> Path:
+    ((command, _),) = [step for step in commands("$") if step[0].startswith("wixl ")]
+    subprocess.run(["bash", "-c", command], cwd=folder, check=True, capture_output=True)
+    paths.PACKAGES.mkdir(parents=True, exist_ok=True)
+    return Path(shutil.copy(folder / PACKAGE, paths.PACKAGES))
+
+
+@pytest.fixture(scope="module", params=["as told", "as the sample packages"])
+def example_package(folder: Path, request: pytest.FixtureRequest) -> Path:
+    return built_as_told(folder) if request.param == "as told" else package.build(folder / SOURCE)
+
+
+@pytest.fixture
+def unused_prefix() -> Iterator[Prefix]:
+    with Prefix("prefix-msi-example") as running:
+        yield running
+
+
+def test_the_calls_of_the_runner_print_what_the_example_shows(unused_prefix):
+    programs = {"halvard_run": [paths.RUNNER], "reg": ["reg.exe"]}
+    code = 0
+    calls = 0
+    for command, output in commands(">"):
+        words = command.split()
+        if command == "echo %errorlevel%":
+            assert output == f"{code}\n", command
+            continue
+        program, *first = programs.get(words[0], ["cmd.exe", "/c", words[0]])
+        done = unused_prefix.run(program, *first, *words[1:])
+        assert trimmed(done.stdout) == output, command
+        code = done.returncode
+        calls += words[0] == "halvard_run"
+    assert calls == 5
+
+
+def test_the_build_prints_what_the_example_shows(folder):
+    steps = commands("$")
+    assert len(steps) == 2
+    for command, output in steps:
+        done = subprocess.run(
+            ["bash", "-o", "pipefail", "-c", command], cwd=folder, capture_output=True, text=True
+        )
+        assert (done.returncode, done.stdout, done.stderr) == (0, output, ""), command
+
+
+def read_in_order(excerpt: str, log: str) -> None:
+    """The pieces of an excerpt stand in the log in their order, each in one piece."""
+    for piece in excerpt.split("...\n"):
+        before, found, log = log.partition(piece)
+        assert found, f"{piece}\nnot in what is left of the log:\n{before}"
+
+
+def run_as_told(machine, example_package: Path, told: tuple[str, str, str, str], watching):
+    """Runs one session of the document, compares its log and returns it with the actions' results."""
+    switch, properties, _, excerpt = told
+    call = {"/i": machine.install, "/x": machine.remove}[switch]
+    result = call(example_package, *properties.split(), environment=watching)
+    read_in_order(excerpt, TIME.sub("h:mm:ss", trimmed("\n".join(result.texts))))
+    runs = action_runs(result.lines, package.library_actions(example_package), result.results)
+    return result, [(run.name, run.verdict, run.result, run.data) for run in runs]
+
+
+def test_the_installer_does_what_the_example_says(clean_machine, example_package, watching):
+    sessions = SESSION.findall(DOCUMENT.read_text())
+    assert [name for _, _, name, _ in sessions] == ["refused", "installed", "removed"]
+    refused, installed, removed = sessions
+
+    result, runs = run_as_told(clean_machine, example_package, refused, watching)
+    assert result.exit_code == session.as_exit_code(session.INSTALL_FAILURE), result.report()
+    assert runs == [("BlockLaunch", 0, session.INSTALL_FAILURE, None)]
+    assert clean_machine.changes().changes == []
+
+    result, runs = run_as_told(clean_machine, example_package, installed, watching)
+    assert result.exit_code == 0, result.report()
+    assert runs == [("BlockLaunch", 1, 0, None)]
+    added = clean_machine.changes()
+    assert SETTINGS in added.of(Area.FILE, Kind.ADDED)
+    assert f"{KEY} : InstallDir" in added.of(Area.REGISTRY, Kind.ADDED)
+
+    clean_machine.prefix.host_path(WRITTEN_LATER).write_text("written later")
+    result, runs = run_as_told(clean_machine, example_package, removed, watching)
+    assert result.exit_code == 0, result.report()
+    assert runs == [
+        ("DelInstallProxyKey", 1, 1, None),
+        ("DeleteDMFTDirectory", 1, 0, f"InstallDir={FOLDER}\\"),
+    ]
+    assert [change.name for change in clean_machine.changes().changes] == [KEY.rpartition("\\")[0]]
+
+
+@pytest.mark.parametrize(
+    "query, runs, left",
+    [
+        # The installer takes the value first, and with it the key.
+        (
+            MOVE.format(2610, "DelInstallProxyKey"),
+            [("DelInstallProxyKey", 0), ("DeleteDMFTDirectory", 0)],
+            [],
+        ),
+        # The data is not known yet, so the folder stays with what was written later.
+        (
+            MOVE.format(790, "SetDeleteDMFTDirectory"),
+            [("DelInstallProxyKey", 1), ("DeleteDMFTDirectory", 0)],
+            [FOLDER.rpartition("\\")[0], FOLDER, WRITTEN_LATER],
+        ),
+    ],
+    ids=["key behind values", "data before costs"],
+)
+def test_actions_at_other_places_miss_what_they_need(
+    clean_machine, folder, watching, query, runs, left
+):
+    changed = package.changed_copy(built_as_told(folder), "Transform-moved", query)
+    clean_machine.install(changed, "LAUNCHED_FROM_MIM=1")
+    clean_machine.prefix.host_path(WRITTEN_LATER).write_text("written later")
+
+    result = clean_machine.remove(changed, environment=watching)
+
+    came = action_runs(result.lines, package.library_actions(changed), result.results)
+    assert [(run.name, run.result) for run in came] == runs, result.report()
+    assert clean_machine.changes().of(Area.FILE, Kind.ADDED) == left
+    clean_machine.prefix.host_path(WRITTEN_LATER).unlink(missing_ok=True)
+    if left:
+        shutil.rmtree(clean_machine.prefix.host_path(left[0]))
+
+
+def built_with(folder: Path, *changes: tuple[str, str], switches: str = "--arch x64 ") -> Path:
+    """A package of the source with these texts exchanged, built by wixl, whatever it warns of."""
+    text = (folder / SOURCE).read_text()
+    for old, new in changes:
+        assert old in text
+        text = text.replace(old, new)
+    (folder / "changed.wxs").write_text(text)
+    changed = folder / "changed.msi"
+    command = ["wixl", *switches.split(), "-o", changed.name, "changed.wxs"]
+    subprocess.run(command, cwd=folder, check=True, capture_output=True)
+    return changed
+
+
+def test_wixl_leaves_out_what_the_example_says(folder):
+    declared = (
+        '<CustomAction Id="Undo" BinaryKey="Halvard_CA" DllEntry="RemovePVSchedularTask"'
+        ' Execute="rollback" Impersonate="no" Return="ignore"/>'
+        '<CustomAction Id="Command" Directory="TransformFolder" ExeCommand="schtasks /query"'
+        ' Execute="deferred" Impersonate="no" Return="ignore"/>'
+    )
+    secure = '<Property Id="DISABLEANALYTICS" Value="NO" Secure="yes"/>'
+    changed = built_with(folder, ("    <Feature Id=", f"{declared}{secure}    <Feature Id="))
+
+    assert package.library_actions(changed)["Undo"].execution is Execution.IMMEDIATE
+    assert "Command" not in [row[0] for row in package.table(changed, "CustomAction")]
+    properties = dict(package.table(changed, "Property"))
+    assert properties["DISABLEANALYTICS"] == "NO"
+    assert properties["SecureCustomProperties"] == "LAUNCHED_FROM_MIM"
+
+
+@pytest.mark.parametrize("switches, template", [("--arch x64", "x64;1033"), ("", "Intel;1033")])
+def test_wixl_makes_a_64_bit_package_only_when_told(folder, switches, template):
+    changed = built_with(folder, switches=switches)
+    summary = subprocess.run(
+        ["msiinfo", "suminfo", str(changed)], capture_output=True, text=True, check=True
+    )
+    assert f"Template: {template}\n" in summary.stdout.replace("\r", "")
+
+
+def test_wixl_places_actions_elsewhere_from_run_to_run(folder):
+    places = [
+        ('Sequence="10"', 'Before="AppSearch"'),
+        ('Sequence="2590"', 'Before="RemoveRegistryValues"'),
+        ('Sequence="3480"', 'Before="DeleteDMFTDirectory"'),
+        ('Sequence="3490"', 'Before="RemoveFiles"'),
+    ]
+    sequences = []
+    for _ in range(BUILDS):
+        changed = built_with(folder, *places)
+        sequences.append(package.table(changed, "InstallExecuteSequence"))
+        if sequences[0] != sequences[-1] and any(map(deferred_too_early, sequences)):
+            return
+    pytest.fail(f"{BUILDS} builds gave no two sequences, or none with a deferred action too early")
+
+
+def deferred_too_early(sequence: list[list[str]]) -> bool:
+    numbers = {name: int(number) for name, _, number in sequence}
+    return min(numbers[name] for name in DEFERRED) < numbers["InstallInitialize"]
