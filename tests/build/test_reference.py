@@ -446,6 +446,13 @@ def test_the_order_that_the_reference_advises_is_the_one_of_the_sample_package(s
     assert advised == sources.exports.keys()
 
 
+def test_the_reference_names_the_numbers_that_the_compiler_gives(sources, tmp_path):
+    numbers = re.findall(r"`(\w+)` (\d{4})\b", sources.reference)
+    assert len(numbers) >= 7
+    standard = built_sequence([], tmp_path)
+    assert numbers == [(name, str(standard[name])) for name, _ in numbers]
+
+
 def test_the_architecture_tells_which_subsystem_calls_which():
     text = (paths.ROOT / "docs/architecture.md").read_text()
     table = text.partition("| Subsystem |")[2].partition("\n\n")[0]

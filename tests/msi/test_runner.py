@@ -379,6 +379,18 @@ def test_the_help_tells_the_exit_codes(call, option):
     ]
 
 
+@pytest.mark.parametrize(
+    "typed, came", [('C:\\my dir\\"', 'C:\\my dir"'), ('C:\\my dir\\\\"', "C:\\my dir\\")]
+)
+def test_a_backslash_before_a_closing_quote_is_doubled(call, prefix, typed, came):
+    runner = paths.windows_path(paths.RUNNER)
+    script = prefix.throwaway / "quoted.cmd"
+    script.write_text(f'@{runner} DeleteDMFTDirectory "CustomActionData=InstallDir={typed}\r\n')
+    done = call("/c", rf"t:\{script.name}", program="cmd.exe")
+    assert (done.code, done.errors) == (SUCCESS, "")
+    assert done.output.startswith(f"log         CustomActionData: InstallDir={came}\n")
+
+
 def test_the_version_is_that_of_the_project(call):
     version = re.search(r"VERSION (\d+\.\d+\.\d+)\n", paths.CMAKE_LISTS.read_text())[1]
     done = call("--version")

@@ -9,7 +9,7 @@ from typing import Iterator
 import pytest
 
 from installer import package, paths, session
-from installer.log import Execution, action_runs
+from installer.log import ActionDefinition, Execution, action_runs
 from installer.machine import Area, Kind
 from installer.prefix import Prefix
 
@@ -210,19 +210,36 @@ def built_with(folder: Path, *changes: tuple[str, str], switches: str = "--arch 
 
 def test_wixl_leaves_out_what_the_example_says(folder):
     declared = (
-        '<CustomAction Id="Undo" BinaryKey="Halvard_CA" DllEntry="RemovePVSchedularTask"'
+        '<CustomAction Id="UndoTask" BinaryKey="Halvard_CA" DllEntry="RemovePVSchedularTask"'
         ' Execute="rollback" Impersonate="no" Return="ignore"/>'
-        '<CustomAction Id="Command" Directory="TransformFolder" ExeCommand="schtasks /query"'
+        '<CustomAction Id="RemoveTask" Directory="TARGETDIR" ExeCommand="schtasks /query"'
         ' Execute="deferred" Impersonate="no" Return="ignore"/>'
     )
     secure = '<Property Id="DISABLEANALYTICS" Value="NO" Secure="yes"/>'
-    changed = built_with(folder, ("    <Feature Id=", f"{declared}{secure}    <Feature Id="))
+    elsewhere = '<RemoveFolder Id="Elsewhere" Directory="TransformFolder" On="uninstall"/>'
+    changed = built_with(
+        folder,
+        ("    <Feature Id=", f"{declared}{secure}    <Feature Id="),
+        ("            <RemoveFolder", f"            {elsewhere}<RemoveFolder"),
+    )
 
-    assert package.library_actions(changed)["Undo"].execution is Execution.IMMEDIATE
-    assert "Command" not in [row[0] for row in package.table(changed, "CustomAction")]
+    assert package.library_actions(changed)["UndoTask"].execution is Execution.IMMEDIATE
+    assert "RemoveTask" not in [row[0] for row in package.table(changed, "CustomAction")]
+    folders = {row[0]: row[3] for row in package.table(changed, "RemoveFile")}
+    assert folders["Elsewhere"] == "ZenvoFolder"
     properties = dict(package.table(changed, "Property"))
     assert properties["DISABLEANALYTICS"] == "NO"
     assert properties["SecureCustomProperties"] == "LAUNCHED_FROM_MIM"
+
+    (mending,) = blocks("sh")
+    command = mending.replace(PACKAGE, changed.name)
+    subprocess.run(["bash", "-e", "-c", command], cwd=folder, check=True)
+
+    mended = ActionDefinition(Execution.ROLLBACK, result_ignored=True)
+    assert package.library_actions(changed)["UndoTask"] == mended
+    rows = {row[0]: row[1:4] for row in package.table(changed, "CustomAction")}
+    command_line = "schtasks /delete /TN ZenvoElevated /F"
+    assert rows["RemoveTask"] == ["3170", "TARGETDIR", command_line]
 
 
 @pytest.mark.parametrize("switches, template", [("--arch x64", "x64;1033"), ("", "Intel;1033")])

@@ -17,7 +17,8 @@ The action runs for real: on this machine, with the rights of the caller, in the
 system folder as under the installer. It gets an installer session of its own
 that holds the given properties, such as CustomActionData="Key=value;Key=value",
 and nothing of a package. Property names keep their case; a value is taken as it
-is, and square brackets in it are not replaced.
+is, and square brackets in it are not replaced. A backslash right before a
+closing quote has to be doubled, or the quote becomes part of the value.
 
   list         the names that the library exports, one a line
   --dll PATH   the library; Halvard_CA.dll beside this program without it
