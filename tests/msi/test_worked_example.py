@@ -19,6 +19,7 @@ FOLDER = r"C:\Program Files\Zenvo\Transform"
 SETTINGS, WRITTEN_LATER = rf"{FOLDER}\Transform.ini", rf"{FOLDER}\cache.bin"
 KEY = r"HKLM\Software\Wow6432Node\Qorta\Sable\Settings\Kiln\Install"
 
+OTHERWISE = ["UndoTask", "CommitTask"]
 DEFERRED = ["DelInstallProxyKey", "DeleteDMFTDirectory"]
 # About half of them show it.
 BUILDS = 40
@@ -209,9 +210,11 @@ def built_with(folder: Path, *changes: tuple[str, str], switches: str = "--arch 
 
 
 def test_wixl_leaves_out_what_the_example_says(folder):
-    declared = (
-        '<CustomAction Id="UndoTask" BinaryKey="Halvard_CA" DllEntry="RemovePVSchedularTask"'
-        ' Execute="rollback" Impersonate="no" Return="ignore"/>'
+    declared = "".join(
+        f'<CustomAction Id="{name}" BinaryKey="Halvard_CA" DllEntry="RemovePVSchedularTask"'
+        f' Execute="{execution}" Impersonate="no" Return="ignore"/>'
+        for name, execution in zip(OTHERWISE, ("rollback", "commit"))
+    ) + (
         '<CustomAction Id="RemoveTask" Directory="TARGETDIR" ExeCommand="schtasks /query"'
         ' Execute="deferred" Impersonate="no" Return="ignore"/>'
     )
@@ -223,7 +226,8 @@ def test_wixl_leaves_out_what_the_example_says(folder):
         ("            <RemoveFolder", f"            {elsewhere}<RemoveFolder"),
     )
 
-    assert package.library_actions(changed)["UndoTask"].execution is Execution.IMMEDIATE
+    declared_otherwise = [package.library_actions(changed)[name] for name in OTHERWISE]
+    assert [action.execution for action in declared_otherwise] == [Execution.IMMEDIATE] * 2
     assert "RemoveTask" not in [row[0] for row in package.table(changed, "CustomAction")]
     folders = {row[0]: row[3] for row in package.table(changed, "RemoveFile")}
     assert folders["Elsewhere"] == "ZenvoFolder"
