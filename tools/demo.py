@@ -1,6 +1,6 @@
-"""Lets the real installer refuse, install and remove the sample package, a second product that
-carries the agent meanwhile, and shows what happened: in the terminal, in build/demo/report.html and
-in build/demo/report.json.
+"""Lets the real installer refuse, install, upgrade and remove the sample package, a second product
+that carries the agent meanwhile, and shows what happened: in the terminal, in
+build/demo/report.html and in build/demo/report.json.
 
 Exit code 0 when all runs went as they should, 1 when one did not, 130 after Ctrl-C.
 """
@@ -17,7 +17,7 @@ from typing import Callable
 
 from installer import companion, facts, machine, package, page, paths, report, session
 from installer.facts import Expectation, Report, SessionFacts
-from installer.log import ActionDefinition, ActionRun, action_runs
+from installer.log import ActionDefinition, ActionRun, ExportCall, action_runs, inner_calls
 from installer.machine import Area, Difference, Kind
 from installer.prefix import Prefix
 from installer.session import SessionResult
@@ -28,10 +28,12 @@ TITLE = "Installer sessions of the sample packages"
 
 @dataclass
 class Outcome:
-    """What came of one installer run; `told` are the commands that the companion tools got."""
+    """What came of one installer run; `inner` are the calls of the session inside of it that
+    removed an older version, `told` the commands that the companion tools got."""
 
     result: SessionResult
     runs: list[ActionRun]
+    inner: list[ExportCall]
     difference: Difference
     since_beginning: Difference
     told: list[str]
@@ -65,10 +67,11 @@ def _run_demo() -> int:
     progress = _Progress()
     progress.say("building the packages")
     companion_package = package.build()
+    newer_package = package.build(version=companion.NEXT_VERSION)
     second_package = package.build(package.SECOND_CLIENT)
     definitions = package.library_actions(companion_package)
     definitions |= package.library_actions(second_package)
-    steps = _steps(paths.windows_path(companion_package), paths.windows_path(second_package))
+    steps = _steps(*map(paths.windows_path, (companion_package, newer_package, second_package)))
 
     progress.say("making a fresh Wine prefix")
     made = datetime.now().isoformat(timespec="seconds")
@@ -107,13 +110,17 @@ def _run_steps(
                 progress=progress.still_running,
                 environment=watching,
             )
+            told = companion.told(prefix)
+            prefix.host_path(companion.RECORD).unlink(missing_ok=True)
             after = machine.snapshot(prefix)
+            runs = action_runs(result.lines, definitions, result.calls)
             outcome = Outcome(
                 result,
-                action_runs(result.lines, definitions, result.results),
+                runs,
+                inner_calls(runs, result.calls),
                 machine.difference(before, after),
                 machine.difference(beginning, after),
-                companion.told(prefix),
+                told,
             )
             expectations = step.expectations(outcome)
             sessions.append(
@@ -143,7 +150,7 @@ def _write(shown: Report) -> None:
         _say(f"report: {paths.shown(paths.REPORT / name)}")
 
 
-def _steps(package_path: str, second_path: str) -> list[Step]:
+def _steps(package_path: str, newer_path: str, second_path: str) -> list[Step]:
     return [
         Step(
             "Install without LAUNCHED_FROM_MIM",
@@ -185,9 +192,18 @@ def _steps(package_path: str, second_path: str) -> list[Step]:
             "taken away.",
         ),
         Step(
+            f"Upgrade to version {companion.NEXT_VERSION}, which removes the older one first",
+            "demo-upgraded",
+            ("/i", newer_path, "LAUNCHED_FROM_MIM=1", companion.WITH_AGENT),
+            _upgraded,
+            note="The removal is a session inside of this one and has no log here, so only what "
+            "its actions returned can be shown. The choice of features is made again: the engine "
+            "here does not carry it over.",
+        ),
+        Step(
             "Remove, after the applications have written files of their own",
             "demo-removed",
-            ("/x", package_path),
+            ("/x", newer_path),
             _removed,
             companion.write_as_the_applications_do,
             note="No client is left: CheckForClients answers 0, and the agent goes.",
@@ -198,8 +214,7 @@ def _steps(package_path: str, second_path: str) -> list[Step]:
 def _refused(outcome: Outcome) -> list[Expectation]:
     return [
         _exit_code(outcome, session.INSTALL_FAILURE),
-        _verdicts(outcome, "BlockLaunch 0 failed"),
-        _logged(outcome, [companion.REFUSAL_LINE, *companion.REFUSAL_MESSAGE]),
+        *_actions(outcome, companion.refused_rows()),
         _untouched(outcome),
     ]
 
@@ -207,17 +222,7 @@ def _refused(outcome: Outcome) -> list[Expectation]:
 def _installed(outcome: Outcome) -> list[Expectation]:
     return [
         _exit_code(outcome, 0),
-        _agents_verdicts(outcome, companion.INSTALL_RUNS, companion.AGENT_INSTALL_RUNS),
-        _logged(
-            outcome,
-            [companion.acceptance_line("1")] * 2
-            + companion.elevated_task_lines(getpass.getuser())
-            + companion.server_lines(getpass.getuser())
-            + companion.proxy_lines()
-            + companion.client_lines(companion.CLIENT)
-            + companion.agent_lines(getpass.getuser()),
-        ),
-        _answered(outcome, 0),
+        *_actions(outcome, companion.install_rows(getpass.getuser(), agent=True)),
         _status(outcome, companion.CLIENT, 1),
         _files(outcome, Kind.ADDED),
         _agent(outcome, Kind.ADDED),
@@ -231,12 +236,12 @@ def _installed(outcome: Outcome) -> list[Expectation]:
 def _second_installed(outcome: Outcome) -> list[Expectation]:
     return [
         _exit_code(outcome, 0),
-        _logged(
+        *_actions(
             outcome,
-            companion.client_lines(companion.SECOND_CLIENT)
-            + companion.agent_lines(getpass.getuser()),
+            companion.clients_rows(
+                companion.SECOND_CLIENT, getpass.getuser(), answer=session.NO_MORE_ITEMS
+            ),
         ),
-        _answered(outcome, session.NO_MORE_ITEMS),
         _status(outcome, companion.SECOND_CLIENT, 1),
         _identity(outcome),
     ]
@@ -245,8 +250,12 @@ def _second_installed(outcome: Outcome) -> list[Expectation]:
 def _second_removed(outcome: Outcome) -> list[Expectation]:
     return [
         _exit_code(outcome, 0),
-        _logged(outcome, companion.client_lines(companion.SECOND_CLIENT, removal=True)),
-        _answered(outcome, session.NO_MORE_ITEMS),
+        *_actions(
+            outcome,
+            companion.clients_removal_rows(
+                companion.SECOND_CLIENT, companion.SECOND_CLIENT, answer=session.NO_MORE_ITEMS
+            ),
+        ),
         _status(outcome, companion.SECOND_CLIENT, 2),
         _agent(outcome, Kind.REMOVED),
         _identity(outcome),
@@ -256,13 +265,27 @@ def _second_removed(outcome: Outcome) -> list[Expectation]:
 def _repaired(outcome: Outcome) -> list[Expectation]:
     return [
         _exit_code(outcome, 0),
-        _agents_verdicts(outcome, companion.REPAIR_RUNS, companion.AGENT_INSTALL_RUNS),
-        _logged(
-            outcome,
-            companion.client_lines(companion.CLIENT) + companion.agent_lines(getpass.getuser()),
-        ),
-        _answered(outcome, 0),
+        *_actions(outcome, companion.clients_rows(companion.CLIENT, getpass.getuser())),
         _agent(outcome, Kind.ADDED),
+        _identity(outcome),
+    ]
+
+
+def _upgraded(outcome: Outcome) -> list[Expectation]:
+    version = companion.NEXT_VERSION
+    rows = companion.install_rows(getpass.getuser(), version=version, agent=True, tracked=0)
+    inner = companion.calls(companion.remove_rows(agent=True))
+    versions = [
+        str(change.after)
+        for change in outcome.difference.changes
+        if change.name == f"{companion.KEY} : Version"
+    ]
+    return [
+        _exit_code(outcome, 0),
+        *_actions(outcome, rows),
+        Expectation("removal of the older version", _called(inner), _called(outcome.inner)),
+        Expectation("version", f'"{version}"', ", ".join(versions)),
+        _told(outcome),
         _identity(outcome),
     ]
 
@@ -270,9 +293,7 @@ def _repaired(outcome: Outcome) -> list[Expectation]:
 def _removed(outcome: Outcome) -> list[Expectation]:
     return [
         _exit_code(outcome, 0),
-        _agents_verdicts(outcome, companion.REMOVE_RUNS, companion.AGENT_REMOVE_RUNS),
-        _logged(outcome, companion.removal_lines()),
-        _answered(outcome, 0),
+        *_actions(outcome, companion.remove_rows(version=companion.NEXT_VERSION, agent=True)),
         _status(outcome, companion.CLIENT, 2),
         _told(outcome),
         _files(outcome, Kind.REMOVED),
@@ -293,23 +314,26 @@ def _exit_code(outcome: Outcome, result: int) -> Expectation:
     )
 
 
-def _verdicts(outcome: Outcome, expected: str) -> Expectation:
-    came = ", ".join(f"{run.name} {run.verdict} {run.meaning}" for run in outcome.runs)
-    return Expectation("actions", expected, came or "none")
+def _actions(outcome: Outcome, rows: list[companion.Row]) -> list[Expectation]:
+    """The runs with their verdicts, results and data, and the lines that they logged."""
+
+    def shown(row: companion.Row) -> str:
+        data = "" if row.data is None else f" with {row.data}"
+        return f"{row.action} {row.outcome.value}, returned {row.result}{data}"
+
+    came = [companion.row(run) for run in outcome.runs]
+    return [
+        Expectation("actions", " / ".join(map(shown, rows)), " / ".join(map(shown, came))),
+        Expectation(
+            "lines of the actions",
+            " / ".join(companion.lines(rows)),
+            " / ".join(companion.lines(came)),
+        ),
+    ]
 
 
-def _agents_verdicts(outcome: Outcome, runs: list[str], agent_runs: list[str]) -> Expectation:
-    return _verdicts(outcome, ", ".join(companion.with_agent(runs, agent_runs)))
-
-
-def _logged(outcome: Outcome, expected: list[str]) -> Expectation:
-    came = [line for run in outcome.runs for line in run.lines]
-    return Expectation("lines of the actions", " / ".join(expected), " / ".join(came))
-
-
-def _answered(outcome: Outcome, result: int) -> Expectation:
-    came = [str(run.result) for run in outcome.runs if run.name == "CheckForClients"]
-    return Expectation("answer of CheckForClients", str(result), ", ".join(came))
+def _called(calls: list[ExportCall]) -> str:
+    return ", ".join(f"{call.export} returned {call.result}" for call in calls)
 
 
 def _status(outcome: Outcome, client: str, status: int) -> Expectation:
@@ -417,6 +441,17 @@ def _show(
     _say("")
     _say_all(report.action_table(outcome.runs))
     _say("")
+    if outcome.inner:
+        _say("The session inside called:")
+        _say_all(
+            textwrap.wrap(
+                _called(outcome.inner),
+                report.WIDTH,
+                initial_indent="    ",
+                subsequent_indent="    ",
+            )
+        )
+        _say("")
     if outcome.told:
         _say("The companion tools were told:")
         _say_all([f"    {line}" for line in outcome.told])

@@ -49,17 +49,17 @@ class CleanMachine:
             self.prefix.run("sc.exe", command, name)
 
     def clean_up(self) -> None:
-        # With the property, so that a package that refuses its removal spoils no other test.
+        registered = [name for _, name in machine.snapshot(self.prefix)]
         for package_path in self.installed:
-            session.remove(
-                self.prefix,
-                package_path,
-                "LAUNCHED_FROM_MIM=1",
-                log_name=self._log_name("clean-up"),
-            )
-        # A service that ran while its product was removed has kept its folder, and so the one above.
+            # The removal of what is not there runs as an installation here.
+            code = dict(package.table(package_path, "Property"))["ProductCode"]
+            if any(name.endswith(rf"\Uninstall\{code}") for name in registered):
+                session.remove(self.prefix, package_path, log_name=self._log_name("clean-up"))
+        # A service that ran while its product was removed has kept its folder, and so those above.
+        folder = self.prefix.host_path(companion.FOLDER)
+        shutil.rmtree(folder, ignore_errors=True)
         with suppress(OSError):
-            self.prefix.host_path(companion.FOLDER).parent.rmdir()
+            folder.parent.rmdir()
         for name in companion.COPIES_LEFT_BEHIND:
             for copy in self.prefix.drive_c.glob(f"users/*/Temp/{name}"):
                 copy.unlink()
@@ -124,6 +124,6 @@ def runs_of(companion_package: Path):
     definitions = package.library_actions(companion_package)
 
     def read(result: SessionResult) -> list[ActionRun]:
-        return action_runs(result.lines, definitions, result.results)
+        return action_runs(result.lines, definitions, result.calls)
 
     return read

@@ -161,7 +161,7 @@ def test_a_demo_that_is_cut_short_tells_what_it_has_and_why(monkeypatch):
         raise TimeoutError("msiexec did not end")
 
     written = []
-    monkeypatch.setattr(package, "build", lambda *_: paths.PACKAGES / "Companion.msi")
+    monkeypatch.setattr(package, "build", lambda *_, **__: paths.PACKAGES / "Companion.msi")
     monkeypatch.setattr(package, "library_actions", lambda _: {})
     monkeypatch.setattr(demo, "_run_steps", cut_short)
     monkeypatch.setattr(demo, "_write", written.append)

@@ -8,11 +8,13 @@ from installer.log import (
     ActionRun,
     Call,
     Execution,
+    ExportCall,
     LogLine,
     Outcome,
     action_runs,
+    inner_calls,
 )
-from installer.session import GrowingLog, log_encoding, traced_results
+from installer.session import GrowingLog, log_encoding, traced_calls
 
 IMMEDIATE = ActionDefinition(Execution.IMMEDIATE)
 
@@ -55,11 +57,19 @@ Action ended 1:30:58: Rollback. Return value 1.
 
 TRACED = """\
 00cc:trace:relay:load_list L"RelayInclude" = L"msi.__wine_msi_call_dll_function"
+0134:Call KERNEL32.GetProcAddress(392c80000,392d0984b "BlockLaunch") ret=392c7d303
 0134:Call msi.__wine_msi_call_dll_function(000000e0,0206fe20) ret=140001e39
 0140:Call PE DLL (proc=0000000170068C10,module=0000000170000000 L"ntdll.dll",res=0) retval=1
+0134:Call KERNEL32.GetProcAddress(7b600000,1800b5ac5 "IsWow64Process") ret=1800b0331
+0134:Ret  KERNEL32.GetProcAddress() retval=7b60e484 ret=1800b0331
+0134:Call KERNEL32.GetProcAddress(180000000,010a8f10 "CheckForClients") ret=392c89d17
+0134:Ret  KERNEL32.GetProcAddress() retval=18001cde0 ret=392c89d17
+0134:Call KERNEL32.GetProcAddress(180000000,010a8f10 "BlockLaunch") ret=392c89d17
 0134:Ret  msi.__wine_msi_call_dll_function() retval=00000103 ret=140001e39
 0144:Call msi.__wine_msi_call_dll_function(000000e0,0236fe20) ret=140001e39
+0144:Call KERNEL32.GetProcAddress(180000000,010a8f10 "LaunchPV") ret=392c89d17
 0168:Call msi.__wine_msi_call_dll_function(000000e0,0206fe20) ret=140001e39
+0168:Call KERNEL32.GetProcAddress(180000000,010a8f10 "BlockLaunch") ret=392c89d17
 0168:Ret  msi.__wine_msi_call_dll_function() retval=00000643 ret=140001e39
 0134:Call msi.__wine_msi_call_dll_function(000000e0,0206fe20) ret=140001e39
 0134:Ret  msi.__wine_msi_call_dll_function() retval=00000000 ret=140001e39
@@ -68,29 +78,34 @@ TRACED = """\
 
 
 def runs(
-    text: str, results: Sequence[int | None] = (), **definitions: ActionDefinition
+    text: str, calls: Sequence[ExportCall] = (), **definitions: ActionDefinition
 ) -> list[ActionRun]:
     """The runs in a text whose lines arrive 10 ms apart."""
     lines = [LogLine(line, 10.0 * number) for number, line in enumerate(text.splitlines())]
-    return action_runs(lines, definitions, results)
+    return action_runs(lines, definitions, calls)
 
 
-def test_the_trace_tells_what_actions_returned_in_the_order_of_their_calls():
-    # The second one did not return.
-    assert traced_results(TRACED.splitlines()) == [259, None, 1603, 0]
-    assert traced_results([]) == []
+def test_the_trace_tells_what_the_exports_returned_in_the_order_of_their_calls():
+    exports = ["BlockLaunch", "CheckForClients", "LaunchPV"]
+    # The second one did not return, and the last call found no export.
+    assert traced_calls(TRACED.splitlines(), exports) == [
+        ExportCall("CheckForClients", 259),
+        ExportCall("LaunchPV", None),
+        ExportCall("BlockLaunch", 1603),
+    ]
+    assert traced_calls([], exports) == []
 
 
 def test_runs_get_the_results_of_their_calls():
     deferred = ActionDefinition(Execution.DEFERRED)
-    rollback = ActionDefinition(Execution.ROLLBACK)
-    came = runs(SCHEDULED, [259, None], Deferred=deferred, Rollback=rollback)
+    rollback = ActionDefinition(Execution.ROLLBACK, export="LaunchPV")
+    calls = [ExportCall("Deferred", 259), ExportCall("LaunchPV", None)]
+    came = runs(SCHEDULED, calls, Deferred=deferred, Rollback=rollback)
     assert [(run.name, run.result) for run in came] == [("Deferred", 259), ("Rollback", None)]
     assert [run.call for run in came] == [Call.RETURNED, Call.NOT_RETURNED]
-    for results in [], [259], [259, 0, 1], [None, 0, 1]:
-        came = runs(SCHEDULED, results, Deferred=deferred, Rollback=rollback)
-        assert [run.result for run in came] == [None, None]
-        assert [run.call for run in came] == [Call.NOT_WATCHED, Call.NOT_WATCHED]
+    assert inner_calls(came, calls) == []
+    came = runs(SCHEDULED, [], Deferred=deferred, Rollback=rollback)
+    assert [(run.call, run.result) for run in came] == [(Call.NOT_WATCHED, None)] * 2
 
 
 def test_nothing_is_called_behind_an_action_that_did_not_return():
@@ -99,17 +114,27 @@ def test_nothing_is_called_behind_an_action_that_did_not_return():
         f"Action start 1:00:00: {name}.\nAction ended 1:00:00: {name}. Return value 1.\n"
         for name in defined
     )
-    came = runs(ends, [0, None], **defined)
+    came = runs(ends, [ExportCall("A", 0), ExportCall("B", None)], **defined)
     assert [(run.call, run.result) for run in came] == [
         (Call.RETURNED, 0),
         (Call.NOT_RETURNED, None),
         (Call.NOT_CALLED, None),
         (Call.NOT_CALLED, None),
     ]
-    # Had the process ended at the first None, there would be no call behind it.
-    for results in [None, 0], [None, None], [0, 0]:
-        came = runs(ends, results, **defined)
-        assert {run.call for run in came} == {Call.NOT_WATCHED}, results
+
+
+def test_calls_of_a_session_inside_are_told_from_those_of_the_runs():
+    inside = [ExportCall("Rollback", 1), ExportCall("Other", 0)]
+    calls = [*inside, ExportCall("Deferred", 259), ExportCall("Deferred", 0)]
+    deferred = ActionDefinition(Execution.DEFERRED)
+    rollback = ActionDefinition(Execution.ROLLBACK)
+    came = runs(SCHEDULED, calls, Deferred=deferred, Rollback=rollback)
+    assert [(run.call, run.result) for run in came] == [
+        (Call.RETURNED, 259),
+        # The one call of its export stands before that of the run before it.
+        (Call.NOT_CALLED, None),
+    ]
+    assert inner_calls(came, calls) == [*inside, ExportCall("Deferred", 0)]
 
 
 def test_a_run_has_the_lines_between_its_start_and_its_end():

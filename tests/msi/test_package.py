@@ -6,7 +6,6 @@ import xml.etree.ElementTree as ElementTree
 import pytest
 
 from installer import companion, package, paths
-from installer.log import ActionDefinition, Execution
 
 
 AGENT_SEQUENCE = [
@@ -36,9 +35,12 @@ def test_company_version_and_description_are_those_of_the_project(companion_pack
     assert properties["ProductVersion"] == identity.version
 
 
-def test_the_property_of_the_install_manager_reaches_an_elevated_installation(companion_package):
+def test_the_properties_of_the_package_reach_an_elevated_installation(companion_package):
     properties = dict(package.table(companion_package, "Property"))
-    assert "LAUNCHED_FROM_MIM" in properties["SecureCustomProperties"].split(";")
+    passed_on = properties["SecureCustomProperties"].split(";")
+    # The first ones are those of the upgrade.
+    assert passed_on[-3:] == ["DISABLEANALYTICS", "LAUNCHED_FROM_MIM", "LAZESTART"]
+    assert len(passed_on) == 5
 
 
 def test_the_package_installs_for_the_machine(companion_package):
@@ -57,51 +59,6 @@ def test_the_refusal_comes_before_every_other_action(companion_package):
 def test_no_action_of_the_library_runs_a_second_time_in_the_user_interface(companion_package):
     in_interface = {row[0] for row in package.table(companion_package, "InstallUISequence")}
     assert in_interface.isdisjoint(package.library_actions(companion_package))
-
-
-def test_results_that_are_no_codes_of_the_installer_are_ignored(companion_package):
-    checked = ActionDefinition(Execution.DEFERRED)
-    ignored = ActionDefinition(Execution.DEFERRED, result_ignored=True)
-    assert package.library_actions(companion_package) == {
-        "BlockLaunch": ActionDefinition(Execution.IMMEDIATE),
-        "LaunchedFromMIM": ActionDefinition(Execution.IMMEDIATE, result_ignored=True),
-        "CreateLogonSchTask": checked,
-        "CreateDVRLogonSchTask": checked,
-        "CreateBenchMarkRunOnceSchTask": ignored,
-        "CreateTriggerlessElevatedScheduleTask": checked,
-        "DeleteSchedTaskonBranding": checked,
-        "LaunchPV": ignored,
-        "RemovePVSchedularTask": ignored,
-        "RemoveDVRSchedularTask": ignored,
-        "RemoveBenchMarkRunOnceSchedularTask": ignored,
-        "SetPermissionsRegisterDLL": checked,
-        "UnregisterDLL": ignored,
-        "ShutDownPivotConsole": ignored,
-        "TerminatePivotApp": ignored,
-        "ShutDownDVR": ignored,
-        "TerminateDVRApp": ignored,
-        "DeleteServiceIfBinaryIsInDirectory": ignored,
-        "DeleteXVRFolder": ignored,
-        "DeleteDMFTDirectory": ignored,
-        "DeletePVSlimINSTALLDIRFolder": ignored,
-        "DeletePVFolder": ignored,
-        "DeletePVINSTALLDIRFolder": ignored,
-        "EnableAnalyticsKey": checked,
-        "DisabelAnalyticsKey": ActionDefinition(Execution.IMMEDIATE),
-        "DeleteAnalyticsKey": ignored,
-        "TrackDVRAnalytics": ignored,
-        "SetDCLogFileRegistry": ignored,
-        "DeleteandRetainValues": ignored,
-        "InstallContextMenuMSIX": ignored,
-        "LaunchInstallProxyPV": ignored,
-        "DelInstallProxyKey": ignored,
-        "DeleteOptiqCameraGUID": ignored,
-        "DeleteQortaKey": ignored,
-        "CheckForClients": checked,
-        "PreInstallUPA": ignored,
-        "PostInstallUPA": checked,
-        "AfterInstallUPA": ignored,
-    }
 
 
 def test_a_command_that_wixl_leaves_out_is_in_the_package(companion_package):
@@ -143,6 +100,16 @@ def test_task_definitions_are_compact_and_in_the_order_of_the_task_schema(name):
         assert "LogonTrigger" in texts
     # The reader here takes no longer document in this encoding.
     assert len(text) < 4000
+
+
+def test_a_newer_package_is_another_product_that_upgrades_the_older_one(companion_package):
+    older, newer = (
+        dict(package.table(source, "Property"))
+        for source in (companion_package, package.build(version=companion.NEXT_VERSION))
+    )
+    assert newer["ProductVersion"] == companion.NEXT_VERSION != older["ProductVersion"]
+    assert newer["ProductCode"] != older["ProductCode"]
+    assert newer["UpgradeCode"] == older["UpgradeCode"]
 
 
 def test_every_action_gets_the_type_that_its_source_asks_for(executions_package):

@@ -1,47 +1,10 @@
-"""Removal of the sample package: folders with all they hold, processes, the service, the COM server."""
+"""Removals of the sample package that meet what they must not touch."""
 
-import getpass
 import shutil
-
-import pytest
 
 from installer import companion, package
 from installer.log import Call, Outcome
 from installer.machine import Area, Kind
-
-
-@pytest.fixture
-def installed(clean_machine, companion_package):
-    result = clean_machine.install(companion_package, "LAUNCHED_FROM_MIM=1")
-    assert result.exit_code == 0, result.report()
-    return result
-
-
-def test_installation_starts_the_service_and_registers_the_server(clean_machine, installed, runs_of):
-    changes = clean_machine.changes()
-    assert companion.SERVICE in changes.of(Area.SERVICE, Kind.ADDED)
-    assert companion.SERVER_VALUE in changes.of(Area.REGISTRY, Kind.ADDED)
-    runs = {run.name: run for run in runs_of(installed)}
-    lines = companion.server_lines(getpass.getuser())
-    assert runs["SetPermissionsRegisterDLL"].lines == lines, installed.report()
-
-
-def test_removal_takes_away_what_the_installer_does_not_know(
-    clean_machine, companion_package, installed, runs_of
-):
-    companion.write_as_the_applications_do(clean_machine.prefix)
-    result = clean_machine.remove(companion_package)
-    runs = runs_of(result)
-
-    assert result.exit_code == 0, result.report()
-    verdicts = [f"{run.name} {run.verdict} {run.meaning}" for run in runs]
-    assert verdicts == companion.REMOVE_RUNS, result.report()
-    lines = [line for run in runs for line in run.lines]
-    assert lines == companion.removal_lines(), result.report()
-    assert companion.told(clean_machine.prefix) == companion.TOLD_ON_REMOVAL, result.report()
-    assert not clean_machine.prefix.host_path(companion.FOLDER).exists(), result.report()
-    left = [change.name for change in clean_machine.changes().changes]
-    assert [name for name in left if not name.endswith(companion.LEFT_BEHIND)] == []
 
 
 def test_a_link_in_a_folder_keeps_what_lies_behind_it(

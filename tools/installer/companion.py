@@ -1,9 +1,16 @@
 """What the sample package says and leaves on a machine, for the demo and the tests."""
 
-from installer import package
+from dataclasses import dataclass
+from typing import Sequence
+
+from installer import package, session
+from installer.log import ActionRun, Execution, ExportCall, Outcome
 from installer.prefix import Prefix
 
 _IDENTITY = package.project_identity()
+VERSION = _IDENTITY.version
+# That of a package that upgrades this one.
+NEXT_VERSION = "1.1.0"
 
 NAME = f"{_IDENTITY.company} Companion"
 FOLDER = f"C:\\Program Files\\{_IDENTITY.company}\\Companion"
@@ -12,6 +19,8 @@ KEY = f"HKLM\\Software\\{_IDENTITY.company}\\Companion"
 FILES = [
     f"{FOLDER}\\Brand\\Brand.ini",
     f"{FOLDER}\\DVR\\VSServCmd.exe",
+    f"{FOLDER}\\DVR\\ZenvoVSServ.exe",
+    f"{FOLDER}\\Kiln-InstallProxy-Net4\\Kiln.InstallProxy.exe",
     f"{FOLDER}\\Pivot\\Pivot.ini",
     f"{FOLDER}\\Pivot\\Profiles.ini",
     f"{FOLDER}\\Pivot\\StartDVR.xml",
@@ -21,9 +30,15 @@ FILES = [
     f"{FOLDER}\\Recorder\\XVR\\Recorder.ini",
     f"{FOLDER}\\Server\\CompanionServer.dll",
     f"{FOLDER}\\Service\\CompanionService.exe",
+    f"{FOLDER}\\Slim\\CLI.exe",
     f"{FOLDER}\\Slim\\Slim.ini",
     f"{FOLDER}\\Transform\\Transform.ini",
     f"{FOLDER}\\readme.txt",
+]
+# These lie where the library looks for them.
+CONTEXT_MENU_FILES = [
+    r"C:\Program Files\ContextMenuDemo\MyKey.cer",
+    r"C:\Program Files\ContextMenuDemo\PhotoStoreDemoPkg.msix",
 ]
 # Files that the applications write while they are installed. The installer does not know them: only
 # the actions that remove whole folders take them away.
@@ -37,57 +52,12 @@ WRITTEN_SINCE = [
 ]
 VALUES = {
     f"{KEY} : InstallDir": f'"{FOLDER}\\"',
-    f"{KEY} : Version": f'"{_IDENTITY.version}"',
+    f"{KEY} : Version": f'"{VERSION}"',
 }
 
 SERVICE = f"{_IDENTITY.company}Companion"
 SERVER_VALUE = r"HKLM\Software\HalvardComServer : Path"
 TASKS = ["StartDVR", "StartPV", "StartPVBM", "ZenvoElevated"]
-
-# The actions of the library that an installation and a removal run, in their order, as the installer
-# judges them. What an action declared to be ignored returned does not show.
-INSTALL_RUNS = [
-    "BlockLaunch 1 succeeded",
-    "LaunchedFromMIM 1 result ignored",
-    "CreateLogonSchTask 1 succeeded",
-    "CreateDVRLogonSchTask 1 succeeded",
-    "CreateBenchMarkRunOnceSchTask 1 result ignored",
-    "CreateTriggerlessElevatedScheduleTask 1 succeeded",
-    "DeleteSchedTaskonBranding 1 succeeded",
-    "LaunchPV 1 result ignored",
-    "SetPermissionsRegisterDLL 1 succeeded",
-    "EnableAnalyticsKey 1 succeeded",
-    "TrackDVRAnalytics 1 result ignored",
-    "SetDCLogFileRegistry 1 result ignored",
-    "InstallContextMenuMSIX 1 result ignored",
-    "LaunchInstallProxyPV 1 result ignored",
-    "CheckForClients 1 succeeded",
-    "DisabelAnalyticsKey 1 succeeded",
-]
-REMOVE_RUNS = [
-    "RemovePVSchedularTask 1 result ignored",
-    "RemoveDVRSchedularTask 1 result ignored",
-    "RemoveBenchMarkRunOnceSchedularTask 1 result ignored",
-    "ShutDownPivotConsole 1 result ignored",
-    "TerminatePivotApp 1 result ignored",
-    "ShutDownDVR 1 result ignored",
-    "TerminateDVRApp 1 result ignored",
-    "DeleteServiceIfBinaryIsInDirectory 1 result ignored",
-    "UnregisterDLL 1 result ignored",
-    "DeleteXVRFolder 1 result ignored",
-    "DeleteDMFTDirectory 1 result ignored",
-    "DeletePVSlimINSTALLDIRFolder 1 result ignored",
-    "DeletePVFolder 1 result ignored",
-    "DeletePVINSTALLDIRFolder 1 result ignored",
-    "DeleteandRetainValues 1 result ignored",
-    "DeleteOptiqCameraGUID 1 result ignored",
-    "DeleteAnalyticsKey 1 result ignored",
-    "DelInstallProxyKey 1 result ignored",
-    "DeleteQortaKey 1 result ignored",
-    "CheckForClients 1 succeeded",
-]
-# A repair is an installation to the agent, and nothing to the other actions.
-REPAIR_RUNS = ["CheckForClients 1 succeeded"]
 
 # The products that carry the agent, by the names under which it knows them, and where it does.
 CLIENT = "Companion"
@@ -99,12 +69,6 @@ LAST_CLIENT_KEY = r"HKCU\Software\Telo"
 # The agent, which the products carry and install on request: its actions stand behind
 # CheckForClients.
 WITH_AGENT = "ADDLOCAL=ALL"
-AGENT_INSTALL_RUNS = [
-    "PreInstallUPA 1 result ignored",
-    "PostInstallUPA 1 succeeded",
-    "AfterInstallUPA 1 result ignored",
-]
-AGENT_REMOVE_RUNS = ["PreInstallUPA 1 result ignored"]
 AGENT_FOLDER = f"C:\\Program Files\\{_IDENTITY.company}\\Usage Profile Agent"
 AGENT_FILES = [f"{AGENT_FOLDER}\\TeloDU.exe", f"{AGENT_FOLDER}\\TeloMaster.exe"]
 AGENT_SERVICE = "TeloLauncher"
@@ -172,78 +136,221 @@ REFUSAL_MESSAGE = [
 ]
 
 
-def elevated_task_lines(user: str) -> list[str]:
-    """What CreateTriggerlessElevatedScheduleTask logs when this user installs."""
-    command = f"{FOLDER}\\Pivot\\pvcmd.exe"
+@dataclass(frozen=True)
+class Row:
+    """A run of an action as it should be: what it came to, what it returned, what data it got and
+    which lines it logged."""
+
+    action: str
+    kind: Execution
+    outcome: Outcome
+    result: int | None
+    data: str | None = None
+    lines: tuple[str, ...] = ()
+
+
+def row(run: ActionRun) -> Row:
+    """A run as it came."""
+    kind = run.definition.execution
+    return Row(run.name, kind, run.outcome, run.result, run.data, tuple(run.lines))
+
+
+def lines(rows: Sequence[Row]) -> list[str]:
+    """What all of them log."""
+    return [line for each in rows for line in each.lines]
+
+
+def calls(rows: Sequence[Row]) -> list[ExportCall]:
+    """The calls of these runs, whose actions have the names of their exports."""
+    return [ExportCall(each.action, each.result) for each in rows]
+
+
+def refused_rows() -> list[Row]:
+    """The runs of an installation that the install manager did not start."""
+    logged = [REFUSAL_LINE, *REFUSAL_MESSAGE]
+    return [_immediate("BlockLaunch", Outcome.FAILED, session.INSTALL_FAILURE, logged)]
+
+
+def accepted_rows() -> list[Row]:
+    """The first runs of an installation that the install manager started."""
+    logged = [acceptance_line("1")]
     return [
-        f"CustomActionData: Username={user};TaskName=ZenvoElevated;CommandToLaunch={command}",
-        "Task Name ZenvoElevated",
-        f"Command to launch {command}",
-        f"Username {user}",
+        _immediate("BlockLaunch", Outcome.SUCCEEDED, 0, logged),
+        _immediate("LaunchedFromMIM", Outcome.IGNORED, 0, logged),
     ]
 
 
-def server_lines(user: str) -> list[str]:
-    """What SetPermissionsRegisterDLL logs when this user installs."""
-    data = f"InstallDir={FOLDER}\\Server\\;DLLName=CompanionServer.dll;Username={user}"
+def install_rows(
+    user: str,
+    folder: str = FOLDER,
+    version: str = VERSION,
+    agent: bool = False,
+    tracked: int = 1,
+) -> list[Row]:
+    """The runs of an installation by this user; `tracked` is what TrackDVRAnalytics returns."""
     return [
-        f"CustomActionData: {data}",
-        f"DLL Path {FOLDER}\\Server\\",
-        "DLL Name CompanionServer.dll",
-        f"Username {user}",
+        *accepted_rows(),
+        _checked("CreateLogonSchTask"),
+        _checked("CreateDVRLogonSchTask"),
+        _ignored("CreateBenchMarkRunOnceSchTask", 0),
+        elevated_task_row(user, folder),
+        _checked("DeleteSchedTaskonBranding"),
+        _ignored("LaunchPV", 1),
+        _server_row("SetPermissionsRegisterDLL", folder, user),
+        _checked("EnableAnalyticsKey"),
+        _ignored("TrackDVRAnalytics", tracked),
+        _ignored("SetDCLogFileRegistry", 0),
+        _ignored("InstallContextMenuMSIX", 0),
+        # Nothing is deleted, whatever the line says, and the tool is not started.
+        _ignored(
+            "LaunchInstallProxyPV",
+            0,
+            f"{folder}\\",
+            [f"QUENBY_CA DeleteFolder: {folder}\\Slim\\CLI.exe "],
+        ),
+        *clients_rows(CLIENT, user, version, agent=agent),
+        _immediate("DisabelAnalyticsKey", Outcome.SUCCEEDED, 0),
     ]
 
 
-def proxy_lines() -> list[str]:
-    """What LaunchInstallProxyPV logs; nothing is deleted, whatever its line says."""
-    return [f"QUENBY_CA DeleteFolder: {FOLDER}\\Slim\\CLI.exe "]
-
-
-def client_lines(client: str, removal: bool = False) -> list[str]:
-    """What CheckForClients logs for this client, on a removal the last that this user installed."""
-    action = "ALL" if removal else ""
-    version = _IDENTITY.version
+def remove_rows(
+    folder: str = FOLDER,
+    version: str = VERSION,
+    last_client: str = CLIENT,
+    answer: int = 0,
+    agent: bool = False,
+) -> list[Row]:
+    """The runs of a removal, which counts for the client that ran last."""
+    service = f"ServiceName={SERVICE};DirectoryOfBinary={folder}\\Service\\"
+    transform = f"InstallDir={folder}\\Transform\\"
     return [
-        f"CustomActionData: ClientName={client};Action={action};CurrentVersion={version}",
-        f"Client Name {client}",
-        f"Action {action}",
-        f"Current Version {version}",
-        *([f"Client Name (Uninstall) {client}"] if removal else []),
+        _ignored("RemovePVSchedularTask", 1),
+        _ignored("RemoveDVRSchedularTask", 1),
+        _ignored("RemoveBenchMarkRunOnceSchedularTask", 1),
+        _ignored("ShutDownPivotConsole", 0),
+        # Its start is refused for its working directory.
+        _ignored("TerminatePivotApp", session.INSTALL_FAILURE),
+        _ignored("ShutDownDVR", 0),
+        _ignored("TerminateDVRApp", 0),
+        _ignored(
+            "DeleteServiceIfBinaryIsInDirectory", 0, service, [f"CustomActionData: {service}"]
+        ),
+        _server_row("UnregisterDLL", folder),
+        _ignored("DeleteXVRFolder", 0),
+        _ignored("DeleteDMFTDirectory", 0, transform, [f"CustomActionData: {transform}"]),
+        _ignored("DeletePVSlimINSTALLDIRFolder", 0),
+        _ignored("DeletePVFolder", 0),
+        _ignored("DeletePVINSTALLDIRFolder", 0),
+        _ignored("DeleteandRetainValues", 0),
+        # Reversed: this is a clean run.
+        _ignored("DeleteOptiqCameraGUID", session.INSTALL_FAILURE),
+        _ignored("DeleteAnalyticsKey", 0, None, ["UPA Key deleted"]),
+        _ignored(
+            "DelInstallProxyKey",
+            1,
+            None,
+            [
+                "QUENBY_CA: DelInstallProxyKey  ",
+                "",
+                "QUENBY_CA: DelInstallProxyKey successfully  ",
+            ],
+        ),
+        _ignored("DeleteQortaKey", 0),
+        *clients_removal_rows(CLIENT, last_client, version, answer, agent),
     ]
 
 
-def with_agent(runs: list[str], agent_runs: list[str]) -> list[str]:
-    """These runs with those of the agent behind CheckForClients."""
-    index = runs.index("CheckForClients 1 succeeded") + 1
-    return [*runs[:index], *agent_runs, *runs[index:]]
+def clients_rows(
+    client: str, user: str, version: str = VERSION, answer: int = 0, agent: bool = True
+) -> list[Row]:
+    """The runs for the agent when a product that carries it is installed or repaired. What stands
+    behind 259 runs here all the same."""
+    rows = [_clients_row(client, "", version, answer)]
+    if agent:
+        rows += [_ignored("PreInstallUPA", 0), _agent_row(user), _ignored("AfterInstallUPA", 0)]
+    return rows
 
 
-def agent_lines(user: str) -> list[str]:
-    """What PostInstallUPA logs when this user installs."""
+def clients_removal_rows(
+    client: str,
+    last_client: str,
+    version: str = VERSION,
+    answer: int = 0,
+    agent: bool = True,
+) -> list[Row]:
+    """The runs for the agent when a product that carries it is removed."""
+    logged = [f"Client Name (Uninstall) {last_client}"]
+    rows = [_clients_row(client, "ALL", version, answer, logged)]
+    if agent:
+        rows.append(_ignored("PreInstallUPA", 0))
+    return rows
+
+
+def elevated_task_row(user: str, folder: str = FOLDER) -> Row:
+    command = f"{folder}\\Pivot\\pvcmd.exe"
+    data = f"Username={user};TaskName=ZenvoElevated;CommandToLaunch={command}"
+    return _checked(
+        "CreateTriggerlessElevatedScheduleTask",
+        0,
+        data,
+        [
+            f"CustomActionData: {data}",
+            "Task Name ZenvoElevated",
+            f"Command to launch {command}",
+            f"Username {user}",
+        ],
+    )
+
+
+def _immediate(
+    action: str, outcome: Outcome, result: int | None, logged: Sequence[str] = ()
+) -> Row:
+    return Row(action, Execution.IMMEDIATE, outcome, result, None, tuple(logged))
+
+
+def _checked(
+    action: str, result: int | None = 0, data: str | None = None, logged: Sequence[str] = ()
+) -> Row:
+    return Row(action, Execution.DEFERRED, Outcome.SUCCEEDED, result, data, tuple(logged))
+
+
+def _ignored(
+    action: str, result: int | None, data: str | None = None, logged: Sequence[str] = ()
+) -> Row:
+    return Row(action, Execution.DEFERRED, Outcome.IGNORED, result, data, tuple(logged))
+
+
+def _server_row(action: str, folder: str, user: str | None = None) -> Row:
+    data = f"InstallDir={folder}\\Server\\;DLLName=CompanionServer.dll"
+    logged = [f"DLL Path {folder}\\Server\\", "DLL Name CompanionServer.dll"]
+    if user is None:
+        return _ignored(action, 0, data, [f"CustomActionData: {data}", *logged])
+    data = f"{data};Username={user}"
+    return _checked(action, 0, data, [f"CustomActionData: {data}", *logged, f"Username {user}"])
+
+
+def _clients_row(
+    client: str, action: str, version: str, answer: int, logged: Sequence[str] = ()
+) -> Row:
+    data = f"ClientName={client};Action={action};CurrentVersion={version}"
+    first = [f"Client Name {client}", f"Action {action}", f"Current Version {version}"]
+    return _checked("CheckForClients", answer, data, [f"CustomActionData: {data}", *first, *logged])
+
+
+def _agent_row(user: str) -> Row:
     command = f"{AGENT_FOLDER}\\TeloMaster.exe"
-    return [
-        f"CustomActionData: TaskName={AGENT_TASK};CommandToLaunch={command};Username={user}",
-        f"Task Name {AGENT_TASK}",
-        f"Command to launch {command}",
-        f"Username {user}",
-    ]
-
-
-def removal_lines() -> list[str]:
-    """What the actions log during a removal."""
-    server = f"InstallDir={FOLDER}\\Server\\;DLLName=CompanionServer.dll"
-    return [
-        f"CustomActionData: ServiceName={SERVICE};DirectoryOfBinary={FOLDER}\\Service\\",
-        f"CustomActionData: {server}",
-        f"DLL Path {FOLDER}\\Server\\",
-        "DLL Name CompanionServer.dll",
-        f"CustomActionData: InstallDir={FOLDER}\\Transform\\",
-        "UPA Key deleted",
-        "QUENBY_CA: DelInstallProxyKey  ",
-        "",
-        "QUENBY_CA: DelInstallProxyKey successfully  ",
-        *client_lines(CLIENT, removal=True),
-    ]
+    data = f"TaskName={AGENT_TASK};CommandToLaunch={command};Username={user}"
+    return _checked(
+        "PostInstallUPA",
+        0,
+        data,
+        [
+            f"CustomActionData: {data}",
+            f"Task Name {AGENT_TASK}",
+            f"Command to launch {command}",
+            f"Username {user}",
+        ],
+    )
 
 
 def write_as_the_applications_do(prefix: Prefix) -> None:

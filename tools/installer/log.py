@@ -7,7 +7,7 @@ package and not in the log, so the caller says it.
 import re
 from dataclasses import dataclass, field
 from enum import Enum
-from typing import Iterable, Mapping, Sequence
+from typing import Iterable, Iterator, Mapping, Sequence
 
 FAILED = 0
 SUCCEEDED = 1
@@ -53,10 +53,19 @@ class Outcome(Enum):
 
 @dataclass(frozen=True)
 class ActionDefinition:
-    """What the package says of a custom action."""
+    """What the package says of a custom action; without an export it is that of the same name."""
 
     execution: Execution
     result_ignored: bool = False
+    export: str = ""
+
+
+@dataclass(frozen=True)
+class ExportCall:
+    """A call of one of the library's exports; `result` is None when it did not return."""
+
+    export: str
+    result: int | None
 
 
 @dataclass(frozen=True)
@@ -116,13 +125,13 @@ class ActionRun:
 def action_runs(
     lines: Sequence[LogLine],
     definitions: Mapping[str, ActionDefinition],
-    results: Sequence[int | None] = (),
+    calls: Sequence[ExportCall] = (),
 ) -> list[ActionRun]:
-    """The calls of the defined actions, in the order of their starts.
+    """The runs of the defined actions, in the order of their starts.
 
-    `results` are those of all calls of the session. An action that does not return ends the process
-    that hosts the actions, so the runs behind it are not called. Where the number of results differs
-    from that of the runs for another reason, no run gets one.
+    `calls` are those that the session's trace tells of, in their order, empty where it was not
+    watched. An action that does not return ends the process that hosts the actions, so those behind
+    it are not called.
     """
     runs: list[ActionRun] = []
     open_actions: list[tuple[str, ActionRun | None]] = []
@@ -142,19 +151,38 @@ def action_runs(
         run.lines = _without_trailing_blanks(run.lines)
         if run.definition.execution is not Execution.IMMEDIATE:
             run.data = properties.get(run.name)
-    _give_results(runs, results)
+    if calls:
+        _give_results(runs, calls)
     return runs
 
 
-def _give_results(runs: Sequence[ActionRun], results: Sequence[int | None]) -> None:
-    cut_short = None in results and results.index(None) == len(results) - 1 < len(runs) - 1
-    if len(results) != len(runs) and not cut_short:
-        return
-    for run, result in zip(runs, results):
-        run.result = result
-        run.call = Call.NOT_RETURNED if result is None else Call.RETURNED
-    for run in runs[len(results) :]:
+def inner_calls(runs: Sequence[ActionRun], calls: Sequence[ExportCall]) -> list[ExportCall]:
+    """The calls that are none of these runs': those of a session inside of this one, which has no
+    log of its own, as when an older version is removed by the installation of a newer one."""
+    own = {call for _, call in _own_calls(runs, calls)}
+    return [call for number, call in enumerate(calls) if number not in own]
+
+
+def _give_results(runs: Sequence[ActionRun], calls: Sequence[ExportCall]) -> None:
+    for run in runs:
         run.call = Call.NOT_CALLED
+    for run, number in _own_calls(runs, calls):
+        run.result = calls[number].result
+        run.call = Call.NOT_RETURNED if run.result is None else Call.RETURNED
+
+
+def _own_calls(
+    runs: Sequence[ActionRun], calls: Sequence[ExportCall]
+) -> Iterator[tuple[ActionRun, int]]:
+    """Each run with the number of its call: the next one of its export."""
+    exports = [call.export for call in calls]
+    start = 0
+    for run in runs:
+        export = run.definition.export or run.name
+        if export in exports[start:]:
+            number = exports.index(export, start)
+            start = number + 1
+            yield run, number
 
 
 def _begun(

@@ -60,18 +60,25 @@ def project_identity() -> Identity:
     )
 
 
-def build(source: Path = COMPANION, library: Path = paths.LIBRARY) -> Path:
-    """Builds a package around the library; its name is that of the source."""
-    package = paths.PACKAGES / f"{source.stem}.msi"
+def build(
+    source: Path = COMPANION, library: Path = paths.LIBRARY, version: str | None = None
+) -> Path:
+    """Builds a package around the library; its name is that of the source.
+
+    With a version that is not the project's, the package upgrades that of the project and has the
+    version in its name.
+    """
     identity = project_identity()
+    package = paths.PACKAGES / f"{source.stem}{f'-{version}' if version else ''}.msi"
+    version = version or identity.version
     # The same codes for every build of a version: a rebuilt package still removes its product.
     upgrade_code = uuid.uuid5(_PRODUCTS, source.stem)
-    product_code = uuid.uuid5(upgrade_code, identity.version)
+    product_code = uuid.uuid5(upgrade_code, version)
     package.parent.mkdir(parents=True, exist_ok=True)
     package.unlink(missing_ok=True)
     definitions = {
         "Company": identity.company,
-        "Version": identity.version,
+        "Version": version,
         "Description": identity.description,
         "UpgradeCode": str(upgrade_code).upper(),
         "ProductCode": str(product_code).upper(),
@@ -84,6 +91,7 @@ def build(source: Path = COMPANION, library: Path = paths.LIBRARY) -> Path:
     _correct_action_types(package, source)
     _add_commands(package, source)
     _add_copies(package, source)
+    _add_secure_properties(package, source)
     return package
 
 
@@ -107,6 +115,12 @@ def table(package: Path, name: str) -> list[list[str]]:
     return [line.split("\t") for line in lines[3:]]
 
 
+def exports() -> list[str]:
+    """The names under which the library offers its actions."""
+    lines = [line.strip() for line in paths.LIBRARY_EXPORTS.read_text().splitlines()]
+    return [line for line in lines[lines.index("EXPORTS") + 1 :] if line and line[0] != ";"]
+
+
 def comments(package: Path) -> str:
     """What the summary of the package says of it."""
     lines = _run("msiinfo", "suminfo", str(package)).decode().splitlines()
@@ -122,11 +136,11 @@ def library_actions(package: Path) -> dict[str, ActionDefinition]:
     """The custom actions of the package that a library in its Binary table carries out."""
     executions = {bits: execution for execution, bits in _EXECUTIONS.items()}
     definitions = {}
-    for name, type_text, *_ in table(package, "CustomAction"):
+    for name, type_text, _, target, *_ in table(package, "CustomAction"):
         bits = int(type_text)
         if bits & _SOURCE_KIND == _LIBRARY_IN_BINARY_TABLE:
             definitions[name] = ActionDefinition(
-                executions[bits & _EXECUTION], bool(bits & _RESULT_IGNORED)
+                executions[bits & _EXECUTION], bool(bits & _RESULT_IGNORED), target
             )
     return definitions
 
@@ -177,6 +191,27 @@ def _add_copies(package: Path, source: Path) -> None:
             "INSERT INTO DuplicateFile (FileKey, Component_, File_, DestFolder) "
             f"VALUES ('{row[0]}', '{row[1]}', '{row[2]}', '{row[3]}')",
         )
+
+
+def _add_secure_properties(package: Path, source: Path) -> None:
+    # wixl leaves out properties without a value, and so their mark.
+    marked = [
+        element.attrib["Id"]
+        for element in _elements(source, "Property")
+        if element.get("Secure") == "yes"
+    ]
+    if not marked:
+        return
+    name = "SecureCustomProperties"
+    former = dict(table(package, "Property")).get(name)
+    if former is None:
+        change(
+            package,
+            f"INSERT INTO Property (Property, Value) VALUES ('{name}', '{';'.join(marked)}')",
+        )
+    else:
+        value = ";".join([former, *marked])
+        change(package, f"UPDATE Property SET Value='{value}' WHERE Property='{name}'")
 
 
 def _elements(source: Path, tag: str) -> Iterator[ElementTree.Element]:

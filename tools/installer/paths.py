@@ -8,6 +8,7 @@ PROGRAMS = BUILD / "mingw-release"
 
 CMAKE_LISTS = ROOT / "CMakeLists.txt"
 LIBRARY = PROGRAMS / "Utilities/CustomActions/Halvard_CA/Halvard_CA.dll"
+LIBRARY_EXPORTS = ROOT / "Utilities/CustomActions/Halvard_CA/Halvard_CA.def"
 RUNNER = LIBRARY.with_name("halvard_run.exe")
 PREFIX_GUARD = PROGRAMS / "tests/support/prefix_guard.exe"
 REGISTRY_SAVE = PROGRAMS / "tools/registry_save.exe"

@@ -3,7 +3,8 @@
 The installer's own stamps are whole seconds. The log is therefore followed while it grows, and each
 line gets the time of its arrival: milliseconds since the start, late by up to `POLL`.
 
-What an action returned does not stand in the log; the trace of the engine's calls tells it.
+What an action returned does not stand in the log, nor what a session inside of another one did; the
+trace of the engine's calls tells it.
 """
 
 import codecs
@@ -12,10 +13,10 @@ import subprocess
 import time
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Callable, Iterable, Mapping, Sequence
+from typing import Callable, Collection, Iterable, Mapping, Sequence
 
-from installer import paths
-from installer.log import LogLine
+from installer import package, paths
+from installer.log import ExportCall, LogLine
 from installer.prefix import Prefix
 
 POLL = 0.002
@@ -25,11 +26,16 @@ PROGRESS_INTERVAL = 2.0
 INSTALL_FAILURE = 1603
 NO_MORE_ITEMS = 259
 
-# The engine runs each action of a library on a thread of its own, through this function.
+# The engine runs each action of a library on a thread of its own, through this function, in which
+# it looks the export up.
 _CALL = "msi.__wine_msi_call_dll_function"
+_LOOK_UP = "kernel32.GetProcAddress"
 _TRACED_CALL = re.compile(rf"(?P<thread>\w+):Call {re.escape(_CALL)}\(")
 _TRACED_RETURN = re.compile(
     rf"(?P<thread>\w+):Ret  {re.escape(_CALL)}\(\) retval=(?P<result>[0-9a-f]+) "
+)
+_TRACED_LOOK_UP = re.compile(
+    r'(?P<thread>\w+):Call KERNEL32\.GetProcAddress\(\w+,\w+ "(?P<name>\w+)"'
 )
 _TRACE = {"WINEDEBUG": "-all,trace+relay"}
 
@@ -59,9 +65,9 @@ class SessionResult:
     log: Path
     seconds: float
     lines: list[LogLine] = field(repr=False)
-    # What the actions of the session returned, in the order of their calls; None for one that did
-    # not return. Empty in a prefix that does not watch them.
-    results: list[int | None] = field(default_factory=list)
+    # The library's exports that the engine called, in their order, with what they returned. Empty
+    # in a prefix that does not watch them.
+    calls: list[ExportCall] = field(default_factory=list)
 
     @property
     def texts(self) -> list[str]:
@@ -78,7 +84,8 @@ class SessionResult:
 def watch_results(prefix: Prefix) -> Mapping[str, str]:
     """Prepares a prefix for runs that tell what actions returned: the environment for them."""
     key = r"HKCU\Software\Wine\Debug"
-    added = prefix.run("reg.exe", "add", key, "/v", "RelayInclude", "/d", _CALL, "/f")
+    watched = f"{_CALL};{_LOOK_UP}"
+    added = prefix.run("reg.exe", "add", key, "/v", "RelayInclude", "/d", watched, "/f")
     if added.returncode != 0:
         raise RuntimeError(f"the results of actions cannot be watched: {added.stdout}")
     return _TRACE
@@ -135,21 +142,27 @@ def run(
             f"installer log {paths.shown(log)}"
         )
     seconds = time.monotonic() - start
-    results = traced_results(printed.read_text(errors="replace").splitlines())
-    return SessionResult(command, process.returncode, log, seconds, lines, results)
+    calls = traced_calls(printed.read_text(errors="replace").splitlines(), package.exports())
+    return SessionResult(command, process.returncode, log, seconds, lines, calls)
 
 
-def traced_results(trace: Iterable[str]) -> list[int | None]:
-    """What actions returned, in the order of their calls; None for one that did not return."""
-    results: list[int | None] = []
-    open_calls: dict[str, int] = {}
+def traced_calls(trace: Iterable[str], exports: Collection[str]) -> list[ExportCall]:
+    """The calls of these exports that a trace tells of, in their order."""
+    calls: list[ExportCall] = []
+    # By thread the number of its open call, None before the export has been looked up.
+    open_calls: dict[str, int | None] = {}
     for line in trace:
-        if call := _TRACED_CALL.match(line):
-            open_calls[call["thread"]] = len(results)
-            results.append(None)
-        elif (ended := _TRACED_RETURN.match(line)) and ended["thread"] in open_calls:
-            results[open_calls.pop(ended["thread"])] = int(ended["result"], 16)
-    return results
+        if begun := _TRACED_CALL.match(line):
+            open_calls[begun["thread"]] = None
+        elif (found := _TRACED_LOOK_UP.match(line)) and found["name"] in exports:
+            if open_calls.get(found["thread"], 0) is None:
+                open_calls[found["thread"]] = len(calls)
+                calls.append(ExportCall(found["name"], None))
+        elif ended := _TRACED_RETURN.match(line):
+            number = open_calls.pop(ended["thread"], None)
+            if number is not None:
+                calls[number] = ExportCall(calls[number].export, int(ended["result"], 16))
+    return calls
 
 
 def _follow(
