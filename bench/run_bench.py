@@ -31,17 +31,17 @@ REMOVAL_LIMITS = {
 BENCH = paths.PROGRAMS / "bench"
 SOURCES = paths.BUILD / "bench"
 
-# The DLLs and what is called of them. DeleteAnalyticsKey looks for a key that is not there and
-# makes no call of the installer, LaunchedFromMIM makes three.
+# The DLLs and what is called of them. DeleteQortaKey looks for a key that is not there and makes no
+# call of the installer.
 CALLED = {
     "empty C DLL": (BENCH / "empty_action.dll", "LaunchedFromMIM"),
-    "DeleteAnalyticsKey of Halvard_CA.dll": (paths.LIBRARY, "DeleteAnalyticsKey"),
+    "DeleteQortaKey of Halvard_CA.dll": (paths.LIBRARY, "DeleteQortaKey"),
     "C DLL with the calls of LaunchedFromMIM": (BENCH / "same_calls_action.dll", "LaunchedFromMIM"),
     "LaunchedFromMIM of Halvard_CA.dll": (paths.LIBRARY, "LaunchedFromMIM"),
 }
 # The calls that are compared, with the goal for their ratio.
 CALL_GOALS = [
-    ("DeleteAnalyticsKey of Halvard_CA.dll", "empty C DLL", 1.1),
+    ("DeleteQortaKey of Halvard_CA.dll", "empty C DLL", 1.1),
     ("LaunchedFromMIM of Halvard_CA.dll", "C DLL with the calls of LaunchedFromMIM", 1.1),
 ]
 SIZE_GOAL = 850_000

@@ -2,9 +2,10 @@
 
 The arguments are those of halvard_run; `--dll` may name a file of this machine, which the prefix gets
 a copy of. What halvard_run prints comes out as it is, and its exit code is the one here, but for 125
-when no prefix could be had and 130 after Ctrl-C.
+when no prefix could be had and 130 after Ctrl-C. A second call waits until the first one has ended.
 """
 
+import fcntl
 import os
 import shutil
 import signal
@@ -36,6 +37,14 @@ def main(arguments: list[str]) -> int:
 
 
 def _call(arguments: list[str]) -> int:
+    paths.BUILD.mkdir(exist_ok=True)
+    with open(paths.BUILD / "prefix-action.lock", "w") as lock:
+        # One folder for all calls: the next one's prefix takes the place of this one's.
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        return _call_alone(arguments)
+
+
+def _call_alone(arguments: list[str]) -> int:
     with Prefix("prefix-action") as prefix:
         # Pipes, for at a terminal the engine would draw a console of its own.
         process = prefix.start(

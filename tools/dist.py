@@ -118,8 +118,9 @@ def _contents(signer: Signer | None, folder: Path, identity: Identity) -> dict[s
 
 def _sums(contents: dict[str, bytes]) -> bytes:
     """As sha256sum prints them."""
-    lines = [f"{hashlib.sha256(data).hexdigest()}  {name}\n" for name, data in contents.items()]
-    return "".join(sorted(lines, key=lambda line: line.split()[1])).encode()
+    return "".join(
+        f"{hashlib.sha256(data).hexdigest()}  {name}\n" for name, data in sorted(contents.items())
+    ).encode()
 
 
 def _write(archive: Path, folder: str, contents: dict[str, bytes]) -> None:
@@ -141,6 +142,8 @@ def _signer(arguments: list[str]) -> Signer | None:
     )
     parser.add_argument("--timestamp", metavar="URL", help="of a timestamp server (RFC 3161)")
     given = parser.parse_args(arguments)
+    if given.key and given.certificate and given.certificate.suffix.lower() in PKCS12:
+        parser.error("--key belongs to a certificate in PEM form")
     if given.certificate is not None:
         return Signer(given.certificate, given.key, given.password_file, given.timestamp)
     if any((given.key, given.password_file, given.timestamp)):

@@ -111,6 +111,9 @@ TEST(EndLines, TellAllThatIsKnownOfAnException) {
               L"            why\n"
               L"            so\n"
               L"duration    0.0 ms\n");
+    EXPECT_EQ(EndLines(Left({L"C++ exception", L"", -2147024891, L"", L""})),
+              L"exception   C++ exception, code 0x80070005\n"
+              L"duration    0.0 ms\n");
     EXPECT_EQ(EndLines(Left({L"structured exception", L"", 0xC0000374, L"", L""})),
               L"exception   structured exception, code 0xC0000374\n"
               L"duration    0.0 ms\n");

@@ -2,7 +2,6 @@
 
 import re
 import shutil
-import warnings
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Callable, Mapping, Sequence
@@ -46,7 +45,8 @@ class Session:
     """One installer session of a scenario and what it should come to.
 
     `inner` are the calls of the session inside that has no log; `told` the commands that the
-    programs got which are not the library's own, sorted; `prepare` does what happens before.
+    programs got which are not the library's own, sorted; `empty` the folders and keys that are left
+    with nothing in them, sorted; `prepare` does what happens before.
     """
 
     name: str
@@ -58,6 +58,7 @@ class Session:
     result: int = 0
     inner: Sequence[ExportCall] = ()
     told: Sequence[str] = ()
+    empty: Sequence[str] = ()
     prepare: Callable[[Prefix], None] = lambda prefix: None
 
 
@@ -84,6 +85,7 @@ class Played:
     runs: list[ActionRun]
     inner: list[ExportCall]
     machine: Machine
+    empty: list[str]
     told: list[str]
 
 
@@ -102,25 +104,9 @@ def together(*parts: Machine | Mapping[str, str]) -> Machine:
     )
 
 
-class EngineHangs(RuntimeError):
-    """A session did not end, and had not called the library at all."""
-
-
 def play(scenario: Scenario) -> dict[str, Played]:
     """Runs the sessions of a scenario and says what came of each, by its name; those behind one
-    that did not end as it should are left out.
-
-    The engine hangs in one of some hundred sessions before it calls its first action. The scenario
-    is then played once more, with a warning.
-    """
-    try:
-        return _play(scenario)
-    except EngineHangs as hanging:
-        warnings.warn(f"{scenario.name} is played once more: {hanging}", stacklevel=2)
-        return _play(scenario)
-
-
-def _play(scenario: Scenario) -> dict[str, Played]:
+    that did not end as it should are left out."""
     sources = {}
     for name in {each.package for each in scenario.sessions}:
         sources[name] = PACKAGES[name]()
@@ -139,22 +125,21 @@ def _play(scenario: Scenario) -> dict[str, Played]:
         for each in scenario.sessions:
             each.prepare(prefix)
             source = sources[each.package]
-            log_name = f"{scenario.name}-{each.name}"
-            try:
-                result = (session.remove if each.removal else session.install)(
-                    prefix, source, *each.properties, log_name=log_name, environment=environment
-                )
-            except TimeoutError as late:
-                printed = (paths.LOGS / f"{log_name}.output").read_text(errors="replace")
-                if session.traced_calls(printed.splitlines(), package.exports()):
-                    raise
-                raise EngineHangs(str(late)) from late
+            result = (session.remove if each.removal else session.install)(
+                prefix,
+                source,
+                *each.properties,
+                log_name=f"{scenario.name}-{each.name}",
+                environment=environment,
+            )
+            now = machine.snapshot(prefix)
             runs = action_runs(result.lines, package.library_actions(source), result.calls)
             outcomes[each.name] = Played(
                 result,
                 runs,
                 inner_calls(runs, result.calls),
-                state(prefix, beginning, machine.snapshot(prefix), scenario.watched),
+                state(prefix, beginning, now, scenario.watched),
+                empty(beginning, now),
                 companion.told(prefix),
             )
             # The first identity is the one that has to stay.
@@ -196,6 +181,24 @@ def state(
         found,
         sorted(names[Area.TASK]),
         sorted(name for name in running if "RUNNING" in prefix.run("sc.exe", "query", name).stdout),
+    )
+
+
+def empty(beginning: Snapshot, now: Snapshot) -> list[str]:
+    """The folders and registry keys that are there since the beginning and hold nothing."""
+    added = [
+        change
+        for change in machine.difference(beginning, now).changes
+        if change.kind is Kind.ADDED and change.area in (Area.FILE, Area.REGISTRY)
+    ]
+    holding = set()
+    for change in added:
+        key, is_value, _ = change.name.partition(" : ")
+        holding.add(key if is_value else change.name.rpartition("\\")[0])
+    return sorted(
+        general(change.name)
+        for change in added
+        if change.after in ("folder", "") and " : " not in change.name and change.name not in holding
     )
 
 

@@ -39,8 +39,8 @@ def test_the_properties_of_the_package_reach_an_elevated_installation(companion_
     properties = dict(package.table(companion_package, "Property"))
     passed_on = properties["SecureCustomProperties"].split(";")
     # The first ones are those of the upgrade.
-    assert passed_on[-3:] == ["DISABLEANALYTICS", "LAUNCHED_FROM_MIM", "LAZESTART"]
-    assert len(passed_on) == 5
+    assert passed_on[-4:] == ["DISABLEANALYTICS", "LAUNCHED_FROM_MIM", "FORMERCONSENT", "LAZESTART"]
+    assert len(passed_on) == 6
 
 
 def test_the_package_installs_for_the_machine(companion_package):

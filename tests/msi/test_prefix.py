@@ -9,21 +9,9 @@ import pytest
 
 from installer import confinement, package, paths, session
 from installer.prefix import Prefix, UnsafePrefix, link_danger
+from processes import processes_of
 
 NAME = "prefix-msi-checked"
-
-
-def processes_of(prefix: Path) -> list[str]:
-    """The command lines of the running processes that belong to a prefix."""
-    mark = f"WINEPREFIX={prefix}".encode()
-    found = []
-    for process in Path("/proc").glob("[0-9]*"):
-        try:
-            if mark in (process / "environ").read_bytes().split(b"\0"):
-                found.append((process / "cmdline").read_bytes().replace(b"\0", b" ").decode())
-        except OSError:
-            continue
-    return found
 
 
 def test_a_prefix_without_a_guard_is_refused():
@@ -92,9 +80,8 @@ def test_a_program_that_does_not_end_is_ended(prefix):
     assert [line for line in processes_of(prefix.path) if "ping" in line] == []
 
 
-@pytest.fixture
-def endless_package(companion_package: Path) -> Path:
-    """A package whose installation waits for a program that runs for a minute."""
+def endless_package(companion_package: Path, place: int) -> Path:
+    """A package whose installation waits at this place for a program that runs for a minute."""
     run_program_and_wait = 50
     endless = paths.PACKAGES / "endless.msi"
     shutil.copyfile(companion_package, endless)
@@ -103,24 +90,33 @@ def endless_package(companion_package: Path) -> Path:
         "INSERT INTO Property (Property, Value) VALUES ('WAIT', 'ping.exe')",
         "INSERT INTO CustomAction (Action, Type, Source, Target) "
         f"VALUES ('Wait', {run_program_and_wait}, 'WAIT', '-n 60 127.0.0.1')",
-        "INSERT INTO InstallExecuteSequence (Action, Sequence) VALUES ('Wait', 5)",
+        "INSERT INTO InstallExecuteSequence (Action, Sequence) "
+        f"VALUES ('Wait', {place})",
     )
     return endless
 
 
-def test_an_installer_that_does_not_end_is_ended(prefix, endless_package):
+@pytest.mark.parametrize(
+    "place, attempts", [(5, 2), (60, 1)], ids=["before all actions", "behind others"]
+)
+def test_an_installer_that_does_not_end_is_ended(prefix, companion_package, place, attempts):
     progress = []
-    with pytest.raises(TimeoutError, match="within 2.5 s.*build/installer-logs/endless.log"):
-        session.install(
-            prefix,
-            endless_package,
-            log_name="endless",
-            limit=session.PROGRESS_INTERVAL + 0.5,
-            progress=lambda seconds, line: progress.append((seconds, line)),
-        )
-    ((seconds, line),) = progress
-    assert seconds >= session.PROGRESS_INTERVAL
-    assert line.startswith("Action start") and line.endswith("Wait.")
+    with warnings.catch_warnings(record=True) as warned:
+        warnings.simplefilter("always")
+        with pytest.raises(TimeoutError, match="within 2.5 s.*build/installer-logs/endless.log"):
+            session.install(
+                prefix,
+                endless_package(companion_package, place),
+                "LAUNCHED_FROM_MIM=1",
+                log_name="endless",
+                limit=session.PROGRESS_INTERVAL + 0.5,
+                progress=lambda seconds, line: progress.append((seconds, line)),
+            )
+    assert len(progress) == attempts
+    for seconds, line in progress:
+        assert seconds >= session.PROGRESS_INTERVAL
+        assert line.startswith("Action start") and line.endswith("Wait.")
+    assert [str(each.message)[:9] for each in warned] == ["once more"] * (attempts - 1)
 
 
 @pytest.fixture

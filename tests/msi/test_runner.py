@@ -15,12 +15,13 @@ from typing import Iterator
 
 import pytest
 
-from installer import companion, paths
+from installer import companion, package, paths
 from installer.prefix import Prefix
+from processes import processes_of
 
-DEFINITION = paths.ROOT / "Utilities/CustomActions/Halvard_CA/Halvard_CA.def"
 LIBRARY = ("--dll", paths.windows_path(paths.FAULT_ACTIONS))
 LIMIT = 60.0
+ACTION_PREFIX = paths.BUILD / "prefix-action"
 
 SUCCESS, OTHER_RESULT, WRONG_ARGUMENTS, NO_LIBRARY, NO_ACTION, NO_SESSION, EXCEPTION = (
     0, 1, 2, 4, 5, 6, 7,
@@ -82,9 +83,7 @@ def named_by_runner(file: Path) -> str:
 
 
 def exported() -> list[str]:
-    names = re.findall(r"^    (\w+)$", DEFINITION.read_text(), re.MULTILINE)
-    assert len(names) >= 38
-    return sorted(names)
+    return sorted(package.exports())
 
 
 def without_duration(output: str) -> str:
@@ -441,8 +440,10 @@ def test_the_script_ends_an_action_that_is_interrupted(signal_number, code):
     )
     try:
         assert process.stdout.readline() == b"log         waiting\n"
+        assert processes_of(ACTION_PREFIX)
         process.send_signal(signal_number)
         assert process.wait(LIMIT) == code
+        assert processes_of(ACTION_PREFIX) == []
     finally:
         process.kill()
         process.communicate()

@@ -130,7 +130,7 @@ def run_as_told(machine, example_package: Path, told: tuple[str, str, str, str],
     call = {"/i": machine.install, "/x": machine.remove}[switch]
     result = call(example_package, *properties.split(), environment=watching)
     read_in_order(excerpt, TIME.sub("h:mm:ss", trimmed("\n".join(result.texts))))
-    runs = action_runs(result.lines, package.library_actions(example_package), result.results)
+    runs = action_runs(result.lines, package.library_actions(example_package), result.calls)
     return result, [(run.name, run.verdict, run.result, run.data) for run in runs]
 
 
@@ -185,15 +185,15 @@ def test_actions_at_other_places_miss_what_they_need(
     changed = package.changed_copy(built_as_told(folder), "Transform-moved", query)
     clean_machine.install(changed, "LAUNCHED_FROM_MIM=1")
     clean_machine.prefix.host_path(WRITTEN_LATER).write_text("written later")
+    try:
+        result = clean_machine.remove(changed, environment=watching)
 
-    result = clean_machine.remove(changed, environment=watching)
-
-    came = action_runs(result.lines, package.library_actions(changed), result.results)
-    assert [(run.name, run.result) for run in came] == runs, result.report()
-    assert clean_machine.changes().of(Area.FILE, Kind.ADDED) == left
-    clean_machine.prefix.host_path(WRITTEN_LATER).unlink(missing_ok=True)
-    if left:
-        shutil.rmtree(clean_machine.prefix.host_path(left[0]))
+        came = action_runs(result.lines, package.library_actions(changed), result.calls)
+        assert [(run.name, run.result) for run in came] == runs, result.report()
+        assert clean_machine.changes().of(Area.FILE, Kind.ADDED) == left
+    finally:
+        outermost = clean_machine.prefix.host_path(FOLDER.rpartition("\\")[0])
+        shutil.rmtree(outermost, ignore_errors=True)
 
 
 def built_with(folder: Path, *changes: tuple[str, str], switches: str = "--arch x64 ") -> Path:
@@ -239,7 +239,7 @@ def test_wixl_leaves_out_what_the_example_says(folder):
     command = mending.replace(PACKAGE, changed.name)
     subprocess.run(["bash", "-e", "-c", command], cwd=folder, check=True)
 
-    mended = ActionDefinition(Execution.ROLLBACK, result_ignored=True)
+    mended = ActionDefinition(Execution.ROLLBACK, True, "RemovePVSchedularTask")
     assert package.library_actions(changed)["UndoTask"] == mended
     rows = {row[0]: row[1:4] for row in package.table(changed, "CustomAction")}
     command_line = "schtasks /delete /TN ZenvoElevated /F"

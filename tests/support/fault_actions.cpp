@@ -1,5 +1,5 @@
-// fault_actions: a custom-action library whose actions end, and speak, in the ways that the sample
-// library does not show by itself.
+// fault_actions: a custom-action library whose actions end, and speak, in ways that those of
+// Halvard_CA do not show.
 
 #include <windows.h>
 #include <msi.h>

@@ -10,7 +10,8 @@ from installer.prefix import Prefix
 _IDENTITY = package.project_identity()
 VERSION = _IDENTITY.version
 # That of a package that upgrades this one.
-NEXT_VERSION = "1.1.0"
+_MAJOR, _MINOR, _ = VERSION.split(".")
+NEXT_VERSION = f"{_MAJOR}.{int(_MINOR) + 1}.0"
 
 NAME = f"{_IDENTITY.company} Companion"
 FOLDER = f"C:\\Program Files\\{_IDENTITY.company}\\Companion"

@@ -194,7 +194,7 @@ def _add_copies(package: Path, source: Path) -> None:
 
 
 def _add_secure_properties(package: Path, source: Path) -> None:
-    # wixl leaves out properties without a value, and so their mark.
+    # wixl drops the mark, and properties without a value altogether.
     marked = [
         element.attrib["Id"]
         for element in _elements(source, "Property")

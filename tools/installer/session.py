@@ -1,7 +1,7 @@
 """One run of the real installer, its log stamped line by line as it is written.
 
 The installer's own stamps are whole seconds. The log is therefore followed while it grows, and each
-line gets the time of its arrival: milliseconds since the start, late by up to `POLL`.
+line gets the time of its arrival: milliseconds since the start, late by up to `POLL` on an idle machine.
 
 What an action returned does not stand in the log, nor what a session inside of another one did; the
 trace of the engine's calls tells it.
@@ -11,6 +11,7 @@ import codecs
 import re
 import subprocess
 import time
+import warnings
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Callable, Collection, Iterable, Mapping, Sequence
@@ -101,7 +102,28 @@ def remove(prefix: Prefix, package: Path, *properties: str, **options) -> Sessio
     return run(prefix, ["/x", paths.windows_path(package), *properties], **options)
 
 
-def run(
+class NothingDone(TimeoutError):
+    """A run did not end in time, and none of its actions had ended."""
+
+
+def run(prefix: Prefix, arguments: Sequence[str], **options) -> SessionResult:
+    """Runs msiexec without a user interface and follows its log.
+
+    `limit` is in seconds; TimeoutError says where the log of a run lies that did not end in time.
+    `progress` is called every `PROGRESS_INTERVAL` with the seconds since the start and the last
+    line of the log.
+
+    Wine's engine hangs in one of some hundred runs before its first action: such a run is made once
+    more, with a warning.
+    """
+    try:
+        return _run(prefix, arguments, **options)
+    except NothingDone as hanging:
+        warnings.warn(f"once more: {hanging}", stacklevel=2)
+        return _run(prefix, arguments, **options)
+
+
+def _run(
     prefix: Prefix,
     arguments: Sequence[str],
     log_name: str = "session",
@@ -109,12 +131,6 @@ def run(
     progress: Progress | None = None,
     environment: Mapping[str, str] | None = None,
 ) -> SessionResult:
-    """Runs msiexec without a user interface and follows its log.
-
-    `limit` is in seconds; TimeoutError says where the log of a run lies that did not end in time.
-    `progress` is called every `PROGRESS_INTERVAL` with the seconds since the start and the last
-    line of the log.
-    """
     log = paths.LOGS / f"{log_name}.log"
     log.parent.mkdir(parents=True, exist_ok=True)
     log.unlink(missing_ok=True)
@@ -137,7 +153,8 @@ def run(
         process.kill()
         process.wait()
     if not in_time:
-        raise TimeoutError(
+        ended = any(line.text.startswith("Action ended") for line in lines)
+        raise (TimeoutError if ended else NothingDone)(
             f"msiexec {' '.join(command)} did not end within {limit:g} s, "
             f"installer log {paths.shown(log)}"
         )

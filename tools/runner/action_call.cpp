@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <mutex>
 #include <system_error>
 #include <typeinfo>
 
@@ -30,8 +31,20 @@ struct Call {
 // Bytes.
 constexpr ULONG kStackReserve = 64 * 1024;
 
-// Of the one call that runs: what handles a fault is not told of it.
+// Of the one call that runs: what handles a fault is not told of it. A thread that the action has
+// started may fault at any time, also when the call has ended.
 Call* running = nullptr;
+std::mutex runningLock;
+
+/// Tells the running call how its action ended; false when none runs any more.
+bool TellRunningCall(const EscapedException& exception) {
+    const std::lock_guard<std::mutex> lock(runningLock);
+    if (running == nullptr) {
+        return false;
+    }
+    running->outcome.exception = exception;
+    return true;
+}
 
 std::wstring ReadableName(const std::type_info& type) {
 #ifdef __GNUC__
@@ -133,7 +146,9 @@ EscapedException StructuredException(DWORD code, const std::wstring& text) {
 /// the action holds; the program goes on to tell of it.
 LONG WINAPI EndFaultyThread(EXCEPTION_POINTERS* fault) {
     const EXCEPTION_RECORD& record = *fault->ExceptionRecord;
-    running->outcome.exception = StructuredException(record.ExceptionCode, FaultText(record));
+    if (!TellRunningCall(StructuredException(record.ExceptionCode, FaultText(record)))) {
+        return EXCEPTION_CONTINUE_SEARCH;
+    }
     ExitThread(record.ExceptionCode);
 }
 
@@ -142,7 +157,7 @@ void EndAbortedThread(int /*signal*/) {
     EscapedException exception;
     exception.kind = L"abort";
     exception.text = L"the action gave up (std::terminate or abort)";
-    running->outcome.exception = exception;
+    TellRunningCall(exception);
     ExitThread(1);
 }
 
@@ -162,7 +177,10 @@ EscapedException EndedThread(DWORD code) {
 
 Outcome CallAction(Action action, MSIHANDLE session) {
     Call call = {action, session, {}};
-    running = &call;
+    {
+        const std::lock_guard<std::mutex> lock(runningLock);
+        running = &call;
+    }
     SetUnhandledExceptionFilter(EndFaultyThread);
     static_cast<void>(std::signal(SIGABRT, EndAbortedThread));
 
@@ -178,6 +196,10 @@ Outcome CallAction(Action action, MSIHANDLE session) {
     DWORD ended = 0;
     GetExitCodeThread(thread, &ended);
     CloseHandle(thread);
+    {
+        const std::lock_guard<std::mutex> lock(runningLock);
+        running = nullptr;
+    }
     if (call.outcome.exception) {
         // Of a thread that the action started: in the installer's process it would have been the
         // end of the action too, whatever it returned here.
@@ -188,7 +210,6 @@ Outcome CallAction(Action action, MSIHANDLE session) {
 
     SetUnhandledExceptionFilter(nullptr);
     static_cast<void>(std::signal(SIGABRT, SIG_DFL));
-    running = nullptr;
     return call.outcome;
 }
 

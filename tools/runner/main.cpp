@@ -52,7 +52,11 @@ ExitCode Call(const Arguments& arguments) {
     GoToSystemFolder();
 
     std::vector<Message> messages;
+    bool called = false;
     const BareSession session([&](const Message& message) {
+        if (!called) {
+            return; // of the session's own making
+        }
         messages.push_back(message);
         if (!arguments.json) {
             Write(STD_OUTPUT_HANDLE, MessageLines(message));
@@ -61,7 +65,7 @@ ExitCode Call(const Arguments& arguments) {
     for (const Property& property : arguments.properties) {
         session.SetProperty(property);
     }
-    messages.clear();
+    called = true;
     Outcome outcome = CallAction(action, session.Get());
     outcome.messages = messages;
     Write(STD_OUTPUT_HANDLE,

@@ -45,7 +45,7 @@ std::wstring Labelled(std::wstring label, const std::wstring& text) {
         line.resize(line.find_last_not_of(L'\r') + 1);
         lines += line.empty() ? label.substr(0, label.find_last_not_of(L' ') + 1) : label + line;
         lines += L'\n';
-        label.assign(kLabelWidth, L' ');
+        label.assign(label.size(), L' ');
         start = end + 1;
     }
     return lines;
@@ -93,10 +93,11 @@ std::vector<Message> Chosen(const std::vector<Message>& messages, bool logLines)
     return chosen;
 }
 
-/// As codes of the system's are usually written: those of structured exceptions in hexadecimal.
+/// As codes of the system's are usually written: those of structured exceptions, and results of
+/// COM, which are negative as error codes, in hexadecimal.
 std::wstring CodeText(std::int64_t code) {
-    return code > 0xFFFF ? HexadecimalText(static_cast<std::uint64_t>(code))
-                         : std::to_wstring(code);
+    return code > 0xFFFF || code < -0xFFFF ? HexadecimalText(static_cast<std::uint32_t>(code))
+                                           : std::to_wstring(code);
 }
 
 std::wstring ExceptionJson(const EscapedException& exception) {
