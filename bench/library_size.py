@@ -11,13 +11,14 @@ SECTION_LINE = re.compile(r"^ +\d+ (\S+) +([0-9a-f]{8}) ")
 
 
 def sections(library: Path) -> dict[str, int]:
-    """The bytes of each section in memory, by name, in the order of the file."""
+    """The bytes of the sections in memory, by name, in the order of the file."""
     listing = subprocess.run(
         ["x86_64-w64-mingw32-objdump", "-h", library], capture_output=True, text=True, check=True
     ).stdout
-    return {
-        found[1]: int(found[2], 16) for found in map(SECTION_LINE.match, listing.splitlines()) if found
-    }
+    sizes: dict[str, int] = defaultdict(int)
+    for found in filter(None, map(SECTION_LINE.match, listing.splitlines())):
+        sizes[found[1]] += int(found[2], 16)
+    return sizes
 
 
 def objects(link_map: Path) -> dict[str, int]:
