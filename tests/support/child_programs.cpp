@@ -63,15 +63,19 @@ RecorderAt::RecorderAt(const std::wstring& path) : path_(path), kept_(path + L".
 }
 
 RecorderAt::~RecorderAt() {
-    // A program that still runs cannot be deleted; left there it would answer later tests.
+    // A program that still runs cannot be deleted; left there it would answer later tests. One that
+    // is just ending is deleted with its end, and the next program at this path must not be there
+    // by then.
     const ULONGLONG start = GetTickCount64();
-    while (DeleteFileW(path_.c_str()) == FALSE && GetLastError() != ERROR_FILE_NOT_FOUND &&
-           GetLastError() != ERROR_PATH_NOT_FOUND) {
+    while (DeleteFileW(path_.c_str()) != FALSE ||
+           (GetLastError() != ERROR_FILE_NOT_FOUND && GetLastError() != ERROR_PATH_NOT_FOUND)) {
         if (GetTickCount64() - start > kLimitMilliseconds) {
             std::fwprintf(stderr, L"cannot be removed, still running: %ls\n", path_.c_str());
             std::abort();
         }
-        Sleep(10);
+        if (IsThere(path_)) {
+            Sleep(10);
+        }
     }
     if (!kept_.empty()) {
         MoveFileExW(kept_.c_str(), path_.c_str(), MOVEFILE_REPLACE_EXISTING);
