@@ -18,12 +18,12 @@ WINDOWS_LIBRARIES = {
     "msvcrt.dll",
     "ole32.dll",
     "oleaut32.dll",
-    "setupapi.dll",
     "shell32.dll",
     "shlwapi.dll",
     "user32.dll",
-    "xmllite.dll",
 }
+# Loaded with the first call: few actions need them, and every action would wait for them.
+DELAYED_LIBRARIES = {"setupapi.dll", "xmllite.dll"}
 
 
 @pytest.fixture(scope="module")
@@ -102,6 +102,13 @@ def test_every_export_is_declared_with_a_comment_in_a_header():
 def test_only_libraries_of_windows_are_imported(headers):
     imported = {name.lower() for name in re.findall(r"DLL Name: (\S+)", headers)}
     assert imported - WINDOWS_LIBRARIES == set()
+
+
+def test_libraries_for_few_actions_are_loaded_with_the_first_call(headers):
+    imported = {name.lower() for name in re.findall(r"DLL Name: (\S+)", headers)}
+    assert imported & DELAYED_LIBRARIES == set()
+    content = paths.LIBRARY.read_bytes().lower()
+    assert [name for name in DELAYED_LIBRARIES if f"{name}\0".encode() not in content] == []
 
 
 def test_hardening_flags_and_base_address(headers):
