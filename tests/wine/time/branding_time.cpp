@@ -66,7 +66,7 @@ TEST(BrandingTime, OfTheActionGrowsLinearlyWithFilesAndRetainedPaths) {
         EXPECT_EQ(DeleteandRetainValues(0), 0U);
     };
     const auto runBare = [](const ScratchFolder& scratch, const ScratchKey& retainKey) {
-        EXPECT_EQ(EnumerateValuesBare(retainKey.Get(), [](const wchar_t*) {}), 500U);
+        EXPECT_EQ(EnumerateValuesBare(retainKey.Get()), 500U);
         EXPECT_EQ(CountEntries(scratch.Path()), 2000);
         for (int number = 0; number < 1750; ++number) {
             const std::wstring file = Numbered(scratch.File(L"file "), number);

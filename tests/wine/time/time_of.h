@@ -45,8 +45,8 @@ double Growth(Few few, Many many, double limit) {
     return shortestMany / shortestFew;
 }
 
-/// Expects ten times the work, `many`, within twelve times the time of `few`. Where the system
-/// itself does not manage that, which some file systems below Wine do not, `many` may take three
+/// Expects ten times the work on files, `many`, within twelve times the time of `few`. Where the
+/// file system itself does not manage that, which some below Wine do not, `many` may take three
 /// times as long as `bare`, the system's calls for as much work without anything of the library.
 template <class Few, class Many, class Bare>
 void ExpectLinear(Few few, Many many, Bare bare) {
