@@ -16,6 +16,7 @@ WINDOWS_LIBRARIES = {
     "kernel32.dll",
     "msi.dll",
     "msvcrt.dll",
+    "ntdll.dll",
     "ole32.dll",
     "oleaut32.dll",
     "shell32.dll",

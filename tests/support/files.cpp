@@ -39,20 +39,10 @@ void RemoveFolder(const std::wstring& folder) {
     RemoveDirectoryW(folder.c_str());
 }
 
-bool Lists(const std::wstring& folder, const std::wstring& name) {
-    WIN32_FIND_DATAW entry = {};
-    const HANDLE search = FindFirstFileW((folder + L"\\" + name).c_str(), &entry);
-    if (search == INVALID_HANDLE_VALUE) {
-        return false;
-    }
-    FindClose(search);
-    return true;
-}
-
 // The system cannot make or remove a link here, a program of the host can. There is no handle to
 // wait for such a program: what it does to `name` in the folder is waited for.
 void ChangeByHost(const std::wstring& folder, const std::wstring& name, const std::wstring& program,
-                  std::wstring command, bool listed) {
+                  std::wstring command, bool there) {
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION child = {};
@@ -61,7 +51,8 @@ void ChangeByHost(const std::wstring& folder, const std::wstring& name, const st
         throw std::runtime_error("a program of the host cannot be started");
     }
     const ULONGLONG start = GetTickCount64();
-    while (Lists(folder, name) != listed) {
+    // Not by a search, which could not share a folder that is open for its deletion.
+    while (IsThere(folder + L"\\" + name) != there) {
         if (GetTickCount64() - start > kHostLimitMilliseconds) {
             throw std::runtime_error("a program of the host did nothing");
         }

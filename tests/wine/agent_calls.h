@@ -2,6 +2,7 @@
 
 #include "agent_machine.h"
 #include "import_hook.h"
+#include "removal_calls.h"
 
 #include <aclapi.h>
 #include <objbase.h>
@@ -246,6 +247,16 @@ private:
         return Pass(std::wstring(L"delete file ") + path, FALSE,
                     [&] { return deleting_.Original(path); });
     });
+    HOOK(openingEntry_, NtOpenFile,
+         [this](PHANDLE opened, ACCESS_MASK access, POBJECT_ATTRIBUTES object,
+                PIO_STATUS_BLOCK result, ULONG sharing, ULONG options) {
+             const std::wstring line =
+                 L"open entry " + std::wstring(object->ObjectName->Buffer,
+                                               object->ObjectName->Length / sizeof(wchar_t));
+             return Pass(line, kStatusAccessDenied, [&] {
+                 return openingEntry_.Original(opened, access, object, result, sharing, options);
+             });
+         });
     HOOK(registering_, RegisterEventSourceW, [this](LPCWSTR server, LPCWSTR source) {
         const std::wstring line =
             std::wstring(L"event source ") + (server == nullptr ? L"null " : server) + source;

@@ -287,8 +287,10 @@ TEST_F(PreInstallUPATest, RemovesTheFolderUpToThreeTimes) {
     EXPECT_EQ(events, (Lines{L"before the files, gone", L"before the agent, gone",
                              L"before the service, there"}));
     EXPECT_FALSE(IsThere(machine_.Folder()));
-    // Each removal tries the folder as it is and once more when it has been emptied.
-    EXPECT_EQ(calls.Of({L"remove"}), Lines(6, L"remove " + kExtended + machine_.Folder()));
+    // Each removal tries the folder as it is before it is emptied.
+    EXPECT_EQ(calls.Of({L"remove"}), Lines(3, L"remove " + kExtended + machine_.Folder()));
+    // Each of the two files, in each of the three.
+    EXPECT_EQ(calls.Of({L"open entry"}).size(), 6U);
     // Whether it exists, and the two looks of each removal.
     EXPECT_EQ(calls.Of({L"open file 0x80 " + kExtended + machine_.Folder()}).size(), 9U);
 }

@@ -1,6 +1,6 @@
 #include "cleanup/directory_tree.h"
 
-#include "cleanup/folder_chain.h"
+#include "cleanup/held_folder.h"
 
 #include "allocation_failure.h"
 #include "child_programs.h"
@@ -9,6 +9,7 @@
 #include "import_hook.h"
 #include "lines.h"
 #include "open_handles.h"
+#include "removal_calls.h"
 #include "stand_in_session.h"
 
 #include <windows.h>
@@ -16,7 +17,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <memory>
+#include <optional>
+#include <utility>
 #include <vector>
 
 using halvard::kRemovalFailed;
@@ -25,6 +27,7 @@ using halvard::RemoveDirectoryTree;
 using halvard_tests::CreateFolders;
 using halvard_tests::ExpectFileSystemError;
 using halvard_tests::IsThere;
+using halvard_tests::RemovalCalls;
 using halvard_tests::ScratchFolder;
 using halvard_tests::WriteFileAt;
 
@@ -45,6 +48,7 @@ protected:
     std::wstring In(const std::wstring& name) const { return Top() + L"\\" + name; }
     std::wstring Beside(const std::wstring& name) const { return scratch_.File(name); }
     const std::wstring& Parent() const { return scratch_.Path(); }
+    const ScratchFolder& Scratch() const { return scratch_; }
 
     void ExpectRemoveAllError(int code) const {
         ExpectFileSystemError([&] { RemoveDirectoryTree(Top()); }, "remove_all", Top(), code);
@@ -58,26 +62,6 @@ using RemoveDirectoryTreeTest = TreeTest;
 using RemoveAllTest = TreeTest;
 using LinkTest = TreeTest;
 using FallbackTest = TreeTest;
-
-/// Removals in their order: "folder PATH" or "file PATH", with the result.
-class RecordRemovals {
-public:
-    std::vector<std::wstring> Lines() const { return lines_; }
-
-private:
-    BOOL Note(const wchar_t* kind, LPCWSTR path, BOOL done) {
-        const DWORD code = GetLastError();
-        lines_.push_back(kind + std::wstring(path) + (done != FALSE ? L"" : L" refused"));
-        SetLastError(code);
-        return done;
-    }
-
-    std::vector<std::wstring> lines_;
-    HOOK(folder_, RemoveDirectoryW,
-         [this](LPCWSTR path) { return Note(L"folder ", path, folder_.Original(path)); });
-    HOOK(file_, DeleteFileW,
-         [this](LPCWSTR path) { return Note(L"file ", path, file_.Original(path)); });
-};
 
 std::uintmax_t RemoveNothing(const std::wstring&, DWORD&) {
     return 0;
@@ -110,20 +94,19 @@ TEST_F(RemoveDirectoryTreeTest, RemovesAnEmptyFolder) {
 }
 
 TEST_F(RemoveDirectoryTreeTest, LeavesWhatDoesNotExistAlone) {
-    const RecordRemovals removals;
-    COUNT_CALLS(opening, CreateFileW);
+    const RemovalCalls calls;
     RemoveDirectoryTree(L"");
     RemoveDirectoryTree(Beside(L"missing"));
     RemoveDirectoryTree(Beside(L"missing\\below"));
-    EXPECT_EQ(opening.Calls(), 3);
-    EXPECT_EQ(removals.Lines(), std::vector<std::wstring>());
+    EXPECT_EQ(calls.openedByPath.size(), 3U);
+    EXPECT_EQ(calls.removals, Lines());
 }
 
 TEST_F(RemoveDirectoryTreeTest, LeavesAFileAtThePathAlone) {
-    const RecordRemovals removals;
+    const RemovalCalls calls;
     RemoveDirectoryTree(In(L"a.txt"));
     EXPECT_TRUE(IsThere(In(L"a.txt")));
-    EXPECT_EQ(removals.Lines(), std::vector<std::wstring>());
+    EXPECT_EQ(calls.removals, Lines());
 }
 
 TEST_F(RemoveDirectoryTreeTest, TakesSlashesOfBothKindsAndAtTheEnd) {
@@ -141,7 +124,7 @@ TEST_F(RemoveDirectoryTreeTest, SeesARelativePathFromTheCurrentDirectory) {
 }
 
 TEST_F(RemoveDirectoryTreeTest, AsksForTheStatusTwiceAndBelievesTheSecondAnswer) {
-    const RecordRemovals removals;
+    COUNT_CALLS(removing, RemoveDirectoryW);
     for (const DWORD tag : {IO_REPARSE_TAG_SYMLINK, IO_REPARSE_TAG_MOUNT_POINT}) {
         int looks = 0;
         HOOK(reading, GetFileInformationByHandleEx,
@@ -167,7 +150,7 @@ TEST_F(RemoveDirectoryTreeTest, AsksForTheStatusTwiceAndBelievesTheSecondAnswer)
         RemoveDirectoryTree(Top());
         EXPECT_EQ(opening.Calls(), 2);
     }
-    EXPECT_EQ(removals.Lines(), std::vector<std::wstring>());
+    EXPECT_EQ(removing.Calls(), 0);
 }
 
 TEST_F(RemoveDirectoryTreeTest, NamesTheQueryThatFailed) {
@@ -196,23 +179,21 @@ TEST_F(RemoveDirectoryTreeTest, AReadOnlyFileEndsItWithItsCode) {
 }
 
 TEST_F(RemoveDirectoryTreeTest, WhatWasRemovedBeforeAnErrorStaysRemoved) {
-    int removed = 0;
-    HOOK(deleting, DeleteFileW, [&](LPCWSTR path) -> BOOL {
-        if (deleting.Calls() == 2) {
-            SetLastError(ERROR_LOCK_VIOLATION);
-            return FALSE;
-        }
-        ++removed;
-        return deleting.Original(path);
-    });
+    RemovalCalls calls;
+    int deletions = 0;
+    calls.beforeDeletion = [&](const std::wstring&) -> DWORD {
+        return ++deletions == 2 ? ERROR_LOCK_VIOLATION : ERROR_SUCCESS;
+    };
     ExpectRemoveAllError(ERROR_LOCK_VIOLATION);
-    EXPECT_EQ(deleting.Calls(), 2);
-    EXPECT_EQ(removed, 1);
-    EXPECT_EQ(IsThere(In(L"a.txt")) + IsThere(In(L"sub\\b.txt")), 1);
+    EXPECT_EQ(deletions, 2);
+    EXPECT_EQ(IsThere(In(L"a.txt")) + IsThere(In(L"sub\\b.txt")) + IsThere(In(L"sub\\empty")), 2);
     EXPECT_TRUE(IsThere(Top()));
 }
 
-TEST_F(RemoveDirectoryTreeTest, AFileHeldOpenStaysWhateverItIsSharedFor) {
+TEST_F(RemoveDirectoryTreeTest, AFileHeldOpenStaysUnlessItIsSharedForDeletion) {
+    // Where the system knows POSIX semantics, a file that is shared for deletion leaves its folder
+    // at once; elsewhere it goes when it is closed, and keeps its folder until then.
+    const bool leavesAtOnce = halvard_tests::KnowsDeletionWithFlags(Beside(L"asked"));
     for (DWORD share = 0; share <= 7; ++share) {
         SCOPED_TRACE(share);
         CreateFolders(In(L"held"));
@@ -221,9 +202,14 @@ TEST_F(RemoveDirectoryTreeTest, AFileHeldOpenStaysWhateverItIsSharedFor) {
                                         OPEN_EXISTING, 0, nullptr);
         ASSERT_NE(held, INVALID_HANDLE_VALUE);
         const bool deletable = (share & FILE_SHARE_DELETE) != 0;
-        // Shared for deletion, the file takes its deletion and goes when it is closed.
-        ExpectFileSystemError([&] { RemoveDirectoryTree(In(L"held")); }, "remove_all", In(L"held"),
-                              deletable ? ERROR_DIR_NOT_EMPTY : ERROR_SHARING_VIOLATION);
+        if (deletable && leavesAtOnce) {
+            RemoveDirectoryTree(In(L"held"));
+            EXPECT_FALSE(IsThere(In(L"held")));
+        } else {
+            ExpectFileSystemError([&] { RemoveDirectoryTree(In(L"held")); }, "remove_all",
+                                  In(L"held"),
+                                  deletable ? ERROR_DIR_NOT_EMPTY : ERROR_SHARING_VIOLATION);
+        }
         CloseHandle(held);
         EXPECT_EQ(IsThere(In(L"held\\open.txt")), !deletable);
     }
@@ -248,6 +234,107 @@ TEST_F(RemoveDirectoryTreeTest, TheCurrentDirectoryOfAProcessStays) {
     EXPECT_FALSE(IsThere(In(L"sub\\b.txt")));
     RemoveDirectoryTree(Top());
     EXPECT_FALSE(IsThere(Top()));
+}
+
+TEST_F(RemoveDirectoryTreeTest, AFolderThatWasInUseGoesWhenItsTurnComes) {
+    const halvard_tests::CurrentDirectoryScope directory(In(L"sub"));
+    RemovalCalls calls;
+    calls.beforeOpening = [&](const std::wstring& path) {
+        if (path == In(L"sub\\b.txt")) {
+            SetCurrentDirectoryW(L"C:\\");
+        }
+        return halvard_tests::kStatusSuccess;
+    };
+    DWORD code = 1;
+    EXPECT_EQ(RemoveAll(Top(), code), 5U);
+    EXPECT_EQ(code, static_cast<DWORD>(ERROR_SUCCESS));
+    EXPECT_FALSE(IsThere(Top()));
+    SetCurrentDirectoryW(L"C:\\");
+}
+
+TEST_F(RemoveDirectoryTreeTest, AFolderThatCannotBeOpenedForItsDeletionIsEmptiedAllTheSame) {
+    for (const NTSTATUS refusal :
+         {halvard_tests::kStatusAccessDenied, halvard_tests::kStatusSharingViolation}) {
+        CreateFolders(In(L"sub\\empty"));
+        WriteFileAt(In(L"sub\\b.txt"));
+        RemovalCalls calls;
+        // Each opening for its deletion, or the first alone.
+        bool staysRefused = true;
+        calls.beforeOpening = [&](const std::wstring& path) {
+            const bool forDeletion = (calls.openings.back().access & DELETE) != 0;
+            const bool first = std::count(calls.removals.begin(), calls.removals.end(),
+                                          L"delete " + In(L"sub\\b.txt")) == 0;
+            return path == In(L"sub") && forDeletion && (staysRefused || first)
+                       ? refusal
+                       : halvard_tests::kStatusSuccess;
+        };
+        ExpectRemoveAllError(refusal == halvard_tests::kStatusAccessDenied
+                                 ? ERROR_ACCESS_DENIED
+                                 : ERROR_SHARING_VIOLATION);
+        EXPECT_TRUE(IsThere(In(L"sub")));
+        EXPECT_FALSE(IsThere(In(L"sub\\b.txt")));
+        EXPECT_FALSE(IsThere(In(L"sub\\empty")));
+        WriteFileAt(In(L"sub\\b.txt"));
+        calls.removals.clear();
+        staysRefused = false;
+        RemoveDirectoryTree(Top());
+        EXPECT_FALSE(IsThere(Top()));
+    }
+}
+
+TEST_F(RemoveDirectoryTreeTest, AReadOnlyEntryBelowEndsItWithItsCode) {
+    WriteFileAt(In(L"sub\\empty\\file"));
+    SetFileAttributesW(In(L"sub\\empty\\file").c_str(), FILE_ATTRIBUTE_READONLY);
+    ExpectRemoveAllError(ERROR_ACCESS_DENIED);
+    EXPECT_TRUE(IsThere(In(L"sub\\empty\\file")));
+}
+
+TEST_F(RemoveDirectoryTreeTest, ListingsThatTakeManyCallsLoseNoEntry) {
+    const std::wstring longName(200, L'n');
+    for (int number = 0; number < 150; ++number) {
+        WriteFileAt(In(L"sub\\" + std::to_wstring(number) + longName));
+    }
+    RemovalCalls calls;
+    int reads = 0;
+    calls.beforeListing = [&](const std::wstring& path) -> DWORD {
+        reads += path == In(L"sub") ? 1 : 0;
+        return ERROR_SUCCESS;
+    };
+    DWORD code = 1;
+    EXPECT_EQ(RemoveAll(Top(), code), 155U);
+    EXPECT_EQ(code, static_cast<DWORD>(ERROR_SUCCESS));
+    EXPECT_GE(reads, 5);
+}
+
+TEST_F(RemoveDirectoryTreeTest, ListsWithoutIdentitiesWhereThoseAreRefused) {
+    for (const DWORD refusal : {ERROR_INVALID_FUNCTION, ERROR_NOT_SUPPORTED,
+                                ERROR_INVALID_PARAMETER, ERROR_INVALID_LEVEL}) {
+        CreateFolders(In(L"sub\\empty"));
+        WriteFileAt(In(L"sub\\b.txt"));
+        RemovalCalls calls;
+        calls.beforeListing = [&](const std::wstring&) {
+            return refusal;
+        };
+        DWORD code = 1;
+        EXPECT_GE(RemoveAll(Top(), code), 4U);
+        EXPECT_EQ(code, static_cast<DWORD>(ERROR_SUCCESS)) << refusal;
+        EXPECT_FALSE(IsThere(Top()));
+    }
+}
+
+TEST_F(RemoveDirectoryTreeTest, AListingThatLeavesItsRoomIsAnError) {
+    RemovalCalls calls;
+    calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
+                              void* data) -> DWORD {
+        if (type == FileIdBothDirectoryInfo && path == In(L"sub")) {
+            halvard_tests::ForEachListed(data, [](const std::wstring& name, auto& info) {
+                info.FileNameLength = name == L"b.txt" ? 9000 : info.FileNameLength;
+            });
+        }
+        return ERROR_SUCCESS;
+    };
+    ExpectRemoveAllError(ERROR_INVALID_DATA);
+    EXPECT_TRUE(IsThere(In(L"sub\\b.txt")));
 }
 
 TEST_F(RemoveDirectoryTreeTest, ALibraryInUseStays) {
@@ -303,67 +390,104 @@ TEST_F(RemoveDirectoryTreeTest, RemovesPathsAroundAndBeyondTheClassicLimit) {
     EXPECT_FALSE(IsThere(Top()));
 }
 
-TEST_F(RemoveDirectoryTreeTest, UsesTheExtendedLengthFormInEveryCall) {
+TEST_F(RemoveDirectoryTreeTest, LooksUpNothingByAPathBelowTheTop) {
     std::vector<std::wstring> paths;
+    const auto note = [&](LPCWSTR path) {
+        EXPECT_EQ(path, kExtended + Top());
+        paths.emplace_back(path);
+    };
     HOOK(opening, CreateFileW,
          [&](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
              DWORD disposition, DWORD flags, HANDLE model) {
-             paths.emplace_back(path);
+             // The folder above is listed, to see that the top lies in it.
+             if (path != kExtended + Parent() + L"\\") {
+                 note(path);
+             }
              return opening.Original(path, access, share, security, disposition, flags, model);
          });
-    HOOK(asking, GetFileAttributesW, [&](LPCWSTR path) {
-        paths.emplace_back(path);
-        return asking.Original(path);
-    });
-    HOOK(searching, FindFirstFileExW,
-         [&](LPCWSTR path, FINDEX_INFO_LEVELS level, LPVOID data, FINDEX_SEARCH_OPS operation,
-             LPVOID filter, DWORD flags) {
-             paths.emplace_back(path);
-             return searching.Original(path, level, data, operation, filter, flags);
-         });
     HOOK(removing, RemoveDirectoryW, [&](LPCWSTR path) {
-        paths.emplace_back(path);
+        note(path);
         return removing.Original(path);
     });
-    HOOK(deleting, DeleteFileW, [&](LPCWSTR path) {
-        paths.emplace_back(path);
-        return deleting.Original(path);
-    });
+    HOOK(entries, NtOpenFile,
+         [&](PHANDLE opened, ACCESS_MASK access, POBJECT_ATTRIBUTES object, PIO_STATUS_BLOCK result,
+             ULONG sharing, ULONG options) -> NTSTATUS {
+             const std::wstring name(object->ObjectName->Buffer,
+                                     object->ObjectName->Length / sizeof(wchar_t));
+             EXPECT_NE(object->RootDirectory, nullptr);
+             EXPECT_EQ(name.find_first_of(L"\\/"), std::wstring::npos);
+             return entries.Original(opened, access, object, result, sharing, options);
+         });
+    COUNT_CALLS(asking, GetFileAttributesW);
+    COUNT_CALLS(deleting, DeleteFileW);
     RemoveDirectoryTree(Top());
-    EXPECT_GE(paths.size(), 10U);
-    for (const std::wstring& path : paths) {
-        EXPECT_EQ(path.rfind(kExtended + Top(), 0), 0U) << std::string(path.begin(), path.end());
-    }
+    // Existence, kind, the attempt on the top itself, and its opening.
+    EXPECT_EQ(paths.size(), 4U);
+    EXPECT_EQ(entries.Calls(), 4);
+    EXPECT_EQ(asking.Calls() + deleting.Calls(), 0);
 }
 
-TEST_F(RemoveDirectoryTreeTest, LeavesNothingOpenWhateverCallFails) {
+namespace {
+
+/// Lets each call of a kind fail in turn, until none is left, over a new tree each time.
+template <class Arrange>
+int CallsThatEndARemoval(const std::wstring& top, DWORD code, Arrange arrange) {
+    int calls = 0;
+    for (bool ended = true; ended; ++calls) {
+        CreateFolders(top + L"\\sub\\empty");
+        WriteFileAt(top + L"\\a.txt");
+        WriteFileAt(top + L"\\sub\\b.txt");
+        WriteFileAt(top + L"\\sub\\c.txt");
+        RemovalCalls watched;
+        arrange(watched, calls + 1);
+        DWORD answered = 0;
+        RemoveAll(top, answered);
+        ended = answered != ERROR_SUCCESS;
+        EXPECT_EQ(answered, ended ? code : DWORD{ERROR_SUCCESS}) << calls;
+        EXPECT_EQ(IsThere(top), ended) << calls;
+    }
+    return calls - 1;
+}
+
+} // namespace
+
+TEST_F(RemoveDirectoryTreeTest, EachOpeningQuestionAndDeletionThatFailsEndsItAndLeavesNothingOpen) {
     ExpectFileSystemError([&] { halvard::RemoveDirectoryTree(Top(), FailWithACode); }, "remove_all",
                           Top(), ERROR_ACCESS_DENIED);
     const int before = halvard_tests::OpenHandleCount();
-    {
-        FAIL_CALL(deleting, DeleteFileW, 0, FALSE, ERROR_WRITE_PROTECT);
-        ExpectRemoveAllError(ERROR_WRITE_PROTECT);
-    }
-    for (int call = 3; call <= 4; ++call) {
-        FAIL_CALL(opening, CreateFileW, call, INVALID_HANDLE_VALUE, ERROR_NETWORK_ACCESS_DENIED);
-        FAIL_CALL(deleting, DeleteFileW, 0, FALSE, ERROR_FILE_NOT_FOUND);
-        ExpectRemoveAllError(ERROR_NETWORK_ACCESS_DENIED);
-        EXPECT_EQ(opening.Calls(), call);
-    }
-    for (int call = 1; call <= 2; ++call) {
-        FAIL_CALL(searching, FindFirstFileExW, call, INVALID_HANDLE_VALUE, ERROR_CRC);
-        FAIL_CALL(deleting, DeleteFileW, 0, FALSE, ERROR_FILE_NOT_FOUND);
-        ExpectRemoveAllError(ERROR_CRC);
-        EXPECT_EQ(searching.Calls(), call);
-    }
-    for (int call = 1; call <= 4; ++call) {
-        FAIL_CALL(searching, FindNextFileW, call, FALSE, ERROR_SEEK);
-        FAIL_CALL(deleting, DeleteFileW, 0, FALSE, ERROR_FILE_NOT_FOUND);
-        ExpectRemoveAllError(ERROR_SEEK);
-        EXPECT_EQ(searching.Calls(), call);
-    }
+    // For its deletion, then for its listing: a folder takes two refusals.
+    const int openings = CallsThatEndARemoval(Top(), ERROR_ACCESS_DENIED, [](auto& calls, int nth) {
+        calls.beforeOpening = [count = 0, nth](const std::wstring&) mutable {
+            return ++count >= nth ? halvard_tests::kStatusAccessDenied
+                                  : halvard_tests::kStatusSuccess;
+        };
+    });
+    EXPECT_EQ(openings, 5);
+    const int deletions =
+        CallsThatEndARemoval(Top(), ERROR_WRITE_PROTECT, [](auto& calls, int nth) {
+            calls.beforeDeletion = [count = 0, nth](const std::wstring&) mutable -> DWORD {
+                return ++count == nth ? ERROR_WRITE_PROTECT : ERROR_SUCCESS;
+            };
+        });
+    EXPECT_EQ(deletions, 6);
+    const int questions = CallsThatEndARemoval(Top(), ERROR_SEEK, [](auto& calls, int nth) {
+        calls.afterQuestion = [count = 0, nth](const std::wstring&, auto asked,
+                                               void*) mutable -> DWORD {
+            return asked == FileBasicInfo && ++count == nth ? ERROR_SEEK : ERROR_SUCCESS;
+        };
+    });
+    // The top and two folders, and for each opening the folder that holds the entry.
+    EXPECT_EQ(questions, 3 + 5);
     EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
     RemoveDirectoryTree(Top());
+    EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
+}
+
+TEST_F(RemoveDirectoryTreeTest, ATopThatCannotBeOpenedEndsIt) {
+    const int before = halvard_tests::OpenHandleCount();
+    FAIL_CALL(opening, CreateFileW, 3, INVALID_HANDLE_VALUE, ERROR_NETWORK_ACCESS_DENIED);
+    ExpectRemoveAllError(ERROR_NETWORK_ACCESS_DENIED);
+    EXPECT_EQ(opening.Calls(), 3);
     EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
 }
 
@@ -396,23 +520,69 @@ TEST_F(RemoveAllTest, CountsEveryEntryAndTheFolderItself) {
 }
 
 TEST_F(RemoveAllTest, DeletesTheFolderItselfFirstAndEmptiesItOnlyWhenItMust) {
-    const RecordRemovals removals;
+    const RemovalCalls calls;
     DWORD code = 1;
     RemoveAll(Top(), code);
-    const std::vector<std::wstring> lines = removals.Lines();
-    const std::wstring top = kExtended + Top();
+    const std::vector<std::wstring>& lines = calls.removals;
     ASSERT_EQ(lines.size(), 6U);
-    EXPECT_EQ(lines.front(), L"folder " + top + L" refused");
-    EXPECT_EQ(lines.back(), L"folder " + top);
+    EXPECT_EQ(lines.front(), L"remove " + Top() + L" refused");
+    EXPECT_EQ(lines.back(), L"delete " + Top());
 
     const auto position = [&](const std::wstring& line) {
         return std::find(lines.begin(), lines.end(), line) - lines.begin();
     };
-    const std::wstring sub = L"folder " + top + L"\\sub";
-    EXPECT_LT(position(L"file " + top + L"\\a.txt"), 5);
-    EXPECT_LT(position(L"file " + top + L"\\sub\\b.txt"), position(sub));
+    const std::wstring sub = L"delete " + In(L"sub");
+    EXPECT_LT(position(L"delete " + In(L"a.txt")), 5);
+    EXPECT_LT(position(sub + L"\\b.txt"), position(sub));
     EXPECT_LT(position(sub + L"\\empty"), position(sub));
     EXPECT_LT(position(sub), 5);
+}
+
+TEST_F(RemoveAllTest, DeletesWithPosixSemanticsWhereTheyAreKnown) {
+    RemovalCalls calls;
+    calls.simulatesFlags = true;
+    DWORD code = 1;
+    EXPECT_EQ(RemoveAll(Top(), code), 5U);
+    EXPECT_EQ(calls.flags, std::vector<DWORD>(5, 3U));
+    EXPECT_EQ(calls.dispositions.size(), 5U);
+}
+
+TEST_F(RemoveAllTest, AsksForPosixSemanticsOnceARemovalWhereTheyAreRefused) {
+    for (const DWORD refusal :
+         {ERROR_INVALID_FUNCTION, ERROR_NOT_SUPPORTED, ERROR_INVALID_PARAMETER,
+          ERROR_CALL_NOT_IMPLEMENTED, ERROR_INVALID_LEVEL}) {
+        CreateFolders(In(L"sub\\empty"));
+        std::vector<FILE_INFO_BY_HANDLE_CLASS> asked;
+        HOOK(setting, SetFileInformationByHandle,
+             [&](HANDLE file, FILE_INFO_BY_HANDLE_CLASS type, LPVOID data, DWORD size) {
+                 asked.push_back(type);
+                 if (type == halvard_tests::kDispositionWithFlags) {
+                     SetLastError(refusal);
+                     return FALSE;
+                 }
+                 return setting.Original(file, type, data, size);
+             });
+        DWORD code = 1;
+        RemoveAll(Top(), code);
+        EXPECT_EQ(code, static_cast<DWORD>(ERROR_SUCCESS)) << refusal;
+        ASSERT_GE(asked.size(), 4U);
+        EXPECT_EQ(asked[0], halvard_tests::kDispositionWithFlags);
+        EXPECT_EQ(std::count(asked.begin(), asked.end(), FileDispositionInfo),
+                  static_cast<std::ptrdiff_t>(asked.size() - 1));
+    }
+}
+
+TEST_F(RemoveAllTest, AnyOtherRefusalOfADeletionIsAnError) {
+    HOOK(setting, SetFileInformationByHandle,
+         [](HANDLE, FILE_INFO_BY_HANDLE_CLASS type, LPVOID, DWORD) -> BOOL {
+             EXPECT_EQ(type, halvard_tests::kDispositionWithFlags);
+             SetLastError(ERROR_ACCESS_DENIED);
+             return FALSE;
+         });
+    DWORD code = 0;
+    EXPECT_EQ(RemoveAll(Top(), code), 0U);
+    EXPECT_EQ(code, static_cast<DWORD>(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(setting.Calls(), 1);
 }
 
 TEST_F(RemoveAllTest, AFolderThatAnswersAnotherCodeIsNotEmptied) {
@@ -424,13 +594,30 @@ TEST_F(RemoveAllTest, AFolderThatAnswersAnotherCodeIsNotEmptied) {
 }
 
 TEST_F(RemoveAllTest, WhatHasGoneMeanwhileCountsAsNothing) {
+    using halvard_tests::kStatusSuccess;
+    for (const NTSTATUS gone :
+         {halvard_tests::kStatusNoSuchName, halvard_tests::kStatusNoSuchPath,
+          halvard_tests::kStatusInvalidName, halvard_tests::kStatusBadNetworkPath}) {
+        RemovalCalls calls;
+        calls.beforeOpening = [&](const std::wstring& path) {
+            return path == In(L"sub\\b.txt") ? gone : kStatusSuccess;
+        };
+        CreateFolders(In(L"sub\\empty"));
+        DWORD code = 0;
+        // It is still there, so its folder is not empty when its turn comes.
+        RemoveAll(Top(), code);
+        EXPECT_EQ(code, static_cast<DWORD>(ERROR_DIR_NOT_EMPTY)) << gone;
+        EXPECT_FALSE(IsThere(In(L"sub\\empty"))) << gone;
+        EXPECT_TRUE(IsThere(In(L"sub\\b.txt"))) << gone;
+    }
     for (const DWORD gone : {2U, 3U, 53U, 123U}) {
-        // Nothing is really removed, so a folder is still full when its turn comes.
-        FAIL_CALL(deleting, DeleteFileW, 0, FALSE, gone);
+        RemovalCalls calls;
+        calls.beforeDeletion = [&](const std::wstring& path) {
+            return path == In(L"sub\\b.txt") ? gone : DWORD{ERROR_SUCCESS};
+        };
         DWORD code = 0;
         RemoveAll(Top(), code);
         EXPECT_EQ(code, static_cast<DWORD>(ERROR_DIR_NOT_EMPTY)) << gone;
-        EXPECT_GE(deleting.Calls(), 1);
     }
     FAIL_CALL(removing, RemoveDirectoryW, 1, FALSE, ERROR_FILE_NOT_FOUND);
     DWORD code = 1;
@@ -439,14 +626,13 @@ TEST_F(RemoveAllTest, WhatHasGoneMeanwhileCountsAsNothing) {
 }
 
 TEST_F(RemoveAllTest, AFolderThatVanishesBeforeItIsEnteredHoldsNothing) {
-    HOOK(opening, CreateFileW,
-         [&](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
-             DWORD disposition, DWORD flags, HANDLE model) {
-             if (path == kExtended + In(L"sub")) {
-                 halvard_tests::RemoveTree(In(L"sub"));
-             }
-             return opening.Original(path, access, share, security, disposition, flags, model);
-         });
+    RemovalCalls calls;
+    calls.beforeOpening = [&](const std::wstring& path) {
+        if (path == In(L"sub")) {
+            halvard_tests::RemoveTree(In(L"sub"));
+        }
+        return halvard_tests::kStatusSuccess;
+    };
     DWORD code = 1;
     EXPECT_EQ(RemoveAll(Top(), code), 2U);
     EXPECT_EQ(code, static_cast<DWORD>(ERROR_SUCCESS));
@@ -465,26 +651,53 @@ TEST_F(RemoveAllTest, ATopThatVanishesBeforeItIsEnteredHoldsNothing) {
     EXPECT_EQ(code, static_cast<DWORD>(ERROR_SUCCESS));
 }
 
+TEST_F(RemoveAllTest, AFileInThePlaceOfTheTopStays) {
+    HOOK(opening, CreateFileW,
+         [&](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
+             DWORD disposition, DWORD flags, HANDLE model) {
+             if (path == kExtended + Top() && IsThere(In(L"sub"))) {
+                 halvard_tests::RemoveTree(Top());
+                 WriteFileAt(Top());
+             }
+             return opening.Original(path, access, share, security, disposition, flags, model);
+         });
+    DWORD code = 0;
+    EXPECT_EQ(RemoveAll(Top(), code), 0U);
+    EXPECT_EQ(code, static_cast<DWORD>(ERROR_DIRECTORY));
+    EXPECT_TRUE(IsThere(Top()));
+}
+
 TEST_F(RemoveAllTest, AFolderThatFillsAgainIsNotEmptiedTwice) {
-    HOOK(removing, RemoveDirectoryW, [&](LPCWSTR path) {
+    RemovalCalls calls;
+    calls.beforeDeletion = [&](const std::wstring& path) -> DWORD {
         // Filled each time when its own turn comes.
-        if (path == kExtended + In(L"sub")) {
+        if (path == In(L"sub")) {
             WriteFileAt(In(L"sub\\again.txt"));
         }
-        return removing.Original(path);
-    });
-    COUNT_CALLS(entered, FindFirstFileExW);
+        return ERROR_SUCCESS;
+    };
     DWORD code = 0;
     RemoveAll(Top(), code);
     EXPECT_EQ(code, static_cast<DWORD>(ERROR_DIR_NOT_EMPTY));
-    EXPECT_EQ(entered.Calls(), 3);
+    EXPECT_EQ(std::count(calls.listings.begin(), calls.listings.end(), In(L"sub")), 2);
+    EXPECT_TRUE(IsThere(In(L"sub\\again.txt")));
 }
 
-TEST_F(RemoveAllTest, EmptiesADriveThatHasNoDots) {
-    FAIL_CALL(searching, FindFirstFileExW, 1, INVALID_HANDLE_VALUE, ERROR_FILE_NOT_FOUND);
-    DWORD code = 0;
-    EXPECT_EQ(RemoveAll(Top(), code), 0U);
-    EXPECT_EQ(code, static_cast<DWORD>(ERROR_DIR_NOT_EMPTY));
+TEST_F(RemoveAllTest, ADriveWithoutDotsHoldsNothing) {
+    for (const DWORD none : {ERROR_FILE_NOT_FOUND, ERROR_NO_MORE_FILES}) {
+        RemovalCalls calls;
+        calls.beforeListing = [&](const std::wstring&) {
+            return none;
+        };
+        calls.beforeDeletion = [&](const std::wstring&) -> DWORD {
+            return ERROR_CRC;
+        };
+        DWORD code = 0;
+        EXPECT_EQ(RemoveAll(L"T:\\", code), 0U);
+        // Its own deletion is tried.
+        EXPECT_EQ(code, static_cast<DWORD>(ERROR_CRC));
+        EXPECT_EQ(calls.removals, (Lines{L"remove T:\\ refused", L"delete T:\\ refused"}));
+    }
     EXPECT_TRUE(IsThere(In(L"a.txt")));
 }
 
@@ -492,21 +705,25 @@ TEST_F(RemoveAllTest, HoldsEveryFolderOnTheWayToTheOneAtWork) {
     CreateFolders(In(L"sub\\deep"));
     WriteFileAt(In(L"sub\\deep\\c.txt"));
     int attempts = 0;
-    HOOK(deleting, DeleteFileW, [&](LPCWSTR path) {
-        if (path == kExtended + In(L"sub\\deep\\c.txt")) {
-            for (const std::wstring& folder : {Top(), In(L"sub"), In(L"sub\\deep")}) {
-                EXPECT_FALSE(MoveFileW(folder.c_str(), Beside(L"moved").c_str()));
-                EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
-                const HANDLE taken =
-                    CreateFileW(folder.c_str(), DELETE, 7, nullptr, OPEN_EXISTING,
-                                FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
-                EXPECT_EQ(taken, INVALID_HANDLE_VALUE);
-                EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
-                ++attempts;
-            }
-        }
-        return deleting.Original(path);
-    });
+    HOOK(opening, NtOpenFile,
+         [&](PHANDLE opened, ACCESS_MASK access, POBJECT_ATTRIBUTES object, PIO_STATUS_BLOCK result,
+             ULONG sharing, ULONG options) -> NTSTATUS {
+             const std::wstring name(object->ObjectName->Buffer,
+                                     object->ObjectName->Length / sizeof(wchar_t));
+             if (name == L"c.txt") {
+                 for (const std::wstring& folder : {Top(), In(L"sub"), In(L"sub\\deep")}) {
+                     EXPECT_FALSE(MoveFileW(folder.c_str(), Beside(L"moved").c_str()));
+                     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+                     const HANDLE taken = CreateFileW(
+                         folder.c_str(), DELETE, 7, nullptr, OPEN_EXISTING,
+                         FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+                     EXPECT_EQ(taken, INVALID_HANDLE_VALUE);
+                     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+                     ++attempts;
+                 }
+             }
+             return opening.Original(opened, access, object, result, sharing, options);
+         });
     RemoveDirectoryTree(Top());
     EXPECT_EQ(attempts, 3);
     EXPECT_FALSE(IsThere(Top()));
@@ -514,7 +731,7 @@ TEST_F(RemoveAllTest, HoldsEveryFolderOnTheWayToTheOneAtWork) {
 
 namespace {
 
-DWORD RenameByAnotherProcess(const std::wstring& folder) {
+void RenameByAnotherProcess(const std::wstring& folder) {
     std::wstring command = L"cmd.exe /c ren \"" + folder + L"\" moved";
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
@@ -522,48 +739,76 @@ DWORD RenameByAnotherProcess(const std::wstring& folder) {
     EXPECT_TRUE(CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW,
                                nullptr, L"C:\\", &startup, &child));
     WaitForSingleObject(child.hProcess, INFINITE);
-    DWORD exitCode = 0;
-    GetExitCodeProcess(child.hProcess, &exitCode);
     CloseHandle(child.hThread);
     CloseHandle(child.hProcess);
-    return exitCode;
 }
 
 } // namespace
 
 TEST_F(RemoveAllTest, NoOtherProcessRenamesAFolderAtWork) {
-    HOOK(deleting, DeleteFileW, [&](LPCWSTR path) {
-        if (path == kExtended + In(L"sub\\b.txt")) {
-            EXPECT_NE(RenameByAnotherProcess(In(L"sub")), 0U);
-            EXPECT_NE(RenameByAnotherProcess(Top()), 0U);
-        }
-        return deleting.Original(path);
-    });
-    RemoveDirectoryTree(Top());
+    {
+        RemovalCalls calls;
+        calls.beforeOpening = [&](const std::wstring& path) {
+            if (path == In(L"sub\\b.txt")) {
+                RenameByAnotherProcess(In(L"sub"));
+                RenameByAnotherProcess(Top());
+                EXPECT_FALSE(IsThere(In(L"moved")));
+                EXPECT_FALSE(IsThere(Beside(L"moved")));
+            }
+            return halvard_tests::kStatusSuccess;
+        };
+        RemoveDirectoryTree(Top());
+        EXPECT_TRUE(calls.WasOpened(In(L"sub\\b.txt")));
+    }
     EXPECT_FALSE(IsThere(Top()));
-    EXPECT_FALSE(IsThere(Beside(L"moved")));
 
     CreateFolders(Top());
-    EXPECT_EQ(RenameByAnotherProcess(Top()), 0U);
+    RenameByAnotherProcess(Top());
     EXPECT_TRUE(IsThere(Beside(L"moved")));
 }
 
-TEST_F(RemoveAllTest, OpensFoldersForListingWithoutDeleteSharingAndAsThemselves) {
-    int entered = 0;
+TEST_F(RemoveAllTest, OpensTheTopAsItselfWithoutDeleteSharing) {
     HOOK(opening, CreateFileW,
          [&](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
              DWORD disposition, DWORD flags, HANDLE model) {
-             EXPECT_EQ(access, static_cast<DWORD>(FILE_LIST_DIRECTORY));
-             EXPECT_EQ(share, static_cast<DWORD>(FILE_SHARE_READ | FILE_SHARE_WRITE));
-             EXPECT_EQ(disposition, static_cast<DWORD>(OPEN_EXISTING));
-             EXPECT_EQ(flags, static_cast<DWORD>(FILE_FLAG_BACKUP_SEMANTICS |
-                                                 FILE_FLAG_OPEN_REPARSE_POINT));
-             ++entered;
+             if (path == kExtended + Top()) {
+                 EXPECT_EQ(access, DWORD{FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | DELETE});
+                 EXPECT_EQ(share, DWORD{FILE_SHARE_READ | FILE_SHARE_WRITE});
+                 EXPECT_EQ(flags, DWORD{FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT});
+             } else {
+                 EXPECT_EQ(path, kExtended + Parent() + L"\\");
+                 EXPECT_EQ(access, DWORD{FILE_LIST_DIRECTORY});
+                 EXPECT_EQ(share, DWORD{FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE});
+                 EXPECT_EQ(flags, DWORD{FILE_FLAG_BACKUP_SEMANTICS});
+             }
+             EXPECT_EQ(disposition, DWORD{OPEN_EXISTING});
              return opening.Original(path, access, share, security, disposition, flags, model);
          });
     DWORD code = 1;
     RemoveAll(Top(), code);
-    EXPECT_EQ(entered, 3);
+    EXPECT_EQ(opening.Calls(), 2);
+}
+
+TEST_F(RemoveAllTest, OpensEntriesAsThemselvesByTheirNames) {
+    const RemovalCalls calls;
+    DWORD code = 1;
+    RemoveAll(Top(), code);
+    ASSERT_EQ(calls.openings.size(), 4U);
+    constexpr ULONG asItself = FILE_OPEN_REPARSE_POINT | FILE_OPEN_FOR_BACKUP_INTENT;
+    for (const halvard_tests::EntryOpening& opening : calls.openings) {
+        const bool isFile = opening.name.find(L".txt") != std::wstring::npos;
+        SCOPED_TRACE(std::string(opening.name.begin(), opening.name.end()));
+        EXPECT_TRUE(opening.isRelative);
+        // Names of entries that differ in case alone are told apart.
+        EXPECT_EQ(opening.attributes, 0U);
+        EXPECT_EQ(opening.access, isFile ? ACCESS_MASK{DELETE}
+                                         : ACCESS_MASK{FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES |
+                                                       SYNCHRONIZE | DELETE});
+        EXPECT_EQ(opening.sharing, isFile ? ULONG{7} : ULONG{FILE_SHARE_READ | FILE_SHARE_WRITE});
+        EXPECT_EQ(opening.options,
+                  asItself | (isFile ? FILE_NON_DIRECTORY_FILE
+                                     : FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT));
+    }
 }
 
 TEST_F(LinkTest, ALinkInTheTreeIsNotEntered) {
@@ -578,7 +823,8 @@ TEST_F(LinkTest, ALinkInTheTreeIsNotEntered) {
 
 TEST_F(LinkTest, ALinkAsTheTopIsNotEntered) {
     const halvard_tests::Link link(Parent(), L"link", L"tree");
-    for (const std::wstring& top : {Beside(L"link"), Beside(L"link\\"), Beside(L"link/")}) {
+    for (const std::wstring& top :
+         {Beside(L"link"), Beside(L"link\\"), Beside(L"link/"), kExtended + Beside(L"link\\")}) {
         ExpectFileSystemError([&] { RemoveDirectoryTree(top); }, "remove_all", top,
                               ERROR_DIR_NOT_EMPTY);
     }
@@ -587,94 +833,266 @@ TEST_F(LinkTest, ALinkAsTheTopIsNotEntered) {
     EXPECT_TRUE(IsThere(In(L"sub\\empty")));
 }
 
-TEST_F(LinkTest, AFolderSwappedForALinkBeforeItIsEnteredIsNotEntered) {
-    CreateFolders(Beside(L"outside"));
-    WriteFileAt(Beside(L"outside\\kept.txt"));
-    std::unique_ptr<const halvard_tests::Link> link;
-    HOOK(opening, CreateFileW,
-         [&](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
-             DWORD disposition, DWORD flags, HANDLE model) {
-             if (path == kExtended + In(L"sub") && !link) {
-                 EXPECT_TRUE(MoveFileW(In(L"sub").c_str(), Beside(L"moved").c_str()));
-                 link = std::make_unique<const halvard_tests::Link>(Top(), L"sub", L"../outside");
-             }
-             return opening.Original(path, access, share, security, disposition, flags, model);
-         });
-    ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
-    EXPECT_NE(link, nullptr);
-    EXPECT_TRUE(IsThere(Beside(L"outside\\kept.txt")));
-    EXPECT_TRUE(IsThere(Beside(L"moved\\b.txt")));
-}
-
 namespace {
 
-/// Shows the folder "sub" as a reparse point: in listings, by its path, by its handle.
-class SubAsReparsePoint {
+/// Puts a link to "outside" in the place of an entry of the tree, which is moved away meanwhile.
+class Swap {
 public:
-    std::wstring folder;
-    bool listed = false;
-    bool seenByPath = false;
-    bool seenByHandle = false;
-    DWORD listedTag = 0;
-    DWORD tag = 0;
-    DWORD tagError = ERROR_SUCCESS;
-    bool wasOpened = false;
-
-private:
-    BOOL Listed(WIN32_FIND_DATAW& found, BOOL done) const {
-        if (done != FALSE && listed && std::wstring(found.cFileName) == L"sub") {
-            found.dwFileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
-            found.dwReserved0 = listedTag;
-        }
-        return done;
+    /// `name` and `target` are the host's, the name seen from the scratch folder: a program cannot
+    /// be started in a folder that is open for its deletion.
+    Swap(const ScratchFolder& scratch, const std::wstring& name, const std::wstring& target)
+        : place_(scratch.File(name)), moved_(scratch.File(L"moved")) {
+        EXPECT_TRUE(MoveFileW(place_.c_str(), moved_.c_str()));
+        link_.emplace(scratch.Path(), name, target);
+    }
+    void Back() {
+        link_.reset();
+        EXPECT_TRUE(MoveFileW(moved_.c_str(), place_.c_str()));
     }
 
-    HANDLE sub_ = nullptr;
-    HOOK(next_, FindNextFileW, [this](HANDLE search, LPWIN32_FIND_DATAW found) {
-        return Listed(*found, next_.Original(search, found));
-    });
-    HOOK(opening_, CreateFileW,
-         [this](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
-                DWORD disposition, DWORD flags, HANDLE model) {
-             const HANDLE opened =
-                 opening_.Original(path, access, share, security, disposition, flags, model);
-             if (path == folder) {
-                 sub_ = opened;
-                 wasOpened = true;
-             }
-             return opened;
-         });
-    HOOK(path_, GetFileAttributesW, [this](LPCWSTR path) {
-        const DWORD attributes = path_.Original(path);
-        return path == folder && seenByPath ? attributes | FILE_ATTRIBUTE_REPARSE_POINT
-                                            : attributes;
-    });
-    HOOK(handle_, GetFileInformationByHandleEx,
-         [this](HANDLE file, FILE_INFO_BY_HANDLE_CLASS type, LPVOID data, DWORD size) -> BOOL {
-             if (file != sub_ || type != FileAttributeTagInfo) {
-                 const BOOL done = handle_.Original(file, type, data, size);
-                 if (file == sub_ && seenByHandle) {
-                     static_cast<FILE_BASIC_INFO*>(data)->FileAttributes |=
-                         FILE_ATTRIBUTE_REPARSE_POINT;
-                 }
-                 return done;
-             }
-             SetLastError(tagError);
-             *static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data) = {
-                 FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT, tag};
-             return tagError == ERROR_SUCCESS ? TRUE : FALSE;
-         });
+private:
+    std::wstring place_;
+    std::wstring moved_;
+    std::optional<halvard_tests::Link> link_;
+};
+
+class SwapTest : public TreeTest {
+protected:
+    SwapTest() {
+        CreateFolders(Beside(L"outside"));
+        WriteFileAt(Beside(L"outside\\kept.txt"));
+    }
+
+    void ExpectLeftAlone() const { EXPECT_TRUE(IsThere(Beside(L"outside\\kept.txt"))); }
+
+    RemovalCalls calls;
+    std::optional<Swap> swap;
 };
 
 } // namespace
 
-TEST_F(LinkTest, WhatListingPathOrHandleCallsALinkIsNotEntered) {
+TEST_F(SwapTest, AFolderSwappedForALinkBeforeItIsOpenedIsNotEntered) {
+    calls.beforeOpening = [&](const std::wstring& path) {
+        if (path == In(L"sub") && !swap) {
+            swap.emplace(Scratch(), L"tree/sub", L"../outside");
+        }
+        return halvard_tests::kStatusSuccess;
+    };
+    ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+    EXPECT_TRUE(swap.has_value());
+    EXPECT_TRUE(IsThere(Beside(L"moved\\b.txt")));
+    ExpectLeftAlone();
+}
+
+TEST_F(SwapTest, AFolderSwappedForALinkWhileItIsOpenedIsNotEntered) {
+    calls.beforeOpening = [&](const std::wstring& path) {
+        if (path == In(L"sub")) {
+            swap.emplace(Scratch(), L"tree/sub", L"../outside");
+        }
+        return halvard_tests::kStatusSuccess;
+    };
+    calls.afterOpening = [&](const std::wstring& path) {
+        if (path == In(L"sub")) {
+            swap->Back();
+        }
+    };
+    ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+    EXPECT_TRUE(IsThere(In(L"sub\\b.txt")));
+    ExpectLeftAlone();
+}
+
+TEST_F(SwapTest, TheTopSwappedForALinkWhileItIsOpenedIsNotEntered) {
+    // The third opening by path: existence and kind come first.
+    int looks = 0;
+    calls.beforeOpeningPath = [&](const std::wstring& path) {
+        if (path == Top() && ++looks == 3) {
+            swap.emplace(Scratch(), L"tree", L"outside");
+        }
+    };
+    calls.afterOpeningPath = [&](const std::wstring& path) {
+        if (path == Top() && looks == 3) {
+            swap->Back();
+        }
+    };
+    ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+    EXPECT_TRUE(IsThere(In(L"sub\\b.txt")));
+    ExpectLeftAlone();
+}
+
+TEST_F(SwapTest, TheTopSwappedForALinkForGoodIsNotEntered) {
+    int looks = 0;
+    calls.beforeOpeningPath = [&](const std::wstring& path) {
+        if (path == Top() && ++looks == 3) {
+            swap.emplace(Scratch(), L"tree", L"outside");
+        }
+    };
+    ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+    EXPECT_TRUE(IsThere(Beside(L"moved\\sub\\b.txt")));
+    ExpectLeftAlone();
+}
+
+namespace {
+
+/// Changes how the folder above lists the top.
+template <class Change>
+void ChangeListedTop(RemovalCalls& calls, const std::wstring& above, Change change) {
+    calls.afterQuestion = [above, change](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
+                                          void* data) -> DWORD {
+        if (type == FileIdBothDirectoryInfo && path == above) {
+            halvard_tests::ForEachListed(data, [&](const std::wstring& name, auto& info) {
+                if (name == L"tree") {
+                    change(info);
+                }
+            });
+        }
+        return ERROR_SUCCESS;
+    };
+}
+
+} // namespace
+
+TEST_F(LinkTest, ATopIsKnownByItsNameAndItsIdentity) {
+    const auto otherName = [](auto& info) {
+        info.FileName[0] = L'x';
+    };
+    const auto otherIdentity = [](auto& info) {
+        info.FileId.QuadPart ^= 1;
+    };
+    {
+        // Another of the same name, or neither.
+        RemovalCalls calls;
+        ChangeListedTop(calls, Parent() + L"\\", otherIdentity);
+        ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+        ChangeListedTop(calls, Parent() + L"\\", [&](auto& info) {
+            otherName(info);
+            otherIdentity(info);
+        });
+        ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+        EXPECT_TRUE(IsThere(In(L"a.txt")));
+    }
+    {
+        // Names in other case stand for others where a folder tells them apart.
+        CreateFolders(Beside(L"eert"));
+        RemovalCalls calls;
+        calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
+                                  void* data) -> DWORD {
+            if (type == FileIdBothDirectoryInfo && path == Parent() + L"\\") {
+                halvard_tests::ForEachListed(data, [](const std::wstring& name, auto& info) {
+                    if (name == L"eert") {
+                        std::wstring(L"TREE").copy(info.FileName, name.size());
+                    }
+                });
+            }
+            return ERROR_SUCCESS;
+        };
+        RemoveDirectoryTree(In(L"sub"));
+        RemoveDirectoryTree(Top());
+        EXPECT_FALSE(IsThere(Top()));
+    }
+    CreateFolders(In(L"sub"));
+    RemovalCalls calls;
+    ChangeListedTop(calls, Parent() + L"\\", otherName);
+    RemoveDirectoryTree(Top());
+    EXPECT_FALSE(IsThere(Top()));
+}
+
+TEST_F(LinkTest, ATopIsKnownInEverySpellingOfItsName) {
+    RemoveDirectoryTree(L"t:\\SCRATCH\\TREE\\SUB");
+    EXPECT_FALSE(IsThere(In(L"sub")));
+    wchar_t shortPath[MAX_PATH] = {};
+    CreateFolders(In(L"a long name.of a folder"));
+    WriteFileAt(In(L"a long name.of a folder\\file"));
+    ASSERT_NE(GetShortPathNameW(In(L"a long name.of a folder").c_str(), shortPath, MAX_PATH), 0U);
+    ASSERT_EQ(std::wstring(shortPath).find(L"a long name"), std::wstring::npos);
+    RemoveDirectoryTree(shortPath);
+    EXPECT_FALSE(IsThere(In(L"a long name.of a folder")));
+}
+
+TEST_F(SwapTest, AFileSwappedForALinkToAFolderIsAnError) {
+    calls.beforeOpening = [&](const std::wstring& path) {
+        if (path == In(L"a.txt") && !swap) {
+            swap.emplace(Scratch(), L"tree/a.txt", L"../outside");
+        }
+        return halvard_tests::kStatusSuccess;
+    };
+    ExpectRemoveAllError(ERROR_ACCESS_DENIED);
+    ExpectLeftAlone();
+}
+
+TEST_F(SwapTest, AnEntryOfWhichTheNameIsAPathIsLeft) {
+    // The host knows such names, and a server may list whatever it likes.
+    WriteFileAt(Beside(L"outside\\kt"));
+    const halvard_tests::Link link(Top(), L"ln", L"../outside");
+    calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
+                              void* data) -> DWORD {
+        if (type == FileIdBothDirectoryInfo && path == Top()) {
+            halvard_tests::ForEachListed(data, [](const std::wstring& name, auto& info) {
+                if (name == L"a.txt") {
+                    std::wstring(L"ln\\kt").copy(info.FileName, name.size());
+                }
+            });
+        }
+        return ERROR_SUCCESS;
+    };
+    ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+    EXPECT_TRUE(IsThere(In(L"a.txt")));
+    EXPECT_TRUE(IsThere(Beside(L"outside\\kt")));
+    ExpectLeftAlone();
+}
+
+namespace {
+
+/// Shows the folder "sub" as a reparse point: in listings, by its handle.
+class SubAsReparsePoint : public RemovalCalls {
+public:
+    std::wstring folder;
+    bool listed = false;
+    bool seenByHandle = false;
+    DWORD listedTag = 0;
+    DWORD tag = 0;
+    DWORD tagError = ERROR_SUCCESS;
+    // Another identity than the one listed.
+    bool isAnother = false;
+
+    SubAsReparsePoint() {
+        afterQuestion = [this](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
+                               void* data) {
+            return Show(path, type, data);
+        };
+    }
+
+private:
+    DWORD Show(const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type, void* data) {
+        if (type == FileIdBothDirectoryInfo) {
+            halvard_tests::ForEachListed(data, [this](const std::wstring& name, auto& info) {
+                if (name == L"sub" && listed) {
+                    info.FileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+                    info.EaSize = listedTag;
+                }
+                if (name == L"sub" && isAnother) {
+                    info.FileId.QuadPart ^= 1;
+                }
+            });
+        } else if (path == folder && type == FileBasicInfo && seenByHandle) {
+            static_cast<FILE_BASIC_INFO*>(data)->FileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+        } else if (path == folder && type == FileAttributeTagInfo) {
+            *static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data) = {
+                FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT, tag};
+            return tagError;
+        }
+        return ERROR_SUCCESS;
+    }
+};
+
+} // namespace
+
+TEST_F(LinkTest, WhatListingHandleOrIdentityCallsALinkIsNotEntered) {
     const DWORD cloud = IO_REPARSE_TAG_CLOUD;
     struct Case {
         const char* name;
         bool listed;
-        bool byPath;
         bool byHandle;
+        bool isAnother;
         DWORD listedTag;
         DWORD tag;
         DWORD tagError;
@@ -683,26 +1101,24 @@ TEST_F(LinkTest, WhatListingPathOrHandleCallsALinkIsNotEntered) {
         {"listed as a symbolic link", true, false, false, IO_REPARSE_TAG_SYMLINK, cloud, 0},
         {"listed as a mount point", true, false, false, IO_REPARSE_TAG_MOUNT_POINT, cloud, 0},
         {"listed with no tag", true, false, false, 0, cloud, 0},
-        {"path shows a symbolic link", false, true, false, 0, IO_REPARSE_TAG_SYMLINK, 0},
-        {"path shows a mount point", false, true, false, 0, IO_REPARSE_TAG_MOUNT_POINT, 0},
-        {"path shows no tag", false, true, false, 0, 0, 0},
-        {"path shows an unreadable tag", false, true, false, 0, cloud, ERROR_INVALID_FUNCTION},
-        {"handle is a symbolic link", false, false, true, 0, IO_REPARSE_TAG_SYMLINK, 0},
-        {"handle is a mount point", false, false, true, 0, IO_REPARSE_TAG_MOUNT_POINT, 0},
-        {"handle has no tag", false, false, true, 0, 0, 0},
-        {"handle has an unreadable tag", false, false, true, 0, cloud, ERROR_INVALID_FUNCTION},
+        {"handle is a symbolic link", false, true, false, 0, IO_REPARSE_TAG_SYMLINK, 0},
+        {"handle is a mount point", false, true, false, 0, IO_REPARSE_TAG_MOUNT_POINT, 0},
+        {"handle has no tag", false, true, false, 0, 0, 0},
+        {"handle has an unreadable tag", false, true, false, 0, cloud, ERROR_INVALID_FUNCTION},
         {"listed as a cloud folder, but a link", true, false, false, cloud, IO_REPARSE_TAG_SYMLINK,
          0},
         {"listed as a cloud folder with an unreadable tag", true, false, false, cloud, cloud,
          ERROR_INVALID_FUNCTION},
+        {"another than the one listed", false, false, true, 0, 0, 0},
+        {"another cloud folder than the one listed", true, true, true, cloud, cloud, 0},
     };
     for (const Case& shown : cases) {
         SCOPED_TRACE(shown.name);
         SubAsReparsePoint sub;
-        sub.folder = kExtended + In(L"sub");
+        sub.folder = In(L"sub");
         sub.listed = shown.listed;
-        sub.seenByPath = shown.byPath;
         sub.seenByHandle = shown.byHandle;
+        sub.isAnother = shown.isAnother;
         sub.listedTag = shown.listedTag;
         sub.tag = shown.tag;
         sub.tagError = shown.tagError;
@@ -712,13 +1128,66 @@ TEST_F(LinkTest, WhatListingPathOrHandleCallsALinkIsNotEntered) {
     }
 }
 
+TEST_F(LinkTest, AnotherFolderThanTheOneListedStaysEvenEmpty) {
+    halvard_tests::RemoveTree(In(L"sub"));
+    CreateFolders(In(L"sub"));
+    SubAsReparsePoint sub;
+    sub.folder = In(L"sub");
+    sub.isAnother = true;
+    ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+    EXPECT_TRUE(IsThere(In(L"sub")));
+    EXPECT_EQ(std::count(sub.removals.begin(), sub.removals.end(), L"delete " + In(L"sub")), 0);
+}
+
+TEST_F(LinkTest, AFolderOfAnotherVolumeIsAnother) {
+    HOOK(identifying, GetFileInformationByHandle,
+         [&](HANDLE file, LPBY_HANDLE_FILE_INFORMATION info) {
+             const BOOL done = identifying.Original(file, info);
+             info->dwVolumeSerialNumber += static_cast<DWORD>(identifying.Calls());
+             return done;
+         });
+    ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+    EXPECT_TRUE(IsThere(In(L"sub\\b.txt")));
+}
+
+TEST_F(LinkTest, ATopThatIsALinkByItsHandleOrItsListingIsNotEntered) {
+    for (const bool byHandle : {true, false}) {
+        RemovalCalls calls;
+        calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
+                                  void* data) -> DWORD {
+            // Existence and kind are asked before the attempt on the folder itself.
+            if (calls.removals.empty()) {
+                return ERROR_SUCCESS;
+            }
+            if (byHandle && path == Top() && type == FileBasicInfo) {
+                static_cast<FILE_BASIC_INFO*>(data)->FileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+            } else if (byHandle && path == Top() && type == FileAttributeTagInfo) {
+                *static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data) = {FILE_ATTRIBUTE_DIRECTORY |
+                                                                    FILE_ATTRIBUTE_REPARSE_POINT,
+                                                                IO_REPARSE_TAG_MOUNT_POINT};
+            } else if (!byHandle && type == FileIdBothDirectoryInfo) {
+                halvard_tests::ForEachListed(data, [](const std::wstring& name, auto& info) {
+                    if (name == L"tree") {
+                        info.FileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+                        info.EaSize = IO_REPARSE_TAG_MOUNT_POINT;
+                    }
+                });
+            }
+            return ERROR_SUCCESS;
+        };
+        ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+        EXPECT_EQ(std::count(calls.listings.begin(), calls.listings.end(), Top()), 0);
+        EXPECT_TRUE(IsThere(In(L"a.txt")));
+    }
+}
+
 TEST_F(LinkTest, ReparsePointsThatAreNoLinksAreFolders) {
     for (const DWORD tag : {DWORD{IO_REPARSE_TAG_CLOUD}, DWORD{IO_REPARSE_TAG_DEDUP}}) {
         SubAsReparsePoint sub;
         CreateFolders(In(L"sub\\empty"));
         WriteFileAt(In(L"sub\\b.txt"));
-        sub.folder = kExtended + In(L"sub");
-        sub.listed = sub.seenByPath = sub.seenByHandle = true;
+        sub.folder = In(L"sub");
+        sub.listed = sub.seenByHandle = true;
         sub.listedTag = sub.tag = tag;
         RemoveDirectoryTree(Top());
         EXPECT_FALSE(IsThere(Top()));
@@ -726,128 +1195,208 @@ TEST_F(LinkTest, ReparsePointsThatAreNoLinksAreFolders) {
     }
 }
 
-TEST_F(LinkTest, AFolderThatCannotBeAskedIsNotEntered) {
-    {
-        // The first two looks are those at the status of the top.
-        FAIL_CALL(reading, GetFileInformationByHandleEx, 3, FALSE, ERROR_GEN_FAILURE);
-        ExpectRemoveAllError(ERROR_GEN_FAILURE);
+TEST_F(LinkTest, WhereThereAreNoIdentitiesFoldersAreWhatTheySeem) {
+    for (const LONGLONG none : {LONGLONG{0}, LONGLONG{-1}}) {
+        CreateFolders(In(L"sub\\empty"));
+        WriteFileAt(In(L"sub\\b.txt"));
+        RemovalCalls calls;
+        calls.afterQuestion = [&](const std::wstring&, FILE_INFO_BY_HANDLE_CLASS type,
+                                  void* data) -> DWORD {
+            if (type == FileIdBothDirectoryInfo) {
+                halvard_tests::ForEachListed(
+                    data, [&](const std::wstring&, auto& info) { info.FileId.QuadPart = none; });
+            }
+            return ERROR_SUCCESS;
+        };
+        RemoveDirectoryTree(Top());
+        EXPECT_FALSE(IsThere(Top()));
     }
-    FAIL_CALL(asking, GetFileAttributesW, 1, INVALID_FILE_ATTRIBUTES, ERROR_ACCESS_DENIED);
-    ExpectRemoveAllError(ERROR_ACCESS_DENIED);
-    EXPECT_TRUE(IsThere(In(L"a.txt")));
-    EXPECT_TRUE(IsThere(In(L"sub\\b.txt")));
+    CreateFolders(In(L"sub\\empty"));
+    {
+        FAIL_CALL(identifying, GetFileInformationByHandle, 0, FALSE, ERROR_INVALID_FUNCTION);
+        RemoveDirectoryTree(Top());
+        EXPECT_FALSE(IsThere(Top()));
+        EXPECT_GE(identifying.Calls(), 2);
+    }
+    CreateFolders(In(L"sub\\empty"));
+    HOOK(identifying, GetFileInformationByHandle,
+         [&](HANDLE file, LPBY_HANDLE_FILE_INFORMATION info) {
+             const BOOL done = identifying.Original(file, info);
+             info->nFileIndexHigh = info->nFileIndexLow = MAXDWORD;
+             return done;
+         });
+    RemoveDirectoryTree(Top());
+    EXPECT_FALSE(IsThere(Top()));
 }
 
-TEST_F(LinkTest, ALinkThatCanBeRemovedGoesAlone) {
-    // As Windows does it: the folder call takes a link away whatever lies behind it.
-    for (const bool isListed : {true, false}) {
-        std::vector<std::wstring> taken;
-        HOOK(removing, RemoveDirectoryW, [&](LPCWSTR path) -> BOOL {
-            if (path == kExtended + In(L"sub")) {
-                taken.emplace_back(path);
-                return TRUE;
-            }
-            return removing.Original(path);
-        });
-        SubAsReparsePoint sub;
-        sub.folder = kExtended + In(L"sub");
-        sub.listed = isListed;
-        sub.seenByPath = !isListed;
-        sub.listedTag = sub.tag = IO_REPARSE_TAG_MOUNT_POINT;
-        WriteFileAt(In(L"a.txt"));
-        DWORD code = 0;
-        EXPECT_EQ(RemoveAll(Top(), code), 2U);
-        EXPECT_EQ(taken, std::vector<std::wstring>{kExtended + In(L"sub")});
+TEST_F(LinkTest, ATopIsEnteredWhereTheFolderAboveCannotBeListed) {
+    {
+        FAIL_CALL(opening, CreateFileW, 4, INVALID_HANDLE_VALUE, ERROR_ACCESS_DENIED);
+        RemoveDirectoryTree(In(L"sub"));
+        EXPECT_EQ(opening.Calls(), 4);
+        EXPECT_FALSE(IsThere(In(L"sub")));
+    }
+    RemovalCalls calls;
+    calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
+                              void*) -> DWORD {
+        return type == FileIdBothDirectoryInfo && path == Parent() + L"\\" ? ERROR_ACCESS_DENIED
+                                                                           : ERROR_SUCCESS;
+    };
+    RemoveDirectoryTree(Top());
+    EXPECT_FALSE(IsThere(Top()));
+}
+
+TEST_F(LinkTest, AFolderThatCannotBeAskedIsNotEntered) {
+    for (const std::wstring& asked : {Top(), In(L"sub")}) {
+        RemovalCalls calls;
+        calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
+                                  void*) -> DWORD {
+            return path == asked && type == FileBasicInfo && !calls.removals.empty()
+                       ? ERROR_GEN_FAILURE
+                       : ERROR_SUCCESS;
+        };
+        ExpectRemoveAllError(ERROR_GEN_FAILURE);
+        EXPECT_EQ(std::count(calls.listings.begin(), calls.listings.end(), asked), 0);
         EXPECT_TRUE(IsThere(In(L"sub\\b.txt")));
     }
 }
 
-TEST_F(LinkTest, AListedLinkIsNotEvenOpened) {
+TEST_F(LinkTest, ALinkThatCanBeRemovedGoesAlone) {
+    // As Windows does it: a deletion takes a link away whatever lies behind it.
+    for (const bool isListed : {true, false}) {
+        SubAsReparsePoint sub;
+        sub.simulatesFlags = true;
+        sub.folder = In(L"sub");
+        sub.listed = isListed;
+        sub.seenByHandle = !isListed;
+        sub.listedTag = sub.tag = IO_REPARSE_TAG_MOUNT_POINT;
+        bool taken = false;
+        sub.simulatesDeletion = [&](const std::wstring& path) {
+            taken = taken || path == In(L"sub");
+            return path == In(L"sub") || path == Top();
+        };
+        WriteFileAt(In(L"a.txt"));
+        DWORD code = 0;
+        EXPECT_EQ(RemoveAll(Top(), code), 3U);
+        EXPECT_TRUE(taken);
+        EXPECT_EQ(std::count(sub.listings.begin(), sub.listings.end(), In(L"sub")), 0);
+        EXPECT_TRUE(IsThere(In(L"sub\\b.txt")));
+    }
+}
+
+TEST_F(LinkTest, AListedLinkIsOpenedForItsDeletionAlone) {
     SubAsReparsePoint sub;
     sub.listed = true;
     sub.listedTag = IO_REPARSE_TAG_SYMLINK;
-    COUNT_CALLS(searching, FindFirstFileExW);
-    sub.folder = kExtended + In(L"sub");
+    sub.folder = In(L"sub");
     ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
-    EXPECT_FALSE(sub.wasOpened);
-    EXPECT_EQ(searching.Calls(), 1);
+    ASSERT_TRUE(sub.WasOpened(In(L"sub")));
+    for (const halvard_tests::EntryOpening& opening : sub.openings) {
+        EXPECT_EQ(opening.access, ACCESS_MASK{DELETE});
+        if (opening.path == In(L"sub")) {
+            EXPECT_NE(opening.options & FILE_DIRECTORY_FILE, 0U);
+            EXPECT_NE(opening.options & FILE_OPEN_REPARSE_POINT, 0U);
+        }
+    }
 }
 
 TEST_F(LinkTest, ALinkAsTheTopThatCanBeRemovedGoesAlone) {
+    const halvard_tests::Link link(Parent(), L"link", L"tree");
+    // As Windows does it: the call takes the link away whatever lies behind it.
     FAIL_CALL(removing, RemoveDirectoryW, 1, TRUE, NO_ERROR);
-    COUNT_CALLS(searching, FindFirstFileExW);
-    RemoveDirectoryTree(Top());
+    COUNT_CALLS(opening, CreateFileW);
+    COUNT_CALLS(entries, NtOpenFile);
+    RemoveDirectoryTree(Beside(L"link"));
     EXPECT_EQ(removing.Calls(), 1);
-    EXPECT_EQ(searching.Calls(), 0);
+    // Existence and kind alone.
+    EXPECT_EQ(opening.Calls(), 2);
+    EXPECT_EQ(entries.Calls(), 0);
     EXPECT_TRUE(IsThere(In(L"sub\\b.txt")));
 }
 
 TEST_F(LinkTest, AFolderThatBecomesALinkWhileItIsAtWorkIsLeft) {
-    // Emptied by others it can be made one in place, though it is held.
-    SubAsReparsePoint sub;
-    sub.folder = kExtended + In(L"sub");
-    sub.tag = IO_REPARSE_TAG_MOUNT_POINT;
-    std::vector<std::wstring> removed;
-    HOOK(searching, FindFirstFileExW,
-         [&](LPCWSTR path, FINDEX_INFO_LEVELS level, LPVOID data, FINDEX_SEARCH_OPS operation,
-             LPVOID filter, DWORD flags) {
-             const HANDLE search = searching.Original(path, level, data, operation, filter, flags);
-             sub.seenByHandle = path == sub.folder + L"\\*";
-             return search;
-         });
-    HOOK(deleting, DeleteFileW, [&](LPCWSTR path) {
-        removed.emplace_back(path);
-        return deleting.Original(path);
-    });
-    ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
-    EXPECT_TRUE(IsThere(In(L"sub\\b.txt")));
-    EXPECT_TRUE(IsThere(In(L"sub\\empty")));
-    for (const std::wstring& path : removed) {
-        EXPECT_EQ(path, kExtended + In(L"a.txt"));
+    // Emptied by others it can be made one in place, though it is held: before an entry is opened,
+    // and behind that.
+    for (const bool behind : {false, true}) {
+        SubAsReparsePoint sub;
+        sub.folder = In(L"sub");
+        sub.tag = IO_REPARSE_TAG_MOUNT_POINT;
+        const auto become = [&](const std::wstring& path) {
+            sub.seenByHandle = sub.seenByHandle || path == In(L"sub\\b.txt");
+        };
+        if (behind) {
+            sub.afterOpening = become;
+        } else {
+            sub.beforeOpening = [&](const std::wstring& path) {
+                become(path);
+                return halvard_tests::kStatusSuccess;
+            };
+        }
+        ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+        EXPECT_TRUE(sub.seenByHandle);
+        EXPECT_TRUE(IsThere(In(L"sub\\b.txt")));
+        EXPECT_EQ(
+            std::count(sub.removals.begin(), sub.removals.end(), L"delete " + In(L"sub\\b.txt")),
+            0);
     }
 }
 
+TEST_F(LinkTest, WhatIsNotFoundInAFolderThatHasBecomeALinkIsNoAnswer) {
+    SubAsReparsePoint sub;
+    sub.folder = In(L"sub");
+    sub.tag = IO_REPARSE_TAG_MOUNT_POINT;
+    sub.beforeOpening = [&](const std::wstring& path) {
+        sub.seenByHandle = sub.seenByHandle || path == In(L"sub\\b.txt");
+        return path == In(L"sub\\b.txt") ? halvard_tests::kStatusNoSuchName
+                                         : halvard_tests::kStatusSuccess;
+    };
+    ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+    EXPECT_TRUE(IsThere(In(L"sub")));
+}
+
+TEST_F(LinkTest, AnEntryThatIsOpenIsTheOneDeletedWhateverBecomesOfItsFolder) {
+    SubAsReparsePoint sub;
+    sub.folder = In(L"sub");
+    sub.tag = IO_REPARSE_TAG_MOUNT_POINT;
+    sub.beforeDeletion = [&](const std::wstring& path) -> DWORD {
+        sub.seenByHandle = sub.seenByHandle || path == In(L"sub\\b.txt");
+        return ERROR_SUCCESS;
+    };
+    // Listed behind it.
+    WriteFileAt(In(L"sub\\c.txt"));
+    ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+    EXPECT_EQ(sub.removals.back(), L"delete " + In(L"sub\\b.txt"));
+    EXPECT_FALSE(IsThere(In(L"sub\\b.txt")));
+    EXPECT_TRUE(IsThere(In(L"sub\\c.txt")));
+}
+
 TEST_F(LinkTest, AFolderAtWorkThatCannotBeAskedAnyMoreIsLeft) {
-    // Two looks at the status of the top, one as it is entered.
-    FAIL_CALL(reading, GetFileInformationByHandleEx, 4, FALSE, ERROR_GEN_FAILURE);
+    RemovalCalls calls;
+    calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
+                              void*) -> DWORD {
+        return path == In(L"sub") && type == FileBasicInfo && calls.WasOpened(In(L"sub\\b.txt"))
+                   ? ERROR_GEN_FAILURE
+                   : ERROR_SUCCESS;
+    };
     ExpectRemoveAllError(ERROR_GEN_FAILURE);
-    EXPECT_TRUE(IsThere(In(L"a.txt")));
     EXPECT_TRUE(IsThere(In(L"sub\\b.txt")));
 }
 
 TEST_F(RemoveAllTest, AHeldFolderThatCannotBeListedIsAnErrorWhateverTheCode) {
     for (const DWORD code : {DWORD{ERROR_PATH_NOT_FOUND}, DWORD{ERROR_BAD_NETPATH}}) {
-        for (int call = 1; call <= 2; ++call) {
-            FAIL_CALL(searching, FindFirstFileExW, call, INVALID_HANDLE_VALUE, code);
-            FAIL_CALL(deleting, DeleteFileW, 0, FALSE, ERROR_FILE_NOT_FOUND);
-            ExpectRemoveAllError(static_cast<int>(code));
+        for (const std::wstring& folder : {Top(), In(L"sub")}) {
+            for (int call = 1; call <= 2; ++call) {
+                CreateFolders(In(L"sub"));
+                RemovalCalls calls;
+                int listings = 0;
+                calls.beforeListing = [&](const std::wstring& path) -> DWORD {
+                    return path == folder && ++listings == call ? code : DWORD{ERROR_SUCCESS};
+                };
+                ExpectRemoveAllError(static_cast<int>(code));
+                EXPECT_EQ(listings, call);
+            }
         }
     }
-}
-
-TEST(RemoveEntry, RemovesByKindAndPassesOverWhatHasGone) {
-    const ScratchFolder scratch;
-    CreateFolders(scratch.File(L"folder\\full"));
-    WriteFileAt(scratch.File(L"file"));
-    const auto remove = [&](const wchar_t* name, DWORD attributes, bool& removed) {
-        return halvard::RemoveEntry({scratch.File(name), attributes, 0}, removed);
-    };
-    bool removed = false;
-    EXPECT_EQ(remove(L"file", FILE_ATTRIBUTE_ARCHIVE, removed), 0U);
-    EXPECT_TRUE(removed);
-    EXPECT_EQ(remove(L"file", FILE_ATTRIBUTE_ARCHIVE, removed), 0U);
-    EXPECT_FALSE(removed);
-    EXPECT_EQ(remove(L"folder", FILE_ATTRIBUTE_DIRECTORY, removed),
-              static_cast<DWORD>(ERROR_DIR_NOT_EMPTY));
-    EXPECT_FALSE(removed);
-    // What has become a folder or a file since it was listed stays.
-    EXPECT_EQ(remove(L"folder\\full", FILE_ATTRIBUTE_ARCHIVE, removed),
-              static_cast<DWORD>(ERROR_ACCESS_DENIED));
-    WriteFileAt(scratch.File(L"file"));
-    EXPECT_EQ(remove(L"file", FILE_ATTRIBUTE_DIRECTORY, removed),
-              static_cast<DWORD>(ERROR_DIRECTORY));
-    EXPECT_EQ(remove(L"folder\\full", FILE_ATTRIBUTE_DIRECTORY, removed), 0U);
-    EXPECT_TRUE(removed);
 }
 
 TEST(IsLink, KnowsLinksByAttributeAndTag) {
@@ -862,16 +1411,17 @@ TEST(IsLink, KnowsLinksByAttributeAndTag) {
 }
 
 TEST_F(FallbackTest, IsEnteredForTheErrorCountAlone) {
-    COUNT_CALLS(searching, FindFirstFileExW);
-    halvard::RemoveDirectoryTree(Top(), RemoveNothing);
-    EXPECT_EQ(searching.Calls(), 0);
-    ExpectFileSystemError([&] { halvard::RemoveDirectoryTree(Top(), FailWithACode); }, "remove_all",
-                          Top(), ERROR_ACCESS_DENIED);
-    EXPECT_EQ(searching.Calls(), 0);
+    {
+        const RemovalCalls calls;
+        halvard::RemoveDirectoryTree(Top(), RemoveNothing);
+        ExpectFileSystemError([&] { halvard::RemoveDirectoryTree(Top(), FailWithACode); },
+                              "remove_all", Top(), ERROR_ACCESS_DENIED);
+        EXPECT_EQ(calls.listings, Lines());
+    }
     RemoveDirectoryTree(In(L"sub"));
-    const int before = searching.Calls();
+    const RemovalCalls calls;
     halvard::RemoveDirectoryTree(Top(), FailWithoutACode);
-    EXPECT_EQ(searching.Calls(), before + 1);
+    EXPECT_EQ(calls.listings, (Lines{Parent() + L"\\", Top()}));
 }
 
 TEST_F(FallbackTest, RemovesEntriesOneByOneAndLeavesTheFolder) {
@@ -893,7 +1443,8 @@ TEST_F(FallbackTest, AFolderThatIsNotEmptyEndsIt) {
 
 namespace {
 
-/// One entry, "stays", that has gone whenever it is to be removed, and what is done about it.
+/// One entry, "stays", that has gone whenever it is to be removed, and what is done about it. What
+/// lies in it is treated alike.
 class StayingEntry {
 public:
     DWORD attributes = FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_READONLY;
@@ -901,26 +1452,26 @@ public:
     DWORD secondRemoval = ERROR_FILE_NOT_FOUND;
     std::vector<std::wstring> calls;
 
+    StayingEntry() {
+        removing_.beforeDeletion = [this](const std::wstring& path) {
+            return Remove(path);
+        };
+    }
+
 private:
     void Note(const wchar_t* call, LPCWSTR path, DWORD number) {
         calls.push_back(call + std::wstring(path) + L" " + std::to_wstring(number));
     }
 
-    BOOL Remove(const wchar_t* call, LPCWSTR path) {
-        Note(call, path, 0);
-        const bool first = removals_++ == 0;
-        SetLastError(first ? ERROR_FILE_NOT_FOUND : secondRemoval);
-        return !first && secondRemoval == ERROR_SUCCESS ? TRUE : FALSE;
+    DWORD Remove(const std::wstring& path) {
+        Note(L"delete ", (kExtended + path).c_str(), 0);
+        return removals_++ == 0 ? DWORD{ERROR_FILE_NOT_FOUND} : secondRemoval;
     }
 
     int removals_ = 0;
+    RemovalCalls removing_;
 
-    HOOK(deleting_, DeleteFileW, [this](LPCWSTR path) { return Remove(L"delete ", path); });
-    HOOK(removing_, RemoveDirectoryW, [this](LPCWSTR path) { return Remove(L"remove ", path); });
     HOOK(getting_, GetFileAttributesW, [this](LPCWSTR path) {
-        if (std::wstring(path).find(L"stays") == std::wstring::npos) {
-            return getting_.Original(path);
-        }
         Note(L"get ", path, 0);
         return attributes;
     });
@@ -968,13 +1519,11 @@ TEST_F(StayingEntryTest, AFolderIsTreatedAsAFileIs) {
     StayingEntry stays;
     stays.attributes = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY;
     Remove();
-    const auto treated = [](const std::wstring& removal, const std::wstring& entry) {
-        return Lines{removal + entry + L" 0", L"get " + entry + L" 0", L"set " + entry + L" 16",
-                     removal + entry + L" 0", L"move " + entry + L" 4"};
+    const auto treated = [](const std::wstring& entry) {
+        return Lines{L"delete " + entry + L" 0", L"get " + entry + L" 0", L"set " + entry + L" 16",
+                     L"delete " + entry + L" 0", L"move " + entry + L" 4"};
     };
-    // Between the two it is asked whether it is a link.
-    EXPECT_EQ(stays.calls, treated(L"remove ", file) + Lines{L"get " + file + L" 0"} +
-                               treated(L"delete ", file + L"\\in"));
+    EXPECT_EQ(stays.calls, treated(file) + treated(file + L"\\in"));
 }
 
 TEST_F(StayingEntryTest, AttributesThatCannotBeReadAreWrittenBackAllTheSame) {
@@ -1008,7 +1557,7 @@ TEST_F(StayingEntryTest, ASecondRemovalThatFailsEndsIt) {
 }
 
 TEST_F(StayingEntryTest, AFirstRemovalThatFailsEndsIt) {
-    FAIL_CALL(deleting, DeleteFileW, 1, FALSE, ERROR_SHARING_VIOLATION);
+    FAIL_CALL(opening, NtOpenFile, 1, halvard_tests::kStatusSharingViolation, NO_ERROR);
     COUNT_CALLS(setting, SetFileAttributesW);
     ExpectFileSystemError([&] { Remove(); }, "remove", top + L"\\stays", ERROR_SHARING_VIOLATION);
     EXPECT_EQ(setting.Calls(), 0);
@@ -1019,7 +1568,7 @@ TEST_F(StayingEntryTest, IsReallyQueuedWithTheSystem) {
     const wchar_t* const pending = L"PendingFileRenameOperations";
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, manager, pending);
     {
-        FAIL_CALL(deleting, DeleteFileW, 0, FALSE, ERROR_FILE_NOT_FOUND);
+        FAIL_CALL(opening, NtOpenFile, 0, halvard_tests::kStatusNoSuchName, NO_ERROR);
         Remove();
     }
     std::wstring queued(1024, L'\0');
@@ -1041,7 +1590,12 @@ TEST_F(FallbackTest, NamesTheWalkThatCannotBegin) {
 }
 
 TEST_F(FallbackTest, NamesTheWalkThatCannotGoOn) {
-    FAIL_CALL(searching, FindNextFileW, 2, FALSE, ERROR_GEN_FAILURE);
+    RemovalCalls calls;
+    int listings = 0;
+    calls.beforeListing = [&](const std::wstring& path) -> DWORD {
+        return path == Top() && ++listings == 2 ? ERROR_GEN_FAILURE : ERROR_SUCCESS;
+    };
+    RemoveDirectoryTree(In(L"sub"));
     ExpectFileSystemError([&] { halvard::RemoveDirectoryTree(Top(), FailWithoutACode); },
                           "recursive_directory_iterator::operator++", Top(), ERROR_GEN_FAILURE);
 }

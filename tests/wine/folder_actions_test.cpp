@@ -9,6 +9,7 @@
 #include "files.h"
 #include "import_hook.h"
 #include "open_handles.h"
+#include "removal_calls.h"
 #include "pivot_installation.h"
 #include "stand_in_session.h"
 
@@ -94,6 +95,12 @@ bool IsDriveEmpty() {
     }
     FindClose(search);
     return false;
+}
+
+std::wstring FinalPath(HANDLE file) {
+    wchar_t path[1024] = {};
+    GetFinalPathNameByHandleW(file, path, 1024, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+    return path;
 }
 
 // Watches the calls of an action in their order, and stands in for the programs that it starts.
@@ -213,7 +220,7 @@ private:
     HOOK(looking_, CreateFileW,
          [this](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
                 DWORD disposition, DWORD flags, HANDLE pattern) {
-             const bool enters = access == FILE_LIST_DIRECTORY;
+             const bool enters = (access & FILE_LIST_DIRECTORY) != 0;
              if (Call((enters ? L"enter "s : L"look "s) + path) != NO_ERROR) {
                  return INVALID_HANDLE_VALUE;
              }
@@ -230,9 +237,23 @@ private:
         }
         return removingFolder_.Original(path);
     });
-    HOOK(removingFile_, DeleteFileW, [this](LPCWSTR path) {
-        return Call(L"remove file "s + path) == NO_ERROR ? removingFile_.Original(path) : FALSE;
-    });
+    HOOK(removingEntry_, SetFileInformationByHandle,
+         [this](HANDLE file, FILE_INFO_BY_HANDLE_CLASS type, LPVOID data, DWORD size) {
+             if (type == halvard_tests::kDispositionWithFlags) {
+                 SetLastError(ERROR_INVALID_PARAMETER);
+                 return FALSE;
+             }
+             const std::wstring path = FinalPath(file);
+             if (Call(L"remove entry "s + path) != NO_ERROR) {
+                 return FALSE;
+             }
+             if (path == kDrive) {
+                 // It would really go here, with the folder that every other test needs.
+                 SetLastError(ERROR_ACCESS_DENIED);
+                 return FALSE;
+             }
+             return removingEntry_.Original(file, type, data, size);
+         });
     HOOK(existing_, PathFileExistsW, [this](LPCWSTR path) {
         return Call(L"exists "s + path) == NO_ERROR ? existing_.Original(path) : FALSE;
     });
@@ -434,10 +455,10 @@ TEST_P(RemoveFolderAction, ADriveIsEmptiedWhenItSaysThatItIsNotEmpty) {
     const Calls calls;
     EXPECT_EQ(Perform(GetParam(), machine), "filesystem_error remove_all 5 T:\\");
     EXPECT_TRUE(IsDriveEmpty());
-    const Lines removals = calls.Of(L"remove folder");
+    const Lines removals = calls.Of(L"remove");
     ASSERT_GE(removals.size(), 2U);
     EXPECT_EQ(removals.front(), L"remove folder " + kDrive);
-    EXPECT_EQ(removals.back(), L"remove folder " + kDrive);
+    EXPECT_EQ(removals.back(), L"remove entry " + kDrive);
 }
 
 TEST_P(RemoveFolderAction, ALinkIsNeitherEnteredNorRemoved) {
@@ -512,8 +533,8 @@ TEST_P(RemoveFolderAction, EachRemovalFailingInTurnEndsTheRemoval) {
     // The folder, what it holds, the folder again.
     const Lines order = {
         L"remove folder \\\\?\\T:\\Scratch\\app",
-        L"remove file \\\\?\\T:\\Scratch\\app\\file",
-        L"remove folder \\\\?\\T:\\Scratch\\app",
+        L"remove entry \\\\?\\T:\\Scratch\\app\\file",
+        L"remove entry \\\\?\\T:\\Scratch\\app",
     };
     for (std::size_t nth = 1; nth <= order.size(); ++nth) {
         CreateFolders(machine.File(L"app"));

@@ -10,6 +10,7 @@
 #include "import_hook.h"
 #include "lines.h"
 #include "open_handles.h"
+#include "removal_calls.h"
 #include "process_starts.h"
 #include "registry_key.h"
 #include "stand_in_session.h"
@@ -616,23 +617,22 @@ TEST(ApplyFolderPermissions, EntersWhatOnlySeemsALink) {
                                            {0, false},
                                            {IO_REPARSE_TAG_DEDUP, true}};
     for (const auto& [tag, entered] : tags) {
-        HOOK(listing, FindNextFileW, [&](HANDLE search, LPWIN32_FIND_DATAW found) {
-            const BOOL done = listing.Original(search, found);
-            if (done != FALSE && found->cFileName == std::wstring(L"sub")) {
-                found->dwFileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
-                found->dwReserved0 = tag;
+        halvard_tests::RemovalCalls calls;
+        calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
+                                  void* data) -> DWORD {
+            if (type == FileIdBothDirectoryInfo) {
+                halvard_tests::ForEachListed(data, [&](const std::wstring& name, auto& info) {
+                    if (name == L"sub") {
+                        info.FileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+                        info.EaSize = tag;
+                    }
+                });
+            } else if (type == FileAttributeTagInfo && path == scratch.File(L"sub")) {
+                *static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data) = {
+                    FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT, tag};
             }
-            return done;
-        });
-        HOOK(tagging, GetFileInformationByHandleEx,
-             [&](HANDLE file, FILE_INFO_BY_HANDLE_CLASS type, LPVOID data, DWORD size) -> BOOL {
-                 if (type != FileAttributeTagInfo) {
-                     return tagging.Original(file, type, data, size);
-                 }
-                 *static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data) = {
-                     FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT, tag};
-                 return TRUE;
-             });
+            return ERROR_SUCCESS;
+        };
         const StandInInterpreter interpreter;
         ApplyFolderPermissions(scratch.Path(), L"u");
         Lines paths = {scratch.Path(), scratch.File(L"sub")};
@@ -708,52 +708,49 @@ TEST(SetPermissionsRegisterDLL, AFolderThatCannotBeAskedOrListedEndsItBeforeTheR
             ExpectRaised(kConstructor, top, code, 1);
         }
         {
-            FAIL_CALL(opening, CreateFileW, 4, INVALID_HANDLE_VALUE, code);
+            FAIL_CALL(opening, NtOpenFile, 1,
+                      code == ERROR_ACCESS_DENIED ? halvard_tests::kStatusAccessDenied
+                                                  : halvard_tests::kStatusSharingViolation,
+                      NO_ERROR);
             ExpectRaised(kIncrement, sub, code, 2);
         }
-        {
-            FAIL_CALL(listing, FindFirstFileExW, 1, INVALID_HANDLE_VALUE, code);
-            ExpectRaised(kConstructor, top, code, 1);
+        struct Case {
+            std::wstring folder;
+            int nth;
+            const char* operation;
+            std::size_t entries;
+        };
+        const Case listings[] = {
+            {top, 1, kConstructor, 1},
+            {top, 2, kIncrement, 3},
+            {sub, 1, kIncrement, 2},
+            {sub, 2, kIncrement, 3},
+        };
+        for (const Case& listing : listings) {
+            halvard_tests::RemovalCalls calls;
+            int count = 0;
+            calls.beforeListing = [&](const std::wstring& path) {
+                return path == listing.folder && ++count == listing.nth ? code
+                                                                        : DWORD{ERROR_SUCCESS};
+            };
+            ExpectRaised(listing.operation, listing.folder, code, listing.entries);
         }
-        {
-            FAIL_CALL(listing, FindFirstFileExW, 2, INVALID_HANDLE_VALUE, code);
-            ExpectRaised(kIncrement, sub, code, 2);
+        // Existence and kind, the opening of the top, "sub" listed in it, and the opening of that.
+        const Case questions[] = {
+            {top, 1, "exists", 0},   {top, 2, "status", 0},   {top, 3, kConstructor, 1},
+            {top, 4, kIncrement, 1}, {sub, 1, kIncrement, 2},
+        };
+        for (const Case& question : questions) {
+            halvard_tests::RemovalCalls calls;
+            int count = 0;
+            calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
+                                      void*) {
+                return type == FileBasicInfo && path == question.folder && ++count == question.nth
+                           ? code
+                           : DWORD{ERROR_SUCCESS};
+            };
+            ExpectRaised(question.operation, question.folder, code, question.entries);
         }
-        {
-            FAIL_CALL(listing, FindNextFileW, 1, FALSE, code);
-            ExpectRaised(kIncrement, top, code, 1);
-        }
-        {
-            // The two dots and "sub", then the two dots of that.
-            FAIL_CALL(listing, FindNextFileW, 4, FALSE, code);
-            ExpectRaised(kIncrement, sub, code, 2);
-        }
-        {
-            FAIL_CALL(asking, GetFileInformationByHandleEx, 1, FALSE, code);
-            ExpectRaised("exists", top, code, 0);
-        }
-        {
-            FAIL_CALL(asking, GetFileInformationByHandleEx, 2, FALSE, code);
-            ExpectRaised("status", top, code, 0);
-        }
-        {
-            FAIL_CALL(asking, GetFileInformationByHandleEx, 3, FALSE, code);
-            ExpectRaised(kConstructor, top, code, 1);
-        }
-        {
-            FAIL_CALL(asking, GetFileInformationByHandleEx, 4, FALSE, code);
-            ExpectRaised(kIncrement, top, code, 1);
-        }
-        {
-            FAIL_CALL(asking, GetFileInformationByHandleEx, 5, FALSE, code);
-            ExpectRaised(kIncrement, sub, code, 2);
-        }
-        {
-            FAIL_CALL(asking, GetFileAttributesW, 1, INVALID_FILE_ATTRIBUTES, code);
-            ExpectRaised(kConstructor, top, code, 1);
-        }
-        FAIL_CALL(asking, GetFileAttributesW, 2, INVALID_FILE_ATTRIBUTES, code);
-        ExpectRaised(kIncrement, sub, code, 2);
     }
     // Gone between the commands for it and the walk.
     FAIL_CALL(opening, CreateFileW, 3, INVALID_HANDLE_VALUE, ERROR_PATH_NOT_FOUND);
@@ -764,11 +761,16 @@ TEST(SetPermissionsRegisterDLL, WhatHasGoneMeanwhileIsPassedBy) {
     const SmallTree tree;
     for (const DWORD code :
          {ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND, ERROR_BAD_NETPATH, ERROR_INVALID_NAME}) {
-        const std::pair<int, std::size_t> calls[] = {{1, 0}, {2, 0}, {4, 2}};
-        for (const auto& [nth, entries] : calls) {
+        for (int nth = 1; nth <= 2; ++nth) {
             FAIL_CALL(opening, CreateFileW, nth, INVALID_HANDLE_VALUE, code);
-            ExpectEntries(entries);
+            ExpectEntries(0);
         }
+    }
+    for (const NTSTATUS gone :
+         {halvard_tests::kStatusNoSuchName, halvard_tests::kStatusNoSuchPath,
+          halvard_tests::kStatusBadNetworkPath, halvard_tests::kStatusInvalidName}) {
+        FAIL_CALL(opening, NtOpenFile, 1, gone, NO_ERROR);
+        ExpectEntries(2);
     }
 }
 
@@ -804,8 +806,6 @@ TEST(ApplyFolderPermissions, RunningOutOfMemoryLeavesNoFolderOpen) {
     const SmallTree tree;
     const StandInInterpreter interpreter;
     COUNT_CALLS(piping, CreatePipe);
-    COUNT_CALLS(searching, FindFirstFileExW);
-    COUNT_CALLS(closing, FindClose);
     bool happened = true;
     int failures = 0;
     const int before = OpenHandleCount();
@@ -823,7 +823,6 @@ TEST(ApplyFolderPermissions, RunningOutOfMemoryLeavesNoFolderOpen) {
     EXPECT_GT(failures, 20);
     // Two pipes for a command, one of which stays.
     EXPECT_EQ(OpenHandleCount() - before, piping.Calls());
-    EXPECT_EQ(searching.Calls(), closing.Calls());
 }
 
 TEST(SetPermissionsRegisterDLL, ReachesTheToolsThroughTheRealInterpreter) {

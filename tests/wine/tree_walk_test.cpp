@@ -4,6 +4,7 @@
 #include "files.h"
 #include "import_hook.h"
 #include "open_handles.h"
+#include "removal_calls.h"
 
 #include <gtest/gtest.h>
 
@@ -93,13 +94,58 @@ TEST_F(TreeWalkTest, VisitsALinkAndDoesNotEnterIt) {
     EXPECT_EQ(Visit(top + L"\\empty\\link"), std::vector<std::wstring>());
 }
 
-TEST_F(TreeWalkTest, DoesNotEnterALinkThatOnlyItsPathShows) {
-    HOOK(asking, GetFileAttributesW, [&](LPCWSTR path) {
-        const DWORD attributes = asking.Original(path);
-        return path == L"\\\\?\\" + top + L"\\sub" ? attributes | FILE_ATTRIBUTE_REPARSE_POINT
-                                                   : attributes;
-    });
-    EXPECT_EQ(Sorted(Visit(top)), Sorted({top + L"\\sub", top + L"\\empty"}));
+TEST_F(TreeWalkTest, EndsAtAnotherFolderThanTheOneListed) {
+    halvard_tests::RemovalCalls calls;
+    calls.afterQuestion = [&](const std::wstring&, FILE_INFO_BY_HANDLE_CLASS type,
+                              void* data) -> DWORD {
+        if (type == FileIdBothDirectoryInfo) {
+            halvard_tests::ForEachListed(data, [](const std::wstring& name, auto& info) {
+                info.FileId.QuadPart ^= name == L"sub" ? 1 : 0;
+            });
+        }
+        return ERROR_SUCCESS;
+    };
+    ExpectFileSystemError([&] { Visit(top); }, "recursive_directory_iterator::operator++",
+                          top + L"\\sub", ERROR_DIR_NOT_EMPTY);
+}
+
+TEST_F(TreeWalkTest, TellsNoEntryOfAFolderThatHasBecomeALink) {
+    WriteFileAt(top + L"\\sub\\c.txt");
+    halvard_tests::RemovalCalls calls;
+    bool isLink = false;
+    calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
+                              void* data) -> DWORD {
+        if (isLink && path == top + L"\\sub" && type == FileBasicInfo) {
+            static_cast<FILE_BASIC_INFO*>(data)->FileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+        } else if (path == top + L"\\sub" && type == FileAttributeTagInfo) {
+            *static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data) = {FILE_ATTRIBUTE_DIRECTORY |
+                                                                FILE_ATTRIBUTE_REPARSE_POINT,
+                                                            IO_REPARSE_TAG_MOUNT_POINT};
+        }
+        return ERROR_SUCCESS;
+    };
+    std::vector<std::wstring> visited;
+    ExpectFileSystemError(
+        [&] {
+            for (TreeWalk walk(top); walk.Next();) {
+                visited.push_back(walk.Path());
+                isLink = visited.back() == top + L"\\sub\\b.txt";
+            }
+        },
+        "recursive_directory_iterator::operator++", top + L"\\sub", ERROR_DIR_NOT_EMPTY);
+    EXPECT_EQ(visited.back(), top + L"\\sub\\b.txt");
+}
+
+TEST_F(TreeWalkTest, LooksUpNothingByAPathBelowTheTop) {
+    const halvard_tests::RemovalCalls calls;
+    Visit(top);
+    EXPECT_EQ(calls.openedByPath, (std::vector<std::wstring>{top, scratch.Path() + L"\\"}));
+    // Without a right that a tool could not share.
+    for (const halvard_tests::EntryOpening& opening : calls.openings) {
+        EXPECT_EQ(opening.access,
+                  ACCESS_MASK{FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | SYNCHRONIZE});
+    }
+    EXPECT_EQ(calls.openings.size(), 3U);
 }
 
 TEST_F(TreeWalkTest, AFolderThatHasGoneHoldsNothing) {
@@ -120,20 +166,25 @@ TEST_F(TreeWalkTest, NamesTheFolderThatCannotBeListed) {
                           ERROR_PATH_NOT_FOUND);
     const int before = halvard_tests::OpenHandleCount();
     {
-        FAIL_CALL(opening, CreateFileW, 2, INVALID_HANDLE_VALUE, ERROR_ACCESS_DENIED);
+        FAIL_CALL(opening, NtOpenFile, 1, halvard_tests::kStatusAccessDenied, NO_ERROR);
         ExpectFileSystemError([&] { Visit(top + L"\\sub"); },
                               "recursive_directory_iterator::operator++", top + L"\\sub\\deep",
                               ERROR_ACCESS_DENIED);
     }
-    {
-        FAIL_CALL(searching, FindFirstFileExW, 1, INVALID_HANDLE_VALUE, ERROR_ACCESS_DENIED);
-        ExpectFileSystemError([&] { Visit(top); },
-                              "recursive_directory_iterator::recursive_directory_iterator", top,
-                              ERROR_ACCESS_DENIED);
-    }
-    for (int call = 1; call <= 6; ++call) {
-        FAIL_CALL(searching, FindNextFileW, call, FALSE, ERROR_GEN_FAILURE);
-        EXPECT_THROW(Visit(top), std::filesystem::filesystem_error);
+    const auto failingListing = [&](const std::wstring& folder, int nth, const char* operation) {
+        halvard_tests::RemovalCalls calls;
+        int listings = 0;
+        calls.beforeListing = [&](const std::wstring& path) -> DWORD {
+            return path == folder && ++listings == nth ? ERROR_GEN_FAILURE : ERROR_SUCCESS;
+        };
+        ExpectFileSystemError([&] { Visit(top); }, operation, folder, ERROR_GEN_FAILURE);
+        EXPECT_EQ(listings, nth);
+    };
+    failingListing(top, 1, "recursive_directory_iterator::recursive_directory_iterator");
+    failingListing(top, 2, "recursive_directory_iterator::operator++");
+    for (int nth = 1; nth <= 2; ++nth) {
+        failingListing(top + L"\\sub", nth, "recursive_directory_iterator::operator++");
+        failingListing(top + L"\\sub\\deep", nth, "recursive_directory_iterator::operator++");
     }
     EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
 }

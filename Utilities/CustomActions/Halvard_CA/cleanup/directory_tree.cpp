@@ -1,93 +1,191 @@
 #include "cleanup/directory_tree.h"
 
-#include "cleanup/folder_chain.h"
+#include "cleanup/held_folder.h"
 #include "cleanup/tree_walk.h"
 #include "runtime/file_status.h"
+
+#include <utility>
+#include <vector>
 
 namespace halvard {
 
 namespace {
 
+// What headers for older systems lack: class and structure of a deletion with flags.
+constexpr auto kFileDispositionInfoEx = static_cast<FILE_INFO_BY_HANDLE_CLASS>(21);
+struct DispositionFlags {
+    DWORD flags;
+};
+constexpr DWORD kDelete = 0x1;
+constexpr DWORD kPosixSemantics = 0x2;
+
+bool IsRefusalOfTheClass(DWORD code) {
+    return code == ERROR_INVALID_FUNCTION || code == ERROR_NOT_SUPPORTED ||
+           code == ERROR_INVALID_PARAMETER || code == ERROR_CALL_NOT_IMPLEMENTED ||
+           code == ERROR_INVALID_LEVEL;
+}
+
+/// Deletes what is open. With POSIX semantics it leaves its folder as soon as this handle is
+/// closed, even while another process holds it. Systems before Windows 10 1607 and some file
+/// systems do not know them, which the first deletion tells for all.
+class Deletion {
+public:
+    /// The result is a Win32 code.
+    DWORD Delete(HANDLE opened) {
+        if (knowsFlags_) {
+            DispositionFlags info = {kDelete | kPosixSemantics};
+            const DWORD code = Set(opened, kFileDispositionInfoEx, info);
+            knowsFlags_ = !IsRefusalOfTheClass(code);
+            if (knowsFlags_) {
+                return code;
+            }
+        }
+        FILE_DISPOSITION_INFO info = {TRUE};
+        return Set(opened, FileDispositionInfo, info);
+    }
+
+private:
+    template <class Info>
+    static DWORD Set(HANDLE opened, FILE_INFO_BY_HANDLE_CLASS infoClass, Info& info) {
+        return SetFileInformationByHandle(opened, infoClass, &info, sizeof(info)) != FALSE
+                   ? ERROR_SUCCESS
+                   : GetLastError();
+    }
+
+    bool knowsFlags_ = true;
+};
+
+// Removes one entry and nothing below it; the result is a Win32 code.
+DWORD RemoveEntry(const HeldFolder& folder, const ListedEntry& entry, Deletion& deletion) {
+    OwnedHandle opened;
+    const DWORD code = folder.OpenForDeletion(entry, opened);
+    return code == ERROR_SUCCESS ? deletion.Delete(opened.get()) : code;
+}
+
+/// Removes a tree and counts what it removes. The folders from the top down to the one that is
+/// being emptied are held.
+class TreeRemoval {
+public:
+    /// The result is the Win32 code of the first entry that could not be removed.
+    DWORD Remove(const std::wstring& path) {
+        const std::wstring systemPath = SystemPath(path);
+        DWORD code = RemoveFolder(systemPath);
+        if (code != ERROR_DIR_NOT_EMPTY) {
+            return Counted(code);
+        }
+        Level top;
+        code = top.folder.OpenTop(systemPath, FolderUse::ListAndDelete);
+        if (code != ERROR_SUCCESS) {
+            return Counted(code);
+        }
+        code = top.folder.IsOpenLink() ? DWORD{ERROR_DIR_NOT_EMPTY} : BeginWith(std::move(top));
+        while (code == ERROR_SUCCESS && !levels_.empty()) {
+            code = RemoveNext();
+        }
+        return code;
+    }
+
+    [[nodiscard]] std::uintmax_t Count() const { return count_; }
+
+private:
+    struct Level {
+        HeldFolder folder;
+        ListedEntry entry;
+    };
+
+    DWORD BeginWith(Level level) {
+        levels_.push_back(std::move(level));
+        return levels_.back().folder.BeginListing();
+    }
+
+    // What the folder at work holds next, or the folder itself when it holds nothing more.
+    DWORD RemoveNext() {
+        HeldFolder& folder = levels_.back().folder;
+        ListedEntry entry;
+        const DWORD code = folder.Next(entry);
+        if (code == ERROR_NO_MORE_FILES) {
+            Level emptied = std::move(levels_.back());
+            levels_.pop_back();
+            return RemoveOpened(emptied);
+        }
+        if (code != ERROR_SUCCESS) {
+            return code;
+        }
+        return entry.IsFolder() ? Enter(entry) : Counted(RemoveEntry(folder, entry, deletion_));
+    }
+
+    // A folder's own turn comes when it has been emptied, a link's at once.
+    DWORD Enter(const ListedEntry& entry) {
+        Level level;
+        level.entry = entry;
+        const DWORD code =
+            level.folder.OpenIn(levels_.back().folder, entry, FolderUse::ListAndDelete);
+        if (code != ERROR_SUCCESS) {
+            return Counted(code);
+        }
+        return level.folder.IsOpenLink() ? RemoveOpened(level) : BeginWith(std::move(level));
+    }
+
+    // Below the top, which was opened for its deletion, a folder is opened once more when somebody
+    // kept it from that before, who may have left it by now.
+    DWORD RemoveOpened(Level& level) {
+        if (level.folder.IsOpenForDeletion()) {
+            return Counted(deletion_.Delete(level.folder.Handle()));
+        }
+        level.folder.Close();
+        return Counted(RemoveEntry(levels_.back().folder, level.entry, deletion_));
+    }
+
+    // What has gone already counts as nothing removed.
+    DWORD Counted(DWORD code) {
+        count_ += code == ERROR_SUCCESS ? 1 : 0;
+        return MeansMissing(code) ? ERROR_SUCCESS : code;
+    }
+
+    Deletion deletion_;
+    std::uintmax_t count_ = 0;
+    std::vector<Level> levels_;
+};
+
 // Whether the entry was there to be removed.
-bool RemoveVisitedEntry(const TreeWalk& walk) {
-    bool removed = false;
-    const DWORD code = RemoveEntry(walk.Entry(), removed);
-    if (code != ERROR_SUCCESS) {
+bool RemoveVisitedEntry(const TreeWalk& walk, Deletion& deletion) {
+    const DWORD code = RemoveEntry(walk.Folder(), walk.Entry(), deletion);
+    if (code != ERROR_SUCCESS && !MeansMissing(code)) {
         ThrowFileSystemError("remove", walk.Path(), code);
     }
-    return removed;
+    return code == ERROR_SUCCESS;
 }
 
+// Attributes and the queue of the next restart are asked for by path: there is no other way to the
+// queue.
 void RemoveOneByOne(const std::wstring& path) {
+    Deletion deletion;
     TreeWalk walk(path);
     while (walk.Next()) {
-        if (RemoveVisitedEntry(walk)) {
+        if (RemoveVisitedEntry(walk, deletion)) {
             continue;
         }
-        const wchar_t* const entry = walk.Entry().path.c_str();
+        const std::wstring entry = walk.EntrySystemPath();
         // Attributes that cannot be read are all ones, and are written back like any others.
-        const DWORD attributes = GetFileAttributesW(entry);
-        if (SetFileAttributesW(entry, attributes & ~DWORD{FILE_ATTRIBUTE_READONLY}) != FALSE &&
-            !RemoveVisitedEntry(walk)) {
-            MoveFileExW(entry, nullptr, MOVEFILE_DELAY_UNTIL_REBOOT);
+        const DWORD attributes = GetFileAttributesW(entry.c_str());
+        if (SetFileAttributesW(entry.c_str(), attributes & ~DWORD{FILE_ATTRIBUTE_READONLY}) !=
+                FALSE &&
+            !RemoveVisitedEntry(walk, deletion)) {
+            MoveFileExW(entry.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT);
         }
     }
-}
-
-// Removes what the folder at work holds next, or the folder itself when it holds nothing. A folder
-// is entered instead, and its own turn comes when it has been emptied.
-DWORD RemoveNext(FolderChain& chain, bool& removed) {
-    removed = false;
-    FolderEntry entry;
-    DWORD code = chain.Next(entry);
-    if (code == ERROR_NO_MORE_FILES) {
-        entry = chain.Leave();
-    } else if (code != ERROR_SUCCESS) {
-        return code;
-    } else if ((entry.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
-        switch (chain.Enter(entry, code)) {
-        case Entering::Entered:
-        case Entering::Gone:
-            return ERROR_SUCCESS;
-        case Entering::Failed:
-            return code;
-        case Entering::Link:
-            break;
-        }
-    }
-    return RemoveEntry(entry, removed);
 }
 
 } // namespace
 
-std::uintmax_t RemoveAll(const std::wstring& path, DWORD& code) {
-    FolderEntry top;
-    top.path = SystemPath(path);
-    top.attributes = FILE_ATTRIBUTE_DIRECTORY;
-    bool removed = false;
-    code = RemoveEntry(top, removed);
-    std::uintmax_t count = removed ? 1 : 0;
-    if (code != ERROR_DIR_NOT_EMPTY) {
-        return count;
-    }
+DWORD RemoveFolder(const std::wstring& systemPath) {
+    return RemoveDirectoryW(systemPath.c_str()) != FALSE ? ERROR_SUCCESS : GetLastError();
+}
 
-    FolderChain chain;
-    switch (chain.Enter(top, code)) {
-    case Entering::Entered:
-    case Entering::Gone:
-        code = ERROR_SUCCESS;
-        break;
-    case Entering::Failed:
-        return count;
-    case Entering::Link:
-        code = ERROR_DIR_NOT_EMPTY;
-        return count;
-    }
-    while (code == ERROR_SUCCESS && !chain.IsEmpty()) {
-        code = RemoveNext(chain, removed);
-        count += removed ? 1 : 0;
-    }
-    return count;
+std::uintmax_t RemoveAll(const std::wstring& path, DWORD& code) {
+    TreeRemoval removal;
+    code = removal.Remove(path);
+    return removal.Count();
 }
 
 void RemoveDirectoryTree(const std::wstring& path) {

@@ -11,14 +11,21 @@ namespace halvard {
 /// never gives it; file-system libraries do, and packages rely on what follows it.
 inline constexpr std::uintmax_t kRemovalFailed = UINTMAX_MAX;
 
+/// Removes an empty folder, or a link to a folder, as it is. The path is in the extended-length
+/// form, the result a Win32 code.
+DWORD RemoveFolder(const std::wstring& systemPath);
+
 /// Removes a folder with all it holds and counts the entries removed, the folder included. Links
 /// are removed as themselves and never entered. `code` is the Win32 code of the first entry that
 /// could not be removed, which ends the removal; what was removed before stays removed.
 ///
 /// The folder itself is deleted as it is when it can be, and emptied first, subfolders before their
-/// own deletion, when it answers ERROR_DIR_NOT_EMPTY.
-/// Uses the extended-length form of paths, so neither length nor form of a name keeps it from being
-/// removed. Memory grows with the depth of the tree, not with the number of entries.
+/// own deletion, when it answers ERROR_DIR_NOT_EMPTY. A subfolder that cannot be deleted, such as
+/// the current directory of a process, is emptied all the same before its code ends the removal.
+/// Below the folder nothing is looked up by a path: names are taken as they are listed, whatever
+/// their length and form. What has become a link or another folder since it was listed is not
+/// entered, and ends the removal with ERROR_DIR_NOT_EMPTY; docs/security.md tells what this keeps
+/// out. Memory grows with the depth of the tree, not with the number of entries.
 std::uintmax_t RemoveAll(const std::wstring& path, DWORD& code);
 
 /// Removes a folder with all it holds. What does not exist or is not a folder is left alone; a link
@@ -32,8 +39,9 @@ void RemoveDirectoryTree(const std::wstring& path);
 /// RemoveDirectoryTree with another way of removing everything. When that gives kRemovalFailed
 /// without a code, the entries are removed one by one. An entry that turns out to have gone loses
 /// its read-only attribute and is removed again, and when it still counts as gone it is queued for
-/// deletion at the next restart. The folder itself stays. Throws
-/// further: "recursive_directory_iterator::recursive_directory_iterator" and
+/// deletion at the next restart. The folder itself stays.
+///
+/// Throws further: "recursive_directory_iterator::recursive_directory_iterator" and
 /// "recursive_directory_iterator::operator++" for a folder that cannot be listed, "remove" with the
 /// path of an entry that cannot be removed, such as a folder that is not empty.
 void RemoveDirectoryTree(const std::wstring& path,

@@ -1,7 +1,6 @@
 #include "cleanup/folder_actions.h"
 
 #include "cleanup/directory_tree.h"
-#include "cleanup/folder_chain.h"
 #include "runtime/custom_action_data.h"
 #include "runtime/file_paths.h"
 #include "runtime/file_status.h"
@@ -62,12 +61,8 @@ InstallDir ReadRecorderInstallDir() {
 }
 
 void RemoveSingleFolder(const std::wstring& path) {
-    halvard::FolderEntry entry;
-    entry.path = halvard::SystemPath(path);
-    entry.attributes = FILE_ATTRIBUTE_DIRECTORY;
-    bool removed = false;
-    const DWORD code = halvard::RemoveEntry(entry, removed);
-    if (code != ERROR_SUCCESS) {
+    const DWORD code = halvard::RemoveFolder(halvard::SystemPath(path));
+    if (code != ERROR_SUCCESS && !halvard::MeansMissing(code)) {
         halvard::ThrowFileSystemError("remove", path, code);
     }
 }

@@ -3,59 +3,81 @@
 #include "runtime/file_paths.h"
 #include "runtime/file_status.h"
 
+#include <utility>
+
 namespace halvard {
 
-TreeWalk::TreeWalk(const std::wstring& top) : top_(top) {
-    FolderEntry folder;
-    folder.path = SystemPath(top);
-    folder.attributes = FILE_ATTRIBUTE_DIRECTORY;
-    DWORD code = ERROR_SUCCESS;
-    const Entering entering = chain_.Enter(folder, code);
-    if (entering == Entering::Failed || entering == Entering::Gone) {
+TreeWalk::TreeWalk(const std::wstring& top) : top_(top), systemTop_(SystemPath(top)) {
+    Level level;
+    DWORD code = level.folder.OpenTop(systemTop_, FolderUse::List);
+    if (code == ERROR_SUCCESS && level.folder.IsOpenLink()) {
+        return;
+    }
+    if (code == ERROR_SUCCESS) {
+        code = level.folder.BeginListing();
+    }
+    if (code != ERROR_SUCCESS) {
         ThrowFileSystemError("recursive_directory_iterator::recursive_directory_iterator", top,
                              code);
     }
-    systemTopLength_ = folder.path.size();
+    levels_.push_back(std::move(level));
 }
 
 bool TreeWalk::Next() {
     if (enterBeforeNext_) {
         EnterVisitedFolder();
     }
-    while (!chain_.IsEmpty()) {
-        const DWORD code = chain_.Next(entry_);
+    while (!levels_.empty()) {
+        DWORD code = levels_.back().folder.Next(entry_);
         if (code == ERROR_SUCCESS) {
-            enterBeforeNext_ = (entry_.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+            // The path of the entry would lead out of the tree.
+            code = levels_.back().folder.CheckIsNoLink();
+        }
+        if (code == ERROR_SUCCESS) {
+            enterBeforeNext_ = entry_.IsFolder();
             return true;
         }
-        const FolderEntry left = chain_.Leave();
+        const std::wstring below = std::move(levels_.back().below);
+        levels_.pop_back();
         if (code != ERROR_NO_MORE_FILES) {
-            ThrowFileSystemError("recursive_directory_iterator::operator++", SpelledPath(left.path),
-                                 code);
+            ThrowFileSystemError("recursive_directory_iterator::operator++", Spelled(below), code);
         }
     }
     return false;
 }
 
-void TreeWalk::EnterVisitedFolder() {
-    enterBeforeNext_ = false;
-    DWORD code = ERROR_SUCCESS;
-    if (chain_.Enter(entry_, code) == Entering::Failed) {
-        ThrowFileSystemError("recursive_directory_iterator::operator++", SpelledPath(entry_.path),
-                             code);
-    }
+std::wstring TreeWalk::EntrySystemPath() const {
+    return FileInFolder(systemTop_, EntryBelow());
 }
 
-std::wstring TreeWalk::SpelledPath(const std::wstring& path) const {
-    std::size_t below = systemTopLength_;
-    while (below < path.size() && path[below] == L'\\') {
-        ++below;
+void TreeWalk::EnterVisitedFolder() {
+    enterBeforeNext_ = false;
+    Level level;
+    level.below = EntryBelow();
+    DWORD code = level.folder.OpenIn(levels_.back().folder, entry_, FolderUse::List);
+    if (MeansMissing(code) || (code == ERROR_SUCCESS && level.folder.IsOpenLink())) {
+        return;
     }
-    if (below == path.size()) {
+    if (code == ERROR_SUCCESS) {
+        code = level.folder.BeginListing();
+    }
+    if (code != ERROR_SUCCESS) {
+        ThrowFileSystemError("recursive_directory_iterator::operator++", Path(), code);
+    }
+    levels_.push_back(std::move(level));
+}
+
+std::wstring TreeWalk::EntryBelow() const {
+    const std::wstring& below = levels_.back().below;
+    return below.empty() ? entry_.name : FileInFolder(below, entry_.name);
+}
+
+std::wstring TreeWalk::Spelled(const std::wstring& below) const {
+    if (below.empty()) {
         return top_;
     }
     // Behind the colon of "C:" a separator would lead to the root instead of the current directory.
-    return top_.back() == L':' ? top_ + path.substr(below) : FileInFolder(top_, path.substr(below));
+    return top_.back() == L':' ? top_ + below : FileInFolder(top_, below);
 }
 
 } // namespace halvard
