@@ -639,6 +639,19 @@ TEST_F(RemoveAllTest, AFolderThatVanishesBeforeItIsEnteredHoldsNothing) {
     EXPECT_FALSE(IsThere(Top()));
 }
 
+TEST_F(RemoveAllTest, AFolderThatHasBecomeAFileStays) {
+    RemovalCalls calls;
+    calls.beforeOpening = [&](const std::wstring& path) {
+        if (path == In(L"sub") && IsThere(In(L"sub\\empty"))) {
+            halvard_tests::RemoveTree(In(L"sub"));
+            WriteFileAt(In(L"sub"));
+        }
+        return halvard_tests::kStatusSuccess;
+    };
+    ExpectRemoveAllError(ERROR_DIRECTORY);
+    EXPECT_TRUE(IsThere(In(L"sub")));
+}
+
 TEST_F(RemoveAllTest, ATopThatVanishesBeforeItIsEnteredHoldsNothing) {
     HOOK(opening, CreateFileW,
          [&](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
