@@ -77,7 +77,11 @@ class Grounds:
                     _fill(subfolder, "kept")
 
     def victims(self) -> set[str]:
-        return {os.path.join(folder, name) for folder, _, files in os.walk(self.victim) for name in files}
+        return {
+            os.path.join(folder, name)
+            for folder, _, files in os.walk(self.victim)
+            for name in files
+        }
 
     def plant(self) -> None:
         for remains in (self.tree, self.link):
@@ -226,7 +230,7 @@ class Attacker:
 
 
 @pytest.fixture
-def grounds(prefix, request) -> Iterator[Grounds]:
+def grounds(prefix: Prefix) -> Iterator[Grounds]:
     seed = random.randrange(1_000_000)
     # Shown when the test fails.
     print(f"seed {seed}")
@@ -254,16 +258,22 @@ def remove_by_paths(prefix: Prefix, grounds: Grounds) -> None:
     prefix.run("cmd.exe", "/c", "rd", "/s", "/q", rf"t:\{grounds.root.name}\tree", limit=LIMIT)
 
 
-def attack_until(done: Callable[[], bool], grounds: Grounds, attack, act: Callable[[], object]) -> int:
-    """Rounds of a removal under attack, until there were enough; how many there were."""
+def attack_until(
+    done: Callable[[int], bool],
+    grounds: Grounds,
+    attack: Callable[[Grounds], None],
+    act: Callable[[], object],
+) -> None:
+    """Removes the tree under attack, anew each round, until it is done; `done` is asked with the number
+    of rounds so far, and has to say yes in the end."""
     rounds = 0
-    while not done() and rounds < MOST_ROUNDS:
+    while not done(rounds) and rounds < MOST_ROUNDS:
         rounds += 1
         grounds.plant()
         with Attacker(attack, grounds) as attacker:
             act()
         assert attacker.failure == []
-    return rounds
+    assert done(rounds), (rounds, grounds)
 
 
 def test_without_an_attack_the_tree_goes(prefix, grounds):
@@ -275,18 +285,13 @@ def test_without_an_attack_the_tree_goes(prefix, grounds):
 def expect_no_victim(
     prefix: Prefix, grounds: Grounds, attack: Callable[[Grounds], None], done: Callable[[int], bool]
 ) -> None:
-    """`done` is asked with the number of rounds so far."""
     victims = grounds.victims()
-    rounds = 0
 
     def act() -> None:
-        nonlocal rounds
-        rounds += 1
         called = remove(prefix, grounds)
-        assert grounds.victims() == victims, f"round {rounds}, {grounds.exchanges} swaps: {called}"
+        assert grounds.victims() == victims, f"{grounds.exchanges} swaps: {called}"
 
-    attack_until(lambda: done(rounds), grounds, attack, act)
-    assert done(rounds), (rounds, grounds)
+    attack_until(done, grounds, attack, act)
 
 
 @pytest.mark.parametrize(
@@ -323,16 +328,17 @@ def test_no_race_for_the_top_leads_a_removal_elsewhere(prefix, grounds):
 def test_the_same_attack_leads_a_removal_by_paths_out_of_its_tree(prefix, grounds):
     victims = grounds.victims()
     attack_until(
-        lambda: grounds.victims() != victims,
+        lambda _: grounds.victims() < victims,
         grounds,
         swap_the_folder_at_work,
         lambda: remove_by_paths(prefix, grounds),
     )
-    assert grounds.victims() < victims
 
 
 def test_a_removal_ends_though_entries_are_added(prefix, grounds):
     attack_until(
-        lambda: grounds.added >= LEAST_SWAPS, grounds, add_entries, lambda: remove(prefix, grounds)
+        lambda _: grounds.added >= LEAST_SWAPS,
+        grounds,
+        add_entries,
+        lambda: remove(prefix, grounds),
     )
-    assert grounds.added >= LEAST_SWAPS

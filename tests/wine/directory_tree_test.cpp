@@ -307,8 +307,9 @@ TEST_F(RemoveDirectoryTreeTest, ListingsThatTakeManyCallsLoseNoEntry) {
 }
 
 TEST_F(RemoveDirectoryTreeTest, ListsWithoutIdentitiesWhereThoseAreRefused) {
-    for (const DWORD refusal : {ERROR_INVALID_FUNCTION, ERROR_NOT_SUPPORTED,
-                                ERROR_INVALID_PARAMETER, ERROR_INVALID_LEVEL}) {
+    for (const DWORD refusal :
+         {ERROR_INVALID_FUNCTION, ERROR_NOT_SUPPORTED, ERROR_INVALID_PARAMETER,
+          ERROR_CALL_NOT_IMPLEMENTED, ERROR_INVALID_LEVEL}) {
         CreateFolders(In(L"sub\\empty"));
         WriteFileAt(In(L"sub\\b.txt"));
         RemovalCalls calls;
@@ -1003,6 +1004,16 @@ TEST_F(LinkTest, ATopIsKnownByItsNameAndItsIdentity) {
         EXPECT_FALSE(IsThere(Top()));
     }
     CreateFolders(In(L"sub"));
+    {
+        // Listed as one of the two dots alone, which are other folders.
+        RemovalCalls calls;
+        ChangeListedTop(calls, Parent() + L"\\", [](auto& info) {
+            std::wstring(L"..").copy(info.FileName, 2);
+            info.FileNameLength = 2 * sizeof(wchar_t);
+        });
+        ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+        EXPECT_TRUE(IsThere(In(L"sub")));
+    }
     RemovalCalls calls;
     ChangeListedTop(calls, Parent() + L"\\", otherName);
     RemoveDirectoryTree(Top());

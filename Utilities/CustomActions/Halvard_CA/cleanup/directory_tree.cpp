@@ -19,12 +19,6 @@ struct DispositionFlags {
 constexpr DWORD kDelete = 0x1;
 constexpr DWORD kPosixSemantics = 0x2;
 
-bool IsRefusalOfTheClass(DWORD code) {
-    return code == ERROR_INVALID_FUNCTION || code == ERROR_NOT_SUPPORTED ||
-           code == ERROR_INVALID_PARAMETER || code == ERROR_CALL_NOT_IMPLEMENTED ||
-           code == ERROR_INVALID_LEVEL;
-}
-
 /// Deletes what is open. With POSIX semantics it leaves its folder as soon as this handle is
 /// closed, even while another process holds it. Systems before Windows 10 1607 and some file
 /// systems do not know them, which the first deletion tells for all.
@@ -35,7 +29,7 @@ public:
         if (knowsFlags_) {
             DispositionFlags info = {kDelete | kPosixSemantics};
             const DWORD code = Set(opened, kFileDispositionInfoEx, info);
-            knowsFlags_ = !IsRefusalOfTheClass(code);
+            knowsFlags_ = !MeansUnknownClass(code);
             if (knowsFlags_) {
                 return code;
             }
@@ -126,8 +120,8 @@ private:
         return level.folder.IsOpenLink() ? RemoveOpened(level) : BeginWith(std::move(level));
     }
 
-    // Below the top, which was opened for its deletion, a folder is opened once more when somebody
-    // kept it from that before, who may have left it by now.
+    // A folder that could only be opened for listing is opened again: who used it may have left it
+    // by now. The top is never one of those.
     DWORD RemoveOpened(Level& level) {
         if (level.folder.IsOpenForDeletion()) {
             return Counted(deletion_.Delete(level.folder.Handle()));

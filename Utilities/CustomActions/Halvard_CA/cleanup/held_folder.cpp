@@ -36,11 +36,6 @@ bool AreSameNames(const std::wstring& first, const std::wstring& second) {
                                 static_cast<int>(second.size()), TRUE) == CSTR_EQUAL;
 }
 
-bool IsRefusalOfTheClass(DWORD code) {
-    return code == ERROR_INVALID_FUNCTION || code == ERROR_NOT_SUPPORTED ||
-           code == ERROR_INVALID_PARAMETER || code == ERROR_INVALID_LEVEL;
-}
-
 // FILE_ID_BOTH_DIR_INFO begins as FILE_FULL_DIR_INFO does, up to the name.
 ListedEntry EntryOf(const FILE_FULL_DIR_INFO& info, const wchar_t* name) {
     ListedEntry entry;
@@ -191,6 +186,9 @@ DWORD HeldFolder::CheckLiesIn(const std::wstring& folder, const std::wstring& na
         if (isNamed && isThis) {
             return ERROR_SUCCESS;
         }
+        if (IsDots(entry.name)) {
+            continue;
+        }
         hasName = hasName || isNamed;
         hasLink = hasLink || (isNamed && IsLink(entry.attributes, entry.reparseTag));
         hasIdentity = hasIdentity || (isThis && entry.fileId != 0);
@@ -212,7 +210,7 @@ HeldFolder::Identity HeldFolder::ReadIdentity(HANDLE opened) {
 DWORD HeldFolder::BeginListing() {
     listing_ = std::make_unique<Listing>();
     DWORD code = ReadListing();
-    if (IsRefusalOfTheClass(code)) {
+    if (MeansUnknownClass(code)) {
         listingClass_ = FileFullDirectoryInfo;
         code = ReadListing();
     }

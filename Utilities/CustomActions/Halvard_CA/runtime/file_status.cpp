@@ -66,6 +66,12 @@ bool MeansMissing(DWORD code) {
            code == ERROR_BAD_NETPATH || code == ERROR_INVALID_NAME;
 }
 
+bool MeansUnknownClass(DWORD code) {
+    return code == ERROR_INVALID_FUNCTION || code == ERROR_NOT_SUPPORTED ||
+           code == ERROR_INVALID_PARAMETER || code == ERROR_CALL_NOT_IMPLEMENTED ||
+           code == ERROR_INVALID_LEVEL;
+}
+
 std::wstring SystemPath(const std::wstring& path) {
     // GetFullPathNameW would take dots and blanks off names that this form keeps.
     if (path.rfind(L"\\\\?\\", 0) == 0) {

@@ -22,6 +22,11 @@ enum class FileKind { Missing, File, Directory, SymbolicLink, Junction };
 /// ERROR_PATH_NOT_FOUND (3), ERROR_BAD_NETPATH (53), ERROR_INVALID_NAME (123).
 bool MeansMissing(DWORD code);
 
+/// Whether a Win32 code says that the system or the file system does not know a class of file
+/// information: ERROR_INVALID_FUNCTION (1), ERROR_NOT_SUPPORTED (50), ERROR_INVALID_PARAMETER (87),
+/// ERROR_CALL_NOT_IMPLEMENTED (120), ERROR_INVALID_LEVEL (124).
+bool MeansUnknownClass(DWORD code);
+
 /// The extended-length form of a path, a relative one seen from the current directory. A path that
 /// Windows cannot make a full one of, such as an empty one, is returned as it is.
 std::wstring SystemPath(const std::wstring& path);
