@@ -26,6 +26,9 @@ HANDLE stopRequested = nullptr;
 HANDLE proceed = nullptr;
 std::wstring settings;
 
+// Milliseconds: ample for a thread that has nothing left to do but to write an answer to a pipe.
+constexpr DWORD ANSWER_TIME = 300;
+
 DWORD Setting(const wchar_t* name) {
     DWORD value = 0;
     DWORD size = sizeof(value);
@@ -109,6 +112,9 @@ void WINAPI Serve(DWORD /*count*/, wchar_t** arguments) {
         Pend(SERVICE_STOP_PENDING, stopPending);
         ReportStopped();
     }
+    // Another thread of this process answers the request, once Control has returned. A process that
+    // ends before makes the request fail.
+    Sleep(ANSWER_TIME);
 }
 
 } // namespace

@@ -13,7 +13,7 @@ from contextlib import suppress
 from pathlib import Path
 from typing import Mapping, Sequence
 
-from installer import paths
+from installer import paths, repeats
 from installer.confinement import ConfinedThread
 
 WINE = "/usr/lib/wine/wine64"
@@ -24,6 +24,10 @@ STOP_LIMIT = 20.0
 
 class UnsafePrefix(RuntimeError):
     """The library must not run in this prefix: it could delete files outside of it."""
+
+
+class NotStarted(TimeoutError):
+    """A fresh prefix in which not one program could be started in time."""
 
 
 class Prefix:
@@ -54,9 +58,13 @@ class Prefix:
 
     def __enter__(self) -> "Prefix":
         try:
-            self._make()
-            self._check()
-            self._keep_alive()
+            try:
+                self._begin()
+            except NotStarted as hanging:
+                # Nothing has run in it yet, so nothing is lost with it.
+                repeats.tell(str(hanging))
+                self.stop()
+                self._begin()
         except BaseException:
             self.stop()
             raise
@@ -126,6 +134,13 @@ class Prefix:
             self._starter.end()
             self._starter = None
 
+    def _begin(self) -> None:
+        self._make()
+        self._check_links()
+        # Before the guard: a prefix whose only program ends between two starts may hang or refuse.
+        self._keep_alive()
+        self._check_from_inside()
+
     def _make(self) -> None:
         command = ["sh", str(paths.MAKE_PREFIX), str(self.path)]
         made = _run_tool(command, MAKE_LIMIT, _environment(self.path))
@@ -137,12 +152,14 @@ class Prefix:
         own = [self.path, self.throwaway, _server_folder(self.path)]
         return [*own, paths.LOGS, *self._results, Path(os.devnull)]
 
-    def _check(self) -> None:
+    def _check_links(self) -> None:
         danger = link_danger(self.path, self.throwaway)
         if danger:
             raise UnsafePrefix(f"{self.path}: {danger}")
         if not self._guard.is_file():
             raise UnsafePrefix(f"the guard is missing: {self._guard} (build first)")
+
+    def _check_from_inside(self) -> None:
         verdict = self.run(self._guard)
         if verdict.returncode != 0:
             raise UnsafePrefix(f"{self.path}: {verdict.stdout.strip()}")
@@ -158,7 +175,7 @@ class Prefix:
         )
         ready, _, _ = select.select([self._keeper.stdout], [], [], START_LIMIT)
         if not ready or not os.read(self._keeper.stdout.fileno(), 1):
-            raise TimeoutError(f"{self.path}: no program can be kept running")
+            raise NotStarted(f"{self.path}: no program can be kept running")
 
     def _wineserver(self, *switches: str) -> bool:
         try:
