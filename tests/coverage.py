@@ -12,7 +12,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tools"))
 
-from installer import paths  # noqa: E402
+from installer import ending, paths  # noqa: E402
 from installer.prefix import Prefix  # noqa: E402
 from run_tests import WINE_OVERRIDES  # noqa: E402
 
@@ -91,4 +91,4 @@ def share(counted: dict, what: str) -> str:
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(ending.orderly(main))

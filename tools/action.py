@@ -2,13 +2,12 @@
 
 The arguments are those of halvard_run; `--dll` may name a file of this machine, which the prefix gets
 a copy of. What halvard_run prints comes out as it is, and its exit code is the one here, but for 125
-when no prefix could be had and 130 after Ctrl-C. A second call waits until the first one has ended.
+when no prefix could be had and 130 after Ctrl-C, 143 or 129 after SIGTERM or SIGHUP. A second call waits until the first one has ended.
 """
 
 import fcntl
 import os
 import shutil
-import signal
 import subprocess
 import sys
 import threading
@@ -16,21 +15,19 @@ from contextlib import suppress
 from pathlib import Path
 from typing import BinaryIO
 
-from installer import paths
+from installer import ending, paths
 from installer.prefix import Prefix
 
 NO_PREFIX = 125
-INTERRUPTED = 130
 OPTION = "--dll"
 
 
 def main(arguments: list[str]) -> int:
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
     try:
         return _call(arguments)
-    except KeyboardInterrupt:
-        print("action: interrupted", file=sys.stderr)
-        return INTERRUPTED
+    except ending.Told as told:
+        print(f"action: {told}", file=sys.stderr)
+        return told.code
     except (OSError, RuntimeError) as failure:
         print(f"action: {failure}", file=sys.stderr)
         return NO_PREFIX
@@ -81,7 +78,7 @@ def _with_copied_library(arguments: list[str], prefix: Prefix) -> list[str]:
 
 
 def _copied(path: str, prefix: Prefix) -> str:
-    library = Path(path)
+    library = paths.of_caller(path)
     if not library.is_file():
         return path
     shutil.copy(library, prefix.throwaway)
@@ -102,4 +99,4 @@ def _forward(source: BinaryIO, target: int) -> threading.Thread:
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
+    sys.exit(ending.orderly(lambda: main(sys.argv[1:])))

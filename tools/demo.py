@@ -2,12 +2,12 @@
 that carries the agent meanwhile, and shows what happened: in the terminal, in
 build/demo/report.html and in build/demo/report.json.
 
-Exit code 0 when all runs went as they should, 1 when one did not, 130 after Ctrl-C.
+Exit code 0 when all runs went as they should, 1 when one did not, and 128 and the signal's number
+when it was told to end.
 """
 
 import getpass
 import json
-import signal
 import sys
 import textwrap
 import time
@@ -15,14 +15,13 @@ from dataclasses import dataclass
 from datetime import datetime
 from typing import Callable
 
-from installer import companion, facts, machine, package, page, paths, report, session
+from installer import companion, ending, facts, machine, package, page, paths, repeats, report, session
 from installer.facts import Expectation, Report, SessionFacts
 from installer.log import ActionDefinition, ActionRun, ExportCall, action_runs, inner_calls
 from installer.machine import Area, Difference, Kind
 from installer.prefix import Prefix
 from installer.session import SessionResult
 
-INTERRUPTED = 130
 TITLE = "Installer sessions of the sample packages"
 
 
@@ -52,12 +51,11 @@ class Step:
 
 
 def main() -> int:
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
     try:
         return _run_demo()
-    except KeyboardInterrupt:
-        _say("demo: interrupted")
-        return INTERRUPTED
+    except ending.Told as told:
+        _say(f"demo: {told}")
+        return told.code
     except (OSError, RuntimeError) as failure:
         _say(f"demo: {failure}")
         return 1
@@ -78,7 +76,13 @@ def _run_demo() -> int:
     sessions: list[SessionFacts] = []
     failure = ""
     try:
-        failures = _run_steps(steps, definitions, progress, sessions)
+        try:
+            failures = _run_steps(steps, definitions, progress, sessions)
+        except session.NothingDone as hanging:
+            repeats.tell(str(hanging))
+            progress.say("once more, from the beginning, in a fresh Wine prefix")
+            sessions.clear()
+            failures = _run_steps(steps, definitions, progress, sessions)
     except (OSError, RuntimeError) as raised:
         failure = str(raised)
         raise
@@ -508,4 +512,4 @@ def _say_all(lines: list[str]) -> None:
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(ending.orderly(main))

@@ -135,10 +135,10 @@ def _write(archive: Path, folder: str, contents: dict[str, bytes]) -> None:
 
 def _signer(arguments: list[str]) -> Signer | None:
     parser = argparse.ArgumentParser(prog="./run dist", description="Packs a release.")
-    parser.add_argument("--certificate", type=Path, metavar="FILE", help="sign with this one")
-    parser.add_argument("--key", type=Path, metavar="FILE", help="where its key is not with it")
+    parser.add_argument("--certificate", type=paths.of_caller, metavar="FILE", help="sign with this one")
+    parser.add_argument("--key", type=paths.of_caller, metavar="FILE", help="where its key is not with it")
     parser.add_argument(
-        "--password-file", type=Path, metavar="FILE", help="holds the password of the key"
+        "--password-file", type=paths.of_caller, metavar="FILE", help="holds the password of the key"
     )
     parser.add_argument("--timestamp", metavar="URL", help="of a timestamp server (RFC 3161)")
     given = parser.parse_args(arguments)

@@ -13,7 +13,7 @@ from contextlib import contextmanager
 from pathlib import Path
 from typing import Iterator
 
-from installer import package, paths
+from installer import ending, package, paths
 from installer.prefix import Prefix
 
 PICTURE = paths.ROOT / "docs/message-box.png"
@@ -134,4 +134,4 @@ def _tool(display: str, *command: str) -> bytes:
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(ending.orderly(main))

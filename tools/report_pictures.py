@@ -19,7 +19,7 @@ from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 
-from installer import paths
+from installer import ending, paths
 
 PAGE = paths.REPORT / "report.html"
 PICTURE = paths.ROOT / "docs/demo-report.png"
@@ -181,4 +181,4 @@ def _keep(picture: bytes) -> list[str]:
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(ending.orderly(main))

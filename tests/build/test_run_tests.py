@@ -1,5 +1,6 @@
-"""The test runner counts every way in which a test program can end."""
+"""The test runner counts every way in which a test program can end, and misses no test."""
 
+import re
 import sys
 from pathlib import Path
 
@@ -7,7 +8,15 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
-from run_tests import read_google_test_log, read_ring_log  # noqa: E402
+from run_tests import (  # noqa: E402
+    ROOT,
+    STARTED_BY_TESTS,
+    Outcome,
+    read_google_test_list,
+    read_google_test_log,
+    read_pytest_report,
+    read_ring_log,
+)
 
 TWO_PASSED = """\
 [==========] Running 2 tests from 1 test suite.
@@ -30,6 +39,7 @@ file.cpp:1: Failure
 [  FAILED  ] 1 test, listed below:
 [  FAILED  ] Suite.First
 """
+ONE_SKIPPED = TWO_PASSED.replace("[       OK ] Suite.First", "[  SKIPPED ] Suite.First")
 NONE_MATCHES = """\
 [==========] Running 0 tests from 0 test suites.
 [==========] 0 tests from 0 test suites ran. (0 ms total)
@@ -42,12 +52,14 @@ def half(log: str) -> str:
     return log.partition("[ RUN      ] Suite.Second\n")[0] + "[ RUN      ] Suite.Second\n"
 
 
+LISTED = {"Suite.First", "Suite.Second"}
+
+
 @pytest.mark.parametrize(
     "log, ended, passed, failed",
     [
         (TWO_PASSED, "exit code 0", 2, []),
         (TWO_PASSED.replace("[       OK ]", "printed[       OK ]"), "exit code 0", 2, []),
-        (NONE_MATCHES, "exit code 0", 0, []),
         (ONE_FAILED, "exit code 1", 1, ["Suite.First"]),
         (half(TWO_PASSED), "exit code 5", 1, ["Suite.Second"]),
         (half(TWO_PASSED), "exit code 0", 1, ["Suite.Second"]),
@@ -57,26 +69,90 @@ def half(log: str) -> str:
         (TWO_PASSED, "no end within 1 s", 2, ["*"]),
         (ONE_FAILED, "exit code 0", 1, ["Suite.First", "*"]),
         ("", "exit code 0", 0, ["*"]),
+        # A filter of the environment's, or one part of several: the program itself sees no fault.
+        (NONE_MATCHES, "exit code 0", 0, ["Suite.First", "Suite.Second"]),
     ],
 )
 def test_google_test_logs(log, ended, passed, failed):
-    outcome = read_google_test_log("wine", log, ended)
+    outcome = read_google_test_log("wine", log, ended, LISTED)
     assert outcome.passed == passed
     assert outcome.failed == [f"./run test wine -- --gtest_filter={name}" for name in failed]
 
 
+def test_a_filter_that_matches_nothing_is_no_failure_of_a_test():
+    assert read_google_test_log("wine", NONE_MATCHES, "exit code 0", set()) == Outcome()
+
+
+def test_a_skipped_test_is_counted_as_skipped():
+    outcome = read_google_test_log("wine", ONE_SKIPPED, "exit code 0", LISTED)
+    assert outcome == Outcome(passed=1, skipped=["Suite.First"])
+    assert outcome.closing_line() == "1 passed, 0 failed, 1 skipped"
+
+
+def test_a_list_of_tests_is_read_whole():
+    listing = (
+        "Suite.\n  First\n  DISABLED_Second\n"
+        "Some/Values.  # TypeParam = int\n  Third/0  # GetParam() = 4\n  Third/named\n"
+    )
+    assert read_google_test_list(listing) == {
+        "Suite.First",
+        "Suite.DISABLED_Second",
+        "Some/Values.Third/0",
+        "Some/Values.Third/named",
+    }
+
+
+def test_only_what_another_test_starts_is_switched_off():
+    switched_off = {
+        f"{suite}.{name}"
+        for source in (ROOT / "tests").rglob("*.cpp")
+        for suite, name in re.findall(
+            r"TEST(?:_[FP])?\((DISABLED_\w+|\w+), (\w+)\)", source.read_text()
+        )
+        if "DISABLED_" in suite + name
+    }
+    assert switched_off == STARTED_BY_TESTS
+
+
+REPORT = (
+    '<testsuites><testsuite><testcase classname="a" name="one"/>'
+    '<testcase classname="a" name="two[x]">{}</testcase></testsuite></testsuites>'
+)
+
+
 @pytest.mark.parametrize(
-    "log, code, passed, failed",
+    "report, listed, outcome",
     [
-        ("== core\n2 passed, 0 failed\n", 0, 2, []),
-        ("FAILED, repeat with: a\n1 passed, 1 failed\n", 1, 1, ["a"]),
-        ("2 passed, 0 failed\n", 1, 2, ["./run test core"]),
-        ("2 passed, 0 failed\nmore\n", 0, 0, ["./run test core"]),
-        ("FAILED, repeat with: a\n1 passed, 1 failed\n", 0, 1, ["a", "./run test core"]),
-        ("1 passed, 1 failed\n", 1, 1, ["./run test core"]),
-        ("", -9, 0, ["./run test core"]),
+        (REPORT.format(""), 2, Outcome(2)),
+        (REPORT.format("<skipped/>"), 2, Outcome(1, [], ["a.two[x]"])),
+        (REPORT.format("<failure/>"), 2, Outcome(1, ["./run test msi -- -k two"])),
+        (REPORT.format("<error/>"), 2, Outcome(1, ["./run test msi -- -k two"])),
+        (REPORT.format(""), 3, Outcome(2, ["./run test msi"])),
+        ("", 2, Outcome(0, ["./run test msi"])),
     ],
 )
-def test_ring_logs(log, code, passed, failed):
-    outcome = read_ring_log("core", log, code)
-    assert (outcome.passed, outcome.failed) == (passed, failed)
+def test_pytest_reports(report, listed, outcome):
+    assert read_pytest_report("msi", report, listed) == outcome
+
+
+@pytest.mark.parametrize(
+    "log, code, outcome",
+    [
+        ("== core\n2 passed, 0 failed, 0 skipped\n", 0, Outcome(2)),
+        ("2 passed, 0 failed, 0 skipped; 3 repeated\n", 0, Outcome(2, repeated=3)),
+        ("SKIPPED: b\n1 passed, 0 failed, 1 skipped\n", 0, Outcome(1, skipped=["b"])),
+        ("FAILED, repeat with: a\n1 passed, 1 failed, 0 skipped\n", 1, Outcome(1, ["a"])),
+        ("2 passed, 0 failed, 0 skipped\n", 1, Outcome(2, ["./run test core"])),
+        ("2 passed, 0 failed, 0 skipped\nmore\n", 0, Outcome(0, ["./run test core"])),
+        ("2 passed, 0 failed, 1 skipped\n", 0, Outcome(2, ["./run test core"])),
+        (
+            "FAILED, repeat with: a\n1 passed, 1 failed, 0 skipped\n",
+            0,
+            Outcome(1, ["a", "./run test core"]),
+        ),
+        ("1 passed, 1 failed, 0 skipped\n", 1, Outcome(1, ["./run test core"])),
+        ("", -9, Outcome(0, ["./run test core"])),
+    ],
+)
+def test_ring_logs(log, code, outcome):
+    assert read_ring_log("core", log, code) == outcome

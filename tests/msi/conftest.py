@@ -8,14 +8,46 @@ from pathlib import Path
 from typing import Iterator, Mapping
 
 import pytest
+from _pytest.runner import runtestprotocol
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
 
-from installer import companion, machine, package, session  # noqa: E402
+from installer import companion, ending, machine, package, repeats, session  # noqa: E402
 from installer.log import ActionRun, action_runs  # noqa: E402
 from installer.machine import Difference, Snapshot  # noqa: E402
 from installer.prefix import Prefix  # noqa: E402
 from installer.session import SessionResult  # noqa: E402
+
+ending.watch()
+
+# What an installer session of a test was found to hang in, before one action had started.
+_HUNG = pytest.StashKey[list[str]]()
+
+
+def pytest_runtest_protocol(item: pytest.Item, nextitem: pytest.Item | None) -> bool:
+    """Runs a test once more, with fresh prefixes, when an installer session of it hung before one
+    action had started."""
+    item.ihook.pytest_runtest_logstart(nodeid=item.nodeid, location=item.location)
+    hung: list[str] = []
+    item.stash[_HUNG] = hung
+    reports = runtestprotocol(item, log=False, nextitem=nextitem)
+    if hung:
+        repeats.tell(hung[0])
+        # The prefixes that tests share as well.
+        item.session._setupstate.teardown_exact(None)
+        item._initrequest()
+        reports = runtestprotocol(item, log=False, nextitem=nextitem)
+    for report in reports:
+        item.ihook.pytest_runtest_logreport(report=report)
+    item.ihook.pytest_runtest_logfinish(nodeid=item.nodeid, location=item.location)
+    return True
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item: pytest.Item, call: pytest.CallInfo[None]) -> Iterator[None]:
+    if call.excinfo is not None and call.excinfo.errisinstance(session.NothingDone):
+        item.stash[_HUNG].append(str(call.excinfo.value))
+    yield
 
 
 @dataclass

@@ -7,8 +7,9 @@ from pathlib import Path
 
 import pytest
 
-from installer import confinement, package, paths, session
-from installer.prefix import Prefix, UnsafePrefix, link_danger
+from installer import confinement, package, paths, repeats, session
+from installer.log import LogLine
+from installer.prefix import NotStarted, Prefix, UnsafePrefix, link_danger
 from processes import processes_of
 
 NAME = "prefix-msi-checked"
@@ -96,27 +97,69 @@ def endless_package(companion_package: Path, place: int) -> Path:
     return endless
 
 
-@pytest.mark.parametrize(
-    "place, attempts", [(5, 2), (60, 1)], ids=["before all actions", "behind others"]
-)
-def test_an_installer_that_does_not_end_is_ended(prefix, companion_package, place, attempts):
+@pytest.mark.parametrize("place", [5, 60], ids=["before all actions", "behind others"])
+def test_an_installer_that_does_not_end_is_ended(prefix, companion_package, place):
     progress = []
-    with warnings.catch_warnings(record=True) as warned:
-        warnings.simplefilter("always")
-        with pytest.raises(TimeoutError, match="within 2.5 s.*build/installer-logs/endless.log"):
-            session.install(
-                prefix,
-                endless_package(companion_package, place),
-                "LAUNCHED_FROM_MIM=1",
-                log_name="endless",
-                limit=session.PROGRESS_INTERVAL + 0.5,
-                progress=lambda seconds, line: progress.append((seconds, line)),
-            )
-    assert len(progress) == attempts
-    for seconds, line in progress:
-        assert seconds >= session.PROGRESS_INTERVAL
-        assert line.startswith("Action start") and line.endswith("Wait.")
-    assert [str(each.message)[:9] for each in warned] == ["once more"] * (attempts - 1)
+    with pytest.raises(TimeoutError, match="within 2.5 s.*build/installer-logs/endless.log") as ended:
+        session.install(
+            prefix,
+            endless_package(companion_package, place),
+            "LAUNCHED_FROM_MIM=1",
+            log_name="endless",
+            limit=session.PROGRESS_INTERVAL + 0.5,
+            progress=lambda seconds, line: progress.append((seconds, line)),
+        )
+    assert not isinstance(ended.value, session.NothingDone), "one of its actions had started"
+    ((seconds, line),) = progress
+    assert seconds >= session.PROGRESS_INTERVAL
+    assert line.startswith("Action start") and line.endswith("Wait.")
+
+
+def test_an_installer_that_starts_no_action_has_done_nothing(prefix, companion_package, monkeypatch):
+    start = prefix.start
+    monkeypatch.setattr(
+        prefix, "start", lambda *_, **options: start("ping.exe", "-n", "60", "127.0.0.1", **options)
+    )
+    with pytest.raises(session.NothingDone, match="within 0.5 s"):
+        session.install(prefix, companion_package, limit=0.5)
+
+
+@pytest.mark.parametrize(
+    "line, started",
+    [
+        ("Action start 9:09:52: INSTALL.", False),
+        ("Action start 9:09:52: AppSearch.", True),
+        ("Action ended 9:09:52: INSTALL. Return value 0.", False),
+        ("Action 9:09:52: INSTALL. ", False),
+    ],
+)
+def test_the_sequence_itself_is_no_action_that_has_started(line, started):
+    assert session.any_action_started([LogLine("before", 0), LogLine(line, 1)]) is started
+
+
+@pytest.mark.parametrize("failures", [1, 2])
+def test_a_prefix_that_starts_no_program_is_begun_once_more(failures, monkeypatch, tmp_path):
+    counted = tmp_path / "counted"
+    monkeypatch.setenv(repeats.COUNTED_IN, str(counted))
+    keep_alive, left = Prefix._keep_alive, [None] * failures
+
+    def hang(prefix: Prefix) -> None:
+        if left:
+            left.pop()
+            (prefix.drive_c / "of the first one").touch()
+            raise NotStarted("it hangs")
+        keep_alive(prefix)
+
+    monkeypatch.setattr(Prefix, "_keep_alive", hang)
+    with pytest.warns(UserWarning, match="once more: it hangs"):
+        if failures == 1:
+            with Prefix(NAME) as prefix:
+                assert not (prefix.drive_c / "of the first one").exists()
+        else:
+            with pytest.raises(NotStarted), Prefix(NAME):
+                pytest.fail("the prefix was taken")
+    assert counted.read_text() == "it hangs\n"
+    assert processes_of(paths.BUILD / NAME) == []
 
 
 @pytest.fixture

@@ -21,7 +21,6 @@ from processes import processes_of
 
 LIBRARY = ("--dll", paths.windows_path(paths.FAULT_ACTIONS))
 LIMIT = 60.0
-ACTION_PREFIX = paths.BUILD / "prefix-action"
 
 SUCCESS, OTHER_RESULT, WRONG_ARGUMENTS, NO_LIBRARY, NO_ACTION, NO_SESSION, EXCEPTION = (
     0, 1, 2, 4, 5, 6, 7,
@@ -429,24 +428,35 @@ def test_the_script_hands_on_what_the_runner_says():
     assert "has no action Nothing" in done.stderr
 
 
-@pytest.mark.parametrize("signal_number, code", [(signal.SIGINT, 130), (signal.SIGTERM, 143)])
-def test_the_script_ends_an_action_that_is_interrupted(signal_number, code):
-    command = ["LogAndWait", f"MILLISECONDS={3 * LIMIT * 1000:.0f}"]
+RUN = str(paths.ROOT / "run")
+WAIT = ["LogAndWait", f"MILLISECONDS={3 * LIMIT * 1000:.0f}", "--dll", str(paths.FAULT_ACTIONS)]
+
+
+@pytest.mark.parametrize(
+    "command, number, prefix_name",
+    [
+        ([*ACTION_SCRIPT, *WAIT], signal.SIGINT, "prefix-action"),
+        ([*ACTION_SCRIPT, *WAIT], signal.SIGHUP, "prefix-action"),
+        ([RUN, "action", *WAIT], signal.SIGINT, "prefix-action"),
+        ([RUN, "action", *WAIT], signal.SIGTERM, "prefix-action"),
+        ([RUN, "test", "time"], signal.SIGHUP, "prefix-time"),
+    ],
+)
+def test_a_signal_ends_the_prefix_and_its_servers(command, number, prefix_name):
     process = subprocess.Popen(
-        [*ACTION_SCRIPT, *command, "--dll", str(paths.FAULT_ACTIONS)],
-        cwd=paths.ROOT,
-        stdout=subprocess.PIPE,
-        stderr=subprocess.DEVNULL,
+        command, cwd=paths.ROOT, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL
     )
     try:
-        assert process.stdout.readline() == b"log         waiting\n"
-        assert processes_of(ACTION_PREFIX)
-        process.send_signal(signal_number)
-        assert process.wait(LIMIT) == code
-        assert processes_of(ACTION_PREFIX) == []
+        limit = time.monotonic() + 3 * LIMIT
+        while not any("server" in line for line in processes_of(paths.BUILD / prefix_name)):
+            assert process.poll() is None and time.monotonic() < limit
+            time.sleep(0.05)
+        process.send_signal(number)
+        assert process.wait(2 * LIMIT) == 128 + number
+        assert processes_of(paths.BUILD / prefix_name) == []
     finally:
         process.kill()
-        process.communicate()
+        process.wait()
 
 
 def test_a_reader_that_has_gone_changes_no_exit_code():

@@ -1,5 +1,6 @@
 """Where the build leaves what the installer tools need."""
 
+import os
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -27,6 +28,11 @@ PACKAGE_SOURCES = ROOT / "package"
 PACKAGES = BUILD / "package"
 LOGS = BUILD / "installer-logs"
 REPORT = BUILD / "demo"
+
+
+def of_caller(path: str | Path) -> Path:
+    """A path of the command line: a relative one starts where ./run was called."""
+    return Path(os.environ.get("HALVARD_CALLER", ""), path)
 
 
 def windows_path(path: Path) -> str:

@@ -11,7 +11,6 @@ import codecs
 import re
 import subprocess
 import time
-import warnings
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Callable, Collection, Iterable, Mapping, Sequence
@@ -38,6 +37,7 @@ _TRACED_RETURN = re.compile(
 _TRACED_LOOK_UP = re.compile(
     r'(?P<thread>\w+):Call KERNEL32\.GetProcAddress\(\w+,\w+ "(?P<name>\w+)"'
 )
+_STARTED = re.compile(r"Action start \d+:\d+:\d+: (?P<action>\S+)\.$")
 _TRACE = {"WINEDEBUG": "-all,trace+relay"}
 
 Progress = Callable[[float, str], None]
@@ -103,27 +103,14 @@ def remove(prefix: Prefix, package: Path, *properties: str, **options) -> Sessio
 
 
 class NothingDone(TimeoutError):
-    """A run did not end in time, and none of its actions had ended."""
+    """A run did not end in time, and none of its actions had started.
 
-
-def run(prefix: Prefix, arguments: Sequence[str], **options) -> SessionResult:
-    """Runs msiexec without a user interface and follows its log.
-
-    `limit` is in seconds; TimeoutError says where the log of a run lies that did not end in time.
-    `progress` is called every `PROGRESS_INTERVAL` with the seconds since the start and the last
-    line of the log.
-
-    Wine's engine hangs in one of some hundred runs before its first action: such a run is made once
-    more, with a warning.
+    Wine's engine hangs so in one of some hundred runs. Whoever made the run may make it once more, in
+    a fresh prefix and with all that came before it, and tells so (`repeats`).
     """
-    try:
-        return _run(prefix, arguments, **options)
-    except NothingDone as hanging:
-        warnings.warn(f"once more: {hanging}", stacklevel=2)
-        return _run(prefix, arguments, **options)
 
 
-def _run(
+def run(
     prefix: Prefix,
     arguments: Sequence[str],
     log_name: str = "session",
@@ -131,6 +118,12 @@ def _run(
     progress: Progress | None = None,
     environment: Mapping[str, str] | None = None,
 ) -> SessionResult:
+    """Runs msiexec without a user interface and follows its log.
+
+    `limit` is in seconds; TimeoutError says where the log of a run lies that did not end in time,
+    `NothingDone` that no action of it had started. `progress` is called every `PROGRESS_INTERVAL`
+    with the seconds since the start and the last line of the log.
+    """
     log = paths.LOGS / f"{log_name}.log"
     log.parent.mkdir(parents=True, exist_ok=True)
     log.unlink(missing_ok=True)
@@ -152,15 +145,20 @@ def _run(
     finally:
         process.kill()
         process.wait()
+    seconds = time.monotonic() - start
+    calls = traced_calls(printed.read_text(errors="replace").splitlines(), package.exports())
     if not in_time:
-        ended = any(line.text.startswith("Action ended") for line in lines)
-        raise (TimeoutError if ended else NothingDone)(
+        raise (TimeoutError if calls or any_action_started(lines) else NothingDone)(
             f"msiexec {' '.join(command)} did not end within {limit:g} s, "
             f"installer log {paths.shown(log)}"
         )
-    seconds = time.monotonic() - start
-    calls = traced_calls(printed.read_text(errors="replace").splitlines(), package.exports())
     return SessionResult(command, process.returncode, log, seconds, lines, calls)
+
+
+def any_action_started(lines: Iterable[LogLine]) -> bool:
+    """Whether a log tells of the start of an action other than INSTALL, which is the sequence."""
+    started = (_STARTED.match(line.text) for line in lines)
+    return any(match and match["action"] != "INSTALL" for match in started)
 
 
 def traced_calls(trace: Iterable[str], exports: Collection[str]) -> list[ExportCall]:

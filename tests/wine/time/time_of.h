@@ -28,11 +28,11 @@ Duration OneOfTen(TimedRun timedRun) {
 }
 
 /// How many times as long `many` takes as `few`; both return the Duration that they measured. The
-/// shortest of several runs counts, taken in turns, for what disturbs a run only makes it longer;
-/// no more runs are made than it takes to come down to `limit`.
+/// shortest of up to three runs counts, taken in turns, for what disturbs a run only makes it
+/// longer; the third is made when two do not come down to `limit`.
 template <class Few, class Many>
 double Growth(Few few, Many many, double limit) {
-    constexpr int runs = 20;
+    constexpr int runs = 3;
     Duration shortestFew = Duration::max();
     Duration shortestMany = Duration::max();
     for (int run = 0; run < runs; ++run) {
