@@ -12,6 +12,8 @@ the numbers the last line tells how often something was repeated because the eng
 it did anything.
 """
 
+import contextlib
+import io
 import os
 import re
 import signal
@@ -46,6 +48,18 @@ PYTEST_ENVIRONMENT = {"NO_COLOR": "1", "COLUMNS": "100", "PYTEST_DISABLE_PLUGIN_
 
 FUZZ_TARGETS = ("get_data_value", "find_no_case", "multi_string", "retain_list", "client_decision")
 FUZZ_INPUTS = 200_000
+# Faults that are planted to see that they are reported, and what the report of each says.
+CORE_CANARIES = {
+    "WritesBehindABlock": "ERROR: AddressSanitizer: heap-buffer-overflow",
+    "WritesIntoAFreeBlock": "ERROR: AddressSanitizer: heap-use-after-free",
+    "ShiftsTooFar": "runtime error: shift exponent 40 is too large",
+    "OverflowsAnInt": "runtime error: signed integer overflow",
+}
+FUZZ_CANARIES = {
+    "overflow": "ERROR: AddressSanitizer: heap-buffer-overflow",
+    "property": "ERROR: libFuzzer: deadly signal",
+}
+CANARY_LIMIT = 60.0
 TESTS_LIMIT = 480.0
 PYTEST_LIMIT = 1800.0
 # Programs of the system folder that copies of the recorder may stand in for.
@@ -232,6 +246,8 @@ def run_core(arguments: list[str]) -> Outcome:
     if not arguments:
         for target in FUZZ_TARGETS:
             outcome.add(_fuzz(tests, target))
+            outcome.add(_fuzz_canaries(tests, target))
+        outcome.add(_google_canaries("core", str(tests / "core_canaries"), CORE_CANARIES))
     return outcome
 
 
@@ -374,12 +390,71 @@ def read_google_test_log(ring: str, log: str, ended: str, listed: set[str]) -> O
     return outcome
 
 
+def _google_canaries(
+    ring: str, program: str, reports: dict[str, str], start=subprocess.Popen
+) -> Outcome:
+    """Runs each planted fault as the tests of the ring are run. It passes when that run has failed
+    and shows the report."""
+    outcome = Outcome()
+    for name, report in reports.items():
+        log = RESULTS / f"{ring}-canary-{name}.log"
+        shown = io.StringIO()
+        with contextlib.redirect_stdout(shown):
+            judged = _google_tests(
+                ring,
+                [program, f"--gtest_filter=Canary.{name}"],
+                start=lambda command, **options: start(
+                    command, stderr=subprocess.STDOUT, **options
+                ),
+                log=log,
+                limit=CANARY_LIMIT,
+            )
+        text = log.read_text(errors="replace") + shown.getvalue()
+        outcome.add(judge_canary(f"{ring} {name}", bool(judged.failed), text, report))
+    return outcome
+
+
+def judge_canary(name: str, has_failed: bool, text: str, report: str) -> Outcome:
+    """A planted fault passes when its run has failed and the output `text` has the report. `name`
+    begins with that of the ring."""
+    if has_failed and report in text:
+        return Outcome(passed=1)
+    print(text[-4000:])
+    print(f"canary {name}: the planted fault is not reported as '{report}'")
+    return Outcome(failed=[f"./run test {name.split()[0]}"])
+
+
 def _fuzz(tests: Path, target: str) -> Outcome:
     """One run of a fuzzer over a fixed sequence of inputs, beginning with the seeds that are kept."""
-    found = RESULTS / f"fuzz-{target}"
+    ended = _run_fuzzer(tests, target)
+    done = re.search(r"^#(\d+)\s+DONE", ended.stdout, re.MULTILINE)
+    if ended.returncode == 0 and done and int(done[1]) >= FUZZ_INPUTS:
+        return Outcome(passed=1)
+    print(ended.stdout[-4000:])
+    return Outcome(failed=["./run test core"])
+
+
+def _fuzz_canaries(tests: Path, target: str) -> Outcome:
+    """The same run with faults in some inputs, which the fuzzer has to make itself and to keep."""
+    outcome = Outcome()
+    for fault, report in FUZZ_CANARIES.items():
+        _empty(RESULTS / f"fuzz-{target}_canary")
+        ended = _run_fuzzer(tests, target, "_canary", {"HALVARD_CANARY": fault})
+        made = re.search(r"^#\d+\s+INITED", ended.stdout, re.MULTILINE)
+        kept = any((RESULTS / f"fuzz-{target}_canary").glob("crash-*"))
+        has_failed = ended.returncode != 0 and made is not None and kept
+        name = f"core fuzz_{target} {fault}"
+        outcome.add(judge_canary(name, has_failed, ended.stdout, report))
+    return outcome
+
+
+def _run_fuzzer(
+    tests: Path, target: str, suffix: str = "", environment: dict[str, str] | None = None
+) -> subprocess.CompletedProcess[str]:
+    found = RESULTS / f"fuzz-{target}{suffix}"
     found.mkdir(exist_ok=True)
     command = [
-        str(tests / f"fuzz_{target}"),
+        str(tests / f"fuzz_{target}{suffix}"),
         f"-runs={FUZZ_INPUTS}",
         "-seed=1",
         "-max_len=512",
@@ -387,22 +462,18 @@ def _fuzz(tests: Path, target: str) -> Outcome:
         str(ROOT / "tests/core/fuzz/corpus" / target),
     ]
     # A corpus that grows would be written to the first folder, so a throw-away one stands there.
-    grown = RESULTS / f"fuzz-{target}-grown"
+    grown = RESULTS / f"fuzz-{target}{suffix}-grown"
     _empty(grown)
     command.insert(-1, str(grown))
-    ended = subprocess.run(
+    return subprocess.run(
         command,
         stdout=subprocess.PIPE,
         stderr=subprocess.STDOUT,
         text=True,
         errors="replace",
         timeout=TESTS_LIMIT,
+        env=os.environ | (environment or {}),
     )
-    done = re.search(r"^#(\d+)\s+DONE", ended.stdout, re.MULTILINE)
-    if ended.returncode == 0 and done and int(done[1]) >= FUZZ_INPUTS:
-        return Outcome(passed=1)
-    print(ended.stdout[-4000:])
-    return Outcome(failed=["./run test core"])
 
 
 def _empty(folder: Path) -> None:

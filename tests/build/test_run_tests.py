@@ -12,6 +12,7 @@ from run_tests import (  # noqa: E402
     ROOT,
     STARTED_BY_TESTS,
     Outcome,
+    judge_canary,
     read_google_test_list,
     read_google_test_log,
     read_pytest_report,
@@ -156,3 +157,17 @@ def test_pytest_reports(report, listed, outcome):
 )
 def test_ring_logs(log, code, outcome):
     assert read_ring_log("core", log, code) == outcome
+
+
+@pytest.mark.parametrize(
+    "has_failed, text, passed, failed",
+    [
+        (True, "ERROR: overflow at 0x10\n", 1, []),
+        (False, "ERROR: overflow at 0x10\n", 0, ["./run test core"]),
+        (True, "ERROR: no memory\n", 0, ["./run test core"]),
+        (True, "", 0, ["./run test core"]),
+    ],
+)
+def test_a_planted_fault_has_to_fail_its_run_and_to_be_reported(has_failed, text, passed, failed):
+    outcome = judge_canary("core Fault", has_failed, text, "ERROR: overflow")
+    assert (outcome.passed, outcome.failed) == (passed, failed)
