@@ -16,6 +16,7 @@ namespace {
 
 constexpr DWORD kVisualCppException = 0xE06D7363;
 constexpr DWORD kCodeWithoutName = 0xE0000042;
+constexpr std::size_t kBlockSize = 10;
 
 class OwnCategory : public std::error_category {
 public:
@@ -47,6 +48,14 @@ int Deep(volatile int* above) {
     volatile int here[512] = {};
     here[0] = *above + 1;
     return here[0] < 0 ? 0 : Deep(here) + here[0];
+}
+
+// A block of 10 bytes of the run-time or of the system; no compiler sees where a fault in it goes.
+volatile char* NewBlock(bool ofTheSystem) {
+    static char* volatile block;
+    block = ofTheSystem ? static_cast<char*>(HeapAlloc(GetProcessHeap(), 0, kBlockSize))
+                        : new char[kBlockSize];
+    return block;
 }
 
 DWORD WINAPI WriteToNullThread(void* /*parameter*/) {
@@ -156,4 +165,35 @@ ACTION(EndOwnThread) {
 ACTION(Abort) {
     static_cast<void>(session);
     std::abort();
+}
+
+// Faults that a check of the heap has to report. The result ends the session, which has nothing
+// else to do.
+
+ACTION(WriteBehindABlock) {
+    static_cast<void>(session);
+    volatile char* const block = NewBlock(false);
+    block[kBlockSize] = 1;
+    delete[] block;
+    return ERROR_INSTALL_FAILURE;
+}
+
+ACTION(WriteBehindAKeptBlock) {
+    static_cast<void>(session);
+    NewBlock(false)[kBlockSize] = 1;
+    return ERROR_INSTALL_FAILURE;
+}
+
+ACTION(WriteBehindABlockOfTheSystem) {
+    static_cast<void>(session);
+    NewBlock(true)[kBlockSize] = 1;
+    return ERROR_INSTALL_FAILURE;
+}
+
+ACTION(WriteIntoAFreeBlock) {
+    static_cast<void>(session);
+    volatile char* const block = NewBlock(false);
+    delete[] block;
+    block[0] = 1;
+    return ERROR_INSTALL_FAILURE;
 }
