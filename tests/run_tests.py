@@ -55,6 +55,17 @@ CORE_CANARIES = {
     "ShiftsTooFar": "runtime error: shift exponent 40 is too large",
     "OverflowsAnInt": "runtime error: signed integer overflow",
 }
+OUTSIDE_A_BLOCK = "memory was written outside a block"
+# The last byte of STATUS_ILLEGAL_INSTRUCTION: arithmetic that is not defined runs into a trap.
+TRAP = "exit code 29, in Canary."
+WINE_CANARIES = {
+    "WritesBehindABlock": OUTSIDE_A_BLOCK,
+    "WritesBehindABlockOfTheSystem": OUTSIDE_A_BLOCK,
+    "WritesBehindABlockOfTheRunTime": OUTSIDE_A_BLOCK,
+    "WritesIntoAFreeBlock": OUTSIDE_A_BLOCK,
+    "ShiftsTooFar": TRAP,
+    "OverflowsAnInt": TRAP,
+}
 FUZZ_CANARIES = {
     "overflow": "ERROR: AddressSanitizer: heap-buffer-overflow",
     "property": "ERROR: libFuzzer: deadly signal",
@@ -271,10 +282,18 @@ def _wine_tests(ring: str, program: str, arguments: list[str], check_heap: bool)
             _check_heap_of(prefix, f"{program}.exe")
         outcome = _google_tests(ring, [*command, *arguments], start)
         if ring == "wine" and not arguments:
-            for zone in ZONES:
+            for number, zone in enumerate(ZONES):
                 in_zone = partial(start, environment={"TZ": zone})
-                outcome.add(_google_tests(ring, [*command, TESTS_OF_ZONES], in_zone))
+                of_zone = [*command, TESTS_OF_ZONES]
+                outcome.add(_google_tests(ring, of_zone, in_zone, part=f"-zone-{number}"))
+            outcome.add(_wine_canaries(prefix, start))
     return outcome
+
+
+def _wine_canaries(prefix: Prefix, start: Callable[..., "subprocess.Popen[bytes]"]) -> Outcome:
+    _check_heap_of(prefix, "wine_canaries.exe")
+    program = r"b:\mingw-test\tests\wine\wine_canaries.exe"
+    return _google_canaries("wine", program, WINE_CANARIES, start)
 
 
 def run_msi(arguments: list[str]) -> Outcome:
@@ -293,16 +312,21 @@ def _partition(arguments: list[str]) -> tuple[list[str], bool, list[str]]:
 
 
 def _google_tests(
-    ring: str, command: list[str], start=subprocess.Popen, limit: float = TESTS_LIMIT
+    ring: str,
+    command: list[str],
+    start=subprocess.Popen,
+    limit: float = TESTS_LIMIT,
+    part: str = "",
 ) -> Outcome:
     """Runs a GoogleTest program, shows the failed tests and counts from its lines, so that a
-    program which crashes or hangs half-way is counted too. `limit` is in seconds."""
-    listing = RESULTS / f"{ring}-tests.txt"
+    program which crashes or hangs half-way is counted too. `limit` is in seconds; a part of a ring
+    has files of its own for what it prints."""
+    listing = RESULTS / f"{ring}{part}-tests.txt"
     ended = _run_to_file([*command, LIST_TESTS], listing, start, LISTING_LIMIT)
     if ended != "exit code 0":
         raise RuntimeError(f"it does not list its tests ({ended}): {_text(listing)}")
     listed = read_google_test_list(_text(listing))
-    log = RESULTS / f"{ring}-output.txt"
+    log = google_test_log(ring, part)
 
     def tell() -> None:
         done = len(re.findall(r"^\[ RUN      \]", _text(log), re.MULTILINE))
@@ -310,6 +334,10 @@ def _google_tests(
 
     ended = _run_to_file(command, log, start, limit, tell)
     return read_google_test_log(ring, _text(log), ended, listed)
+
+
+def google_test_log(ring: str, part: str = "") -> Path:
+    return RESULTS / f"{ring}{part}-output.txt"
 
 
 def _run_to_file(
@@ -397,7 +425,7 @@ def _google_canaries(
     and shows the report."""
     outcome = Outcome()
     for name, report in reports.items():
-        log = RESULTS / f"{ring}-canary-{name}.log"
+        part = f"-canary-{name}"
         shown = io.StringIO()
         with contextlib.redirect_stdout(shown):
             judged = _google_tests(
@@ -406,10 +434,10 @@ def _google_canaries(
                 start=lambda command, **options: start(
                     command, stderr=subprocess.STDOUT, **options
                 ),
-                log=log,
                 limit=CANARY_LIMIT,
+                part=part,
             )
-        text = log.read_text(errors="replace") + shown.getvalue()
+        text = _text(google_test_log(ring, part)) + shown.getvalue()
         outcome.add(judge_canary(f"{ring} {name}", bool(judged.failed), text, report))
     return outcome
 
