@@ -16,6 +16,7 @@ import pytest
 
 from installer import companion, package, paths, session
 from installer.prefix import Prefix
+from installer.session import SessionResult
 
 OPTIONS = r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\Image File Execution Options"
 # Marks behind blocks (0x10) and in free ones (0x20); all of them are looked at each time (0x80).
@@ -39,20 +40,21 @@ class Hosts:
     prefix: Prefix
     watching: Mapping[str, str]
 
-    def session(self, switch: str, source: Path, *properties: str) -> CompletedProcess[str]:
+    def session(self, switch: str, source: Path, *properties: str) -> SessionResult:
         """A session of the installer, which tells what the exports returned."""
-        log = paths.windows_path(paths.LOGS / f"heap-{source.stem}-{switch[1]}.log")
-        arguments = [switch, paths.windows_path(source), *properties, "/qn", "/l*v", log]
-        channels = f"{self.watching['WINEDEBUG']},{REPORTS}"
-        return self._run(CLIENT, *arguments, channels=channels)
+        return session.run(
+            self.prefix,
+            [switch, paths.windows_path(source), *properties],
+            log_name=f"heap-{source.stem}-{switch[1]}",
+            limit=LIMIT,
+            environment={"WINEDEBUG": f"{self.watching['WINEDEBUG']},{REPORTS}"},
+            program=CLIENT,
+        )
 
     def alone(self, *arguments: str) -> CompletedProcess[str]:
         """One action without a package."""
-        return self._run(paths.RUNNER, *arguments, channels=f"-all,{REPORTS}")
-
-    def _run(self, program: str | Path, *arguments: str, channels: str) -> CompletedProcess[str]:
-        environment = {"WINEDEBUG": channels}
-        return self.prefix.run(program, *arguments, limit=LIMIT, environment=environment)
+        environment = {"WINEDEBUG": f"-all,{REPORTS}"}
+        return self.prefix.run(paths.RUNNER, *arguments, limit=LIMIT, environment=environment)
 
 
 @pytest.fixture(scope="module")
@@ -95,8 +97,8 @@ def faulty_package(execution: str, fault: str) -> Path:
 )
 def test_a_fault_is_reported_in_a_session(hosts, execution, fault, report):
     done = hosts.session("/i", faulty_package(execution, fault))
-    assert done.returncode == session.as_exit_code(session.INSTALL_FAILURE)
-    assert heap_reports(done.stdout) == {report}
+    assert done.exit_code == session.as_exit_code(session.INSTALL_FAILURE)
+    assert heap_reports(done.printed.read_text(errors="replace")) == {report}
 
 
 @pytest.mark.parametrize(
@@ -112,10 +114,9 @@ def test_no_action_of_a_session_damages_the_heap(hosts, companion_package):
     for switch in ("/i", "/x"):
         properties = ("LAUNCHED_FROM_MIM=1", companion.WITH_AGENT)
         done = hosts.session(switch, companion_package, *properties)
-        assert heap_reports(done.stdout) == set()
-        assert done.returncode == 0
-        calls = session.traced_calls(done.stdout.splitlines(), package.exports())
-        returned |= {call.export for call in calls if call.result is not None}
+        assert heap_reports(done.printed.read_text(errors="replace")) == set()
+        assert done.exit_code == 0, done.report()
+        returned |= {call.export for call in done.calls if call.result is not None}
     assert returned == set(package.exports())
 
 

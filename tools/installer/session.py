@@ -71,6 +71,11 @@ class SessionResult:
     calls: list[ExportCall] = field(default_factory=list)
 
     @property
+    def printed(self) -> Path:
+        """Where what the programs of the session printed lies, the trace of the engine's calls too."""
+        return printed_beside(self.log)
+
+    @property
     def texts(self) -> list[str]:
         return [line.text for line in self.lines]
 
@@ -80,6 +85,10 @@ class SessionResult:
             f"msiexec {' '.join(self.arguments)}\n"
             f"exit code {self.exit_code}, installer log {paths.shown(self.log)}"
         )
+
+
+def printed_beside(log: Path) -> Path:
+    return log.with_suffix(".output")
 
 
 def watch_results(prefix: Prefix) -> Mapping[str, str]:
@@ -117,12 +126,14 @@ def run(
     limit: float = LIMIT,
     progress: Progress | None = None,
     environment: Mapping[str, str] | None = None,
+    program: str = "msiexec.exe",
 ) -> SessionResult:
     """Runs msiexec without a user interface and follows its log.
 
     `limit` is in seconds; TimeoutError says where the log of a run lies that did not end in time,
     `NothingDone` that no action of it had started. `progress` is called every `PROGRESS_INTERVAL`
-    with the seconds since the start and the last line of the log.
+    with the seconds since the start and the last line of the log. `program` is the installer's, where
+    it has another name.
     """
     log = paths.LOGS / f"{log_name}.log"
     log.parent.mkdir(parents=True, exist_ok=True)
@@ -130,10 +141,10 @@ def run(
     command = [*arguments, "/qn", "/l*v", paths.windows_path(log)]
 
     start = time.monotonic()
-    printed = log.with_suffix(".output")
+    printed = printed_beside(log)
     with open(printed, "wb") as output:
         process = prefix.start(
-            "msiexec.exe",
+            program,
             *command,
             environment=environment,
             stdout=output,
