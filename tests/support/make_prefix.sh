@@ -13,7 +13,7 @@ prefix=$(realpath -m "$1")
 build=$(realpath "$(dirname "$0")/../../build")
 wine=/usr/lib/wine/wine64
 # A template for each Wine: one that was made by another version would want an update.
-template=$build/prefix-template-$("$wine" --version | tr -c 'A-Za-z0-9.\n' -)
+template=$build/prefix-template-slim-$("$wine" --version | tr -c 'A-Za-z0-9.\n' -)
 case $prefix in
     "$build"/*/* | "$build"/prefix-template* | *.throwaway) name=wrong ;;
     "$build"/prefix-*) name=right ;;
@@ -42,6 +42,10 @@ make_template() {
         rm "$link"
         mkdir "$link"
     done
+    # Two thirds of a prefix are debug information, which would be copied with each one. The engine
+    # loads the files that it was installed with; these only stand for them.
+    find "$template.new/drive_c/windows" -type f \( -name '*.dll' -o -name '*.exe' \) \
+        -exec x86_64-w64-mingw32-strip --strip-debug {} + || true
     # Wine must not put z: and the links back when it thinks that the prefix wants an update.
     echo disable >"$template.new/.update-timestamp"
     mv "$template.new" "$template"
