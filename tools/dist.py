@@ -25,7 +25,7 @@ FOLDER = paths.BUILD / "dist"
 SUMS = "SHA256SUMS.txt"
 SIGNED = (paths.LIBRARY, paths.RUNNER)
 DEBUG_FILE = paths.LIBRARY.with_name("Halvard_CA.dll.debug")
-INCLUDE_FILE = paths.PACKAGE_SOURCES / "halvard_actions.wxi"
+INCLUDE_FILES = sorted(paths.PACKAGE_SOURCES.glob("halvard_actions*.wxi"))
 README = paths.ROOT / "README.md"
 REFERENCE = paths.ROOT / "docs"
 
@@ -99,7 +99,7 @@ def pack(signer: Signer | None = None) -> Path:
 
 def files() -> dict[str, Path]:
     """What goes into the archive but for the sums: the names there, and the files."""
-    beside = [*SIGNED, DEBUG_FILE, INCLUDE_FILE, README]
+    beside = [*SIGNED, DEBUG_FILE, *INCLUDE_FILES, README]
     documents = [file for file in REFERENCE.iterdir() if file.suffix in (".md", ".png")]
     return {file.name: file for file in beside} | {
         f"{REFERENCE.name}/{file.name}": file for file in documents

@@ -20,6 +20,7 @@ SHIPPED = {
     "Halvard_CA.dll.debug": paths.LIBRARY.with_name("Halvard_CA.dll.debug"),
     "README.md": paths.ROOT / "README.md",
     "halvard_actions.wxi": paths.ROOT / "package/halvard_actions.wxi",
+    "halvard_actions.v4.wxi": paths.ROOT / "package/halvard_actions.v4.wxi",
     "halvard_run.exe": paths.RUNNER,
 }
 SIGNED = ("Halvard_CA.dll", "halvard_run.exe")

@@ -1,8 +1,7 @@
 """What a package's author is told of an export is the same wherever it stands.
 
-The exports stand in the module definition, their declarations in the include file of the packages,
-and both with results, data and exceptions in the comments of the headers, the table of the README
-and the reference. Keys of CustomActionData and of the registry are those that the code names.
+The table of actions tells it; what is written from the table is current, and the comments of the
+headers, the prose of the reference and the code itself say nothing else.
 """
 
 import re
@@ -11,15 +10,18 @@ import xml.etree.ElementTree as ElementTree
 from dataclasses import dataclass, replace
 from functools import cached_property
 from pathlib import Path
+from typing import Iterable
 
 import pytest
 
+import generate
 from installer import paths
+from installer.actions import Action, DataKey, Result, actions
 from installer.package import COMPANION, table
 
 LIBRARY_SOURCES = paths.ROOT / "Utilities/CustomActions/Halvard_CA"
-INCLUDE = paths.PACKAGE_SOURCES / "halvard_actions.wxi"
-NAMESPACE = "http://schemas.microsoft.com/wix/2006/wi"
+INCLUDE = generate.INCLUDE
+NAMESPACE = generate.WIX_3.namespace
 
 DOCUMENTS = sorted((paths.ROOT / "docs").glob("*.md"))
 README = paths.ROOT / "README.md"
@@ -28,26 +30,15 @@ README = paths.ROOT / "README.md"
 PARTS = ("Schedule", "Data", "Reads", "Effects", "Results", "Throws", "Take care")
 # Running out of memory is told of all actions at once.
 EXCEPTION = re.compile(r"\b(RegKeyError|std::(?:filesystem::)?\w+_error|std::out_of_range)\b")
-# How results that are no fixed numbers are named in the README.
-OTHER_RESULTS = ("another number", "a registry type")
 KEY_OF_DATA = re.compile(r"\b([A-Z]\w*=)(?=[^\w\"]|$)")
 REGISTRY_KEY = re.compile(r"(?:SOFTWARE|SYSTEM)\\[^\"`]+", re.IGNORECASE)
 
 
 @dataclass(frozen=True)
-class Schedule:
-    """How an action is declared."""
-
-    execution: str
-    impersonated: bool
-    result_ignored: bool
-
-
-@dataclass(frozen=True)
-class Action:
+class Told:
     """What one source tells of an export; None is what the source does not tell."""
 
-    schedule: Schedule | None = None
+    schedule: tuple[str, bool, str] | None = None
     results: frozenset[str] | None = None
     data_keys: frozenset[str] | None = None
     exceptions: frozenset[str] | None = None
@@ -55,27 +46,12 @@ class Action:
 
 @dataclass(frozen=True)
 class Sources:
-    """The texts that tell of the exports."""
+    """The table, and the texts that tell of the exports without being written from it."""
 
-    definition: str
-    include: str
+    table: tuple[Action, ...]
     headers: str
-    readme: str
     reference: str
     code: str
-
-    @cached_property
-    def exports(self) -> dict[str, str]:
-        """The exports with the subsystem of each, in their order."""
-        found = {}
-        subsystem = ""
-        for line in self.definition.split("EXPORTS")[1].splitlines():
-            word = line.strip()
-            if word.startswith(";"):
-                subsystem = word.lstrip("; ")
-            elif word:
-                found[word] = subsystem
-        return found
 
     @cached_property
     def sections(self) -> dict[str, str]:
@@ -86,40 +62,23 @@ class Sources:
             for name, text in zip(pieces[1::2], pieces[2::2])
         }
 
-    def in_include(self) -> dict[str, Action]:
-        """Of an action whose names differ nothing is told, so it counts as missing."""
+    def in_table(self) -> dict[str, Told]:
         return {
-            element.attrib["DllEntry"]: Action(
-                Schedule(
-                    element.attrib["Execute"],
-                    element.attrib["Execute"] == "immediate" or element.get("Impersonate") != "no",
-                    element.attrib["Return"] == "ignore",
-                )
+            action.name: Told(
+                (action.execution, action.execution == "immediate" or action.impersonate, action.result),
+                frozenset(str(result.value) for result in action.results),
+                frozenset(f"{key.name}=" for key in action.data),
+                frozenset(action.exceptions),
             )
-            for element in ElementTree.fromstring(self.include).iter(f"{{{NAMESPACE}}}CustomAction")
-            if element.attrib["Id"] == element.attrib["DllEntry"]
+            for action in self.table
         }
 
-    def in_headers(self) -> dict[str, Action]:
+    def in_headers(self) -> dict[str, Told]:
         pattern = r"((?:^///.*\n)+)^UINT __stdcall (\w+)\(MSIHANDLE session\);"
         return {
             name: _of_comment(re.sub(r"\s*\n/// ?", " ", comment))
             for comment, name in re.findall(pattern, self.headers, re.MULTILINE)
         }
-
-    def in_readme(self) -> dict[str, Action]:
-        found = {}
-        table = self.readme.partition("| Export |")[2].partition("\n\n")[0]
-        for row in re.findall(r"^\| `.*$", table, re.MULTILINE):
-            names, schedule, _, results = (cell.strip() for cell in row.strip("| ").split(" | "))
-            for words in OTHER_RESULTS:
-                results = results.replace(words, "other")
-            action = Action(_of_attributes(schedule), _codes(results))
-            found |= {name: action for name in re.findall(r"`(\w+)`", names)}
-        return found
-
-    def in_reference(self) -> dict[str, Action]:
-        return {name: _of_section(text) for name, text in self.sections.items()}
 
     @cached_property
     def bodies(self) -> dict[str, str]:
@@ -127,128 +86,91 @@ class Sources:
         pattern = r"^UINT __stdcall (\w+)\(MSIHANDLE[^)]*\) \{\n(.*?)^\}"
         return dict(re.findall(pattern, self.code, re.MULTILINE | re.DOTALL))
 
-    def in_code(self) -> dict[str, Action]:
+    def in_code(self) -> dict[str, Told]:
         reader = re.compile(r'GetDataValue(?:OrEmpty)?\(data, L"(\w+=)"\)')
         return {
-            name: Action(data_keys=frozenset(reader.findall(body)))
+            name: Told(data_keys=frozenset(reader.findall(body)))
             for name, body in self.bodies.items()
         }
 
 
-def _codes(text: str) -> frozenset[str]:
-    return frozenset(re.findall(r"\b(\d+|other)\b", text))
-
-
-def _of_attributes(text: str) -> Schedule | None:
-    execution = re.match(r"(immediate|deferred)\b", text)
-    result = re.search(r'`Return="(check|ignore)"`', text)
-    if execution is None or result is None:
-        return None
-    impersonated = execution[1] == "immediate" or '`Impersonate="yes"`' in text
-    return Schedule(execution[1], impersonated, result[1] == "ignore")
-
-
-def _of_comment(text: str) -> Action:
+def _of_comment(text: str) -> Told:
     schedule = re.search(
-        r"\b(Immediate|Deferred) action,( as the user who installs,)? result (checked|ignored)\b",
+        r"\b(Immediate|Deferred) action,( as the user who installs,)? result (check|ignore)e?d\b",
         text,
     )
     results = re.search(r"\bResults: ((?:\d+|other)(?:, (?:\d+|other))*)[.,]", text)
     inputs = text.partition("Inputs: ")[2].partition("Results:")[0]
     of_data = inputs.partition("Further inputs:")[0]
-    return Action(
+    return Told(
         schedule
-        and Schedule(
+        and (
             schedule[1].lower(),
             schedule[1] == "Immediate" or schedule[2] is not None,
-            schedule[3] == "ignored",
+            schedule[3],
         ),
-        results and _codes(results[1]),
+        results and frozenset(re.findall(r"\b(\d+|other)\b", results[1])),
         frozenset(KEY_OF_DATA.findall(of_data)),
         frozenset(EXCEPTION.findall(text.partition("Throws")[2])),
     )
 
 
-def _of_section(text: str) -> Action:
-    parts = dict(_parts(text))
-    if tuple(parts) != PARTS:
-        return Action()
-    results = re.findall(r"^  - `(\w+)`:", parts["Results"], re.MULTILINE)
-    return Action(
-        _of_attributes(parts["Schedule"]),
-        frozenset(results),
-        frozenset(re.findall(r"`(\w+=)`", parts["Data"])),
-        frozenset(EXCEPTION.findall(parts["Throws"])),
-    )
-
-
-def _parts(section: str) -> list[tuple[str, str]]:
-    pieces = re.split(r"^- \*\*([\w ]+):\*\* ?", section.partition("```")[0], flags=re.MULTILINE)
-    return list(zip(pieces[1::2], pieces[2::2]))
-
-
 def disagreements(sources: Sources) -> list[str]:
     """One line for everything that the sources do not tell alike."""
+    exports = [action.name for action in sources.table]
     told = {
-        "include": sources.in_include(),
+        "table": sources.in_table(),
         "headers": sources.in_headers(),
-        "README": sources.in_readme(),
-        "reference": sources.in_reference(),
         "code": sources.in_code(),
     }
     found = [
-        f"{where}: {name} is {'missing' if name in sources.exports else 'no export'}"
-        for where, actions in told.items()
-        for name in sorted(actions.keys() ^ sources.exports.keys())
+        f"{where}: {name} is {'missing' if name in exports else 'no export'}"
+        for where, tellers in told.items()
+        for name in sorted(tellers.keys() ^ set(exports))
     ]
-    for name in sources.exports:
-        for what, tellers in (
-            ("schedule", ("include", "headers", "README", "reference")),
-            ("results", ("headers", "README", "reference")),
-            ("data_keys", ("code", "headers", "reference")),
-            ("exceptions", ("headers", "reference")),
-        ):
-            answers = {where: getattr(told[where].get(name, Action()), what) for where in tellers}
+    for name in exports:
+        for what in ("schedule", "results", "data_keys", "exceptions"):
+            answers = {where: getattr(tellers.get(name, Told()), what) for where, tellers in told.items()}
+            if what != "data_keys":
+                del answers["code"]
             if None in answers.values() or len(set(answers.values())) > 1:
                 found.append(f"{name}: {what} {answers}")
-    return found + _disagreements_of_index(sources) + _disagreements_of_keys(sources)
+    return found + _disagreements_of_sections(sources) + _disagreements_of_names(sources)
 
 
-def _disagreements_of_index(sources: Sources) -> list[str]:
-    rows = re.findall(r"^\| \[(\w+)\]\(#(\w+)\) \| (.*) \|$", sources.reference, re.MULTILINE)
-    index = {
-        name: subsystem
-        for subsystem, anchor, entries in rows
-        for name, link in re.findall(r"\[(\w+)\]\(#(\w+)\)", entries)
-        if link == name.lower() and anchor == subsystem
-    }
-    headings = re.findall(r"^(##|###) ([a-z_]+|[A-Z]\w+)$", sources.reference, re.MULTILINE)
-    placed = {}
-    subsystem = ""
-    for level, title in headings:
-        if level == "##":
-            subsystem = title
-        else:
-            placed[title] = subsystem
-    wanted = list(sources.exports.items())
+def _disagreements_of_sections(sources: Sources) -> list[str]:
+    found = []
+    if list(sources.sections) != [action.name for action in sources.table]:
+        found.append("sections of the reference: not the exports in their order")
+    for action in sources.table:
+        section = sources.sections.get(action.name, "")
+        prose = re.sub(r"^- \*\*Throws:.*?(?=^- )", "", section, flags=re.MULTILINE | re.DOTALL)
+        parts = re.findall(r"^- \*\*([\w ]+):\*\*", section.partition("```")[0], re.MULTILINE)
+        if tuple(parts) != PARTS:
+            found.append(f"{action.name}: the lines of its section are {parts}")
+        keys = re.findall(r"`(HK(?:LM|CU)\\[^`]*)`", prose)
+        if as_names(keys) - as_names(action.registry):
+            found.append(f"{action.name}: registry keys of the section that the table lacks")
+    return found
+
+
+def _disagreements_of_names(sources: Sources) -> list[str]:
+    """What the code names of the registry and of the session, and the table too."""
+    # A literal may go on in the next line.
+    literals = re.findall(r'L"((?:[^"\\\n]|\\.)*)"', re.sub(r'"\s*\n\s*L"', "", sources.code))
+    plain = [literal.replace("\\\\", "\\") for literal in literals]
+    in_code = as_names([text for text in plain if REGISTRY_KEY.fullmatch(text)])
+    in_table = as_names([key[5:] for action in sources.table for key in action.registry])
+    properties = {name for action in sources.table for name in action.properties}
     return [
-        f"{where} of the reference: not the exports in their order"
-        for where, told in (("index", index), ("sections", placed))
-        if list(told.items()) != wanted
+        *(f"registry key {key}: code or table lacks it" for key in in_code ^ in_table),
+        *(f"property {name}: the code does not ask for it" for name in properties - set(plain)),
     ]
 
 
-def _disagreements_of_keys(sources: Sources) -> list[str]:
+def as_names(keys: Iterable[str]) -> set[str]:
     """Keys are told apart as the registry does: not by upper and lower case."""
-
-    def names(texts: list[str]) -> set[str]:
-        return {text.rstrip("\\").upper() for text in texts if REGISTRY_KEY.fullmatch(text)}
-
-    # A literal may go on in the next line.
-    literals = re.findall(r'L"((?:[^"\\\n]|\\.)*)"', re.sub(r'"\s*\n\s*L"', "", sources.code))
-    in_code = names([literal.replace("\\\\", "\\") for literal in literals])
-    in_reference = names(re.findall(r"`HK(?:LM|CU)\\([^`]*)`", sources.reference))
-    return [f"registry key {key}: code or reference lacks it" for key in in_code ^ in_reference]
+    return {key.rstrip("\\").upper() for key in keys}
 
 
 @pytest.fixture(scope="module")
@@ -258,29 +180,21 @@ def sources() -> Sources:
         return "\n".join(file.read_text() for file in files)
 
     return Sources(
-        definition=(LIBRARY_SOURCES / "Halvard_CA.def").read_text(),
-        include=INCLUDE.read_text(),
+        table=tuple(actions()),
         headers=joined(".h"),
-        readme=README.read_text(),
-        reference=(paths.ROOT / "docs/actions.md").read_text(),
+        reference=generate.REFERENCE.read_text(),
         code=joined(".h", ".cpp"),
     )
 
 
 def test_all_sources_tell_the_same_of_every_export(sources):
     assert "\n".join(disagreements(sources)) == ""
-    assert len(sources.exports) == 38
+    assert len(sources.table) == 38
 
 
 @pytest.mark.parametrize(
     "source, old, new, complaint",
     [
-        ("definition", "    LaunchPV\n", "", "README: LaunchPV is no export"),
-        ("definition", "    ; agent\n", "", "index of the reference: not the exports"),
-        ("include", 'DllEntry="DeleteQortaKey"', 'DllEntry="Other"', "DeleteQortaKey is missing"),
-        ("include", 'Impersonate="yes"', 'Impersonate="no"', "MarkRunOnceSchTask: schedule"),
-        ("include", 'Execute="immediate" Return="check"', 'Execute="immediate" Return="ignore"',
-         "BlockLaunch: schedule"),
         ("headers", "UINT __stdcall UnregisterDLL(", "UINT __stdcall UnRegisterDLL(",
          "headers: UnregisterDLL is missing"),
         ("headers", "Results: 0, 1612.", "Results: 0.", "LaunchedFromMIM: results"),
@@ -290,22 +204,15 @@ def test_all_sources_tell_the_same_of_every_export(sources):
          "DeleteServiceIfBinaryIsInDirectory: data_keys"),
         ("headers", "std::length_error (\"list too long\") for a version", "a version",
          "CheckForClients: exceptions"),
-        ("readme", "| `LaunchPV` | deferred, ", "| `LaunchPV` | immediate, ", "LaunchPV: schedule"),
-        ("readme", "| 0, 259 to skip the agent |", "| 0 |", "CheckForClients: results"),
-        ("readme", "| `DeleteQortaKey` |", "| `DeleteOtherKey` |", "DeleteQortaKey is missing"),
-        ("reference", "### LaunchPV\n", "### LaunchPivot\n", "reference: LaunchPV is missing"),
-        ("reference", "  - `259`: skip", "  - `250`: skip", "CheckForClients: results"),
-        ("reference", "[PostInstallUPA](#postinstallupa)", "[PostInstallUPA](#post)",
-         "index of the reference"),
-        ("reference", "- **Data:** `InstallDir=`, `DLLName=`.", "- **Data:** `InstallDir=`.",
-         "UnregisterDLL: data_keys"),
+        ("reference", "### LaunchPV\n", "### LaunchPivot\n", "not the exports in their order"),
         ("reference", r"`HKLM\SOFTWARE\ZenvoBranding`", r"`HKLM\SOFTWARE\Branding`",
-         r"registry key SOFTWARE\ZENVOBRANDING"),
+         "DeleteandRetainValues: registry keys"),
         ("reference", "- **Reads:** the configuration", "- **Looks at:** the configuration",
-         "DeleteServiceIfBinaryIsInDirectory: schedule"),
+         "DeleteServiceIfBinaryIsInDirectory: the lines"),
         ("code", 'GetDataValue(data, L"DirectoryOfBinary=")', 'GetDataValue(data, L"Directory=")',
          "DeleteServiceIfBinaryIsInDirectory: data_keys"),
         ("code", r'L"SOFTWARE\\Qorta"', r'L"SOFTWARE\\Quorta"', r"registry key SOFTWARE\QORTA"),
+        ("code", 'L"DISABLEANALYTICS"', 'L"DISABLE"', "property DISABLEANALYTICS"),
     ],
 )
 def test_a_source_that_tells_something_else_is_found(sources, source, old, new, complaint):
@@ -315,18 +222,104 @@ def test_a_source_that_tells_something_else_is_found(sources, source, old, new, 
     assert any(complaint in line for line in disagreements(broken)), disagreements(broken)
 
 
-def test_every_declaration_gives_its_reason(sources):
-    pattern = r'^    <!-- .+ -->\n    <CustomAction Id="(\w+)"'
-    told = re.findall(pattern, sources.include, re.MULTILINE)
-    assert told == list(sources.in_include())
+@pytest.mark.parametrize(
+    "changed",
+    [{"name": "Other"}, {"subsystem": "launch"}, {"execution": "immediate"}, {"result": "check"}]
+    + [{"why": "Other."}, {"does": "Other."}, {"impersonate": True}],
+    ids=lambda changed: next(iter(changed)),
+)
+def test_a_change_of_the_table_shows_in_what_is_written_from_it(sources, changed):
+    row = next(action for action in sources.table if action.name == "LaunchPV")
+    other = [replace(row, **changed)]
+    assert (
+        generate.definition([row]),
+        generate.include([row], generate.WIX_3),
+        generate.exports([row]),
+    ) != (
+        generate.definition(other),
+        generate.include(other, generate.WIX_3),
+        generate.exports(other),
+    )
+
+
+def test_a_section_is_written_anew_from_the_table(sources):
+    row = next(action for action in sources.table if action.name == "UnregisterDLL")
+    changed = replace(
+        row,
+        does="Does something else.",
+        data=(DataKey("Other", True),),
+        results=(Result(259, "never."),),
+        throws="`RegKeyError` now and then.",
+    )
+    section = replace(
+        sources, reference=generate.reference([changed], sources.reference)
+    ).sections["UnregisterDLL"]
+    assert section.startswith("\nDoes something else.\n\n- **Schedule:** deferred,")
+    assert "- **Data:** `Other=`.\n- **Reads:** nothing else.\n" in section
+    assert "- **Results:**\n  - `259`: never.\n- **Throws:** `RegKeyError` now and then.\n" in section
+    assert generate.reference(list(sources.table), sources.reference) == sources.reference
+
+
+@pytest.mark.parametrize("file", generate.generated(), ids=lambda file: file.name)
+def test_what_is_written_from_the_table_is_current(file):
+    assert file.read_text() == generate.generated()[file], "./run generate writes it anew"
+    assert "Written by ./run generate from " in file.read_text().splitlines()[0]
+
+
+def declarations(text: str, namespace: str, binary: str) -> list[dict[str, str]]:
+    """The custom actions that an include file declares, the Binary under the same name for all."""
+    found = []
+    for element in ElementTree.fromstring(text).iter(f"{{{namespace}}}CustomAction"):
+        attributes = dict(element.attrib)
+        attributes["Binary"] = attributes.pop(binary)
+        found.append(attributes)
+    return found
+
+
+def test_both_languages_of_packages_declare_the_same(sources):
+    older, newer = (
+        declarations(file.read_text(), language.namespace, language.binary)
+        for file, language in (
+            (generate.INCLUDE, generate.WIX_3),
+            (generate.INCLUDE_OF_WIX_4, generate.WIX_4),
+        )
+    )
+    assert older == newer
+    assert [each["Id"] for each in older] == [action.name for action in sources.table]
+    assert [each["DllEntry"] for each in older] == [action.name for action in sources.table]
+    assert {each["Binary"] for each in older} == {"Halvard_CA"}
+
+
+@pytest.mark.parametrize(
+    "fault",
+    [
+        {"execution": "defered"},
+        {"result": "ignored"},
+        {"execution": "immediate", "data": (DataKey("A", True),)},
+        {"exceptions": ("RegKeyError",)},
+        {"results": ()},
+        {"results": (Result("other", "a number."),)},
+    ],
+)
+def test_a_row_that_contradicts_itself_is_refused(sources, fault):
+    with pytest.raises(ValueError):
+        replace(sources.table[6], **fault)
+
+
+def test_an_action_stands_once_in_the_table(tmp_path):
+    table = paths.ACTIONS.read_text()
+    head, *rows = table.split("[[action]]")
+    doubled = tmp_path / "actions.toml"
+    doubled.write_text("[[action]]".join([head, *rows, rows[0]]))
+    with pytest.raises(ValueError, match="twice"):
+        actions(doubled)
 
 
 def test_only_results_that_the_installer_takes_for_what_they_are_get_checked(sources):
-    told = sources.in_reference()
-    for name, action in sources.in_include().items():
-        results = told[name].results
-        if "0" not in results or "other" in results:
-            assert action.schedule.result_ignored, f"{name} ends an installation with {results}"
+    for action in sources.table:
+        results = [result.value for result in action.results]
+        if 0 not in results or "other" in results:
+            assert action.result == "ignore", f"{action.name} ends an installation with {results}"
 
 
 def example_of(section: str) -> tuple[str, str]:
@@ -364,7 +357,7 @@ def test_every_example_is_one_of_its_action(sources):
             if element.tag == f"{{{NAMESPACE}}}CustomAction"
         }
         assert customs == [*setters, name]
-        keys = sources.in_code()[name].data_keys
+        keys = sources.in_table()[name].data_keys
         for setter in setters.values():
             assert setter.attrib["Property"] == name
             items = setter.attrib["Value"].split(";") if keys else []
@@ -426,7 +419,7 @@ def test_the_examples_together_make_a_package(sources, tmp_path):
     for name, example in examples.items():
         in_example = [number(custom["Action"]) for custom in scheduled_in(example)]
         assert max(in_example) == number(name), f"{name}: its data comes too late"
-        if sources.in_include()[name].schedule.execution == "deferred":
+        if sources.in_table()[name].schedule[0] == "deferred":
             begin, end = standard["InstallInitialize"], standard["InstallFinalize"]
             assert begin < number(name) < end, name
 
@@ -440,10 +433,10 @@ def test_the_order_that_the_reference_advises_is_the_one_of_the_sample_package(s
     advice = sources.reference.partition("## Order in a package\n")[2].partition("\n## ")[0]
     advised = set()
     for order in re.split(r"^(?:Installation|Removal):$", advice, flags=re.MULTILINE)[1:]:
-        names = [name for name in re.findall(r"`(\w+)`", order) if name in sources.exports]
+        names = [name for name in re.findall(r"`(\w+)`", order) if name in sources.sections]
         assert names == sorted(names, key=sequence.__getitem__)
         advised |= set(names)
-    assert advised == sources.exports.keys()
+    assert advised == sources.sections.keys()
 
 
 def test_the_reference_names_the_numbers_that_the_compiler_gives(sources, tmp_path):

@@ -10,6 +10,7 @@ PROGRAMS = BUILD / "mingw-release"
 CMAKE_LISTS = ROOT / "CMakeLists.txt"
 LIBRARY = PROGRAMS / "Utilities/CustomActions/Halvard_CA/Halvard_CA.dll"
 LIBRARY_EXPORTS = ROOT / "Utilities/CustomActions/Halvard_CA/Halvard_CA.def"
+ACTIONS = LIBRARY_EXPORTS.with_name("actions.toml")
 RUNNER = LIBRARY.with_name("halvard_run.exe")
 PREFIX_GUARD = PROGRAMS / "tests/support/prefix_guard.exe"
 REGISTRY_SAVE = PROGRAMS / "tools/registry_save.exe"

@@ -1,0 +1,214 @@
+"""Writes what the table of actions says wherever it has to stand.
+
+    generate.py
+
+The table is actions.toml beside the library's sources. From it come the module definition, the
+declarations for packages in the language of WiX 3 and in that of WiX 4 and 5, and of the reference
+the two tables, the first sentence of each section and its lines Schedule, Data, Results and Throws.
+The rest of the reference is written by hand and stays.
+"""
+
+import re
+import sys
+import textwrap
+from dataclasses import dataclass
+from pathlib import Path
+from xml.sax.saxutils import escape
+
+from installer import paths
+from installer.actions import Action, actions
+
+TABLE = paths.ACTIONS.relative_to(paths.ROOT)
+NOTICE = f"Written by ./run generate from {TABLE}"
+DEFINITION = paths.LIBRARY_EXPORTS
+INCLUDE = paths.PACKAGE_SOURCES / "halvard_actions.wxi"
+INCLUDE_OF_WIX_4 = paths.PACKAGE_SOURCES / "halvard_actions.v4.wxi"
+REFERENCE = paths.ROOT / "docs/actions.md"
+# The width of the documents, in characters.
+WIDTH = 105
+
+
+@dataclass(frozen=True)
+class Language:
+    """A language of packages: its namespace, and how it names the Binary of an action."""
+
+    name: str
+    namespace: str
+    binary: str
+
+
+WIX_3 = Language("WiX 3", "http://schemas.microsoft.com/wix/2006/wi", "BinaryKey")
+WIX_4 = Language("WiX 4 and 5", "http://wixtoolset.org/schemas/v4/wxs", "BinaryRef")
+
+INCLUDE_HEAD = """\
+<?xml version="1.0" encoding="utf-8"?><!-- {notice}.
+     The custom actions of Halvard_CA, each as it has to be declared. Include this file in a product
+     and put into its sequences what it needs; what stands in no sequence never runs.
+
+     What is the package's own is not here: the Binary of the Id Halvard_CA, the sequences and their
+     conditions, and a deferred action's data. It comes from a property of the action's name, set
+     by an action that stands before it in the same sequence:
+
+       <CustomAction Id="SetUnregisterDLL" Property="UnregisterDLL"
+                     Value="InstallDir=[ServerFolder];DLLName=Server.dll"/>
+
+     The language is that of {language}.{wixl}
+
+     Deferred actions run as the system, for they change what belongs to all users; the one that
+     does not says why. Return="check" lets a failure end and undo the session, which only
+     suits actions that answer 0 for done: 1 is a failure to the installer. With Return="ignore" the
+     session goes on whatever comes back, after an exception too. A package that needs an action
+     declared otherwise declares it again, with another Id.
+-->
+<Include xmlns="{namespace}">
+"""
+OF_WIXL = """ Where wixl compiles it, schedule by Sequence: it puts actions with
+     Before and After elsewhere from run to run, deferred ones also where they cannot run. And it
+     makes an immediate action of one that is declared again for rollback."""
+
+
+def main() -> int:
+    for file, text in generated().items():
+        if not file.exists() or file.read_text(encoding="utf-8") != text:
+            file.write_text(text, encoding="utf-8")
+            print(f"written: {paths.shown(file)}")
+    return 0
+
+
+def generated() -> dict[Path, str]:
+    """What each file has to hold."""
+    table = actions()
+    return {
+        DEFINITION: definition(table),
+        INCLUDE: include(table, WIX_3),
+        INCLUDE_OF_WIX_4: include(table, WIX_4),
+        REFERENCE: reference(table, REFERENCE.read_text(encoding="utf-8")),
+    }
+
+
+def by_subsystem(table: list[Action]) -> dict[str, list[Action]]:
+    return {
+        subsystem: [action for action in table if action.subsystem == subsystem]
+        for subsystem in dict.fromkeys(action.subsystem for action in table)
+    }
+
+
+def definition(table: list[Action]) -> str:
+    """The module definition: what the library exports."""
+    lines = [f"; {NOTICE}.", "LIBRARY Halvard_CA", "", "EXPORTS"]
+    for subsystem, own in by_subsystem(table).items():
+        lines += [f"    ; {subsystem}", *(f"    {action.name}" for action in own)]
+    return "\n".join(lines) + "\n"
+
+
+def include(table: list[Action], language: Language) -> str:
+    """The declarations of all actions for a package."""
+    text = INCLUDE_HEAD.format(
+        notice=NOTICE,
+        language=language.name,
+        namespace=language.namespace,
+        wixl=OF_WIXL if language is WIX_3 else "",
+    )
+    groups = [
+        f"    <!-- {subsystem} -->\n" + "".join(declaration(action, language) for action in own)
+        for subsystem, own in by_subsystem(table).items()
+    ]
+    return text + "\n".join(groups) + "</Include>\n"
+
+
+def declaration(action: Action, language: Language) -> str:
+    attributes = [("Execute", action.execution)]
+    if action.execution == "deferred":
+        attributes.append(("Impersonate", "yes" if action.impersonate else "no"))
+    attributes.append(("Return", action.result))
+    declared = " ".join(f'{name}="{value}"' for name, value in attributes)
+    return (
+        f"    <!-- {escape(action.why)} -->\n"
+        f'    <CustomAction Id="{action.name}" {language.binary}="Halvard_CA"\n'
+        f'                  DllEntry="{action.name}"\n'
+        f"                  {declared}/>\n"
+    )
+
+
+def reference(table: list[Action], text: str) -> str:
+    """The reference, with what comes from the table renewed in it."""
+    text = _with_part(text, "index", index(table))
+    text = _with_part(text, "exports", exports(table))
+    for action in table:
+        text = _with_section(text, action)
+    return text
+
+
+def index(table: list[Action]) -> str:
+    rows = ["| Subsystem | Actions |", "|---|---|"]
+    for subsystem, own in by_subsystem(table).items():
+        links = ", ".join(f"[{action.name}](#{action.name.lower()})" for action in own)
+        rows.append(f"| [{subsystem}](#{subsystem}) | {links} |")
+    return "\n".join(rows)
+
+
+def exports(table: list[Action]) -> str:
+    rows = ["| Export | Declare as | Does | Results |", "|---|---|---|---|"]
+    for action in table:
+        results = ", ".join(
+            f"{each.value} {each.note}".strip() if each.fixed else each.note
+            for each in action.results
+        )
+        rows.append(f"| `{action.name}` | {declared_as(action)} | {action.does} | {results} |")
+    return "\n".join(rows)
+
+
+def declared_as(action: Action) -> str:
+    if action.execution == "immediate":
+        return f'immediate, `Return="{action.result}"`'
+    impersonated = "yes" if action.impersonate else "no"
+    return f'deferred, `Impersonate="{impersonated}"`, `Return="{action.result}"`'
+
+
+def facts(action: Action) -> dict[str, str]:
+    """The lines of a section that come from the table."""
+    data = ", ".join(f"`{key.name}=`" for key in action.data)
+    results = [
+        wrapped(f"  - `{each.value}`: {each.means}", "    ") for each in action.results
+    ]
+    return {
+        "Schedule": wrapped(f"- **Schedule:** {declared_as(action)}; {action.schedule}", "  "),
+        "Data": wrapped(f"- **Data:** {f'{data}.' if data else action.whole_data or 'none.'}", "  "),
+        "Results": "\n".join(["- **Results:**", *results]),
+        "Throws": wrapped(f"- **Throws:** {action.throws or 'nothing.'}", "  "),
+    }
+
+
+def wrapped(text: str, behind: str) -> str:
+    """The text in lines, those behind the first indented; what stands in backquotes stays together."""
+    together = re.sub(r"`[^`]*`", lambda code: code[0].replace(" ", "\0"), text)
+    lines = textwrap.wrap(
+        together, WIDTH, subsequent_indent=behind, break_long_words=False, break_on_hyphens=False
+    )
+    return "\n".join(lines).replace("\0", " ")
+
+
+def _with_part(text: str, name: str, part: str) -> str:
+    begin, end = f"<!-- {name} -->\n", f"\n<!-- end of {name} -->\n"
+    head, found, rest = text.partition(begin)
+    _, ended, tail = rest.partition(end)
+    if not found or not ended:
+        raise ValueError(f"the reference has no place for its {name}")
+    return head + begin + part + end + tail
+
+
+def _with_section(text: str, action: Action) -> str:
+    match = re.search(
+        rf"^### {action.name}\n(?P<section>.*?)(?=^```|^##)", text, re.MULTILINE | re.DOTALL
+    )
+    if match is None:
+        raise ValueError(f"the reference has no section of {action.name}")
+    pieces = re.split(r"^(?=- \*\*[\w ]+:\*\*)", match["section"], flags=re.MULTILINE)
+    parts = {re.match(r"- \*\*([\w ]+):", piece)[1]: piece.rstrip("\n") for piece in pieces[1:]}
+    parts |= facts(action)
+    section = "\n".join([wrapped(action.does, ""), "", *parts.values()])
+    return f"{text[: match.start('section')]}\n{section}\n\n{text[match.end('section') :]}"
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,83 @@
+"""The table of actions, and that each row of it is one."""
+
+import tomllib
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+from installer import paths
+
+OTHER = "other"
+
+
+@dataclass(frozen=True)
+class DataKey:
+    """A key of CustomActionData; an action is of no use without a needed one."""
+
+    name: str
+    needed: bool
+
+
+@dataclass(frozen=True)
+class Result:
+    """What an action returns: a number, or "other" for one that is not fixed."""
+
+    value: int | str
+    means: str
+    note: str = ""
+
+    @property
+    def fixed(self) -> bool:
+        return self.value != OTHER
+
+
+@dataclass(frozen=True)
+class Action:
+    """A row of the table, whose file says what its fields are."""
+
+    name: str
+    subsystem: str
+    does: str
+    execution: str
+    result: str
+    why: str
+    schedule: str
+    results: tuple[Result, ...]
+    impersonate: bool = False
+    data: tuple[DataKey, ...] = ()
+    whole_data: str = ""
+    properties: tuple[str, ...] = ()
+    registry: tuple[str, ...] = ()
+    exceptions: tuple[str, ...] = ()
+    throws: str = ""
+
+    def __post_init__(self) -> None:
+        """ValueError for a row that contradicts itself."""
+        if self.execution not in ("immediate", "deferred") or self.result not in ("check", "ignore"):
+            raise ValueError(f"{self.name}: no such execution or return")
+        if self.execution == "immediate" and (self.data or self.whole_data or self.impersonate):
+            raise ValueError(f"{self.name}: what only a deferred action has")
+        if bool(self.exceptions) != bool(self.throws):
+            raise ValueError(f"{self.name}: exceptions and when they are thrown go together")
+        if not self.results or any(not each.fixed and not each.note for each in self.results):
+            raise ValueError(f"{self.name}: each has a result, one that is not fixed has a note")
+
+
+def actions(file: Path = paths.ACTIONS) -> list[Action]:
+    """The rows of the table in their order. ValueError, TypeError or KeyError for a faulty table."""
+    with open(file, "rb") as table:
+        rows = tomllib.load(table)["action"]
+    found = [_action(row) for row in rows]
+    if len({action.name for action in found}) != len(found):
+        raise ValueError("an action stands twice in the table")
+    return found
+
+
+def _action(row: dict[str, Any]) -> Action:
+    fields = dict(row)
+    fields["result"] = fields.pop("return")
+    fields["results"] = tuple(Result(**each) for each in fields["results"])
+    fields["data"] = tuple(DataKey(each["key"], each["needed"]) for each in fields.get("data", ()))
+    for name in ("properties", "registry", "exceptions"):
+        fields[name] = tuple(fields.get(name, ()))
+    return Action(**fields)
