@@ -92,11 +92,10 @@ class CleanMachine:
         shutil.rmtree(folder, ignore_errors=True)
         with suppress(OSError):
             folder.parent.rmdir()
-        for name in companion.COPIES_LEFT_BEHIND:
-            for copy in self.prefix.drive_c.glob(f"users/*/Temp/{name}"):
-                copy.unlink()
-        for folder in self.prefix.drive_c.glob(f"users/*/Temp/{companion.LOG_FOLDER[0]}"):
-            shutil.rmtree(folder)
+        for temporary in self.prefix.temporary_folders():
+            for name in companion.COPIES_LEFT_BEHIND:
+                (temporary / name).unlink(missing_ok=True)
+            shutil.rmtree(temporary / companion.LOG_FOLDER[0], ignore_errors=True)
         for key in companion.KEYS_TO_DELETE:
             self.prefix.run("reg.exe", "delete", key, "/f")
         self.prefix.host_path(companion.RECORD).unlink(missing_ok=True)

@@ -6,7 +6,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Callable, Mapping, Sequence
 
-from installer import companion, machine, package, paths, session
+from installer import companion, engines, machine, package, paths, session
 from installer.companion import Row
 from installer.log import ActionRun, ExportCall, action_runs, inner_calls
 from installer.machine import Area, Kind, Snapshot
@@ -14,6 +14,9 @@ from installer.prefix import Prefix
 from installer.session import SessionResult
 
 IDENTITY = re.compile(r'"[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}"')
+TEMPORARY = re.compile(
+    rf"C:\\users\\[^\\]+\\{re.escape(engines.value('temporary-folder'))}(?=\\|$)"
+)
 USER_ROOT = re.compile(r"HKU\\S-1-5-21-[0-9-]+\\")
 
 # These do nothing here and report success; copies of the recorder stand in for them, so that it
@@ -64,17 +67,12 @@ class Session:
 
 @dataclass(frozen=True)
 class Scenario:
-    """Sessions on one machine.
-
-    `queries` change the package of a name before it is used. `watched` are values that lie among
-    keys which the system itself changes, where others are not looked at.
-    """
+    """Sessions on one machine; `queries` change the package of a name before it is used."""
 
     name: str
     sessions: Sequence[Session]
     queries: Mapping[str, Sequence[str]] = field(default_factory=dict)
     prepare: Callable[[Prefix], None] = lambda prefix: None
-    watched: Sequence[str] = ()
 
 
 @dataclass
@@ -138,7 +136,7 @@ def play(scenario: Scenario) -> dict[str, Played]:
                 result,
                 runs,
                 inner_calls(runs, result.calls),
-                state(prefix, beginning, now, scenario.watched),
+                state(prefix, beginning, now),
                 empty(beginning, now),
                 companion.told(prefix),
             )
@@ -154,9 +152,7 @@ def play(scenario: Scenario) -> dict[str, Played]:
     return outcomes
 
 
-def state(
-    prefix: Prefix, beginning: Snapshot, now: Snapshot, watched: Sequence[str] = ()
-) -> Machine:
+def state(prefix: Prefix, beginning: Snapshot, now: Snapshot) -> Machine:
     """What a machine has more than at the beginning; a change of another kind shows as a value."""
     found: dict[str, str] = {}
     names: dict[Area, list[str]] = {Area.FILE: [], Area.TASK: []}
@@ -170,10 +166,6 @@ def state(
             found[name] = change.after
         elif change.area is Area.REGISTRY and " : " in name:
             found[name] = general(change.after)
-    by_name = {name.lower(): name for name in watched}
-    for (_, name), content in now.items():
-        if name.lower() in by_name:
-            found[by_name[name.lower()]] = general(content)
     services = (companion.SERVICE, companion.AGENT_SERVICE)
     running = [name for name in services if f"{name} : ImagePath" in found]
     return Machine(
@@ -204,5 +196,5 @@ def empty(beginning: Snapshot, now: Snapshot) -> list[str]:
 
 def general(text: str) -> str:
     """A name or content without the account of the user."""
-    text = re.sub(r"C:\\users\\[^\\]+\\Temp", "%TEMP%", text)
+    text = TEMPORARY.sub("%TEMP%", text)
     return USER_ROOT.sub(r"HKCU\\", text)

@@ -1,6 +1,8 @@
 """Reading a saved registry, and the difference of two snapshots."""
 
-from installer import machine
+import pytest
+
+from installer import engines, machine
 from installer.machine import Area, Change, Kind, difference, parse_saved_registry
 
 SAVED = r"""WINE REGISTRY Version 2
@@ -115,3 +117,34 @@ def test_a_snapshot_sees_a_new_key_file_task_and_service(prefix):
     (value,) = [change for change in seen.changes if change.name.endswith("SnapshotTest : Name")]
     assert value.after == '"é \\ "x""'
     assert machine.difference(before, machine.snapshot(prefix)).changes == []
+
+
+@pytest.mark.parametrize(
+    "name",
+    [
+        r"Class\{4D36E968-E325-11CE-BFC1-08002BE10318}\0000 : Planted",
+        r"Class\{4D36E968-E325-11CE-BFC1-08002BE10318} : Planted",
+        r"Class\{4D36E968-E325-11CE-BFC1-08002BE10318}\0000 : DriverDateDataOfOthers",
+        r"DeviceClasses\{e5323777-f976-4f5b-9b55-b94699c46e44} : Planted",
+    ],
+)
+def test_a_value_planted_among_the_devices_shows_as_a_change(prefix, name):
+    before = machine.snapshot(prefix)
+    key, _, value = rf"HKLM\System\CurrentControlSet\Control\{name}".partition(" : ")
+    there = (Area.REGISTRY, key) in before
+    try:
+        added = prefix.run("reg.exe", "add", key, "/v", value, "/d", "x", "/f")
+        assert added.returncode == 0, added.stdout
+        seen = machine.difference(before, machine.snapshot(prefix))
+    finally:
+        delete = ["/v", value] if there else []
+        prefix.run("reg.exe", "delete", key, *delete, "/f")
+    assert rf"{key} : {value}" in seen.of(Area.REGISTRY, Kind.ADDED)
+
+
+def test_values_that_the_engine_changes_are_counted_and_not_listed():
+    names = engines.value("display-values")
+    control = r"HKLM\System\CurrentControlSet\Control"
+    seen = difference({}, {(Area.REGISTRY, rf"{control}\{name}"): "" for name in names})
+    assert seen.changes == []
+    assert seen.noise == {"Wine's own state": len(names)}

@@ -397,7 +397,7 @@ def test_the_version_is_that_of_the_project(call):
 
 @pytest.mark.parametrize("action", ["LaunchedFromMIM", "DeletePVFolder"])
 def test_nothing_of_the_session_is_left(call, prefix, action):
-    folders = list(prefix.drive_c.glob("users/*/Temp"))
+    folders = prefix.temporary_folders()
     before = [sorted(folder.iterdir()) for folder in folders]
     call(action)
     assert folders and [sorted(folder.iterdir()) for folder in folders] == before

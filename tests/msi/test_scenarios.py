@@ -39,10 +39,7 @@ ADAPTER = (
     r"HKLM\System\CurrentControlSet\Enum\PCI"
     r"\VEN_0000&DEV_0000&SUBSYS_00000000&REV_00\00000000"
 )
-DRIVER_LOG = (
-    r"HKLM\System\CurrentControlSet\Control\Class\{4d36e968-e325-11ce-bfc1-08002be10318}\0000"
-    " : DalDCELogFilePath"
-)
+DISPLAY = r"HKLM\System\CurrentControlSet\Control\Class\{4D36E968-E325-11CE-BFC1-08002BE10318}\0000"
 OTHER_FOLDER = r"C:\Програми Zenvo\Über 日本"
 LICENCE = rf"{FOLDER}\Brand\licence.txt"
 LEFT_BY_OLDER_AGENT = rf"{companion.AGENT_FOLDER}\left.dll"
@@ -303,7 +300,10 @@ ELSEWHERE = replace(
 # The user refuses analytics, once for all versions.
 REFUSING = together(INSTALL.machine, values(consent="false"))
 UPGRADED = together(INSTALL.machine, values(version=NEXT, consent="false"))
-DRIVER_LOG_VALUE = {DRIVER_LOG: r'"%TEMP%\Zenvo\PV\Analytics\qtkmd_dce.log"'}
+DRIVER_LOG = {
+    f"{DISPLAY} : DalDCEFilePathSize": '"260"',
+    f"{DISPLAY} : DalDCELogFilePath": r'"%TEMP%\Zenvo\PV\Analytics\qtkmd_dce.log"',
+}
 MISSING_SERVER = (
     "UPDATE CustomAction SET Target='InstallDir=[ServerFolder];DLLName=missing.dll;"
     "Username=[LogonUser]' WHERE Action='SetSetPermissionsRegisterDLL'"
@@ -393,7 +393,7 @@ SCENARIOS = [
                     replace(INSTALLED, tasks=["StartDVR", "StartPVBM", "ZenvoElevated"]),
                     values(lazy=1, consent="false"),
                     known("Companion", Companion=1),
-                    DRIVER_LOG_VALUE,
+                    DRIVER_LOG,
                     {CHAIN: f'"{OWN_TRANSFORM}", "{OTHER_TRANSFORM}"'},
                 ),
                 properties=(STARTED, "LAZESTART=1", "DISABLEANALYTICS=yes"),
@@ -406,7 +406,7 @@ SCENARIOS = [
                     LEFT,
                     Machine([LICENCE]),
                     known("Companion", Companion=2),
-                    DRIVER_LOG_VALUE,
+                    DRIVER_LOG,
                     {CHAIN: f'"{OTHER_TRANSFORM}"'},
                 ),
                 removal=True,
@@ -415,7 +415,6 @@ SCENARIOS = [
             ),
         ],
         prepare=plug_in,
-        watched=[CHAIN, DRIVER_LOG],
     ),
     # 259 skips what stands behind it on Windows; the engine here goes on, and sets up and takes
     # away an agent that Windows would leave to the other client.

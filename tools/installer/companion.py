@@ -3,7 +3,7 @@
 from dataclasses import dataclass
 from typing import Sequence
 
-from installer import package, session
+from installer import engines, package, session
 from installer.log import ActionRun, Execution, ExportCall, Outcome
 from installer.prefix import Prefix
 
@@ -80,12 +80,14 @@ COUNTERS = r"PerfOS\Performance"
 COUNTERS_VALUE = f"{COUNTERS} : Disable Performance Counters"
 
 # What a removal tells the companion tools: once each by their own action, and pvcmd.exe twice more by
-# those that remove the folders of Recorder and Pivot. These always put a backslash before the name.
+# those that remove the folders of Recorder and Pivot. These always put a backslash before the name,
+# and what is left of two is up to the engine.
+_BEFORE_NAME = "\\" * engines.value("shell-backslashes")
 TOLD_ON_REMOVAL = sorted(
     [
         f'"{FOLDER}\\DVR\\VSServCmd.exe" exit',
         f'"{FOLDER}\\Pivot\\pvcmd.exe" exit',
-        *[f'"{FOLDER}\\Pivot\\\\pvcmd.exe" exit'] * 2,
+        *[f'"{FOLDER}\\Pivot{_BEFORE_NAME}pvcmd.exe" exit'] * 2,
     ]
 )
 

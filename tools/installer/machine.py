@@ -14,7 +14,7 @@ from enum import Enum
 from pathlib import Path
 from typing import Iterable, Mapping
 
-from installer import paths
+from installer import engines, paths
 from installer.prefix import Prefix
 
 SAVE_LIMIT = 30.0
@@ -78,6 +78,8 @@ class Difference:
 # The contents of each item by area and name.
 Snapshot = Mapping[tuple[Area, str], str]
 
+_CONTROL_KEY = r"HKLM\\System\\CurrentControlSet\\Control"
+_TEMPORARY = re.escape(engines.value("temporary-folder"))
 _NOISE = {
     "records of the installer": (
         r"HKLM\\Software\\Classes\\Installer\b",
@@ -88,11 +90,12 @@ _NOISE = {
     "Wine's own state": (
         r"HKLM\\Software\\Microsoft\\Windows( NT)?\\CurrentVersion\\Fonts\b",
         r"HKLM\\Software\\Microsoft\\Windows NT\\CurrentVersion\\NetworkCards\b",
-        r"HKLM\\System\\CurrentControlSet\\Control\\(Class|DeviceClasses|Video)\b",
+        *(rf"{_CONTROL_KEY}\\{re.escape(name)}$" for name in engines.value("display-values")),
+        r"HKLM\\System\\CurrentControlSet\\Control\\Video\b",
         r"HKLM\\System\\CurrentControlSet\\Enum\b",
         r"HKU\\[^\\]+\\Software\\Wine\b",
         # The copy of the library that an action ran from, when its process ended late.
-        r"C:\\users\\[^\\]+\\Temp\\msi[0-9a-f]+\.tmp$",
+        rf"C:\\users\\[^\\]+\\{_TEMPORARY}\\msi[0-9a-f]+\.tmp$",
         # The Task Scheduler's service starts by itself once a task was made.
         r"Schedule : Start$",
     ),
@@ -108,7 +111,7 @@ _SERVICE = re.compile(r"HKLM\\System\\CurrentControlSet\\Services\\(?P<name>.+)"
 def snapshot(prefix: Prefix) -> Snapshot:
     """Looks at the machine as it is now; the prefix goes on running."""
     items = {}
-    for name, content in (_registry(prefix) | _files(prefix)).items():
+    for name, content in (_by_usual_names(stored_registry(prefix)) | _files(prefix)).items():
         items[place(name)] = content
     return items
 
@@ -180,7 +183,8 @@ def _shown_data(data: str) -> str:
     return '"' + _unescaped(match["text"]).rstrip("\0").replace("\0", '", "') + '"'
 
 
-def _registry(prefix: Prefix) -> dict[str, str]:
+def stored_registry(prefix: Prefix) -> dict[str, str]:
+    """The keys and values of the registry under the names by which the engine stores them."""
     with tempfile.TemporaryDirectory(dir=prefix.path, prefix="registry-") as folder:
         saved = prefix.run(
             paths.REGISTRY_SAVE, paths.windows_path(Path(folder)), limit=SAVE_LIMIT
@@ -190,6 +194,16 @@ def _registry(prefix: Prefix) -> dict[str, str]:
         return parse_saved_registry(_text(folder, "machine"), "HKLM") | parse_saved_registry(
             _text(folder, "users"), "HKU"
         )
+
+
+def _by_usual_names(stored: dict[str, str]) -> dict[str, str]:
+    """The control set under the name by which programs ask for it, wherever it is stored."""
+    there = f"HKLM\\System\\{engines.value('control-set')}\\"
+    usual = "HKLM\\System\\CurrentControlSet\\"
+    return {
+        usual + name.removeprefix(there) if name.startswith(there) else name: content
+        for name, content in stored.items()
+    }
 
 
 def _text(folder: str, name: str) -> str:

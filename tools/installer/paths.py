@@ -7,6 +7,8 @@ ROOT = Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build"
 PROGRAMS = BUILD / "mingw-release"
 
+ENGINES = ROOT / "tests/engines.toml"
+ENGINES_DOCUMENT = ROOT / "docs/engines.md"
 CMAKE_LISTS = ROOT / "CMakeLists.txt"
 LIBRARY = PROGRAMS / "Utilities/CustomActions/Halvard_CA/Halvard_CA.dll"
 LIBRARY_EXPORTS = ROOT / "Utilities/CustomActions/Halvard_CA/Halvard_CA.def"

@@ -13,13 +13,17 @@ from contextlib import suppress
 from pathlib import Path
 from typing import Mapping, Sequence
 
-from installer import paths, repeats
+from installer import engines, paths, repeats
 from installer.confinement import ConfinedThread
+from installer.engines import WINE
 
-WINE = "/usr/lib/wine/wine64"
 MAKE_LIMIT = 180.0
 START_LIMIT = 60.0
 STOP_LIMIT = 20.0
+
+INSTALLER = "msiexec.exe"
+_PROPERTY_WITH_BLANKS = re.compile(r"(?P<name>\w+)=(?P<value>.*\s.*)", re.DOTALL)
+_LINE_VARIABLE = "HALVARD_COMMAND_LINE"
 
 
 class UnsafePrefix(RuntimeError):
@@ -86,10 +90,11 @@ class Prefix:
         """
         if self._starter is None:
             self._starter = ConfinedThread(self._writable())
+        command, added = _command(str(program), arguments)
         return self._starter.call(
             subprocess.Popen,
-            [WINE, str(program), *arguments],
-            env=self._environment | dict(environment or {}),
+            [WINE, *command],
+            env=self._environment | dict(environment or {}) | added,
             cwd=self.drive_c / "windows/system32",
             start_new_session=True,
             **{"stdin": subprocess.DEVNULL} | options,
@@ -118,6 +123,11 @@ class Prefix:
         drives = {"C:": self.drive_c, "T:": self.throwaway}
         drive, *names = path.split("\\")
         return drives[drive].joinpath(*names)
+
+    def temporary_folders(self) -> list[Path]:
+        """Where the temporary folders of the users lie on the host."""
+        below = engines.value("temporary-folder").replace("\\", "/")
+        return list(self.drive_c.glob(f"users/*/{below}"))
 
     def stop(self) -> None:
         """Ends every process of this prefix and of no other."""
@@ -209,6 +219,20 @@ def link_danger(prefix: Path, throwaway: Path) -> str:
     return ""
 
 
+def _command(program: str, arguments: Sequence[str]) -> tuple[list[str], dict[str, str]]:
+    """What to start for a program with these arguments, and what its environment needs for it.
+
+    The installer takes the value of a property in quotes, and not the whole in them, which is what
+    becomes of an argument with blanks: the command interpreter passes such a line on as it is.
+    """
+    if program != INSTALLER or not any(map(_PROPERTY_WITH_BLANKS.fullmatch, arguments)):
+        return [program, *arguments], {}
+    quoted = [_PROPERTY_WITH_BLANKS.sub(r'\g<name>="\g<value>"', each) for each in arguments]
+    return ["cmd.exe", "/c", f"%{_LINE_VARIABLE}%"], {
+        _LINE_VARIABLE: " ".join([program, *quoted])
+    }
+
+
 def _server_folder(prefix: Path) -> Path:
     """The folder in which the processes of a prefix meet; made here, for they cannot make it."""
     runtime = Path(f"/run/user/{os.getuid()}")
@@ -239,6 +263,8 @@ def _environment(prefix: Path) -> dict[str, str]:
         "WINEDLLOVERRIDES": "mscoree,mshtml,winemenubuilder.exe=",
         # Fixes the language of messages and the code page of installer logs.
         "LC_ALL": "C.UTF-8",
+        # Where no window system is to be found, and found missing without a word on standard error.
+        "XDG_RUNTIME_DIR": str(prefix),
     }
 
 
