@@ -439,7 +439,7 @@ WAIT = ["LogAndWait", f"MILLISECONDS={3 * LIMIT * 1000:.0f}", "--dll", str(paths
         ([*ACTION_SCRIPT, *WAIT], signal.SIGHUP, "prefix-action"),
         ([RUN, "action", *WAIT], signal.SIGINT, "prefix-action"),
         ([RUN, "action", *WAIT], signal.SIGTERM, "prefix-action"),
-        ([RUN, "test", "time"], signal.SIGHUP, "prefix-time"),
+        ([RUN, "bench"], signal.SIGHUP, "prefix-bench"),
     ],
 )
 def test_a_signal_ends_the_prefix_and_its_servers(command, number, prefix_name):
