@@ -34,6 +34,7 @@ TEST(ParentFolder, TheRootOfADriveKeepsItsSlash) {
     EXPECT_EQ(ParentFolder(L"C:\\"), L"C:\\");
     EXPECT_EQ(ParentFolder(L"\\svc.exe"), L"\\");
     EXPECT_EQ(ParentFolder(L"\\Svc\\svc.exe"), L"\\Svc");
+    EXPECT_EQ(ParentFolder(L"\\:\\svc.exe"), L"\\:");
 }
 
 TEST(ParentFolder, ADriveWithoutASlashMeansItsCurrentFolder) {
@@ -48,6 +49,7 @@ TEST(ParentFolder, AServerIsARoot) {
     EXPECT_EQ(ParentFolder(L"\\\\server\\share"), L"\\\\server\\");
     EXPECT_EQ(ParentFolder(L"\\\\server"), L"\\\\server");
     EXPECT_EQ(ParentFolder(L"\\\\s"), L"\\\\s");
+    EXPECT_EQ(ParentFolder(L"\\\\?s\\share\\svc.exe"), L"\\\\?s\\share");
 }
 
 TEST(ParentFolder, TheFormsOfTheSystemKeepTheRootOfTheirDrive) {

@@ -41,6 +41,10 @@ TEST(ExtendedLengthPath, LeavesOtherFormsOfTheSystemAlone) {
     }
 }
 
+TEST(ExtendedLengthPath, APathOfOneCharacterIsKeptWhole) {
+    EXPECT_EQ(ExtendedLengthPath(L"\\"), L"\\\\?\\\\");
+}
+
 TEST(ExtendedLengthPath, KeepsDotsAndBlanksAtTheEnd) {
     EXPECT_EQ(ExtendedLengthPath(L"C:\\Apps\\dots.. "), L"\\\\?\\C:\\Apps\\dots.. ");
 }
@@ -50,6 +54,7 @@ TEST(WithoutLoneSurrogates, LeavesTextAndPairsAlone) {
                                L'b'};
     EXPECT_EQ(WithoutLoneSurrogates(pair), pair);
     EXPECT_EQ(WithoutLoneSurrogates(L""), L"");
+    EXPECT_EQ(WithoutLoneSurrogates(L"a\xE000"), L"a\xE000");
     EXPECT_EQ(WithoutLoneSurrogates(L"C:\\Apps"), L"C:\\Apps");
 }
 

@@ -336,6 +336,32 @@ TEST_F(RemoveDirectoryTreeTest, AListingThatLeavesItsRoomIsAnError) {
     };
     ExpectRemoveAllError(ERROR_INVALID_DATA);
     EXPECT_TRUE(IsThere(In(L"sub\\b.txt")));
+
+    // So does the next entry.
+    calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
+                              void* data) -> DWORD {
+        if (type == FileIdBothDirectoryInfo && path == In(L"sub")) {
+            static_cast<FILE_ID_BOTH_DIR_INFO*>(data)->NextEntryOffset = 0x100000;
+        }
+        return ERROR_SUCCESS;
+    };
+    ExpectRemoveAllError(ERROR_INVALID_DATA);
+    EXPECT_TRUE(IsThere(In(L"sub\\b.txt")));
+}
+
+TEST_F(RemoveDirectoryTreeTest, AnEntryWithoutANameIsLeft) {
+    RemovalCalls calls;
+    calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
+                              void* data) -> DWORD {
+        if (type == FileIdBothDirectoryInfo && path == In(L"sub")) {
+            halvard_tests::ForEachListed(data, [](const std::wstring& name, auto& info) {
+                info.FileNameLength = name == L"b.txt" ? 0 : info.FileNameLength;
+            });
+        }
+        return ERROR_SUCCESS;
+    };
+    ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+    EXPECT_TRUE(IsThere(In(L"sub\\b.txt")));
 }
 
 TEST_F(RemoveDirectoryTreeTest, ALibraryInUseStays) {
@@ -1005,6 +1031,17 @@ TEST_F(LinkTest, ATopIsKnownByItsNameAndItsIdentity) {
     }
     CreateFolders(In(L"sub"));
     {
+        // Its identity is enough: a short name that leaves its room counts as none.
+        RemovalCalls calls;
+        ChangeListedTop(calls, Parent() + L"\\", [&](auto& info) {
+            otherName(info);
+            info.ShortNameLength = sizeof(info.ShortName) + 2;
+        });
+        RemoveDirectoryTree(Top());
+        EXPECT_FALSE(IsThere(Top()));
+    }
+    CreateFolders(In(L"sub"));
+    {
         // Listed as one of the two dots alone, which are other folders.
         RemovalCalls calls;
         ChangeListedTop(calls, Parent() + L"\\", [](auto& info) {
@@ -1260,6 +1297,22 @@ TEST_F(LinkTest, ATopIsEnteredWhereTheFolderAboveCannotBeListed) {
         EXPECT_EQ(opening.Calls(), 4);
         EXPECT_FALSE(IsThere(In(L"sub")));
     }
+    {
+        // The listing breaks off, so far without the top.
+        RemovalCalls calls;
+        int reads = 0;
+        calls.beforeListing = [&](const std::wstring& path) -> DWORD {
+            return path == Parent() + L"\\" && ++reads == 2 ? ERROR_ACCESS_DENIED : ERROR_SUCCESS;
+        };
+        ChangeListedTop(calls, Parent() + L"\\", [](auto& info) {
+            info.FileName[0] = L'x';
+            info.FileId.QuadPart ^= 1;
+        });
+        RemoveDirectoryTree(Top());
+        EXPECT_EQ(reads, 2);
+        EXPECT_FALSE(IsThere(Top()));
+    }
+    CreateFolders(In(L"sub"));
     RemovalCalls calls;
     calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
                               void*) -> DWORD {

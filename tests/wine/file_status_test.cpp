@@ -138,6 +138,21 @@ TEST(QueryKind, KnowsALinkThatCannotBeFollowedByItsTag) {
     }
 }
 
+TEST(QueryKind, AReparsePointThatIsOneNoMoreIsWhatItHasBecome) {
+    const ScratchFolder scratch;
+    HOOK(asking, GetFileInformationByHandleEx,
+         [&](HANDLE file, FILE_INFO_BY_HANDLE_CLASS type, LPVOID data, DWORD size) {
+             const BOOL done = asking.Original(file, type, data, size);
+             if (type == FileBasicInfo) {
+                 static_cast<FILE_BASIC_INFO*>(data)->FileAttributes |=
+                     FILE_ATTRIBUTE_REPARSE_POINT;
+             }
+             return done;
+         });
+    EXPECT_EQ(halvard::QueryKind(scratch.Path(), "status"), FileKind::Directory);
+    EXPECT_EQ(asking.Calls(), 2);
+}
+
 TEST(QueryKind, FourCodesMeanMissingAndOthersThrow) {
     for (const DWORD code : {2U, 3U, 53U, 123U}) {
         FAIL_CALL(opening, CreateFileW, 0, INVALID_HANDLE_VALUE, code);

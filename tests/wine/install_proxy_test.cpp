@@ -417,6 +417,19 @@ TEST_F(LaunchInstallProxyPVTest, EndsTheProcessForACommandLineOf519Characters) {
     EXPECT_EXIT(launchAndTell(), testing::ExitedWithCode(77), "");
 }
 
+// In this process, which an exception takes out of the call that would end it.
+TEST_F(LaunchInstallProxyPVTest, StartsNothingForACommandLineOf519Characters) {
+    struct Ended {};
+    const CommandOfLength command(scratch_, 519);
+    SetLocation(command.Location());
+    SetData(command.Data());
+    const ProcessStarts starts;
+    HOOK(ending, RaiseFailFastException, [](PEXCEPTION_RECORD, PCONTEXT, DWORD) { throw Ended(); });
+    EXPECT_THROW(Launch(), Ended);
+    EXPECT_EQ(ending.Calls(), 1);
+    EXPECT_EQ(starts.Calls(), 0);
+}
+
 TEST_F(LaunchInstallProxyPVTest, StoresItsSession) {
     EXPECT_EQ(Launch(), 0U);
     EXPECT_EQ(halvard::CurrentSession(), session_.Get());
