@@ -27,7 +27,7 @@ from contextlib import suppress
 from dataclasses import dataclass, field
 from functools import partial
 from pathlib import Path
-from typing import Callable, Sequence
+from typing import Callable, Mapping, Sequence
 
 ROOT = Path(__file__).resolve().parents[1]
 BUILD = ROOT / "build"
@@ -263,17 +263,26 @@ def run_core(arguments: list[str]) -> Outcome:
 
 
 def run_wine(arguments: list[str]) -> Outcome:
-    return _wine_tests("wine", "wine_tests", arguments, check_heap=True)
+    return wine_tests("wine", "wine_tests", arguments, check_heap=True)
 
 
 def run_time(arguments: list[str]) -> Outcome:
-    return _wine_tests("time", "wine_time_tests", arguments, check_heap=False)
+    return wine_tests("time", "wine_time_tests", arguments, check_heap=False)
 
 
-def _wine_tests(ring: str, program: str, arguments: list[str], check_heap: bool) -> Outcome:
-    environment = {"WINEDLLOVERRIDES": WINE_OVERRIDES}
+def wine_tests(
+    ring: str,
+    program: str,
+    arguments: list[str],
+    check_heap: bool,
+    environment: Mapping[str, str] | None = None,
+    results: Sequence[Path] = (),
+) -> Outcome:
+    """Runs a GoogleTest program in a prefix named after it. The environment is an addition, and
+    `results` are folders that the program may change too."""
+    environment = {"WINEDLLOVERRIDES": WINE_OVERRIDES} | dict(environment or {})
     command = [rf"b:\mingw-test\tests\wine\{program}.exe"]
-    with Prefix(f"prefix-{ring}", environment=environment) as prefix:
+    with Prefix(f"prefix-{program}", environment=environment, results=results) as prefix:
 
         def start(command: Sequence[str], **options) -> "subprocess.Popen[bytes]":
             return prefix.start(*command, **options)
@@ -281,7 +290,7 @@ def _wine_tests(ring: str, program: str, arguments: list[str], check_heap: bool)
         if check_heap:
             _check_heap_of(prefix, f"{program}.exe")
         outcome = _google_tests(ring, [*command, *arguments], start)
-        if ring == "wine" and not arguments:
+        if program == "wine_tests" and not arguments:
             for number, zone in enumerate(ZONES):
                 in_zone = partial(start, environment={"TZ": zone})
                 of_zone = [*command, TESTS_OF_ZONES]
