@@ -80,4 +80,17 @@ bool HeapsAreSound() {
                        [](HANDLE heap) { return HeapValidate(heap, 0, nullptr) != FALSE; });
 }
 
+bool SeesAWriteBehind(std::size_t size) {
+    void* const memory = HeapAlloc(GetProcessHeap(), 0, size);
+    // No compiler may see that what is written lies behind the block.
+    static unsigned char* volatile hidden;
+    hidden = static_cast<unsigned char*>(memory);
+    unsigned char& behind = hidden[size];
+    behind ^= 1;
+    const bool seen = !HeapsAreSound();
+    behind ^= 1;
+    HeapFree(GetProcessHeap(), 0, memory);
+    return seen;
+}
+
 } // namespace halvard_tests

@@ -21,4 +21,8 @@ int TakeDamagedBlocks();
 /// system on, a write behind a block that is in use or into a free one shows here too.
 bool HeapsAreSound();
 
+/// Whether a write behind a block of the system's heap of `size` bytes, which is taken back, makes
+/// the heaps unsound.
+bool SeesAWriteBehind(std::size_t size);
+
 } // namespace halvard_tests

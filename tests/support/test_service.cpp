@@ -26,6 +26,8 @@ HANDLE stopRequested = nullptr;
 HANDLE proceed = nullptr;
 std::wstring settings;
 
+// Milliseconds: ample for the service manager to do what it does about a report.
+constexpr DWORD REPORT_TIME = 200;
 // Milliseconds: ample for a thread that has nothing left to do but to write an answer to a pipe.
 constexpr DWORD ANSWER_TIME = 300;
 
@@ -82,6 +84,8 @@ DWORD WINAPI Control(DWORD control, DWORD /*event*/, void* /*data*/, void* /*con
         // Before the request returns: whoever asked sees that it was heard.
         if (Setting(L"StopPending") == 0) {
             ReportStopped();
+            // A manager that gives up the answer of a stopped service does it always, given time.
+            Sleep(REPORT_TIME);
         } else {
             ReportPending(SERVICE_STOP_PENDING);
         }

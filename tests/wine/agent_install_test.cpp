@@ -9,6 +9,7 @@
 #include "agent_machine.h"
 #include "allocation_failure.h"
 #include "child_programs.h"
+#include "engine_values.h"
 #include "file_system_error.h"
 #include "files.h"
 #include "lines.h"
@@ -181,10 +182,16 @@ TEST_F(KillProcessByImageTest, EndsEveryProcessOfTheProgram) {
     }
     EXPECT_EQ(WaitForRecordings(2).size(), 2U);
     EXPECT_TRUE(KillProcessByImage(L"TeloUF.exe"));
+    const HANDLE both[] = {processes[0].get(), processes[1].get()};
+    const unsigned expected = Here(halvard_tests::engines::kTaskkillByName);
+    EXPECT_LT(WaitForMultipleObjects(2, both, expected == 2, kLimitMilliseconds),
+              WAIT_OBJECT_0 + 2);
+    unsigned ended = 0;
     for (const OwnedHandle& process : processes) {
-        EXPECT_EQ(WaitForSingleObject(process.get(), kLimitMilliseconds), WAIT_OBJECT_0);
+        ended += WaitForSingleObject(process.get(), 0) == WAIT_OBJECT_0 ? 1 : 0;
         TerminateProcess(process.get(), 1); // so that no later test meets it
     }
+    EXPECT_EQ(ended, expected);
 }
 
 TEST_F(PreInstallUPATest, WithoutAnAgentItRunsAllKillCommandsOfItsOwnDirectory) {

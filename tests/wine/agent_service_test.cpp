@@ -3,6 +3,7 @@
 #include "allocation_failure.h"
 #include "current_session.h"
 #include "debugger_output.h"
+#include "engine_values.h"
 #include "files.h"
 #include "import_hook.h"
 #include "installed_service.h"
@@ -64,6 +65,16 @@ std::wstring Times(std::size_t count, const std::wstring& text) {
         all += text;
     }
     return all;
+}
+
+// A service that has stopped before it answers the request counts as one that refuses it where the
+// engine loses the answer.
+bool StopsWhenAsked() {
+    return Here(halvard_tests::engines::kStoppedWhileAsked) == NO_ERROR;
+}
+
+std::wstring SaidOfAStop() {
+    return StopsWhenAsked() ? kStopped : kRefused;
 }
 
 // What is sent to the debugger.
@@ -800,9 +811,9 @@ TEST_F(StopServiceWithTimeoutTest, ARealServiceThatRuns) {
     service.Start();
     const Messages messages;
     const OpenServiceHandles handles;
-    EXPECT_TRUE(StopServiceWithTimeout(kName));
+    EXPECT_EQ(StopServiceWithTimeout(kName), StopsWhenAsked());
     EXPECT_EQ(handles.Count(), 0);
-    EXPECT_EQ(messages.Get(), Says(kStopped));
+    EXPECT_EQ(messages.Get(), Says(SaidOfAStop()));
     EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_STOPPED));
     EXPECT_TRUE(service.WaitForProcess());
 }
@@ -908,7 +919,7 @@ TEST_F(StopServiceWithTimeoutTest, NothingButItsMessagesIsSaid) {
     InstalledService service(kName, folder_.Program());
     service.Start();
     EXPECT_EQ(halvard_tests::StandardOutputOf([] {
-                  EXPECT_TRUE(StopServiceWithTimeout(kName));
+                  EXPECT_EQ(StopServiceWithTimeout(kName), StopsWhenAsked());
                   EXPECT_TRUE(StopServiceWithTimeout(kName));
                   EXPECT_FALSE(StopServiceWithTimeout(L"HalvardNoService"));
                   FAIL_CALL(opening, OpenSCManagerW, 1, nullptr, ERROR_ACCESS_DENIED);
@@ -948,8 +959,8 @@ TEST_F(StopServiceWithTimeoutTest, ARealServiceThatIsDeletedMeanwhile) {
 }
 
 TEST_F(StopServiceWithTimeoutTest, ARealServiceThatIsDeletedAndWhoseProcessEndsMeanwhile) {
-    // The engine keeps the state of a service whose process is gone, so that the time runs out. On
-    // Windows it counts as stopped.
+    // The engine keeps the state of a deleted service whose process is gone, so that the time runs
+    // out. On Windows it counts as stopped.
     for (const bool stopping : {false, true}) {
         ServiceBehavior behavior;
         behavior.stopPending = INFINITE;
@@ -983,7 +994,8 @@ TEST_F(StopServiceWithTimeoutTest, ItsMessagesReachTheDebugger) {
         StopServiceWithTimeout(kName);
         StopServiceWithTimeout(kName);
     });
-    EXPECT_EQ(texts, (std::vector<std::string>{"Service stopped successfully.\n",
+    const std::wstring stop = SaidOfAStop();
+    EXPECT_EQ(texts, (std::vector<std::string>{std::string(stop.begin(), stop.end()),
                                                "Service is already stopped.\n"}));
 }
 
@@ -1140,8 +1152,7 @@ TEST_F(StartAgentServiceTest, ARealServiceThatRefusesToStart) {
 }
 
 TEST_F(StartAgentServiceTest, ARealServiceWhoseProcessEndsWhileItStarts) {
-    // The engine keeps the state of a service whose process is gone. On Windows it counts as
-    // stopped, and has not started either.
+    // Whether its state is kept or counts as stopped, it has not started.
     ServiceBehavior behavior;
     behavior.startPending = INFINITE;
     behavior.waitHint = 2000;
@@ -1476,8 +1487,8 @@ TEST_F(CreateAgentServiceTest, WhatItCreatesStartsAndStops) {
     }
     EXPECT_TRUE(StartAgentService());
     EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_RUNNING));
-    EXPECT_TRUE(StopServiceWithTimeout(kAgent));
-    EXPECT_EQ(messages.Get(), Says(kStarted) + Says(kStopped));
+    EXPECT_EQ(StopServiceWithTimeout(kAgent), StopsWhenAsked());
+    EXPECT_EQ(messages.Get(), Says(kStarted) + Says(SaidOfAStop()));
     EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_STOPPED));
 }
 

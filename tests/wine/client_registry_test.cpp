@@ -578,7 +578,7 @@ TEST_F(CheckForClientsTest, ANameInOtherLettersIsAnotherClientOfTheSameValue) {
 }
 
 TEST_F(CheckForClientsTest, ALaterValueOfTheClientIsWritten) {
-    // The engine lists values in the order of their names, Windows in that of their creation.
+    // First by its name, and first by its creation: no engine lists them otherwise.
     SetStatus(L"Foo_A_TeloStatus", 2);
     SetStatus(L"Foo_B_TeloStatus", 2);
     EXPECT_EQ(Install(L"Foo"), 0U);

@@ -36,13 +36,8 @@ TEST(HeapCheck, CountsABlockThatWasWrittenBehindOrBefore) {
 }
 
 TEST(HeapCheck, SeesAWriteBehindABlockOfTheSystem) {
+    // Above what an engine may keep in a part of the heap without marks.
+    constexpr std::size_t large = 100000;
+    EXPECT_TRUE(SeesAWriteBehind(large));
     EXPECT_TRUE(HeapsAreSound());
-    void* const memory = HeapAlloc(GetProcessHeap(), 0, kSize);
-    unsigned char& behind = Anywhere(memory)[kSize];
-    const unsigned char before = behind;
-    behind ^= 1;
-    EXPECT_FALSE(HeapsAreSound());
-    behind = before;
-    EXPECT_TRUE(HeapsAreSound());
-    HeapFree(GetProcessHeap(), 0, memory);
 }

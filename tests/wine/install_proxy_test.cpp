@@ -6,6 +6,7 @@
 #include "allocation_failure.h"
 #include "child_programs.h"
 #include "current_session.h"
+#include "engine_values.h"
 #include "file_system_error.h"
 #include "files.h"
 #include "import_hook.h"
@@ -37,6 +38,7 @@ using halvard_tests::RecorderAt;
 using halvard_tests::Recordings;
 using halvard_tests::ScratchFolder;
 using halvard_tests::StandInSession;
+using halvard_tests::engines::kFailFastCode;
 using Lines = std::vector<std::wstring>;
 using namespace std::string_literals;
 
@@ -396,8 +398,7 @@ TEST_F(LaunchInstallProxyPVTest, EndsTheProcessForACommandLineOf519Characters) {
     const CommandOfLength command(scratch_, 519);
     SetLocation(command.Location());
     SetData(command.Data());
-    // How Wine reports it, whatever the exception.
-    EXPECT_EXIT(Launch(), testing::ExitedWithCode(static_cast<int>(0xC0000602U)), "");
+    EXPECT_EXIT(Launch(), testing::ExitedWithCode(static_cast<int>(Here(kFailFastCode))), "");
     const auto launchAndTell = [&] {
         HOOK(ending, RaiseFailFastException,
              [](PEXCEPTION_RECORD error, PCONTEXT context, DWORD flags) {
