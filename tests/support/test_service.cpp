@@ -26,8 +26,6 @@ HANDLE stopRequested = nullptr;
 HANDLE proceed = nullptr;
 std::wstring settings;
 
-// Milliseconds: ample for the service manager to do what it does about a report.
-constexpr DWORD REPORT_TIME = 200;
 // Milliseconds: ample for a thread that has nothing left to do but to write an answer to a pipe.
 constexpr DWORD ANSWER_TIME = 300;
 
@@ -81,12 +79,8 @@ DWORD WINAPI Control(DWORD control, DWORD /*event*/, void* /*data*/, void* /*con
         return control == SERVICE_CONTROL_INTERROGATE ? NO_ERROR : ERROR_CALL_NOT_IMPLEMENTED;
     }
     if (Setting(L"StopIgnored") == 0) {
-        // Before the request returns: whoever asked sees that it was heard.
-        if (Setting(L"StopPending") == 0) {
-            ReportStopped();
-            // A manager that gives up the answer of a stopped service does it always, given time.
-            Sleep(REPORT_TIME);
-        } else {
+        if (Setting(L"StopPending") != 0) {
+            // Before the request returns: whoever asked sees that it was heard.
             ReportPending(SERVICE_STOP_PENDING);
         }
         SetEvent(stopRequested);
@@ -112,13 +106,15 @@ void WINAPI Serve(DWORD /*count*/, wchar_t** arguments) {
 
     WaitForSingleObject(stopRequested, INFINITE);
     const DWORD stopPending = Setting(L"StopPending");
-    if (stopPending != 0) {
+    // Another thread of this process answers the request, once Control has returned. A report that
+    // the service has stopped, or the end of the process, makes the request fail when it comes
+    // before.
+    if (stopPending == 0) {
+        Sleep(ANSWER_TIME);
+    } else {
         Pend(SERVICE_STOP_PENDING, stopPending);
-        ReportStopped();
     }
-    // Another thread of this process answers the request, once Control has returned. A process that
-    // ends before makes the request fail.
-    Sleep(ANSWER_TIME);
+    ReportStopped();
 }
 
 } // namespace

@@ -109,23 +109,6 @@ TEST(EngineProbe, SmallHeapBlocks) {
     EXPECT_EQ(SeesAWriteBehind(10), Here(engines::kSmallHeapBlocks));
 }
 
-TEST(EngineProbe, StoppedWhileAsked) {
-    const ScratchFolder scratch;
-    const std::wstring program = scratch.File(L"service.exe");
-    CopyTestService(program);
-    InstalledService service(kService, program);
-    service.Start();
-    const SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
-    const SC_HANDLE opened = OpenServiceW(manager, kService, SERVICE_STOP);
-    SERVICE_STATUS status = {};
-    const bool succeeds = ControlService(opened, SERVICE_CONTROL_STOP, &status) != FALSE;
-    const DWORD code = succeeds ? NO_ERROR : GetLastError();
-    CloseServiceHandle(opened);
-    CloseServiceHandle(manager);
-    EXPECT_EQ(code, Here(engines::kStoppedWhileAsked));
-    EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_STOPPED));
-}
-
 TEST(EngineProbe, StateWithoutProcess) {
     const ScratchFolder scratch;
     const std::wstring program = scratch.File(L"service.exe");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -10,4 +11,10 @@ using Lines = std::vector<std::wstring>;
 inline Lines operator+(Lines left, const Lines& right) {
     left.insert(left.end(), right.begin(), right.end());
     return left;
+}
+
+/// Each line once where it stands several times in a row: what is done until something has come.
+inline Lines WithoutRepeats(Lines lines) {
+    lines.erase(std::unique(lines.begin(), lines.end()), lines.end());
+    return lines;
 }
