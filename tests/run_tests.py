@@ -87,6 +87,15 @@ IMAGE_OPTIONS = r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\Image File E
 # and west of the meridian, with and without daylight-saving time, on the half and quarter hour.
 ZONES = ("NPT-5:45", "NST3:30NDT,M3.2.0,M11.1.0")
 TESTS_OF_ZONES = "--gtest_filter=*Midnight*:*StartBoundary*"
+# Of ring msi those whose prefixes no other test uses.
+MSI_TESTS_ALONE = (
+    "test_engines.py",
+    "test_heap.py",
+    "test_removal_race.py",
+    "test_scenarios.py",
+    "test_worked_example.py",
+)
+PARTS_THAT_TELL = ("", "-alone", "-others")
 # Not run by a ring: another test starts it as a program beside itself.
 STARTED_BY_TESTS = {"AgentInstallation.DISABLED_SetsUpTheAgent"}
 # Seconds.
@@ -225,7 +234,8 @@ class _Progress:
 
     def __enter__(self) -> None:
         for ring in self._rings:
-            progress_file(ring).unlink(missing_ok=True)
+            for part in PARTS_THAT_TELL:
+                progress_file(ring, part).unlink(missing_ok=True)
         if self._shown:
             self._thread.start()
 
@@ -238,17 +248,18 @@ class _Progress:
         line = progress.Line()
         while not self._ended.wait(PROGRESS_POLL):
             told = [
-                f"{ring} {progress_file(ring).read_text()}"
+                f"{ring}{part} {progress_file(ring, part).read_text()}"
                 for ring in self._rings
-                if progress_file(ring).exists()
+                for part in PARTS_THAT_TELL
+                if progress_file(ring, part).exists()
             ]
             line.show(", ".join(told) or "begun")
         line.clear()
 
 
-def progress_file(ring: str) -> Path:
-    """Where a ring writes how far it is, as '12 of 300'."""
-    return RESULTS / f"progress-{ring}.txt"
+def progress_file(ring: str, part: str = "") -> Path:
+    """Where a ring, or a part of it, writes how far it is, as '12 of 300'."""
+    return RESULTS / f"progress-{ring}{part}.txt"
 
 
 def run_core(arguments: list[str]) -> Outcome:
@@ -306,11 +317,21 @@ def _wine_canaries(prefix: Prefix, start: Callable[..., "subprocess.Popen[bytes]
 
 
 def run_msi(arguments: list[str]) -> Outcome:
-    return _pytest("msi", arguments)
+    if arguments:
+        return _pytest("msi", ["tests/msi", *arguments])
+    # The tests with prefixes of their own beside those that share one: most of the time of both is
+    # the engine's.
+    alone = [f"tests/msi/{name}" for name in MSI_TESTS_ALONE]
+    others = ["tests/msi", *(f"--ignore={name}" for name in alone)]
+    outcome = Outcome()
+    with ThreadPoolExecutor(2) as pool:
+        for part in pool.map(partial(_pytest, "msi"), (alone, others), ("-alone", "-others")):
+            outcome.add(part)
+    return outcome
 
 
 def run_build(arguments: list[str]) -> Outcome:
-    return _pytest("build", arguments)
+    return _pytest("build", ["tests/build", *arguments])
 
 
 def _partition(arguments: list[str]) -> tuple[list[str], bool, list[str]]:
@@ -532,10 +553,10 @@ def _check_heap_of(prefix: Prefix, program: str) -> None:
         raise RuntimeError(f"the heap check cannot be switched on: {added.stdout}")
 
 
-def _pytest(ring: str, arguments: list[str]) -> Outcome:
-    tests = [f"tests/{ring}", *arguments]
+def _pytest(ring: str, tests: list[str], part: str = "") -> Outcome:
+    """Runs tests of a ring; a part of a ring has files of its own for what it prints."""
     listed = _pytest_list(tests)
-    report, log = RESULTS / f"{ring}.xml", RESULTS / f"{ring}-output.txt"
+    report, log = RESULTS / f"{ring}{part}.xml", RESULTS / f"{ring}{part}-output.txt"
     report.unlink(missing_ok=True)
     with open(log, "wb") as output:
         pytest = subprocess.Popen(
@@ -550,7 +571,7 @@ def _pytest(ring: str, arguments: list[str]) -> Outcome:
             while pytest.poll() is None and time.monotonic() < end:
                 time.sleep(PROGRESS_POLL)
                 done = len(re.findall(r"^tests/.*\[ *\d+%\]$", _text(log), re.MULTILINE))
-                progress_file(ring).write_text(f"{done} of {listed}")
+                progress_file(ring, part).write_text(f"{done} of {listed}")
         finally:
             if pytest.poll() is None:
                 # Time to end its prefixes.

@@ -128,3 +128,20 @@ def test_a_source_that_cannot_be_built_says_why(tmp_path):
     source.write_text("<Wix")
     with pytest.raises(package.ToolFailed, match="wixl: "):
         package.build(source)
+
+
+def test_a_package_is_built_anew_only_when_what_it_is_made_of_has_changed(tmp_path):
+    source = tmp_path / "rebuilt.wxs"
+    source.write_bytes(Path(__file__).with_name("executions.wxs").read_bytes())
+    built = package.build(source)
+    first = built.read_bytes()
+    built.touch()
+    stamp = built.stat().st_mtime_ns
+    assert package.build(source) == built and built.stat().st_mtime_ns == stamp
+    (tmp_path / "beside.wxi").write_text("<Include/>")
+    assert package.build(source).stat().st_mtime_ns != stamp
+    stamp = built.stat().st_mtime_ns
+    package.build(source, paths.FAULT_ACTIONS)
+    assert built.stat().st_mtime_ns != stamp and built.read_bytes() != first
+    built.unlink()
+    assert package.build(source).exists()

@@ -1,5 +1,7 @@
 """Builds the sample package and reads what it says of its custom actions."""
 
+import fcntl
+import hashlib
 import os
 import re
 import shutil
@@ -8,7 +10,7 @@ import uuid
 import xml.etree.ElementTree as ElementTree
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Iterator
+from typing import Iterable, Iterator
 
 from installer import paths
 from installer.log import ActionDefinition, Execution
@@ -66,7 +68,7 @@ def build(
     """Builds a package around the library; its name is that of the source.
 
     With a version that is not the project's, the package upgrades that of the project and has the
-    version in its name.
+    version in its name. One that is there, made of the same, stays.
     """
     identity = project_identity()
     package = paths.PACKAGES / f"{source.stem}{f'-{version}' if version else ''}.msi"
@@ -74,8 +76,6 @@ def build(
     # The same codes for every build of a version: a rebuilt package still removes its product.
     upgrade_code = uuid.uuid5(_PRODUCTS, source.stem)
     product_code = uuid.uuid5(upgrade_code, version)
-    package.parent.mkdir(parents=True, exist_ok=True)
-    package.unlink(missing_ok=True)
     definitions = {
         "Company": identity.company,
         "Version": version,
@@ -86,13 +86,36 @@ def build(
     files = {"Library": library} | paths.STAND_INS
     # wixl takes a path that begins with a slash for a missing file.
     definitions |= {name: os.path.relpath(file, source.parent) for name, file in files.items()}
+    package.parent.mkdir(parents=True, exist_ok=True)
+    with open(paths.PACKAGES / "build.lock", "w") as lock:
+        # Others may build, or use, the same package now: nobody changes one that is as it should be.
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        made_of = _fingerprint(source, definitions, [*files.values(), Path(__file__)])
+        told = package.with_suffix(".made-of")
+        if not (package.exists() and told.exists() and told.read_text() == made_of):
+            told.unlink(missing_ok=True)
+            package.unlink(missing_ok=True)
+            _compile(package, source, definitions)
+            told.write_text(made_of)
+    return package
+
+
+def _fingerprint(source: Path, definitions: dict[str, str], files: Iterable[Path]) -> str:
+    """Of all that a package is made of: its source with what lies beside it, and the compiler."""
+    beside = sorted(file for file in source.parent.rglob("*") if file.is_file())
+    digest = hashlib.sha256(f"{definitions}{_run('wixl', '--version')}".encode())
+    for file in [*beside, *files]:
+        digest.update(f"\0{file}\0".encode() + file.read_bytes())
+    return digest.hexdigest()
+
+
+def _compile(package: Path, source: Path, definitions: dict[str, str]) -> None:
     switches = [word for name, value in definitions.items() for word in ("-D", f"{name}={value}")]
     _run("wixl", "--arch", "x64", *switches, "-o", str(package), source.name, folder=source.parent)
     _correct_action_types(package, source)
     _add_commands(package, source)
     _add_copies(package, source)
     _add_secure_properties(package, source)
-    return package
 
 
 def change(package: Path, *queries: str) -> None:
