@@ -17,7 +17,7 @@ ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tools"))
 
 from installer import ending, paths  # noqa: E402
-from run_tests import RESULTS, Outcome, wine_tests  # noqa: E402
+from run_tests import RESULTS, Outcome, Progress, wine_tests  # noqa: E402
 
 LIBRARY = "Utilities/CustomActions/Halvard_CA"
 BUILD = paths.BUILD / "mingw-test"
@@ -82,8 +82,10 @@ class Counted:
 
 
 def main() -> int:
-    outcome = run_tests()
-    counted = read_gcovr(gcovr())
+    RESULTS.mkdir(parents=True, exist_ok=True)
+    with Progress(["wine"], shown=True):
+        outcome = run_tests()
+        counted = read_gcovr(gcovr())
     print("\n".join(table(counted)))
     wrong = judge(outcome, counted, library_sources(), NOT_REACHED)
     print("\n".join(wrong or [f"{outcome.passed} tests, {len(NOT_REACHED)} lines named"]))
@@ -91,7 +93,6 @@ def main() -> int:
 
 
 def run_tests() -> Outcome:
-    RESULTS.mkdir(parents=True, exist_ok=True)
     for old in COUNTERS.rglob("*.gcda"):
         old.unlink()
     environment = {
@@ -122,7 +123,7 @@ def read_gcovr(report: dict) -> dict[str, Counted]:
     for file in report["files"]:
         lines, branches = {}, Share()
         for line in file["lines"]:
-            if not line["gcovr/noncode"]:
+            if not line.get("gcovr/noncode", False):
                 lines[line["line_number"]] = line["count"]
                 counts = [branch["count"] for branch in line["branches"]]
                 branches.add(sum(count > 0 for count in counts), len(counts))

@@ -141,7 +141,8 @@ def checked_sources() -> list[Path]:
 def tracked(*patterns: str) -> list[Path]:
     command = ["git", "ls-files", "-co", "--exclude-standard", "--", *patterns]
     listed = subprocess.run(command, cwd=ROOT, capture_output=True, text=True, check=True)
-    return [ROOT / name for name in listed.stdout.splitlines()]
+    files = [ROOT / name for name in listed.stdout.splitlines()]
+    return [file for file in files if file.is_file()]
 
 
 def includes(file: Path) -> list[str]:
@@ -149,16 +150,21 @@ def includes(file: Path) -> list[str]:
 
 
 def own_includes(file: Path) -> list[Path]:
-    folders = (LIBRARY_SOURCES, RUNNER_SOURCES)
+    # The generated version header lies in the folder of the build.
+    folders = (LIBRARY_SOURCES, RUNNER_SOURCES, paths.LIBRARY.parent)
     found = [folder / name for folder in folders for name in includes(file)]
     return [name for name in found if name.exists()]
 
 
 def closure(file: Path) -> set[Path]:
     """A source with the project's own headers that it includes, in whatever depth."""
-    found = {file}
-    for included in own_includes(file):
-        found |= closure(included)
+    found: set[Path] = set()
+    waiting = [file]
+    while waiting:
+        read = waiting.pop()
+        if read not in found:
+            found.add(read)
+            waiting += own_includes(read)
     return found
 
 

@@ -2,7 +2,8 @@
 
 The arguments are those of halvard_run; `--dll` may name a file of this machine, which the prefix gets
 a copy of. What halvard_run prints comes out as it is, and its exit code is the one here, but for 125
-when no prefix could be had and 130 after Ctrl-C, 143 or 129 after SIGTERM or SIGHUP. A second call waits until the first one has ended.
+when no prefix could be had and 130 after Ctrl-C, 143 or 129 after SIGTERM or SIGHUP.
+A second call waits until the first one has ended; ./run refuses it before.
 """
 
 import fcntl

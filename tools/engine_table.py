@@ -12,7 +12,7 @@ from installer.engines import Difference, Engine, Value
 
 INTRODUCTION = """# What differs between the engines
 
-Made by `tools/engine_table.py document` of `tests/engines.toml`, from which the tests and the demo
+Written by `./run generate` from `tests/engines.toml`, from which the tests and the demo
 take what they expect. The library is tested under Wine 8 (Debian 12) and Wine 10 (Debian 13), where a
 test of each difference finds out that it is still there. Nobody has run the library on Windows: what
 stands here of it is what its documentation says, or assumed.

@@ -13,7 +13,6 @@ import sys
 import textwrap
 from dataclasses import dataclass
 from pathlib import Path
-from xml.sax.saxutils import escape
 
 from installer import paths
 from installer.actions import Action, actions
@@ -121,9 +120,11 @@ def declaration(action: Action, language: Language) -> str:
     if action.execution == "deferred":
         attributes.append(("Impersonate", "yes" if action.impersonate else "no"))
     attributes.append(("Return", action.result))
+    if "--" in action.why:
+        raise ValueError(f"{action.name}: a comment of XML cannot hold --")
     declared = " ".join(f'{name}="{value}"' for name, value in attributes)
     return (
-        f"    <!-- {escape(action.why)} -->\n"
+        f"    <!-- {action.why} -->\n"
         f'    <CustomAction Id="{action.name}" {language.binary}="Halvard_CA"\n'
         f'                  DllEntry="{action.name}"\n'
         f"                  {declared}/>\n"
@@ -204,6 +205,8 @@ def _with_section(text: str, action: Action) -> str:
     if match is None:
         raise ValueError(f"the reference has no section of {action.name}")
     pieces = re.split(r"^(?=- \*\*[\w ]+:\*\*)", match["section"], flags=re.MULTILINE)
+    if any("\n\n" in piece.strip("\n") for piece in pieces):
+        raise ValueError(f"{action.name}: a paragraph that would be lost")
     parts = {re.match(r"- \*\*([\w ]+):", piece)[1]: piece.rstrip("\n") for piece in pieces[1:]}
     parts |= facts(action)
     section = "\n".join([wrapped(action.does, ""), "", *parts.values()])

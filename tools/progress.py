@@ -1,9 +1,10 @@
 """Runs a command with its output in a file and shows meanwhile how far it is.
 
-    progress.py LOG COMMAND...
+    progress.py [--no-end] LOG COMMAND...
 
 At a terminal one line is written over again, elsewhere a line comes every `INTERVAL` seconds. When
-the command fails, the end of its output follows. The exit code is the command's.
+the command fails, the end of its output follows, but not with --no-end. The exit code is the
+command's.
 """
 
 import os
@@ -25,19 +26,22 @@ END = 4096
 LINES_OF_A_FAILURE = 60
 STEP = re.compile(r"^\[(\d+)/(\d+)\]", re.MULTILINE)
 USUAL_WIDTH = 80
+NO_END = "--no-end"
 ANSI_CLEAR_LINE = "\r\x1b[K"
 
 
 def main(arguments: list[str]) -> int:
     signal.signal(signal.SIGINT, signal.SIG_DFL)
-    log, command = Path(arguments[0]), arguments[1:]
+    shows_end = arguments[0] != NO_END
+    log_name, *command = arguments if shows_end else arguments[1:]
+    log = Path(log_name)
     log.parent.mkdir(parents=True, exist_ok=True)
     with open(log, "wb") as output:
         process = subprocess.Popen(
             command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT
         )
     code = follow(process, lambda: how_far(log))
-    if code != 0:
+    if code != 0 and shows_end:
         lines = log.read_text(errors="replace").splitlines()
         print("\n".join(lines[-LINES_OF_A_FAILURE:]), flush=True)
     return code if code >= 0 else 128 - code

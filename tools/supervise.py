@@ -3,8 +3,9 @@
     supervise.py COMMAND...
 
 Whatever the command starts is ended with it, also what has left its process group or session, as
-Wine's servers do. SIGINT, SIGTERM and SIGHUP go to all of them, which then have `GRACE` seconds to
-put things in order. The exit code is the command's own, or 128 and the number of the signal.
+Wine's servers do. SIGINT, SIGTERM and SIGHUP go to all of its session, which then has `GRACE` seconds
+to put things in order and to end what it has put into sessions of their own; what is left then is
+killed. What belongs to another user, as a program under sudo does, ends by itself. The exit code is the command's own, or 128 and the number of the signal.
 """
 
 import ctypes
@@ -89,16 +90,21 @@ def _end(limit: float) -> None:
         hurry = signal.sigtimedwait(ENDING, POLL) is not None
         waited = time.monotonic() - start
         if waited > limit or (hurry and waited > SAME_SIGNAL):
-            _tell(running, signal.SIGKILL)
+            if not _tell(running, signal.SIGKILL):
+                break
     _reap()
 
 
-def _tell(processes: list[int], number: int) -> None:
+def _tell(processes: list[int], number: int) -> bool:
+    """Sends a signal; whether this process may send it to one of them."""
+    sent = False
     for process in processes:
         try:
             os.kill(process, number)
-        except ProcessLookupError:
+            sent = True
+        except (ProcessLookupError, PermissionError):
             pass
+    return sent
 
 
 def _reap(other_than: int = 0) -> None:

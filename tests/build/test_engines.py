@@ -46,7 +46,7 @@ def test_every_probe_compares_with_the_value_of_its_name():
 
 def test_the_document_is_made_of_the_table():
     made = engine_table.document(engines.differences())
-    assert paths.ENGINES_DOCUMENT.read_text() == made, "python3 tools/engine_table.py document"
+    assert paths.ENGINES_DOCUMENT.read_text() == made, "./run generate writes it anew"
 
 
 def test_the_header_has_a_constant_for_each_engine():

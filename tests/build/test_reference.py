@@ -299,6 +299,8 @@ def test_both_languages_of_packages_declare_the_same(sources):
         {"exceptions": ("RegKeyError",)},
         {"results": ()},
         {"results": (Result("other", "a number."),)},
+        {"results": (Result("othr", "a number.", "another number"),)},
+        {"data": (DataKey("A", True),), "whole_data": "a folder."},
     ],
 )
 def test_a_row_that_contradicts_itself_is_refused(sources, fault):

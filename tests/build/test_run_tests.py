@@ -8,6 +8,7 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
+import run_tests  # noqa: E402
 from run_tests import (  # noqa: E402
     ROOT,
     STARTED_BY_TESTS,
@@ -130,6 +131,7 @@ REPORT = (
         (REPORT.format("<error/>"), 2, Outcome(1, ["./run test msi -- -k two"])),
         (REPORT.format(""), 3, Outcome(2, ["./run test msi"])),
         ("", 2, Outcome(0, ["./run test msi"])),
+        (REPORT.format("")[:-9], 2, Outcome(0, ["./run test msi"])),
     ],
 )
 def test_pytest_reports(report, listed, outcome):
@@ -171,3 +173,30 @@ def test_ring_logs(log, code, outcome):
 def test_a_planted_fault_has_to_fail_its_run_and_to_be_reported(has_failed, text, passed, failed):
     outcome = judge_canary("core Fault", has_failed, text, "ERROR: overflow")
     assert (outcome.passed, outcome.failed) == (passed, failed)
+
+
+@pytest.mark.parametrize(
+    "outcome, arguments, code",
+    [
+        (Outcome(2), [], 0),
+        (Outcome(2), ["--no-skips"], 0),
+        (Outcome(1, skipped=["a"]), [], 0),
+        (Outcome(1, skipped=["a"]), ["--no-skips"], 1),
+        (Outcome(1, failed=["b"]), [], 1),
+        (Outcome(), [], 2),
+        (Outcome(1), ["nothing"], 2),
+        (Outcome(1), ["--", "-k", "x"], 2),
+    ],
+)
+def test_the_exit_code_tells_of_failures_and_where_asked_of_skips(
+    outcome, arguments, code, monkeypatch, tmp_path
+):
+    monkeypatch.setattr(run_tests, "RESULTS", tmp_path)
+    monkeypatch.setattr(run_tests, "_run_all", lambda: outcome)
+    assert run_tests.main(arguments) == code
+
+
+def test_what_has_to_pass_before_a_change_is_taken():
+    script = (ROOT / ".ci/run").read_text()
+    words = re.findall(r"^\./run (.*)$", script, re.MULTILINE)
+    assert words == ["test --no-skips", "lint", "coverage", "demo"] and "set -eu" in script

@@ -1,4 +1,4 @@
-"""The table of actions, and that each row of it is one."""
+"""Reads the table of actions, actions.toml, and refuses rows that contradict themselves."""
 
 import tomllib
 from dataclasses import dataclass
@@ -59,6 +59,10 @@ class Action:
             raise ValueError(f"{self.name}: what only a deferred action has")
         if bool(self.exceptions) != bool(self.throws):
             raise ValueError(f"{self.name}: exceptions and when they are thrown go together")
+        if self.data and self.whole_data:
+            raise ValueError(f"{self.name}: data has keys or is taken whole")
+        if any(each.fixed and not isinstance(each.value, int) for each in self.results):
+            raise ValueError(f"{self.name}: a result is a number or {OTHER}")
         if not self.results or any(not each.fixed and not each.note for each in self.results):
             raise ValueError(f"{self.name}: each has a result, one that is not fixed has a note")
 

@@ -127,9 +127,11 @@ def change(package: Path, *queries: str) -> None:
 def changed_copy(package: Path, name: str, *queries: str) -> Path:
     """A package of another name that differs by these SQL statements."""
     copy = paths.PACKAGES / f"{name}.msi"
-    shutil.copyfile(package, copy)
-    change(copy, *queries)
-    return copy
+    made = copy.with_suffix(f".{os.getpid()}")
+    shutil.copyfile(package, made)
+    change(made, *queries)
+    # Whole, for others may use the one that is there.
+    return made.replace(copy)
 
 
 def table(package: Path, name: str) -> list[list[str]]:
