@@ -11,6 +11,7 @@ The exit code is 0 when all commands ended with 0, and 1 otherwise.
 """
 
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -107,12 +108,14 @@ def copy_checkout(target: Path) -> None:
         if not copy.is_file() or copy.read_bytes() != (ROOT / name).read_bytes():
             copy.parent.mkdir(parents=True, exist_ok=True)
             shutil.copy(ROOT / name, copy)
+    # New files count as the checkout's there too.
+    subprocess.run(["git", "add", "-A"], cwd=target, check=True)
 
 
 def run(debian: Path, packages: Path, command: list[str]) -> tuple[str, int]:
     """Runs a command in the Debian, its output here and in a log."""
     words = " ".join(command)
-    log = FOLDER / f"{debian.name}-{command[-1].strip('./')}.log"
+    log = FOLDER / f"{debian.name}-{re.sub(r'[^0-9A-Za-z]+', '-', words).strip('-')[:60]}.log"
     print(f"== {debian.name}: {words}", flush=True)
     start = time.monotonic()
     inside = ["unshare", "--mount", "--pid", "--fork", "--kill-child", "sh", "-eu", "-c", ENTER]
