@@ -16,7 +16,8 @@ namespace {
 
 constexpr DWORD kVisualCppException = 0xE06D7363;
 constexpr DWORD kCodeWithoutName = 0xE0000042;
-constexpr std::size_t kBlockSize = 10;
+// Above what an engine may keep in a part of the heap without marks.
+constexpr std::size_t kBlockSize = 100000;
 
 class OwnCategory : public std::error_category {
 public:

@@ -9,7 +9,8 @@
 
 namespace {
 
-constexpr std::size_t kBlockSize = 10;
+// Above what an engine may keep in a part of the heap without marks.
+constexpr std::size_t kBlockSize = 100000;
 
 // No compiler sees that the fault goes behind the block.
 void WriteBehind(void* memory) {
