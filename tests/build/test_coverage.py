@@ -8,7 +8,7 @@ import pytest
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
 import coverage  # noqa: E402
-from coverage import LIBRARY, NotReached, judge, read_gcovr  # noqa: E402
+from coverage import LIBRARY, NotReached, judge, lines_not_understood, read_gcovr  # noqa: E402
 from run_tests import Outcome, read_google_test_log  # noqa: E402
 
 PASSED = Outcome(passed=2)
@@ -156,3 +156,16 @@ def test_the_table_tells_files_and_their_sum():
         ["runtime/a.cpp", "4/5", "80.0", "%", "100/100", "100.0", "%"],
         ["all", "4/5", "80.0", "%", "100/100", "100.0", "%"],
     ]
+
+
+@pytest.mark.parametrize(
+    "line, understood",
+    [
+        ("call    3 returned -292", True),
+        ("        -5:   84:    line of the library;", False),
+        ("branch  2 taken -4", False),
+    ],
+)
+def test_only_calls_that_came_back_less_than_never_are_left_out(line, understood):
+    errors = f"(WARNING) Unrecognized GCOV output\n\t  {line}\nUnknownLineType: {line}\n"
+    assert (lines_not_understood(errors) == []) is understood
