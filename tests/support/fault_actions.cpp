@@ -51,7 +51,7 @@ int Deep(volatile int* above) {
     return here[0] < 0 ? 0 : Deep(here) + here[0];
 }
 
-// A block of 10 bytes of the run-time or of the system; no compiler sees where a fault in it goes.
+// A block of the run-time or of the system; no compiler sees where a fault in it goes.
 volatile char* NewBlock(bool ofTheSystem) {
     static char* volatile block;
     block = ofTheSystem ? static_cast<char*>(HeapAlloc(GetProcessHeap(), 0, kBlockSize))
@@ -187,7 +187,12 @@ ACTION(WriteBehindAKeptBlock) {
 
 ACTION(WriteBehindABlockOfTheSystem) {
     static_cast<void>(session);
-    NewBlock(true)[kBlockSize] = 1;
+    volatile char* const block = NewBlock(true);
+    const char former = block[kBlockSize];
+    block[kBlockSize] = static_cast<char>(former ^ 1);
+    HeapValidate(GetProcessHeap(), 0, nullptr);
+    // Whole again: the host may come to no end with a heap that stays damaged.
+    block[kBlockSize] = former;
     return ERROR_INSTALL_FAILURE;
 }
 
