@@ -115,6 +115,9 @@ void WINAPI Serve(DWORD /*count*/, wchar_t** arguments) {
         Pend(SERVICE_STOP_PENDING, stopPending);
     }
     ReportStopped();
+    // At once: who waits for a stopped service goes on to remove its program, which cannot be done
+    // before the process is gone.
+    TerminateProcess(GetCurrentProcess(), NO_ERROR);
 }
 
 } // namespace
