@@ -42,7 +42,11 @@ NO_SKIPS = "--no-skips"
 # For a ring that runs beside others: what it prints is read by the process that began it.
 PART = "--part"
 LIST_TESTS = "--gtest_list_tests"
+# It tells where a test is that takes longer than 300 seconds.
 PYTEST = [sys.executable, "-B", "-m", "pytest", "-p", "no:cacheprovider"]
+PYTEST += ["-o", "faulthandler_timeout=300"]
+# A letter for each test that has ended, in lines that begin with the file's name or run on.
+PYTEST_LETTERS = re.compile(r"^(?:tests/\S+ )?([.FEsxX]+)(?: +\[ *\d+%\])?$", re.MULTILINE)
 # Plug-ins that happen to be on a machine change nothing.
 PYTEST_ENVIRONMENT = {"NO_COLOR": "1", "COLUMNS": "100", "PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1"}
 
@@ -564,7 +568,7 @@ def _pytest(ring: str, tests: list[str], part: str = "") -> Outcome:
     report.unlink(missing_ok=True)
     with open(log, "wb") as output:
         pytest = subprocess.Popen(
-            [*PYTEST, "-v", f"--junitxml={report}", *tests],
+            pytest_command(report, tests),
             cwd=ROOT,
             env=os.environ | PYTEST_ENVIRONMENT,
             stdout=output,
@@ -574,8 +578,7 @@ def _pytest(ring: str, tests: list[str], part: str = "") -> Outcome:
         try:
             while pytest.poll() is None and time.monotonic() < end:
                 time.sleep(PROGRESS_POLL)
-                done = len(re.findall(r"^tests/.*\[ *\d+%\]$", _text(log), re.MULTILINE))
-                progress_file(ring, part).write_text(f"{done} of {listed}")
+                progress_file(ring, part).write_text(f"{pytest_done(_text(log))} of {listed}")
         finally:
             if pytest.poll() is None:
                 # Time to end its prefixes.
@@ -592,6 +595,17 @@ def _pytest(ring: str, tests: list[str], part: str = "") -> Outcome:
     if outcome.failed:
         print(_text(log), flush=True)
     return outcome
+
+
+def pytest_command(report: Path, tests: list[str]) -> list[str]:
+    # Not -v: it has every difference between two compared values worked out, for archives without
+    # an end.
+    return [*PYTEST, f"--junitxml={report}", *tests]
+
+
+def pytest_done(log: str) -> int:
+    """How many tests have ended, by what pytest has printed so far."""
+    return sum(len(letters) for letters in PYTEST_LETTERS.findall(log))
 
 
 def _pytest_list(tests: list[str]) -> int:

@@ -186,3 +186,14 @@ def test_two_builds_in_two_folders_give_the_same_bytes(tmp_path):
         return {name: hashlib.sha256((folder / name).read_bytes()).hexdigest() for name in names}
 
     assert digests(copy) == digests(paths.ROOT)
+
+
+def test_a_second_build_has_nothing_to_do():
+    """What runs beside a build, and every word of the script builds, works with the same file."""
+    for command in (
+        ["cmake", "--preset", "mingw-release"],
+        ["cmake", "--build", "--preset", "mingw-release", "--", "-n"],
+    ):
+        done = subprocess.run(command, cwd=paths.ROOT, capture_output=True, text=True)
+        assert done.returncode == 0, done.stdout + done.stderr
+    assert done.stdout == "ninja: no work to do.\n"

@@ -1,6 +1,8 @@
 """The test runner counts every way in which a test program can end, and misses no test."""
 
+import os
 import re
+import subprocess
 import sys
 from pathlib import Path
 
@@ -10,10 +12,13 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
 import run_tests  # noqa: E402
 from run_tests import (  # noqa: E402
+    PYTEST_ENVIRONMENT,
     ROOT,
     STARTED_BY_TESTS,
     Outcome,
     judge_canary,
+    pytest_command,
+    pytest_done,
     read_google_test_list,
     read_google_test_log,
     read_pytest_report,
@@ -136,6 +141,26 @@ REPORT = (
 )
 def test_pytest_reports(report, listed, outcome):
     assert read_pytest_report("msi", report, listed) == outcome
+
+
+def test_a_difference_between_archives_is_told_at_once(tmp_path):
+    (tmp_path / "tests").mkdir()
+    (tmp_path / "tests/test_archives.py").write_text(
+        "import pytest\nfrom random import randbytes\n\n"
+        "@pytest.mark.parametrize('number', range(150))\n"
+        "def test_many(number): pass\n\n"
+        "def test_one(): assert randbytes(2_000_000) == randbytes(2_000_000)\n"
+    )
+    done = subprocess.run(
+        pytest_command(tmp_path / "report.xml", ["tests"]),
+        cwd=tmp_path,
+        env=os.environ | PYTEST_ENVIRONMENT,
+        stdout=subprocess.PIPE,
+        text=True,
+        timeout=30,
+    )
+    assert "1 failed, 150 passed" in done.stdout
+    assert pytest_done(done.stdout) == 151
 
 
 @pytest.mark.parametrize(
