@@ -10,6 +10,7 @@
 #include "lines.h"
 #include "open_handles.h"
 #include "removal_calls.h"
+#include "restart_renames.h"
 #include "stand_in_session.h"
 
 #include <windows.h>
@@ -360,7 +361,7 @@ TEST_F(RemoveDirectoryTreeTest, AnEntryWithoutANameIsLeft) {
         }
         return ERROR_SUCCESS;
     };
-    ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+    ExpectRemoveAllError(ERROR_INVALID_NAME);
     EXPECT_TRUE(IsThere(In(L"sub\\b.txt")));
 }
 
@@ -637,19 +638,37 @@ TEST_F(RemoveAllTest, WhatHasGoneMeanwhileCountsAsNothing) {
         EXPECT_FALSE(IsThere(In(L"sub\\empty"))) << gone;
         EXPECT_TRUE(IsThere(In(L"sub\\b.txt"))) << gone;
     }
-    for (const DWORD gone : {2U, 3U, 53U, 123U}) {
-        RemovalCalls calls;
-        calls.beforeDeletion = [&](const std::wstring& path) {
-            return path == In(L"sub\\b.txt") ? gone : DWORD{ERROR_SUCCESS};
-        };
-        DWORD code = 0;
-        RemoveAll(Top(), code);
-        EXPECT_EQ(code, static_cast<DWORD>(ERROR_DIR_NOT_EMPTY)) << gone;
-    }
     FAIL_CALL(removing, RemoveDirectoryW, 1, FALSE, ERROR_FILE_NOT_FOUND);
     DWORD code = 1;
     EXPECT_EQ(RemoveAll(Top(), code), 0U);
     EXPECT_EQ(code, static_cast<DWORD>(ERROR_SUCCESS));
+}
+
+// A server may be lost: what is open has not gone for that.
+TEST_F(RemoveAllTest, WhatIsOpenHasNotGoneWhateverItAnswers) {
+    for (const DWORD gone : {2U, 3U, 53U, 123U}) {
+        SCOPED_TRACE(gone);
+        CreateFolders(In(L"sub\\empty"));
+        const int before = halvard_tests::OpenHandleCount();
+        for (const std::wstring& entry : {In(L"sub\\empty"), In(L"sub"), Top()}) {
+            {
+                RemovalCalls calls;
+                calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
+                                          void*) {
+                    const bool isAsked = path == entry && type == FileBasicInfo;
+                    return isAsked && !calls.removals.empty() ? gone : DWORD{ERROR_SUCCESS};
+                };
+                ExpectRemoveAllError(static_cast<int>(gone));
+            }
+            RemovalCalls calls;
+            calls.beforeDeletion = [&](const std::wstring& path) {
+                return path == entry ? gone : DWORD{ERROR_SUCCESS};
+            };
+            ExpectRemoveAllError(static_cast<int>(gone));
+            EXPECT_TRUE(IsThere(entry));
+        }
+        EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
+    }
 }
 
 TEST_F(RemoveAllTest, AFolderThatVanishesBeforeItIsEnteredHoldsNothing) {
@@ -1042,6 +1061,18 @@ TEST_F(LinkTest, ATopIsKnownByItsNameAndItsIdentity) {
     }
     CreateFolders(In(L"sub"));
     {
+        // A reparse point that is no link, such as that of a namespace of servers.
+        RemovalCalls calls;
+        ChangeListedTop(calls, Parent() + L"\\", [&](auto& info) {
+            otherIdentity(info);
+            info.FileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+            info.EaSize = IO_REPARSE_TAG_DFS;
+        });
+        RemoveDirectoryTree(Top());
+        EXPECT_FALSE(IsThere(Top()));
+    }
+    CreateFolders(In(L"sub"));
+    {
         // Listed as one of the two dots alone, which are other folders.
         RemovalCalls calls;
         ChangeListedTop(calls, Parent() + L"\\", [](auto& info) {
@@ -1095,7 +1126,13 @@ TEST_F(SwapTest, AnEntryOfWhichTheNameIsAPathIsLeft) {
         }
         return ERROR_SUCCESS;
     };
-    ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+    ExpectRemoveAllError(ERROR_INVALID_NAME);
+    // The fallback looks up its queue by path.
+    COUNT_CALLS(setting, SetFileAttributesW);
+    COUNT_CALLS(queuing, MoveFileExW);
+    ExpectFileSystemError([&] { halvard::RemoveDirectoryTree(Top(), FailWithoutACode); }, "remove",
+                          In(L"ln\\kt"), ERROR_INVALID_NAME);
+    EXPECT_EQ(setting.Calls() + queuing.Calls(), 0);
     EXPECT_TRUE(IsThere(In(L"a.txt")));
     EXPECT_TRUE(IsThere(Beside(L"outside\\kt")));
     ExpectLeftAlone();
@@ -1200,6 +1237,48 @@ TEST_F(LinkTest, AnotherFolderThanTheOneListedStaysEvenEmpty) {
     EXPECT_EQ(std::count(sub.removals.begin(), sub.removals.end(), L"delete " + In(L"sub")), 0);
 }
 
+// What could only be opened for listing is opened again under its name, when it has been emptied.
+TEST_F(LinkTest, AFolderInThePlaceOfAnEmptiedOneIsNotTheOneThatWasListed) {
+    for (const bool asLink : {false, true}) {
+        SCOPED_TRACE(asLink);
+        CreateFolders(In(L"sub"));
+        WriteFileAt(In(L"sub\\b.txt"));
+        SubAsReparsePoint sub;
+        sub.folder = In(L"sub");
+        sub.tag = IO_REPARSE_TAG_MOUNT_POINT;
+        int forDeletion = 0;
+        sub.beforeOpening = [&](const std::wstring& path) {
+            if (path != In(L"sub") || (sub.openings.back().access & DELETE) == 0) {
+                return halvard_tests::kStatusSuccess;
+            }
+            if (++forDeletion == 1) {
+                return halvard_tests::kStatusSharingViolation;
+            }
+            if (asLink) {
+                sub.seenByHandle = true;
+            } else {
+                EXPECT_TRUE(MoveFileW(In(L"sub").c_str(), Beside(L"moved").c_str()));
+                CreateFolders(In(L"sub"));
+            }
+            return halvard_tests::kStatusSuccess;
+        };
+        ExpectRemoveAllError(ERROR_DIR_NOT_EMPTY);
+        EXPECT_EQ(forDeletion, 2);
+        EXPECT_TRUE(IsThere(In(L"sub")));
+        EXPECT_FALSE(IsThere(In(L"sub\\b.txt")));
+    }
+}
+
+TEST_F(LinkTest, WithoutTheVolumeOfItsParentAFolderIsKnownByItsIdentity) {
+    HOOK(identifying, GetFileInformationByHandle,
+         [&](HANDLE file, LPBY_HANDLE_FILE_INFORMATION info) -> BOOL {
+             SetLastError(ERROR_GEN_FAILURE);
+             return identifying.Calls() == 1 ? FALSE : identifying.Original(file, info);
+         });
+    RemoveDirectoryTree(Top());
+    EXPECT_FALSE(IsThere(Top()));
+}
+
 TEST_F(LinkTest, AFolderOfAnotherVolumeIsAnother) {
     HOOK(identifying, GetFileInformationByHandle,
          [&](HANDLE file, LPBY_HANDLE_FILE_INFORMATION info) {
@@ -1266,6 +1345,23 @@ TEST_F(LinkTest, WhereThereAreNoIdentitiesFoldersAreWhatTheySeem) {
             if (type == FileIdBothDirectoryInfo) {
                 halvard_tests::ForEachListed(
                     data, [&](const std::wstring&, auto& info) { info.FileId.QuadPart = none; });
+            }
+            return ERROR_SUCCESS;
+        };
+        RemoveDirectoryTree(Top());
+        EXPECT_FALSE(IsThere(Top()));
+    }
+    {
+        // Nor by its name, where it is given in a spelling that is not listed.
+        CreateFolders(In(L"sub\\empty"));
+        RemovalCalls calls;
+        calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
+                                  void* data) -> DWORD {
+            if (type == FileIdBothDirectoryInfo) {
+                halvard_tests::ForEachListed(data, [&](const std::wstring&, auto& info) {
+                    info.FileId.QuadPart = 0;
+                    info.FileName[0] = path == Parent() + L"\\" ? L'x' : info.FileName[0];
+                });
             }
             return ERROR_SUCCESS;
         };
@@ -1531,12 +1627,14 @@ class StayingEntry {
 public:
     DWORD attributes = FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_READONLY;
     BOOL canBeSet = TRUE;
-    DWORD secondRemoval = ERROR_FILE_NOT_FOUND;
+    NTSTATUS secondRemoval = halvard_tests::kStatusNoSuchName;
     std::vector<std::wstring> calls;
 
     StayingEntry() {
-        removing_.beforeDeletion = [this](const std::wstring& path) {
-            return Remove(path);
+        removing_.beforeOpening = [this](const std::wstring& path) {
+            const bool forDeletion = (removing_.openings.back().access & DELETE) != 0;
+            const bool stays = path.find(L"\\stays") != std::wstring::npos;
+            return forDeletion && stays ? Remove(path) : halvard_tests::kStatusSuccess;
         };
     }
 
@@ -1545,9 +1643,9 @@ private:
         calls.push_back(call + std::wstring(path) + L" " + std::to_wstring(number));
     }
 
-    DWORD Remove(const std::wstring& path) {
+    NTSTATUS Remove(const std::wstring& path) {
         Note(L"delete ", (kExtended + path).c_str(), 0);
-        return removals_++ == 0 ? DWORD{ERROR_FILE_NOT_FOUND} : secondRemoval;
+        return removals_++ == 0 ? halvard_tests::kStatusNoSuchName : secondRemoval;
     }
 
     int removals_ = 0;
@@ -1617,23 +1715,28 @@ TEST_F(StayingEntryTest, AttributesThatCannotBeReadAreWrittenBackAllTheSame) {
 }
 
 TEST_F(StayingEntryTest, IsPassedOverWhenItsAttributesCannotBeSet) {
-    StayingEntry stays;
-    stays.canBeSet = FALSE;
-    Remove();
-    EXPECT_EQ(stays.calls,
-              (Lines{L"delete " + file + L" 0", L"get " + file + L" 0", L"set " + file + L" 32"}));
+    // Listed behind it.
+    WriteFileAt(top + L"\\t");
+    {
+        StayingEntry stays;
+        stays.canBeSet = FALSE;
+        Remove();
+        EXPECT_EQ(stays.calls, (Lines{L"delete " + file + L" 0", L"get " + file + L" 0",
+                                      L"set " + file + L" 32"}));
+    }
+    EXPECT_FALSE(IsThere(top + L"\\t"));
 }
 
 TEST_F(StayingEntryTest, IsNotQueuedWhenTheSecondRemovalWorks) {
     StayingEntry stays;
-    stays.secondRemoval = ERROR_SUCCESS;
+    stays.secondRemoval = halvard_tests::kStatusSuccess;
     Remove();
     EXPECT_EQ(stays.calls.size(), 4U);
 }
 
 TEST_F(StayingEntryTest, ASecondRemovalThatFailsEndsIt) {
     StayingEntry stays;
-    stays.secondRemoval = ERROR_ACCESS_DENIED;
+    stays.secondRemoval = halvard_tests::kStatusAccessDenied;
     ExpectFileSystemError([&] { Remove(); }, "remove", top + L"\\stays", ERROR_ACCESS_DENIED);
     EXPECT_EQ(stays.calls.size(), 4U);
 }
@@ -1646,21 +1749,15 @@ TEST_F(StayingEntryTest, AFirstRemovalThatFailsEndsIt) {
 }
 
 TEST_F(StayingEntryTest, IsReallyQueuedWithTheSystem) {
-    const wchar_t* const manager = L"SYSTEM\\CurrentControlSet\\Control\\Session Manager";
-    const wchar_t* const pending = L"PendingFileRenameOperations";
-    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, manager, pending);
+    const halvard_tests::PendingRenames pending;
     {
         FAIL_CALL(opening, NtOpenFile, 0, halvard_tests::kStatusNoSuchName, NO_ERROR);
         Remove();
     }
-    std::wstring queued(1024, L'\0');
-    auto size = static_cast<DWORD>(queued.size() * sizeof(wchar_t));
-    EXPECT_EQ(RegGetValueW(HKEY_LOCAL_MACHINE, manager, pending, RRF_RT_REG_MULTI_SZ, nullptr,
-                           queued.data(), &size),
-              ERROR_SUCCESS);
-    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, manager, pending);
-    queued.resize(queued.find(L'\0'));
-    EXPECT_EQ(queued, L"\\??\\" + top + L"\\stays");
+    ASSERT_TRUE(pending.IsThere());
+    EXPECT_EQ(pending.Type(), DWORD{REG_MULTI_SZ});
+    const std::wstring queued = pending.Read();
+    EXPECT_EQ(queued.substr(0, queued.find(L'\0')), L"\\??\\" + top + L"\\stays");
 }
 
 TEST_F(FallbackTest, NamesTheWalkThatCannotBegin) {

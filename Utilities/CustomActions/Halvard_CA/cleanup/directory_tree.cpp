@@ -24,7 +24,14 @@ constexpr DWORD kPosixSemantics = 0x2;
 /// systems do not know them, which the first deletion tells for all.
 class Deletion {
 public:
-    /// The result is a Win32 code.
+    /// The result is a Win32 code; the count grows by what is deleted.
+    DWORD Delete(HANDLE opened, std::uintmax_t& count) {
+        const DWORD code = Delete(opened);
+        count += code == ERROR_SUCCESS ? 1 : 0;
+        return code;
+    }
+
+private:
     DWORD Delete(HANDLE opened) {
         if (knowsFlags_) {
             DispositionFlags info = {kDelete | kPosixSemantics};
@@ -38,7 +45,6 @@ public:
         return Set(opened, FileDispositionInfo, info);
     }
 
-private:
     template <class Info>
     static DWORD Set(HANDLE opened, FILE_INFO_BY_HANDLE_CLASS infoClass, Info& info) {
         return SetFileInformationByHandle(opened, infoClass, &info, sizeof(info)) != FALSE
@@ -49,11 +55,13 @@ private:
     bool knowsFlags_ = true;
 };
 
-// Removes one entry and nothing below it; the result is a Win32 code.
-DWORD RemoveEntry(const HeldFolder& folder, const ListedEntry& entry, Deletion& deletion) {
+// Removes one entry and nothing below it; the result is a Win32 code. An entry that has gone
+// already is not removed, and no error. The count grows by what is removed.
+DWORD RemoveEntry(const HeldFolder& folder, const ListedEntry& entry, Deletion& deletion,
+                  std::uintmax_t& count) {
     OwnedHandle opened;
     const DWORD code = folder.OpenForDeletion(entry, opened);
-    return code == ERROR_SUCCESS ? deletion.Delete(opened.get()) : code;
+    return opened == nullptr ? code : deletion.Delete(opened.get(), count);
 }
 
 /// Removes a tree and counts what it removes. The folders from the top down to the one that is
@@ -64,19 +72,15 @@ public:
     DWORD Remove(const std::wstring& path) {
         const std::wstring systemPath = SystemPath(path);
         DWORD code = RemoveFolder(systemPath);
-        if (code != ERROR_DIR_NOT_EMPTY) {
-            return Counted(code);
+        count_ = code == ERROR_SUCCESS ? 1 : 0;
+        if (code == ERROR_DIR_NOT_EMPTY) {
+            Level top;
+            code = top.folder.OpenTop(systemPath, FolderUse::ListAndDelete);
+            if (top.folder.IsOpen()) {
+                return code == ERROR_SUCCESS ? RemoveTop(std::move(top)) : code;
+            }
         }
-        Level top;
-        code = top.folder.OpenTop(systemPath, FolderUse::ListAndDelete);
-        if (code != ERROR_SUCCESS) {
-            return Counted(code);
-        }
-        code = top.folder.IsOpenLink() ? DWORD{ERROR_DIR_NOT_EMPTY} : BeginWith(std::move(top));
-        while (code == ERROR_SUCCESS && !levels_.empty()) {
-            code = RemoveNext();
-        }
-        return code;
+        return MeansMissing(code) ? ERROR_SUCCESS : code;
     }
 
     [[nodiscard]] std::uintmax_t Count() const { return count_; }
@@ -86,6 +90,15 @@ private:
         HeldFolder folder;
         ListedEntry entry;
     };
+
+    DWORD RemoveTop(Level top) {
+        DWORD code =
+            top.folder.IsOpenLink() ? DWORD{ERROR_DIR_NOT_EMPTY} : BeginWith(std::move(top));
+        while (code == ERROR_SUCCESS && !levels_.empty()) {
+            code = RemoveNext();
+        }
+        return code;
+    }
 
     DWORD BeginWith(Level level) {
         levels_.push_back(std::move(level));
@@ -105,7 +118,7 @@ private:
         if (code != ERROR_SUCCESS) {
             return code;
         }
-        return entry.IsFolder() ? Enter(entry) : Counted(RemoveEntry(folder, entry, deletion_));
+        return entry.IsFolder() ? Enter(entry) : RemoveEntry(folder, entry, deletion_, count_);
     }
 
     // A folder's own turn comes when it has been emptied, a link's at once.
@@ -114,26 +127,22 @@ private:
         level.entry = entry;
         const DWORD code =
             level.folder.OpenIn(levels_.back().folder, entry, FolderUse::ListAndDelete);
-        if (code != ERROR_SUCCESS) {
-            return Counted(code);
+        if (code != ERROR_SUCCESS || !level.folder.IsOpen()) {
+            return code;
         }
         return level.folder.IsOpenLink() ? RemoveOpened(level) : BeginWith(std::move(level));
     }
 
-    // A folder that could only be opened for listing is opened again: who used it may have left it
-    // by now. The top is never one of those.
+    // The top is never one that is open for listing alone.
     DWORD RemoveOpened(Level& level) {
-        if (level.folder.IsOpenForDeletion()) {
-            return Counted(deletion_.Delete(level.folder.Handle()));
+        HeldFolder& folder = level.folder;
+        if (!folder.IsOpenForDeletion()) {
+            const DWORD code = folder.ReopenForDeletion(levels_.back().folder, level.entry);
+            if (code != ERROR_SUCCESS || !folder.IsOpen()) {
+                return code;
+            }
         }
-        level.folder.Close();
-        return Counted(RemoveEntry(levels_.back().folder, level.entry, deletion_));
-    }
-
-    // What has gone already counts as nothing removed.
-    DWORD Counted(DWORD code) {
-        count_ += code == ERROR_SUCCESS ? 1 : 0;
-        return MeansMissing(code) ? ERROR_SUCCESS : code;
+        return deletion_.Delete(folder.Handle(), count_);
     }
 
     Deletion deletion_;
@@ -143,11 +152,12 @@ private:
 
 // Whether the entry was there to be removed.
 bool RemoveVisitedEntry(const TreeWalk& walk, Deletion& deletion) {
-    const DWORD code = RemoveEntry(walk.Folder(), walk.Entry(), deletion);
-    if (code != ERROR_SUCCESS && !MeansMissing(code)) {
+    std::uintmax_t removed = 0;
+    const DWORD code = RemoveEntry(walk.Folder(), walk.Entry(), deletion, removed);
+    if (code != ERROR_SUCCESS) {
         ThrowFileSystemError("remove", walk.Path(), code);
     }
-    return code == ERROR_SUCCESS;
+    return removed != 0;
 }
 
 // Attributes and the queue of the next restart are asked for by path: there is no other way to the

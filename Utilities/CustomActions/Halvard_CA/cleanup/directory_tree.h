@@ -23,9 +23,11 @@ DWORD RemoveFolder(const std::wstring& systemPath);
 /// own deletion, when it answers ERROR_DIR_NOT_EMPTY. A subfolder that cannot be deleted, such as
 /// the current directory of a process, is emptied all the same before its code ends the removal.
 /// Below the folder nothing is looked up by a path: names are taken as they are listed, whatever
-/// their length and form. What has become a link or another folder since it was listed is not
-/// entered, and ends the removal with ERROR_DIR_NOT_EMPTY; docs/security.md tells what this keeps
-/// out. Memory grows with the depth of the tree, not with the number of entries.
+/// their length and form. What has become another folder since it was listed is not entered, and
+/// ends the removal with ERROR_DIR_NOT_EMPTY; what has become a link is not entered and goes as
+/// that link. A folder that another process has open for its deletion ends it with
+/// ERROR_SHARING_VIOLATION. docs/security.md tells what this keeps out. Memory grows with the depth
+/// of the tree, not with the number of entries.
 std::uintmax_t RemoveAll(const std::wstring& path, DWORD& code);
 
 /// Removes a folder with all it holds. What does not exist or is not a folder is left alone; a link
@@ -39,7 +41,7 @@ void RemoveDirectoryTree(const std::wstring& path);
 /// RemoveDirectoryTree with another way of removing everything. When that gives kRemovalFailed
 /// without a code, the entries are removed one by one. An entry that turns out to have gone loses
 /// its read-only attribute and is removed again, and when it still counts as gone it is queued for
-/// deletion at the next restart. The folder itself stays.
+/// deletion at the next restart. The folder itself stays; of a link to a folder nothing is removed.
 ///
 /// Throws further: "recursive_directory_iterator::recursive_directory_iterator" and
 /// "recursive_directory_iterator::operator++" for a folder that cannot be listed, "remove" with the

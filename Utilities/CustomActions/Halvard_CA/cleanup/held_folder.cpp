@@ -85,15 +85,39 @@ DWORD HeldFolder::OpenIn(const HeldFolder& parent, const ListedEntry& folder, Fo
         isOpenForDeletion_ = false;
         code = parent.OpenSubfolder(folder, 0, handle_);
     }
-    if (code == ERROR_SUCCESS) {
+    if (code == ERROR_SUCCESS && IsOpen()) {
         code = CheckOpened(folder.attributes);
-    }
-    const bool isKnown = folder.fileId != 0 && identity_.fileId != 0;
-    if (code == ERROR_SUCCESS && !isLink_ && isKnown &&
-        (identity_.fileId != folder.fileId || identity_.volume != parent.identity_.volume)) {
-        return ERROR_DIR_NOT_EMPTY;
+        if (code == ERROR_SUCCESS && !isLink_ && !IsListedAs(folder, parent)) {
+            code = ERROR_DIR_NOT_EMPTY;
+        }
     }
     return code;
+}
+
+DWORD HeldFolder::ReopenForDeletion(const HeldFolder& parent, const ListedEntry& folder) {
+    const bool wasLink = isLink_;
+    handle_.reset();
+    isOpenForDeletion_ = true;
+    DWORD code = parent.OpenEntry(folder, DELETE | FILE_READ_ATTRIBUTES,
+                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                  FILE_DIRECTORY_FILE, handle_);
+    if (code == ERROR_SUCCESS && IsOpen()) {
+        code = CheckOpened(folder.attributes);
+        if (code == ERROR_SUCCESS &&
+            (isLink_ != wasLink || (!isLink_ && !IsListedAs(folder, parent)))) {
+            code = ERROR_DIR_NOT_EMPTY;
+        }
+    }
+    return code;
+}
+
+// Says yes where there are no identities.
+bool HeldFolder::IsListedAs(const ListedEntry& folder, const HeldFolder& parent) const {
+    if (folder.fileId == 0 || identity_.fileId == 0) {
+        return true;
+    }
+    return identity_.fileId == folder.fileId &&
+           (parent.identity_.fileId == 0 || identity_.volume == parent.identity_.volume);
 }
 
 DWORD HeldFolder::OpenForDeletion(const ListedEntry& entry, OwnedHandle& opened) const {
@@ -142,7 +166,11 @@ DWORD HeldFolder::OpenEntry(const ListedEntry& entry, ACCESS_MASK access, ULONG 
         return code;
     }
     opened = std::move(entryHandle);
-    return NT_SUCCESS(status) ? ERROR_SUCCESS : RtlNtStatusToDosError(status);
+    if (NT_SUCCESS(status)) {
+        return ERROR_SUCCESS;
+    }
+    const DWORD refusal = RtlNtStatusToDosError(status);
+    return MeansMissing(refusal) ? DWORD{ERROR_SUCCESS} : refusal;
 }
 
 DWORD HeldFolder::CheckOpened(DWORD listedAttributes) {
@@ -160,7 +188,8 @@ DWORD HeldFolder::CheckOpened(DWORD listedAttributes) {
 }
 
 // Says yes where that cannot be asked. A folder without an entry of its name is known by its
-// identity alone: some file systems open names that they do not list.
+// identity alone: some file systems open names that they do not list. A reparse point that is no
+// link may be listed with an identity of its own.
 DWORD HeldFolder::CheckLiesIn(const std::wstring& folder, const std::wstring& name) {
     HANDLE opened = CreateFileW(folder.c_str(), FILE_LIST_DIRECTORY,
                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
@@ -176,13 +205,15 @@ DWORD HeldFolder::CheckLiesIn(const std::wstring& folder, const std::wstring& na
     bool hasName = false;
     bool hasLink = false;
     bool hasIdentity = false;
+    bool areIdentitiesListed = false;
     ListedEntry entry;
     std::wstring shortName;
     DWORD code = ERROR_SUCCESS;
     while ((code = above.NextListed(entry, &shortName)) == ERROR_SUCCESS) {
         const bool isNamed = AreSameNames(entry.name, name) || AreSameNames(shortName, name);
         const bool isThis =
-            entry.IsFolder() && (entry.fileId == 0 || entry.fileId == identity_.fileId);
+            entry.IsFolder() && (entry.fileId == 0 || entry.fileId == identity_.fileId ||
+                                 (entry.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0);
         if (isNamed && isThis) {
             return ERROR_SUCCESS;
         }
@@ -191,10 +222,11 @@ DWORD HeldFolder::CheckLiesIn(const std::wstring& folder, const std::wstring& na
         }
         hasName = hasName || isNamed;
         hasLink = hasLink || (isNamed && IsLink(entry.attributes, entry.reparseTag));
-        hasIdentity = hasIdentity || (isThis && entry.fileId != 0);
+        hasIdentity = hasIdentity || (entry.IsFolder() && entry.fileId == identity_.fileId);
+        areIdentitiesListed = areIdentitiesListed || entry.fileId != 0;
     }
     isLink_ = hasLink;
-    const bool isElsewhere = !hasLink && (hasName || !hasIdentity);
+    const bool isElsewhere = !hasLink && (hasName || (areIdentitiesListed && !hasIdentity));
     return code == ERROR_NO_MORE_FILES && isElsewhere ? ERROR_DIR_NOT_EMPTY : ERROR_SUCCESS;
 }
 

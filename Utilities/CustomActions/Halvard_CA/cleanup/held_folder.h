@@ -47,7 +47,8 @@ enum class FolderUse { List, ListAndDelete };
 class HeldFolder {
 public:
     /// Opens what a path in the extended-length form leads to, as itself: ERROR_DIRECTORY (267) for
-    /// a file. The folder above is listed, to see that this one lies in it, which takes time with
+    /// a file, ERROR_SHARING_VIOLATION (32) where another process has the folder open for its
+    /// deletion. The folder above is listed, to see that this one lies in it, which takes time with
     /// the number of entries there: ERROR_DIR_NOT_EMPTY (145) when it does not.
     DWORD OpenTop(const std::wstring& systemPath, FolderUse use);
 
@@ -56,6 +57,14 @@ public:
     /// another process has the folder open for its deletion, ERROR_DIR_NOT_EMPTY (145) when it is
     /// not the folder that was listed any more, and as OpenForDeletion.
     DWORD OpenIn(const HeldFolder& parent, const ListedEntry& folder, FolderUse use);
+
+    /// Lets go of a folder that is open for listing alone, and opens it once more for its deletion:
+    /// who used it may have left it by now. As OpenForDeletion, and ERROR_DIR_NOT_EMPTY (145) when
+    /// its name has become that of another folder, or a folder's that of a link.
+    DWORD ReopenForDeletion(const HeldFolder& parent, const ListedEntry& folder);
+
+    /// Whether there is a folder to work with.
+    [[nodiscard]] bool IsOpen() const { return handle_ != nullptr; }
 
     /// Whether the handle can be used for the folder's deletion.
     [[nodiscard]] bool IsOpenForDeletion() const { return isOpenForDeletion_; }
@@ -73,15 +82,13 @@ public:
     [[nodiscard]] DWORD CheckIsNoLink() const;
 
     /// Opens a listed entry for its deletion, as what it was listed: a file as a file, a folder or
-    /// a link to one as a folder. ERROR_ACCESS_DENIED (5) where a file has become a folder,
+    /// a link to one as a folder. ERROR_SUCCESS and nothing opened where it has gone,
+    /// ERROR_ACCESS_DENIED (5) where a file has become a folder,
     /// ERROR_DIRECTORY (267) the other way round, ERROR_INVALID_NAME (123) for a name that is none,
     /// and as CheckIsNoLink.
     DWORD OpenForDeletion(const ListedEntry& entry, OwnedHandle& opened) const;
 
     [[nodiscard]] HANDLE Handle() const { return handle_.get(); }
-
-    /// Lets go of the folder.
-    void Close() { handle_.reset(); }
 
 private:
     // Some sixty entries a call. A tree of a thousand levels holds as many of these.
@@ -96,6 +103,7 @@ private:
     };
 
     static Identity ReadIdentity(HANDLE opened);
+    [[nodiscard]] bool IsListedAs(const ListedEntry& folder, const HeldFolder& parent) const;
     DWORD OpenEntry(const ListedEntry& entry, ACCESS_MASK access, ULONG sharing, ULONG options,
                     OwnedHandle& opened) const;
     DWORD OpenSubfolder(const ListedEntry& folder, ACCESS_MASK deletion, OwnedHandle& opened) const;

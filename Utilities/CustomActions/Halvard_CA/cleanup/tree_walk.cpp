@@ -55,7 +55,7 @@ void TreeWalk::EnterVisitedFolder() {
     Level level;
     level.below = EntryBelow();
     DWORD code = level.folder.OpenIn(levels_.back().folder, entry_, FolderUse::List);
-    if (MeansMissing(code) || (code == ERROR_SUCCESS && level.folder.IsOpenLink())) {
+    if (code == ERROR_SUCCESS && (!level.folder.IsOpen() || level.folder.IsOpenLink())) {
         return;
     }
     if (code == ERROR_SUCCESS) {
