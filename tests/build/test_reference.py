@@ -87,9 +87,19 @@ class Sources:
         return dict(re.findall(pattern, self.code, re.MULTILINE | re.DOTALL))
 
     def in_code(self) -> dict[str, Told]:
-        reader = re.compile(r'GetDataValue(?:OrEmpty)?\(data, L"(\w+=)"\)')
+        definition = r"^\w[^\n;={}#]*?\b(\w+)\([^{};]*\) (?:noexcept )?\{\n(.*?)^\}"
+        keys = {
+            name: set(re.findall(r'\b\w+\(data, L"(\w+=)"\)', body))
+            for name, body in re.findall(definition, self.code, re.MULTILINE | re.DOTALL)
+        }
+        # Of what an export calls, too: some read the same items.
         return {
-            name: Told(data_keys=frozenset(reader.findall(body)))
+            name: Told(
+                data_keys=frozenset().union(
+                    keys.get(name, ()),
+                    *(keys.get(called, ()) for called in re.findall(r"\b(\w+)\(", body)),
+                )
+            )
             for name, body in self.bodies.items()
         }
 
@@ -211,6 +221,7 @@ def test_all_sources_tell_the_same_of_every_export(sources):
          "DeleteServiceIfBinaryIsInDirectory: the lines"),
         ("code", 'GetDataValue(data, L"DirectoryOfBinary=")', 'GetDataValue(data, L"Directory=")',
          "DeleteServiceIfBinaryIsInDirectory: data_keys"),
+        ("code", '(data, L"CommandToLaunch=")', '(data, L"Command=")', "PostInstallUPA: data_keys"),
         ("code", r'L"SOFTWARE\\Qorta"', r'L"SOFTWARE\\Quorta"', r"registry key SOFTWARE\QORTA"),
         ("code", 'L"DISABLEANALYTICS"', 'L"DISABLE"', "property DISABLEANALYTICS"),
     ],

@@ -1,6 +1,6 @@
 #include "agent/agent_install.h"
 
-#include "runtime/handle.h"
+#include "runtime/owned.h"
 #include "runtime/registry.h"
 #include "runtime/session.h"
 #include "tasks/task_templates.h"
@@ -29,8 +29,11 @@
 #include <set>
 #include <stdexcept>
 
+using halvard::AfterInstallUPA;
 using halvard::KillProcessByImage;
 using halvard::OwnedHandle;
+using halvard::PostInstallUPA;
+using halvard::PreInstallUPA;
 using halvard::RegKeyError;
 using halvard_tests::AgentCalls;
 using halvard_tests::AgentMachine;

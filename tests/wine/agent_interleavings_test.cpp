@@ -18,9 +18,9 @@
 //   a locked file                          the file, the service, and the removal's exception
 
 #include "agent/agent_install.h"
-#include "agent/agent_registry.h"
+#include "runtime/registry_values.h"
 
-#include "runtime/handle.h"
+#include "runtime/owned.h"
 #include "runtime/registry.h"
 #include "runtime/session.h"
 
@@ -38,7 +38,10 @@
 #include <filesystem>
 #include <functional>
 
+using halvard::AfterInstallUPA;
 using halvard::OwnedHandle;
+using halvard::PostInstallUPA;
+using halvard::PreInstallUPA;
 using halvard_tests::AgentCalls;
 using halvard_tests::AgentMachine;
 using halvard_tests::ExpectFileSystemError;

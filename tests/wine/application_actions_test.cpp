@@ -1,6 +1,6 @@
 #include "processes/application_actions.h"
 
-#include "runtime/handle.h"
+#include "runtime/owned.h"
 #include "runtime/registry.h"
 #include "runtime/session.h"
 
@@ -27,6 +27,10 @@
 
 using halvard::OwnedHandle;
 using halvard::RegKeyError;
+using halvard::ShutDownDVR;
+using halvard::ShutDownPivotConsole;
+using halvard::TerminateDVRApp;
+using halvard::TerminatePivotApp;
 using halvard_tests::AllocationFailure;
 using halvard_tests::CurrentSessionScope;
 using halvard_tests::EnvironmentVariable;

@@ -17,6 +17,8 @@
 #include <ctime>
 #include <new>
 
+using halvard::CreateBenchMarkRunOnceSchTask;
+using halvard::RemoveBenchMarkRunOnceSchedularTask;
 using halvard_tests::CurrentDirectory;
 using halvard_tests::CurrentDirectoryScope;
 using halvard_tests::EnvironmentVariable;

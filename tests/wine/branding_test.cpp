@@ -20,6 +20,7 @@
 #include <new>
 #include <vector>
 
+using halvard::DeleteandRetainValues;
 using halvard_tests::BytesOf;
 using halvard_tests::CreateFolders;
 using halvard_tests::ExpectFileSystemError;

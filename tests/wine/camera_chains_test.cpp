@@ -17,6 +17,7 @@
 #include <new>
 
 using halvard::CleanCameraTransformChains;
+using halvard::DeleteOptiqCameraGUID;
 using halvard_tests::KeyExists;
 using halvard_tests::OpenHandleCount;
 using halvard_tests::RegistryCalls;

@@ -16,6 +16,7 @@
 #include <iterator>
 #include <stdexcept>
 
+using halvard::CheckForClients;
 using halvard::SetClientStatus;
 using halvard_tests::KeyExists;
 using halvard_tests::OpenHandleCount;

@@ -14,8 +14,13 @@
 
 #include <gtest/gtest.h>
 
+using halvard::DeleteAnalyticsKey;
+using halvard::DeleteQortaKey;
+using halvard::DisabelAnalyticsKey;
+using halvard::EnableAnalyticsKey;
 using halvard::MarkTeloInstalled;
 using halvard::RegKeyError;
+using halvard::TrackDVRAnalytics;
 using halvard_tests::CurrentSessionScope;
 using halvard_tests::KeyExists;
 using halvard_tests::OpenHandleCount;

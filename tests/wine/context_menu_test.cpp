@@ -15,6 +15,7 @@
 #include <functional>
 #include <vector>
 
+using halvard::InstallContextMenuMSIX;
 using halvard_tests::EnvironmentVariable;
 using halvard_tests::RecorderAt;
 using halvard_tests::Recording;

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+using halvard::SetDCLogFileRegistry;
 using halvard_tests::BytesOf;
 using halvard_tests::EnvironmentVariable;
 using halvard_tests::IsThere;

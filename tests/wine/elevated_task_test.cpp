@@ -13,6 +13,7 @@
 
 #include <stdexcept>
 
+using halvard::CreateTriggerlessElevatedScheduleTask;
 using halvard::ElevatedTaskXml;
 using halvard_tests::CurrentSessionScope;
 using halvard_tests::StandInSession;

@@ -160,8 +160,8 @@ TEST(QueryKind, FourCodesMeanMissingAndOthersThrow) {
     }
     for (const DWORD code : {5U, 32U, 206U}) {
         FAIL_CALL(opening, CreateFileW, 0, INVALID_HANDLE_VALUE, code);
-        ExpectFileSystemError([] { halvard::Exists(L"T:\\folder"); }, "exists", L"T:\\folder",
-                              static_cast<int>(code));
+        ExpectFileSystemError([] { halvard::ExistsOrThrow(L"T:\\folder"); }, "exists",
+                              L"T:\\folder", static_cast<int>(code));
         ExpectFileSystemError([] { halvard::IsDirectory(L"T:\\folder"); }, "status", L"T:\\folder",
                               static_cast<int>(code));
     }

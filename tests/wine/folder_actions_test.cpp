@@ -25,6 +25,11 @@
 #include <stdexcept>
 #include <typeinfo>
 
+using halvard::DeleteDMFTDirectory;
+using halvard::DeletePVFolder;
+using halvard::DeletePVINSTALLDIRFolder;
+using halvard::DeletePVSlimINSTALLDIRFolder;
+using halvard::DeleteXVRFolder;
 using halvard::RegKeyError;
 using halvard_tests::AllocationFailure;
 using halvard_tests::CreateFolders;

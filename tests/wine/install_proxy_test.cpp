@@ -30,6 +30,8 @@
 #include <string>
 #include <vector>
 
+using halvard::DelInstallProxyKey;
+using halvard::LaunchInstallProxyPV;
 using halvard::RegKeyError;
 using halvard_tests::ProcessStart;
 using halvard_tests::ProcessStarts;

@@ -13,6 +13,8 @@
 #include <new>
 #include <optional>
 
+using halvard::BlockLaunch;
+using halvard::LaunchedFromMIM;
 using halvard_tests::CurrentSessionScope;
 using halvard_tests::RecordCalls;
 using halvard_tests::StandInSession;

@@ -18,7 +18,13 @@
 #include <algorithm>
 #include <functional>
 
+using halvard::CreateDVRLogonSchTask;
+using halvard::CreateLogonSchTask;
+using halvard::DeleteSchedTaskonBranding;
+using halvard::LaunchPV;
 using halvard::RegKeyError;
+using halvard::RemoveDVRSchedularTask;
+using halvard::RemovePVSchedularTask;
 using halvard_tests::CurrentDirectory;
 using halvard_tests::EnvironmentVariable;
 using halvard_tests::ExpectRegKeyError;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "runtime/handle.h"
+#include "runtime/owned.h"
 
 #include "import_hook.h"
 
@@ -41,7 +41,7 @@ public:
     void WaitUntilAllHaveEnded() const {
         for (const DWORD id : ids_) {
             const halvard::OwnedHandle process(OpenProcess(SYNCHRONIZE, FALSE, id));
-            if (process != nullptr) {
+            if (process) {
                 WaitForSingleObject(process.get(), INFINITE);
             }
         }

@@ -232,9 +232,9 @@ TEST(OpenRegistryKey, OpensBelowTheLocalMachineForReadingAndWriting) {
              EXPECT_EQ(access, 0x2001FU);
              return opening.Original(root, subkey, options, access, opened);
          });
-    const halvard::KeyHolder opened = halvard::OpenRegistryKey(key.Path());
+    const halvard::OwnedKey opened = halvard::OpenRegistryKey(key.Path());
     EXPECT_EQ(opening.Calls(), 1);
-    ASSERT_NE(opened, nullptr);
+    ASSERT_TRUE(opened);
     EXPECT_EQ(
         RegSetValueExW(opened.get(), L"Written", 0, REG_SZ, reinterpret_cast<const BYTE*>(L"x"), 4),
         ERROR_SUCCESS);
@@ -294,11 +294,11 @@ TEST(ReadRequiredString, ThrowsWithoutTheKeyOrTheValueAndLeavesNothingOpen) {
 TEST(CloseRegistryKey, ClosesTheKeyOnceAndLeavesTheHolderNull) {
     const ScratchKey key;
     const int before = halvard_tests::OpenHandleCount();
-    halvard::KeyHolder opened = halvard::OpenRegistryKey(key.Path());
+    halvard::OwnedKey opened = halvard::OpenRegistryKey(key.Path());
     EXPECT_EQ(halvard_tests::OpenHandleCount(), before + 1);
     COUNT_CALLS(closing, RegCloseKey);
     halvard::CloseRegistryKey(opened);
-    EXPECT_EQ(opened, nullptr);
+    EXPECT_EQ(opened.get(), nullptr);
     EXPECT_EQ(closing.Calls(), 1);
     EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
 

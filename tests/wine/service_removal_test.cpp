@@ -22,6 +22,7 @@
 #include <stdexcept>
 #include <system_error>
 
+using halvard::DeleteServiceIfBinaryIsInDirectory;
 using halvard::RemoveServiceInDirectory;
 using halvard_tests::AllocationFailure;
 using halvard_tests::CurrentSessionScope;

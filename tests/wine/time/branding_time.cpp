@@ -11,6 +11,7 @@
 
 #include <vector>
 
+using halvard::DeleteandRetainValues;
 using halvard_tests::Duration;
 using halvard_tests::EnumerateValuesBare;
 using halvard_tests::ExpectLinear;

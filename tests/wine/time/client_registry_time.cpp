@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <string>
 
+using halvard::CheckForClients;
 using halvard_tests::Duration;
 using halvard_tests::Growth;
 using halvard_tests::Numbered;

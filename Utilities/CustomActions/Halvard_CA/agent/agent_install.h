@@ -12,8 +12,6 @@ namespace halvard {
 /// fit kLaunchCommandLimit is not run. Throws std::bad_alloc only.
 bool KillProcessByImage(const std::wstring& imageName);
 
-} // namespace halvard
-
 extern "C" {
 
 /// Clears away a running agent, and older ones, before the files of a new one are copied: ends
@@ -67,3 +65,5 @@ UINT __stdcall PostInstallUPA(MSIHANDLE session);
 UINT __stdcall AfterInstallUPA(MSIHANDLE session);
 
 } // extern "C"
+
+} // namespace halvard

@@ -2,7 +2,7 @@
 
 #include "agent/service_wait.h"
 #include "runtime/registry.h"
-#include "runtime/service_handle.h"
+#include "runtime/service_manager.h"
 
 #include <cstdio>
 #include <utility>
@@ -12,22 +12,21 @@ namespace halvard {
 namespace {
 
 constexpr DWORD kStopLimitMilliseconds = 30000;
-constexpr DWORD kInstallDirBytes = 260;
 constexpr std::size_t kBinaryPathCapacity = 1024;
 
 struct OpenedService {
-    OwnedServiceHandle manager;
+    OwnedService manager;
     // Null when either cannot be opened.
-    OwnedServiceHandle service;
+    OwnedService service;
 };
 
 OpenedService Open(const wchar_t* serviceName, DWORD access) noexcept {
-    OwnedServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+    OwnedService manager = OpenServiceManager(nullptr);
     if (!manager) {
         OutputDebugStringW(L"Error: Failed to open SCM.\n");
         return {};
     }
-    OwnedServiceHandle service(OpenServiceW(manager.get(), serviceName, access));
+    OwnedService service(OpenServiceW(manager.get(), serviceName, access));
     return {std::move(manager), std::move(service)};
 }
 
@@ -144,26 +143,17 @@ bool Start(SC_HANDLE service) noexcept {
     return true;
 }
 
-struct InstallDir {
-    // One character more than the registry may write ends every value, with a terminator or not.
-    wchar_t text[kInstallDirBytes / sizeof(wchar_t) + 1] = {};
-};
+using InstallDir = BoundedText<260>;
 
 // Empty when it cannot be read.
 InstallDir ReadInstallManagerDir() noexcept {
-    HKEY opened = nullptr;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE,
-                      L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\"
-                      L"Zenvo Meridian Install Manager",
-                      0, KEY_READ | KEY_WOW64_64KEY, &opened) != ERROR_SUCCESS) {
-        return {};
-    }
-    const KeyHolder key(opened);
+    const OwnedKey key = OpenKey(HKEY_LOCAL_MACHINE,
+                                 L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\"
+                                 L"Zenvo Meridian Install Manager",
+                                 KEY_READ | KEY_WOW64_64KEY);
     InstallDir directory;
-    DWORD size = kInstallDirBytes;
-    if (RegQueryValueExW(key.get(), L"InstallDir", nullptr, nullptr,
-                         reinterpret_cast<BYTE*>(directory.text), &size) != ERROR_SUCCESS) {
-        return {};
+    if (key) {
+        ReadBoundedText(key.get(), L"InstallDir", directory);
     }
     return directory;
 }
@@ -200,16 +190,16 @@ bool StartAgentService() noexcept {
 void CreateAgentService() noexcept {
     const InstallDir directory = ReadInstallManagerDir();
     wchar_t binaryPath[kBinaryPathCapacity] = {};
-    wsprintfW(binaryPath, L"\"%s\\..\\Usage Profile Agent\\TeloDU.exe\"", directory.text);
+    wsprintfW(binaryPath, L"\"%s\\..\\Usage Profile Agent\\TeloDU.exe\"", directory.characters);
 
-    // Never closed: the process that hosts the action is gone soon after it.
-    SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
+    // Never closed.
+    SC_HANDLE manager = OpenServiceManager(nullptr).release();
     if (manager == nullptr) {
         static_cast<void>(std::fputws(L"Error: Failed to open SCM.\n", stdout));
         static_cast<void>(std::fflush(stdout));
         return;
     }
-    const OwnedServiceHandle service(CreateServiceW(
+    const OwnedService service(CreateServiceW(
         manager, kAgentService, L"Zenvo User Experience Program Data Uploader", SERVICE_ALL_ACCESS,
         SERVICE_WIN32_OWN_PROCESS | SERVICE_INTERACTIVE_PROCESS, SERVICE_AUTO_START,
         SERVICE_ERROR_NORMAL, binaryPath, nullptr, nullptr, nullptr, nullptr, nullptr));

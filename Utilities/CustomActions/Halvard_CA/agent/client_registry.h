@@ -19,8 +19,6 @@ ClientList ReadClients(const std::vector<std::wstring>& paths, const std::wstrin
 /// REG_DWORD value of the client's name and "_TeloStatus". A failure is not reported.
 void SetClientStatus(const std::wstring& clientName, DWORD status);
 
-} // namespace halvard
-
 extern "C" {
 
 /// Records that a product of the suite (a client) is installed or removed, and decides whether the
@@ -55,3 +53,5 @@ extern "C" {
 UINT __stdcall CheckForClients(MSIHANDLE session);
 
 } // extern "C"
+
+} // namespace halvard

@@ -33,8 +33,7 @@ PACL WithFullAccess(PACL list, PSID group) noexcept {
 } // namespace
 
 void GrantUsersFullAccess(const std::wstring& folder) noexcept {
-    // Never closed, and neither group nor new list are freed: the process that hosts the action is
-    // gone soon after it.
+    // Never closed, and neither group nor new list are freed.
     void* const opened = CreateFileW(folder.c_str(), READ_CONTROL | WRITE_DAC, 0, nullptr,
                                      OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
     if (opened == INVALID_HANDLE_VALUE) {

@@ -11,7 +11,7 @@ namespace {
 
 constexpr wchar_t kValue[] = L"PendingFileRenameOperations";
 
-KeyHolder OpenSessionManager() {
+OwnedKey OpenSessionManager() {
     return OpenRequiredKey(HKEY_LOCAL_MACHINE,
                            L"SYSTEM\\CurrentControlSet\\Control\\Session Manager", KEY_READ);
 }
@@ -19,7 +19,7 @@ KeyHolder OpenSessionManager() {
 // Nothing when there is nothing to read: most restarts have no renames to carry out.
 std::optional<std::list<std::wstring>> ReadRenames() {
     try {
-        const KeyHolder key = OpenSessionManager();
+        const OwnedKey key = OpenSessionManager();
         return ReadMultiString(key.get(), kValue);
     } catch (const RegKeyError&) {
         return std::nullopt;
@@ -39,7 +39,7 @@ void CleanPendingRenames() {
     }
     // Not guarded, and a key opened for reading: packages ignore what the refused write makes of
     // the action, and a write that went through would change the next restart of their machines.
-    const KeyHolder key = OpenSessionManager();
+    const OwnedKey key = OpenSessionManager();
     WriteMultiString(key.get(), kValue, kept);
 }
 

@@ -61,7 +61,7 @@ DWORD RemoveEntry(const HeldFolder& folder, const ListedEntry& entry, Deletion& 
                   std::uintmax_t& count) {
     OwnedHandle opened;
     const DWORD code = folder.OpenForDeletion(entry, opened);
-    return opened == nullptr ? code : deletion.Delete(opened.get(), count);
+    return opened ? deletion.Delete(opened.get(), count) : code;
 }
 
 /// Removes a tree and counts what it removes. The folders from the top down to the one that is
@@ -198,7 +198,7 @@ void RemoveDirectoryTree(const std::wstring& path) {
 
 void RemoveDirectoryTree(const std::wstring& path,
                          std::uintmax_t (*removeAll)(const std::wstring& path, DWORD& code)) {
-    if (!Exists(path) || !IsDirectory(path)) {
+    if (!ExistsOrThrow(path) || !IsDirectory(path)) {
         return;
     }
     DWORD code = ERROR_SUCCESS;

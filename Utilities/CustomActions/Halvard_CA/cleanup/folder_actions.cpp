@@ -4,6 +4,7 @@
 #include "runtime/custom_action_data.h"
 #include "runtime/file_paths.h"
 #include "runtime/file_status.h"
+#include "runtime/framework.h"
 #include "runtime/launch.h"
 #include "runtime/pivot.h"
 #include "runtime/registry.h"
@@ -12,6 +13,8 @@
 #include <shlwapi.h>
 
 #include <string>
+
+namespace halvard {
 
 namespace {
 
@@ -25,16 +28,11 @@ struct Location {
 
 // The key is closed on return: it is not held while its folder goes.
 Location ReadLocation(const std::wstring& subkey, REGSAM access, bool throwOnError) {
-    const halvard::KeyHolder key =
-        halvard::OpenRequiredKey(HKEY_LOCAL_MACHINE, subkey.c_str(), access);
+    const OwnedKey key = OpenRequiredKey(HKEY_LOCAL_MACHINE, subkey.c_str(), access);
     Location location;
-    location.folder = halvard::ReadRegistryString(key.get(), L"", L"Location", throwOnError);
+    location.folder = ReadRegistryString(key.get(), L"", L"Location", throwOnError);
     location.keyNumber = static_cast<UINT>(reinterpret_cast<ULONG_PTR>(key.get()));
     return location;
-}
-
-Location ReadPivotLocation() {
-    return ReadLocation(halvard::kPivotInstallKey, KEY_READ | KEY_WRITE, true);
 }
 
 struct InstallDir {
@@ -43,33 +41,26 @@ struct InstallDir {
 };
 
 InstallDir ReadRecorderInstallDir() {
-    // Never closed: the process that hosts the action is gone soon after it.
-    HKEY key = nullptr;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Qorta Technologies\\Install\\XVR64", 0,
-                      KEY_READ, &key) != ERROR_SUCCESS) {
-        return {};
-    }
-    // One character more than the registry may write ends every value, with a terminator or not.
-    wchar_t text[MAX_PATH + 1] = {};
-    DWORD size = MAX_PATH * sizeof(wchar_t);
+    // Never closed.
+    HKEY key =
+        OpenKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Qorta Technologies\\Install\\XVR64", KEY_READ)
+            .release();
+    BoundedText<MAX_PATH * sizeof(wchar_t)> text;
     DWORD type = REG_NONE;
-    if (RegQueryValueExW(key, L"InstallDir", nullptr, &type, reinterpret_cast<BYTE*>(text),
-                         &size) != ERROR_SUCCESS) {
+    if (key == nullptr || !ReadBoundedText(key, L"InstallDir", text, &type)) {
         return {};
     }
-    return {text, type};
+    return {text.characters, type};
 }
 
 void RemoveSingleFolder(const std::wstring& path) {
-    const DWORD code = halvard::RemoveFolder(halvard::SystemPath(path));
-    if (code != ERROR_SUCCESS && !halvard::MeansMissing(code)) {
-        halvard::ThrowFileSystemError("remove", path, code);
+    const DWORD code = RemoveFolder(SystemPath(path));
+    if (code != ERROR_SUCCESS && !MeansMissing(code)) {
+        ThrowFileSystemError("remove", path, code);
     }
 }
 
 } // namespace
-
-namespace halvard {
 
 void ExitPivotCommandProcessor() {
     // With a backslash at its end, which the registry takes for the same key.
@@ -79,14 +70,12 @@ void ExitPivotCommandProcessor() {
                         kExitLimitMilliseconds);
 }
 
-} // namespace halvard
-
 UINT __stdcall DeletePVFolder(MSIHANDLE session) {
-    halvard::SetCurrentSession(session);
-    halvard::ExitPivotCommandProcessor();
-    const Location pivot = ReadPivotLocation();
-    if (halvard::Exists(pivot.folder)) {
-        halvard::RemoveDirectoryTree(pivot.folder);
+    SetCurrentSession(session);
+    ExitPivotCommandProcessor();
+    const Location pivot = ReadLocation(kPivotInstallKey, KEY_READ | KEY_WRITE, true);
+    if (ExistsOrThrow(pivot.folder)) {
+        RemoveDirectoryTree(pivot.folder);
         return ERROR_SUCCESS;
     }
     // Packages tell a missing folder by a result other than 0; which number does not matter.
@@ -94,38 +83,37 @@ UINT __stdcall DeletePVFolder(MSIHANDLE session) {
 }
 
 UINT __stdcall DeletePVINSTALLDIRFolder(MSIHANDLE session) {
-    halvard::SetCurrentSession(session);
-    halvard::ShellExecuteAndWait(
+    SetCurrentSession(session);
+    ShellExecuteAndWait(
         L"%SYSTEMROOT%\\System32\\WindowsPowerShell\\v1.0\\powershell.exe",
         L"Get-AppxPackage ZenvoCorporationInc-VSXCM* | Remove-AppxPackage -AllUsers", INFINITE);
-    halvard::RemoveDirectoryTree(ReadPivotLocation().folder);
+    RemoveDirectoryTree(ReadPivotLocation());
     return ERROR_SUCCESS;
 }
 
 UINT __stdcall DeletePVSlimINSTALLDIRFolder(MSIHANDLE session) {
-    halvard::SetCurrentSession(session);
-    const Location slim = ReadLocation(L"SOFTWARE\\Qorta\\Sable\\Packages\\Core-Static",
-                                       KEY_ALL_ACCESS | KEY_WOW64_32KEY, false);
-    halvard::RemoveDirectoryTree(slim.folder);
+    SetCurrentSession(session);
+    const Location slim = ReadLocation(kFrameworkKey, KEY_ALL_ACCESS | KEY_WOW64_32KEY, false);
+    RemoveDirectoryTree(slim.folder);
     return ERROR_SUCCESS;
 }
 
 UINT __stdcall DeleteDMFTDirectory(MSIHANDLE session) {
-    const std::wstring data = halvard::ReadCustomActionData(session);
-    halvard::RemoveDirectoryTree(halvard::GetDataValueOrEmpty(data, L"InstallDir="));
+    const std::wstring data = ReadCustomActionData(session);
+    RemoveDirectoryTree(GetDataValueOrEmpty(data, L"InstallDir="));
     return ERROR_SUCCESS;
 }
 
 UINT __stdcall DeleteXVRFolder(MSIHANDLE session) {
-    halvard::SetCurrentSession(session);
-    halvard::ExitPivotCommandProcessor();
+    SetCurrentSession(session);
+    ExitPivotCommandProcessor();
 
     const InstallDir installDir = ReadRecorderInstallDir();
     std::wstring path = installDir.text + L"XVR";
     if (PathFileExistsW(path.c_str()) == FALSE) {
         return installDir.type;
     }
-    halvard::RemoveDirectoryTree(path);
+    RemoveDirectoryTree(path);
 
     // Throws std::out_of_range when there is no backslash.
     path.erase(path.rfind(L'\\'));
@@ -134,3 +122,5 @@ UINT __stdcall DeleteXVRFolder(MSIHANDLE session) {
     }
     return ERROR_SUCCESS;
 }
+
+} // namespace halvard

@@ -16,8 +16,6 @@ namespace halvard {
 /// the tool cannot be started or asked.
 void ExitPivotCommandProcessor();
 
-} // namespace halvard
-
 extern "C" {
 
 /// Removes the folder of the settings application, after its command tool was asked to exit.
@@ -77,3 +75,5 @@ UINT __stdcall DeleteDMFTDirectory(MSIHANDLE session);
 UINT __stdcall DeleteXVRFolder(MSIHANDLE session);
 
 } // extern "C"
+
+} // namespace halvard

@@ -57,14 +57,13 @@ bool IsLink(DWORD attributes, DWORD reparseTag) {
 DWORD HeldFolder::OpenTop(const std::wstring& systemPath, FolderUse use) {
     isOpenForDeletion_ = use == FolderUse::ListAndDelete;
     const DWORD deletion = isOpenForDeletion_ ? DELETE : 0;
-    HANDLE opened =
-        CreateFileW(systemPath.c_str(), FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | deletion,
-                    FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                    FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
-    if (opened == INVALID_HANDLE_VALUE) {
+    handle_.reset(CreateFileW(systemPath.c_str(),
+                              FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | deletion,
+                              FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                              FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    if (!handle_) {
         return GetLastError();
     }
-    handle_.reset(opened);
     const DWORD code = CheckOpened(FILE_ATTRIBUTE_DIRECTORY);
     const std::size_t nameEnd = systemPath.find_last_not_of(L'\\') + 1;
     const std::size_t nameStart = systemPath.rfind(L'\\', nameEnd - 1) + 1;
@@ -191,15 +190,11 @@ DWORD HeldFolder::CheckOpened(DWORD listedAttributes) {
 // identity alone: some file systems open names that they do not list. A reparse point that is no
 // link may be listed with an identity of its own.
 DWORD HeldFolder::CheckLiesIn(const std::wstring& folder, const std::wstring& name) {
-    HANDLE opened = CreateFileW(folder.c_str(), FILE_LIST_DIRECTORY,
-                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-    if (opened == INVALID_HANDLE_VALUE) {
-        return ERROR_SUCCESS;
-    }
     HeldFolder above;
-    above.handle_.reset(opened);
-    if (identity_.fileId == 0 || above.BeginListing() != ERROR_SUCCESS) {
+    above.handle_.reset(CreateFileW(folder.c_str(), FILE_LIST_DIRECTORY,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                    OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    if (!above.handle_ || identity_.fileId == 0 || above.BeginListing() != ERROR_SUCCESS) {
         return ERROR_SUCCESS;
     }
     bool hasName = false;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "runtime/handle.h"
+#include "runtime/owned.h"
 
 #include <windows.h>
 
@@ -64,7 +64,7 @@ public:
     DWORD ReopenForDeletion(const HeldFolder& parent, const ListedEntry& folder);
 
     /// Whether there is a folder to work with.
-    [[nodiscard]] bool IsOpen() const { return handle_ != nullptr; }
+    [[nodiscard]] bool IsOpen() const { return static_cast<bool>(handle_); }
 
     /// Whether the handle can be used for the folder's deletion.
     [[nodiscard]] bool IsOpenForDeletion() const { return isOpenForDeletion_; }

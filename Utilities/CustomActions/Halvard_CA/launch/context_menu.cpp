@@ -13,12 +13,12 @@ DWORD AddContextMenuPackage(const std::wstring& packagePath) {
     return RunCmdCommand(AddPackageCommand(packagePath), nullptr);
 }
 
-} // namespace halvard
-
 UINT __stdcall InstallContextMenuMSIX(MSIHANDLE /*session*/) {
-    const std::wstring folder = halvard::ContextMenuFolder(halvard::GetSystemDriveRoot());
-    const DWORD imported = halvard::ImportPackageCertificate(folder + L"MyKey.cer");
+    const std::wstring folder = ContextMenuFolder(GetSystemDriveRoot());
+    const DWORD imported = ImportPackageCertificate(folder + L"MyKey.cer");
     // The certificate may be trusted already, so the package is tried in any case.
-    const DWORD added = halvard::AddContextMenuPackage(folder + L"PhotoStoreDemoPkg.msix");
+    const DWORD added = AddContextMenuPackage(folder + L"PhotoStoreDemoPkg.msix");
     return imported == 0 && added == 0 ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
 }
+
+} // namespace halvard

@@ -15,8 +15,6 @@ DWORD ImportPackageCertificate(const std::wstring& certificatePath);
 /// Lets PowerShell add a package, and waits. Results and exceptions as ImportPackageCertificate.
 DWORD AddContextMenuPackage(const std::wstring& packagePath);
 
-} // namespace halvard
-
 extern "C" {
 
 /// Installs the packaged context-menu extension: trusts its certificate, then adds the package.
@@ -30,3 +28,5 @@ extern "C" {
 UINT __stdcall InstallContextMenuMSIX(MSIHANDLE session);
 
 } // extern "C"
+
+} // namespace halvard

@@ -2,6 +2,7 @@
 
 #include "launch/install_proxy_command.h"
 #include "runtime/file_status.h"
+#include "runtime/framework.h"
 #include "runtime/launch.h"
 #include "runtime/registry.h"
 #include "runtime/session.h"
@@ -11,6 +12,8 @@
 #include <cstdlib>
 #include <optional>
 #include <string>
+
+namespace halvard {
 
 namespace {
 
@@ -23,7 +26,7 @@ Function LookUp(const char* module, const char* name) noexcept {
 }
 
 // When the library is loaded: the answer is the same for all its actions.
-const auto kIsWow64Process = LookUp<halvard::IsWow64ProcessFunction>("kernel32", "IsWow64Process");
+const auto kIsWow64Process = LookUp<IsWow64ProcessFunction>("kernel32", "IsWow64Process");
 
 // All processors are treated alike, so the answers go nowhere. The questions are asked all the
 // same: they are part of what the action is known to call.
@@ -44,20 +47,20 @@ void LookUpProcessor() {
 }
 
 std::wstring FrameworkLocation() {
-    const halvard::KeyHolder key =
-        halvard::OpenRegistryKey(halvard::RunsUnderWow64(kIsWow64Process)
-                                     ? L"SOFTWARE\\Wow6432Node\\Qorta\\Sable\\Packages\\Core-Static"
-                                     : L"SOFTWARE\\Qorta\\Sable\\Packages\\Core-Static");
-    return halvard::ReadRegistryString(key.get(), L"", L"Location", true);
+    const OwnedKey key =
+        OpenRegistryKey(RunsUnderWow64(kIsWow64Process)
+                            ? L"SOFTWARE\\Wow6432Node\\Qorta\\Sable\\Packages\\Core-Static"
+                            : kFrameworkKey);
+    return ReadRegistryString(key.get(), L"", L"Location", true);
 }
 
 std::wstring InstallDirectory() {
     // One more than the engine is told of: the text ends whatever it writes.
     wchar_t directory[kInstallDirectoryCapacity + 1] = {};
     DWORD length = kInstallDirectoryCapacity;
-    if (MsiGetPropertyW(halvard::CurrentSession(), L"CustomActionData", directory, &length) !=
+    if (MsiGetPropertyW(CurrentSession(), L"CustomActionData", directory, &length) !=
         ERROR_SUCCESS) {
-        halvard::LogMessage(halvard::CurrentSession(), L"QUENBY_CA Could not get INSTALLDIR  \n");
+        LogMessage(CurrentSession(), L"QUENBY_CA Could not get INSTALLDIR  \n");
     }
     return directory;
 }
@@ -73,29 +76,24 @@ std::wstring InstallDirectory() {
 
 } // namespace
 
-namespace halvard {
-
 bool RunsUnderWow64(IsWow64ProcessFunction function) {
     BOOL wow64 = FALSE;
     return function != nullptr && function(GetCurrentProcess(), &wow64) != FALSE && wow64 != FALSE;
 }
 
-} // namespace halvard
-
 UINT __stdcall LaunchInstallProxyPV(MSIHANDLE session) {
-    halvard::SetCurrentSession(session);
+    SetCurrentSession(session);
     LookUpProcessor();
     const std::wstring location = FrameworkLocation();
-    if (!halvard::Exists(location)) {
+    if (!ExistsOrThrow(location)) {
         return 0;
     }
 
-    const std::wstring toolPath = halvard::FrameworkToolPath(location);
+    const std::wstring toolPath = FrameworkToolPath(location);
     // Nothing is deleted: the line has always read like this.
-    halvard::LogMessage(halvard::CurrentSession(), L"QUENBY_CA DeleteFolder: %s \n",
-                        toolPath.c_str());
+    LogMessage(CurrentSession(), L"QUENBY_CA DeleteFolder: %s \n", toolPath.c_str());
     const std::optional<std::wstring> command =
-        halvard::InstallProxyCommand(toolPath, halvard::InstallProxyPath(InstallDirectory()));
+        InstallProxyCommand(toolPath, InstallProxyPath(InstallDirectory()));
     if (!command) {
         FailFast();
     }
@@ -103,18 +101,19 @@ UINT __stdcall LaunchInstallProxyPV(MSIHANDLE session) {
     // The directory to start in is the command line too, on purpose. Windows refuses it, and the
     // tool does not start.
     std::wstring commandLine = *command;
-    return halvard::RunCommandLine(commandLine.data(), *command, true) ? 1 : 0;
+    return RunCommandLine(commandLine.data(), *command, true) ? 1 : 0;
 }
 
 UINT __stdcall DelInstallProxyKey(MSIHANDLE session) {
-    halvard::SetCurrentSession(session);
-    halvard::LogMessage(halvard::CurrentSession(), L"QUENBY_CA: DelInstallProxyKey  \n");
+    SetCurrentSession(session);
+    LogMessage(CurrentSession(), L"QUENBY_CA: DelInstallProxyKey  \n");
     if (RegDeleteKeyW(HKEY_LOCAL_MACHINE,
                       L"SOFTWARE\\Wow6432Node\\Qorta\\Sable\\Settings\\Kiln\\Install") !=
         ERROR_SUCCESS) {
         return 0;
     }
-    halvard::LogMessage(halvard::CurrentSession(),
-                        L"QUENBY_CA: DelInstallProxyKey successfully  \n");
+    LogMessage(CurrentSession(), L"QUENBY_CA: DelInstallProxyKey successfully  \n");
     return 1;
 }
+
+} // namespace halvard

@@ -11,8 +11,6 @@ using IsWow64ProcessFunction = BOOL(WINAPI*)(HANDLE process, BOOL* wow64);
 /// Windows has no such function (null) or the function fails.
 bool RunsUnderWow64(IsWow64ProcessFunction function);
 
-} // namespace halvard
-
 extern "C" {
 
 /// Finds the application framework's command-line tool and has it install the proxy from the
@@ -40,3 +38,5 @@ UINT __stdcall LaunchInstallProxyPV(MSIHANDLE session);
 UINT __stdcall DelInstallProxyKey(MSIHANDLE session);
 
 } // extern "C"
+
+} // namespace halvard

@@ -17,7 +17,7 @@ std::wstring InstallProxyPath(const std::wstring& installDirectory) {
 
 std::optional<std::wstring> InstallProxyCommand(const std::wstring& toolPath,
                                                 const std::wstring& proxyPath) {
-    return CommandWithin(L"\"" + toolPath + L"\" Install " + proxyPath, kLaunchCommandLimit);
+    return CommandIfItFits(L"\"" + toolPath + L"\" Install " + proxyPath, kLaunchCommandLimit);
 }
 
 } // namespace halvard

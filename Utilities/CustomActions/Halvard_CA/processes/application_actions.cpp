@@ -8,9 +8,10 @@
 #include "runtime/registry.h"
 
 #include <shlobj.h>
-#include <shlwapi.h>
 
 #include <array>
+
+namespace halvard {
 
 namespace {
 
@@ -21,14 +22,9 @@ struct CommandTool {
     bool (*exists)(const std::wstring& path);
 };
 
-bool IsSeenByShell(const std::wstring& path) {
-    return PathFileExistsW(path.c_str()) != FALSE;
-}
-
-constexpr CommandTool kPivotTool = {halvard::kPivotInstallKey, halvard::kPivotProgram,
-                                    halvard::Exists};
+constexpr CommandTool kPivotTool = {kPivotInstallKey, kPivotProgram, ExistsOrThrow};
 constexpr CommandTool kRecorderTool = {L"SOFTWARE\\Qorta Technologies\\Install\\Zenvo DVR",
-                                       L"VSServCmd.exe", IsSeenByShell};
+                                       L"VSServCmd.exe", ExistsForShell};
 
 enum class WorkingDirectory { SystemFolder, CommandText };
 
@@ -48,34 +44,34 @@ constexpr Termination kRecorderTermination = {
 
 UINT ShutDown(const CommandTool& tool) {
     const std::wstring location =
-        halvard::ReadRequiredString(HKEY_LOCAL_MACHINE, tool.installKey, KEY_READ, L"Location");
-    if (!halvard::Exists(location)) {
+        ReadRequiredString(HKEY_LOCAL_MACHINE, tool.installKey, KEY_READ, L"Location");
+    if (!ExistsOrThrow(location)) {
         return ERROR_SUCCESS;
     }
-    const std::wstring program = halvard::FileInFolder(location, tool.program);
+    const std::wstring program = FileInFolder(location, tool.program);
     if (!tool.exists(program)) {
         return ERROR_INSTALL_FAILURE;
     }
-    if (auto command = halvard::ExitCommand(program)) {
-        halvard::RunCommandLine(command->data(), location, false);
+    if (auto command = ExitCommand(program)) {
+        RunCommandLine(command->data(), location, false);
     }
     return ERROR_SUCCESS;
 }
 
 bool RunTaskKill(const Termination& termination, const wchar_t* image,
                  const std::wstring& systemFolder) {
-    auto command = halvard::TaskKillCommand(systemFolder, image, termination.commandEnd);
+    auto command = TaskKillCommand(systemFolder, image, termination.commandEnd);
     if (!command) {
         return false;
     }
     const std::wstring directory =
         termination.directory == WorkingDirectory::CommandText ? *command : systemFolder;
-    return halvard::RunCommandLine(command->data(), directory, true);
+    return RunCommandLine(command->data(), directory, true);
 }
 
 UINT Terminate(const Termination& termination) {
     // A folder that Windows does not tell is empty, and the start decides.
-    const std::wstring systemFolder = halvard::ShellFolderOrEmpty(CSIDL_SYSTEM);
+    const std::wstring systemFolder = ShellFolderOrEmpty(CSIDL_SYSTEM);
 
     for (const wchar_t* const image : termination.images) {
         if (image != nullptr && RunTaskKill(termination, image, systemFolder)) {
@@ -102,3 +98,5 @@ UINT __stdcall TerminatePivotApp(MSIHANDLE /*session*/) {
 UINT __stdcall TerminateDVRApp(MSIHANDLE /*session*/) {
     return Terminate(kRecorderTermination);
 }
+
+} // namespace halvard

@@ -3,6 +3,8 @@
 #include <windows.h>
 #include <msi.h>
 
+namespace halvard {
+
 extern "C" {
 
 /// Asks the settings application to quit: starts "pvcmd.exe exit" in the installation folder and
@@ -48,3 +50,5 @@ UINT __stdcall TerminatePivotApp(MSIHANDLE session);
 UINT __stdcall TerminateDVRApp(MSIHANDLE session);
 
 } // extern "C"
+
+} // namespace halvard

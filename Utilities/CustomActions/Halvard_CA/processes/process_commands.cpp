@@ -6,15 +6,15 @@
 namespace halvard {
 
 std::optional<std::wstring> ExitCommand(const std::wstring& programPath) {
-    return CommandWithin(L"\"" + programPath + L"\" exit", kLaunchCommandLimit);
+    return CommandIfItFits(L"\"" + programPath + L"\" exit", kLaunchCommandLimit);
 }
 
 std::optional<std::wstring> TaskKillCommand(const std::wstring& systemFolder,
                                             const std::wstring& imageName,
                                             const std::wstring& end) {
-    return CommandWithin(L"\"" + ProgramInFolder(systemFolder, L"TaskKill.exe") + L"\" /IM " +
-                             imageName + L" /F" + end,
-                         kLaunchCommandLimit);
+    return CommandIfItFits(L"\"" + ProgramInFolder(systemFolder, L"TaskKill.exe") + L"\" /IM " +
+                               imageName + L" /F" + end,
+                           kLaunchCommandLimit);
 }
 
 } // namespace halvard

@@ -1,9 +1,9 @@
 #include "processes/service_removal.h"
 
-#include "processes/binary_path.h"
+#include "runtime/file_paths.h"
 #include "runtime/custom_action_data.h"
 #include "runtime/file_status.h"
-#include "runtime/service_handle.h"
+#include "runtime/service_manager.h"
 #include "runtime/session.h"
 
 #include <system_error>
@@ -75,14 +75,12 @@ void RemoveServiceInDirectory(const std::wstring& serviceName, const std::wstrin
         return;
     }
 
-    const OwnedServiceHandle manager(
-        OpenSCManagerW(nullptr, SERVICES_ACTIVE_DATABASEW, SC_MANAGER_ALL_ACCESS));
+    const OwnedService manager = OpenServiceManager(SERVICES_ACTIVE_DATABASEW);
     if (!manager) {
         LogMessage(kRemovalSession, L"Unable call  OpenSCManager. Error code: %d", GetLastError());
         return;
     }
-    const OwnedServiceHandle service(
-        OpenServiceW(manager.get(), serviceName.c_str(), kServiceAccess));
+    const OwnedService service(OpenServiceW(manager.get(), serviceName.c_str(), kServiceAccess));
     if (!service) {
         LogMessage(kRemovalSession, L"Unable to open service %s. Error code: %d",
                    serviceName.c_str(), GetLastError());
@@ -106,13 +104,13 @@ void RemoveServiceInDirectory(const std::wstring& serviceName, const std::wstrin
     }
 }
 
-} // namespace halvard
-
 UINT __stdcall DeleteServiceIfBinaryIsInDirectory(MSIHANDLE session) {
-    halvard::SetCurrentSession(session);
-    const std::wstring data = halvard::ReadCustomActionData(session);
-    const std::wstring serviceName = halvard::GetDataValue(data, L"ServiceName=");
-    const std::wstring directory = halvard::GetDataValue(data, L"DirectoryOfBinary=");
-    halvard::RemoveServiceInDirectory(serviceName, directory);
+    SetCurrentSession(session);
+    const std::wstring data = ReadCustomActionData(session);
+    const std::wstring serviceName = GetDataValue(data, L"ServiceName=");
+    const std::wstring directory = GetDataValue(data, L"DirectoryOfBinary=");
+    RemoveServiceInDirectory(serviceName, directory);
     return ERROR_SUCCESS;
 }
+
+} // namespace halvard

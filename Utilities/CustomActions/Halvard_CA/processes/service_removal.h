@@ -20,8 +20,6 @@ namespace halvard {
 /// nowhere, and std::bad_alloc. Everything else that fails is passed over.
 void RemoveServiceInDirectory(const std::wstring& serviceName, const std::wstring& directory);
 
-} // namespace halvard
-
 extern "C" {
 
 /// Stops and deletes a service, but only when its program lies directly in a given folder.
@@ -39,3 +37,5 @@ extern "C" {
 UINT __stdcall DeleteServiceIfBinaryIsInDirectory(MSIHANDLE session);
 
 } // extern "C"
+
+} // namespace halvard

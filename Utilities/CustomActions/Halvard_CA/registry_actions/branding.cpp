@@ -4,7 +4,7 @@
 #include "registry_actions/retain_list.h"
 #include "runtime/file_paths.h"
 #include "runtime/file_status.h"
-#include "runtime/handle.h"
+#include "runtime/owned.h"
 #include "runtime/registry.h"
 
 #include <shlwapi.h>
@@ -12,6 +12,8 @@
 #include <algorithm>
 #include <cwchar>
 #include <iterator>
+
+namespace halvard {
 
 namespace {
 
@@ -34,18 +36,9 @@ struct ValueData {
     }
 };
 
-// Null when the key does not open.
-halvard::KeyHolder OpenForReading(const wchar_t* subkey) {
-    HKEY opened = nullptr;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, subkey, 0, KEY_READ, &opened) != ERROR_SUCCESS) {
-        return nullptr;
-    }
-    return halvard::KeyHolder(opened);
-}
-
 std::vector<std::wstring> ReadRetainList() {
     std::vector<std::wstring> retainList;
-    const halvard::KeyHolder key = OpenForReading(L"SOFTWARE\\ZenvoBranding");
+    const OwnedKey key = OpenKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\ZenvoBranding", KEY_READ);
     if (!key) {
         return retainList;
     }
@@ -69,7 +62,7 @@ std::vector<std::wstring> ReadRetainList() {
         if (RegEnumValueW(key.get(), index, name.data(), &length, nullptr, &type, data.Bytes(),
                           &data.size) == ERROR_SUCCESS &&
             type == REG_SZ) {
-            retainList.push_back(halvard::WithSlashes(data.Text()));
+            retainList.push_back(WithSlashes(data.Text()));
         }
     }
     return retainList;
@@ -77,7 +70,7 @@ std::vector<std::wstring> ReadRetainList() {
 
 // Empty when it cannot be read.
 std::wstring ReadBrandingFolder() {
-    const halvard::KeyHolder key = OpenForReading(L"SOFTWARE\\Zenvo\\PV\\");
+    const OwnedKey key = OpenKey(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Zenvo\\PV\\", KEY_READ);
     ValueData data;
     if (!key || RegQueryValueExW(key.get(), L"PVBrandingInstallDir", nullptr, nullptr, data.Bytes(),
                                  &data.size) != ERROR_SUCCESS) {
@@ -92,15 +85,14 @@ std::vector<std::wstring> ListFolder(const std::wstring& folder) {
         return entries;
     }
     WIN32_FIND_DATAW found = {};
-    auto* const opened = FindFirstFileW(halvard::FileInFolder(folder, L"*.*").c_str(), &found);
-    if (opened == INVALID_HANDLE_VALUE) {
+    const OwnedSearch search(FindFirstFileW(FileInFolder(folder, L"*.*").c_str(), &found));
+    if (!search) {
         return entries;
     }
-    const halvard::OwnedSearch search(opened);
     do {
         const std::wstring name = found.cFileName;
         if (name != L"." && name != L"..") {
-            entries.push_back(halvard::WithSlashes(halvard::FileInFolder(folder, name)));
+            entries.push_back(WithSlashes(FileInFolder(folder, name)));
         }
     } while (FindNextFileW(search.get(), &found) != FALSE);
     return entries;
@@ -112,9 +104,9 @@ void DeleteEntry(const std::wstring& entry) {
     if (entry.back() == L'.' || entry.back() == L' ') {
         return;
     }
-    const std::wstring path = halvard::WithBackslashes(entry);
+    const std::wstring path = WithBackslashes(entry);
     if (PathIsDirectoryW(path.c_str()) != FALSE) {
-        halvard::RemoveDirectoryTree(path);
+        RemoveDirectoryTree(path);
     } else if (path.size() < kFilePathCapacity) {
         _wremove(path.c_str());
     }
@@ -125,11 +117,13 @@ void DeleteEntry(const std::wstring& entry) {
 UINT __stdcall DeleteandRetainValues(MSIHANDLE /*session*/) {
     const std::vector<std::wstring> retainList = ReadRetainList();
     const std::wstring folder = ReadBrandingFolder();
-    if (!halvard::Exists(folder)) {
+    if (!ExistsOrThrow(folder)) {
         return ERROR_SUCCESS;
     }
-    for (const std::wstring& entry : halvard::EntriesToDelete(ListFolder(folder), retainList)) {
+    for (const std::wstring& entry : EntriesToDelete(ListFolder(folder), retainList)) {
         DeleteEntry(entry);
     }
     return ERROR_SUCCESS;
 }
+
+} // namespace halvard

@@ -3,6 +3,8 @@
 #include <windows.h>
 #include <msi.h>
 
+namespace halvard {
+
 extern "C" {
 
 /// Empties the branding folder of the settings application but for the entries that the branding
@@ -23,3 +25,5 @@ extern "C" {
 UINT __stdcall DeleteandRetainValues(MSIHANDLE session);
 
 } // extern "C"
+
+} // namespace halvard

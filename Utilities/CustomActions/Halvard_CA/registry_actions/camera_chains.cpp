@@ -15,12 +15,12 @@ constexpr wchar_t kDeviceClassKey[] = L"SYSTEM\\CurrentControlSet\\Control\\Devi
 constexpr wchar_t kChainName[] = L"CameraDeviceMftClsidChain";
 
 std::list<std::wstring> ReadChain(const RegistryValue& value) {
-    const KeyHolder key = OpenRegistryKey(value.subkey);
+    const OwnedKey key = OpenRegistryKey(value.subkey);
     return ReadMultiString(key.get(), value.name);
 }
 
 void WriteChain(const std::wstring& subkey, const std::list<std::wstring>& transforms) {
-    const KeyHolder key = OpenRegistryKey(subkey);
+    const OwnedKey key = OpenRegistryKey(subkey);
     WriteMultiString(key.get(), kChainName, transforms);
 }
 
@@ -59,11 +59,10 @@ UINT CleanCameraTransformChains() {
     return result;
 }
 
-} // namespace halvard
-
 UINT __stdcall DeleteOptiqCameraGUID(MSIHANDLE session) {
-    halvard::SetCurrentSession(session);
+    SetCurrentSession(session);
     // The wrong way round, and packages count on it.
-    return halvard::CleanCameraTransformChains() == ERROR_SUCCESS ? ERROR_INSTALL_FAILURE
-                                                                  : ERROR_SUCCESS;
+    return CleanCameraTransformChains() == ERROR_SUCCESS ? ERROR_INSTALL_FAILURE : ERROR_SUCCESS;
 }
+
+} // namespace halvard

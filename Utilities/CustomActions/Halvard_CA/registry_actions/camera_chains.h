@@ -16,8 +16,6 @@ namespace halvard {
 /// work on a value; running out of memory over a value deletes it.
 UINT CleanCameraTransformChains();
 
-} // namespace halvard
-
 extern "C" {
 
 /// Removes the package's camera transform from every camera device interface of the system.
@@ -32,3 +30,5 @@ extern "C" {
 UINT __stdcall DeleteOptiqCameraGUID(MSIHANDLE session);
 
 } // extern "C"
+
+} // namespace halvard

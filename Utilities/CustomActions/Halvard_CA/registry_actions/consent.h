@@ -10,8 +10,6 @@ namespace halvard {
 /// opened. Returns whether the value was written.
 bool MarkTeloInstalled();
 
-} // namespace halvard
-
 extern "C" {
 
 /// Withdraws the user's consent to analytics when the installation is told to.
@@ -57,3 +55,5 @@ UINT __stdcall TrackDVRAnalytics(MSIHANDLE session);
 UINT __stdcall DeleteQortaKey(MSIHANDLE session);
 
 } // extern "C"
+
+} // namespace halvard

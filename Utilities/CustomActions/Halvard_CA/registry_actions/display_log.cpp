@@ -1,13 +1,15 @@
 #include "registry_actions/display_log.h"
 
 #include "registry_actions/display_log_text.h"
+#include "runtime/registry.h"
 
 #include <setupapi.h>
 #include <shlobj.h>
 
-#include <array>
 #include <optional>
 #include <string>
+
+namespace halvard {
 
 namespace {
 
@@ -26,44 +28,36 @@ std::wstring TemporaryFolder() {
 // The property's bytes taken for text, whatever their type; nothing when it cannot be read.
 std::optional<std::wstring> ReadProperty(HDEVINFO adapters, SP_DEVINFO_DATA& adapter,
                                          DWORD property) {
-    // Zeros, and one character more than is read into: the text ends where the property does.
-    std::array<wchar_t, kPropertyBytes / sizeof(wchar_t) + 1> text = {};
+    BoundedText<kPropertyBytes> text;
     // The last error alone tells whether there is a property, and a success need not clear it.
     SetLastError(NO_ERROR);
     SetupDiGetDeviceRegistryPropertyW(adapters, &adapter, property, nullptr,
-                                      reinterpret_cast<BYTE*>(text.data()), kPropertyBytes,
+                                      reinterpret_cast<BYTE*>(text.characters), kPropertyBytes,
                                       nullptr);
     if (GetLastError() != NO_ERROR) {
         return std::nullopt;
     }
-    return text.data();
-}
-
-void SetString(HKEY key, const wchar_t* name, const std::wstring& text) {
-    RegSetValueExW(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()),
-                   static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
+    return text.characters;
 }
 
 void WriteLogFile(const std::wstring& classKey, const std::wstring& logFile) {
-    // Never closed: the process that hosts the action is gone soon after it.
-    HKEY driver = nullptr;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, classKey.c_str(), 0, KEY_ALL_ACCESS, &driver) !=
-        ERROR_SUCCESS) {
+    // Never closed.
+    HKEY driver = OpenKey(HKEY_LOCAL_MACHINE, classKey.c_str(), KEY_ALL_ACCESS).release();
+    if (driver == nullptr) {
         return;
     }
-    SetString(driver, L"DalDCELogFilePath", logFile);
+    SetText(driver, L"DalDCELogFilePath", logFile);
     // As many bytes as the path has, zeros behind the text: readers see it up to its first null
     // character, and the size is part of what the value is known to have.
     std::wstring size = L"260";
     size.resize(logFile.size());
-    SetString(driver, L"DalDCEFilePathSize", size);
+    SetText(driver, L"DalDCEFilePathSize", size);
 }
 
 } // namespace
 
 UINT __stdcall SetDCLogFileRegistry(MSIHANDLE /*session*/) {
-    const std::optional<halvard::DisplayLogPaths> paths =
-        halvard::DisplayLogPathsIn(TemporaryFolder());
+    const std::optional<DisplayLogPaths> paths = DisplayLogPathsIn(TemporaryFolder());
     if (!paths) {
         return ERROR_SUCCESS;
     }
@@ -79,15 +73,16 @@ UINT __stdcall SetDCLogFileRegistry(MSIHANDLE /*session*/) {
     adapter.cbSize = sizeof(adapter);
     for (DWORD index = 0; SetupDiEnumDeviceInfo(adapters, index, &adapter) != FALSE; ++index) {
         const auto manufacturer = ReadProperty(adapters, adapter, SPDRP_MFG);
-        if (!manufacturer || !halvard::IsMadeByTheMaker(*manufacturer)) {
+        if (!manufacturer || !IsMadeByTheMaker(*manufacturer)) {
             continue;
         }
         const auto driverKeyName = ReadProperty(adapters, adapter, SPDRP_DRIVER);
-        const auto classKey =
-            driverKeyName ? halvard::DriverClassKey(*driverKeyName) : std::nullopt;
+        const auto classKey = driverKeyName ? DriverClassKey(*driverKeyName) : std::nullopt;
         if (classKey) {
             WriteLogFile(*classKey, paths->file);
         }
     }
     return ERROR_SUCCESS;
 }
+
+} // namespace halvard

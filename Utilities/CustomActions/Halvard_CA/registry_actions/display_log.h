@@ -3,6 +3,8 @@
 #include <windows.h>
 #include <msi.h>
 
+namespace halvard {
+
 extern "C" {
 
 /// Tells the maker's display driver where to write its diagnostic log: makes the folder
@@ -18,3 +20,5 @@ extern "C" {
 UINT __stdcall SetDCLogFileRegistry(MSIHANDLE session);
 
 } // extern "C"
+
+} // namespace halvard

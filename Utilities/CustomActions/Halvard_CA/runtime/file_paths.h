@@ -16,6 +16,13 @@ std::wstring FileInFolder(const std::wstring& folder, const std::wstring& fileNa
 /// one gives two, which Windows takes for one and which existing tasks show.
 std::wstring ProgramInFolder(const std::wstring& folder, const std::wstring& fileName);
 
+/// The folder part of a program's path: the text without its last component and without the run of
+/// slashes of either kind before that. Looks at no file system and knows no quotes or arguments.
+///
+/// A root stays whole: "C:\" for "C:\svc.exe", since "C:" would be the current folder of that
+/// drive. A path that is nothing but a root is its own folder, a lone name has an empty one.
+std::wstring ParentFolder(const std::wstring& path);
+
 /// The extended-length form ("\\?\C:\folder", "\\?\UNC\server\share") of a full path: no limit of
 /// 260 characters, and names that end in dots or blanks stay what they are. Backslashes at the end
 /// go, but for the one of a drive's root. A path in this form or in that of a device is returned

@@ -2,6 +2,8 @@
 
 #include "runtime/file_paths.h"
 
+#include <shlwapi.h>
+
 #include <cstring>
 #include <filesystem>
 #include <system_error>
@@ -19,17 +21,14 @@ struct FileIdentity {
     FILE_ID_128 file = {};
 };
 
-// For a look that no sharing mode prevents, links followed; the result is a Win32 code.
+// Opens what a path leads to, whoever else has it open: to read attributes, all is shared. The
+// result is a Win32 code.
 DWORD OpenForStatus(const std::wstring& path, OwnedHandle& opened) {
     const std::wstring systemPath = SystemPath(path);
-    HANDLE handle = CreateFileW(systemPath.c_str(), FILE_READ_ATTRIBUTES,
-                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-    if (handle == INVALID_HANDLE_VALUE) {
-        return GetLastError();
-    }
-    opened.reset(handle);
-    return ERROR_SUCCESS;
+    opened.reset(CreateFileW(systemPath.c_str(), FILE_READ_ATTRIBUTES,
+                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                             OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    return opened ? ERROR_SUCCESS : GetLastError();
 }
 
 DWORD ReadIdentity(const std::wstring& path, FileIdentity& identity) {
@@ -135,8 +134,16 @@ FileKind QueryKind(const std::wstring& path, const char* operation) {
     return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? FileKind::Directory : FileKind::File;
 }
 
-bool Exists(const std::wstring& path) {
+bool ExistsOrThrow(const std::wstring& path) {
     return QueryKind(path, "exists") != FileKind::Missing;
+}
+
+bool ExistsByAttributes(const std::wstring& path) {
+    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+bool ExistsForShell(const std::wstring& path) {
+    return PathFileExistsW(path.c_str()) != FALSE;
 }
 
 bool IsDirectory(const std::wstring& path) {

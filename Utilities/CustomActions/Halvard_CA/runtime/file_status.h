@@ -1,6 +1,6 @@
 #pragma once
 
-#include "runtime/handle.h"
+#include "runtime/owned.h"
 
 #include <windows.h>
 
@@ -41,8 +41,17 @@ DWORD ReadReparseTag(HANDLE opened, DWORD& tag);
 /// `operation` for codes that do not mean missing.
 FileKind QueryKind(const std::wstring& path, const char* operation);
 
-/// Whether a path leads to something when links are followed. Throws filesystem_error ("exists").
-bool Exists(const std::wstring& path);
+/// Whether a path leads to something when links are followed. Throws filesystem_error ("exists")
+/// when that cannot be asked.
+bool ExistsOrThrow(const std::wstring& path);
+
+/// Whether the attributes of a path, or of the link that it is, can be read. What cannot be asked
+/// is not there.
+bool ExistsByAttributes(const std::wstring& path);
+
+/// Whether the shell's own question finds a path. It refuses one of 260 wide characters and more,
+/// and what cannot be asked is not there.
+bool ExistsForShell(const std::wstring& path);
 
 /// Whether a path leads to a folder when links are followed. Throws filesystem_error ("status").
 bool IsDirectory(const std::wstring& path);

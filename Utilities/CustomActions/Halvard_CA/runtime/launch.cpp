@@ -1,6 +1,6 @@
 #include "runtime/launch.h"
 
-#include "runtime/handle.h"
+#include "runtime/owned.h"
 #include "runtime/launch_text.h"
 #include "runtime/session.h"
 
@@ -48,8 +48,7 @@ DWORD RunCmdCommand(const std::wstring& command, const wchar_t* directory) {
     const OwnedHandle outputRead(outputReadEnd);
     const OwnedHandle outputWrite(outputWriteEnd);
 
-    // Never connected to the child and never closed: the process that hosts the action is gone
-    // soon after it.
+    // Never connected to the child and never closed.
     HANDLE spareReadEnd = nullptr;
     HANDLE spareWriteEnd = nullptr;
     CreatePipe(&spareReadEnd, &spareWriteEnd, &inheritable, pipeSize);
@@ -141,7 +140,7 @@ bool LaunchSchtasks(const wchar_t* parameters) {
                    ShellExecuteErrorText(reinterpret_cast<INT_PTR>(execution.hInstApp)));
         return false;
     }
-    // The process handle stays open: the process that hosts the action is gone soon after it.
+    // The process handle stays open.
     LogMessage(kLauncherSession, L"Quenby_CA launched the following successfully: %s", program);
     return true;
 }

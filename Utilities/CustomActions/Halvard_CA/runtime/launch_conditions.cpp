@@ -5,6 +5,8 @@
 
 #include <msiquery.h>
 
+namespace halvard {
+
 namespace {
 
 // The maker's public web domain.
@@ -22,17 +24,19 @@ UINT __stdcall LaunchedFromMIM(MSIHANDLE session) {
     wchar_t value[260] = {};
     DWORD length = 260;
     const UINT status = MsiGetPropertyW(session, L"LAUNCHED_FROM_MIM", value, &length);
-    if (status == ERROR_SUCCESS && halvard::FindNoCase(value, L"1") == 0) {
-        halvard::LogMessage(session, L"QUENBY_CA Launched from MIM: %s \n", value);
+    if (status == ERROR_SUCCESS && FindNoCase(value, L"1") == 0) {
+        LogMessage(session, L"QUENBY_CA Launched from MIM: %s \n", value);
         return ERROR_SUCCESS;
     }
 
-    halvard::LogMessage(session, L"QUENBY_CA Not Launched from MIM and unable to get property");
-    halvard::SendMessageRecord(session, INSTALLMESSAGE_USER, 2, kInstallManagerMissing);
+    LogMessage(session, L"QUENBY_CA Not Launched from MIM and unable to get property");
+    SendMessageRecord(session, INSTALLMESSAGE_USER, 2, kInstallManagerMissing);
     return ERROR_INSTALL_SOURCE_ABSENT;
 }
 
 UINT __stdcall BlockLaunch(MSIHANDLE session) {
-    halvard::SetCurrentSession(session);
+    SetCurrentSession(session);
     return LaunchedFromMIM(session) == ERROR_SUCCESS ? ERROR_SUCCESS : ERROR_INSTALL_FAILURE;
 }
+
+} // namespace halvard

@@ -3,6 +3,8 @@
 #include <windows.h>
 #include <msi.h>
 
+namespace halvard {
+
 extern "C" {
 
 /// Tells whether the install manager started this installation; tells the user to get the install
@@ -27,3 +29,5 @@ UINT __stdcall LaunchedFromMIM(MSIHANDLE session);
 UINT __stdcall BlockLaunch(MSIHANDLE session);
 
 } // extern "C"
+
+} // namespace halvard

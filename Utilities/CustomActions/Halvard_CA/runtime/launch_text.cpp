@@ -2,7 +2,7 @@
 
 namespace halvard {
 
-std::optional<std::wstring> CommandWithin(std::wstring command, std::size_t limit) {
+std::optional<std::wstring> CommandIfItFits(std::wstring command, std::size_t limit) {
     if (command.size() >= limit) {
         return std::nullopt;
     }

@@ -11,7 +11,7 @@ namespace halvard {
 inline constexpr std::size_t kLaunchCommandLimit = 519;
 
 /// The command, or nothing when it does not fit `limit` wide characters with its terminator.
-std::optional<std::wstring> CommandWithin(std::wstring command, std::size_t limit);
+std::optional<std::wstring> CommandIfItFits(std::wstring command, std::size_t limit);
 
 /// The command line that lets the command interpreter run `command`: "cmd.exe /C " and the command
 /// in one pair of double quotes. Quotes inside the command stay as they are.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 // Where the settings application, Pivot, is recorded and how its command tool is called.
 
 namespace halvard {
@@ -9,5 +11,10 @@ inline constexpr wchar_t kPivotInstallKey[] = L"SOFTWARE\\Qorta Technologies\\In
 
 /// The command tool.
 inline constexpr wchar_t kPivotProgram[] = L"pvcmd.exe";
+
+/// The folder that it is installed in. The key is opened for writing too, so that callers need
+/// administrative rights, and is closed again. Throws RegKeyError ("Unable to open registry key",
+/// "Unable to get registry value").
+std::wstring ReadPivotLocation();
 
 } // namespace halvard

@@ -14,6 +14,15 @@ constexpr DWORD kKeyNameCapacity = 255;
 constexpr DWORD kValueNameCapacity = 16383;
 constexpr std::size_t kMessageCapacity = 260;
 
+LSTATUS Open(HKEY root, const wchar_t* subkey, REGSAM access, OwnedKey& key) noexcept {
+    HKEY opened = nullptr;
+    const LSTATUS status = RegOpenKeyExW(root, subkey, 0, access, &opened);
+    if (status == ERROR_SUCCESS) {
+        key.reset(opened);
+    }
+    return status;
+}
+
 [[noreturn]] void ThrowRegKeyError(LSTATUS status, const char* message) {
     throw RegKeyError(static_cast<int>(status), std::system_category(), message);
 }
@@ -78,11 +87,10 @@ void AppendMatchingValue(KeyTreeWalk& walk, const std::wstring& fullPath) {
 }
 
 void WalkKey(KeyTreeWalk& walk, const std::wstring& path) {
-    HKEY opened = nullptr;
-    if (RegOpenKeyExW(walk.root, path.c_str(), 0, KEY_READ, &opened) != ERROR_SUCCESS) {
+    const OwnedKey key = OpenKey(walk.root, path.c_str(), KEY_READ);
+    if (!key) {
         return;
     }
-    const KeyHolder key(opened);
 
     wchar_t className[260] = {};
     DWORD classLength = 260;
@@ -127,8 +135,45 @@ void WalkKey(KeyTreeWalk& walk, const std::wstring& path) {
 
 } // namespace
 
-void CloseRegistryKey(KeyHolder& key) noexcept {
+void CloseRegistryKey(OwnedKey& key) noexcept {
     key.reset();
+}
+
+OwnedKey OpenKey(HKEY root, const wchar_t* subkey, REGSAM access) noexcept {
+    OwnedKey key;
+    static_cast<void>(Open(root, subkey, access, key));
+    return key;
+}
+
+LSTATUS CreateKey(HKEY root, const wchar_t* subkey, REGSAM access, OwnedKey& key) noexcept {
+    HKEY created = nullptr;
+    const LSTATUS status = RegCreateKeyExW(root, subkey, 0, nullptr, REG_OPTION_NON_VOLATILE,
+                                           access, nullptr, &created, nullptr);
+    if (status == ERROR_SUCCESS) {
+        key.reset(created);
+    }
+    return status;
+}
+
+LSTATUS SetText(HKEY key, const wchar_t* name, const std::wstring& text) noexcept {
+    return RegSetValueExW(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()),
+                          static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
+}
+
+LSTATUS SetNumber(HKEY key, const wchar_t* name, DWORD number) noexcept {
+    return RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number),
+                          sizeof(number));
+}
+
+std::optional<DWORD> ReadNumber(HKEY key, const wchar_t* name) noexcept {
+    DWORD number = 0;
+    const bool isRead = ReadBytes(key, name, &number, sizeof(number), nullptr);
+    return isRead ? std::optional<DWORD>(number) : std::nullopt;
+}
+
+bool ReadBytes(HKEY key, const wchar_t* name, void* room, DWORD bytes, DWORD* type) noexcept {
+    return RegQueryValueExW(key, name, nullptr, type, static_cast<BYTE*>(room), &bytes) ==
+           ERROR_SUCCESS;
 }
 
 std::wstring ReadRegistryString(HKEY key, const std::wstring& subkey, const std::wstring& name,
@@ -153,22 +198,22 @@ std::wstring ReadRegistryString(HKEY key, const std::wstring& subkey, const std:
     return text;
 }
 
-KeyHolder OpenRequiredKey(HKEY root, const wchar_t* subkey, REGSAM access) {
-    HKEY opened = nullptr;
-    const LSTATUS status = RegOpenKeyExW(root, subkey, 0, access, &opened);
+OwnedKey OpenRequiredKey(HKEY root, const wchar_t* subkey, REGSAM access) {
+    OwnedKey key;
+    const LSTATUS status = Open(root, subkey, access, key);
     if (status != ERROR_SUCCESS) {
         ThrowRegKeyError(status, "Unable to open registry key");
     }
-    return KeyHolder(opened);
+    return key;
 }
 
-KeyHolder OpenRegistryKey(std::wstring subkey) { // NOLINT(performance-unnecessary-value-param)
+OwnedKey OpenRegistryKey(std::wstring subkey) { // NOLINT(performance-unnecessary-value-param)
     return OpenRequiredKey(HKEY_LOCAL_MACHINE, subkey.c_str(), KEY_READ | KEY_WRITE);
 }
 
 std::wstring ReadRequiredString(HKEY root, const wchar_t* subkey, REGSAM access,
                                 const wchar_t* name) {
-    const KeyHolder key = OpenRequiredKey(root, subkey, access);
+    const OwnedKey key = OpenRequiredKey(root, subkey, access);
     return ReadRegistryString(key.get(), L"", name, true);
 }
 

@@ -1,12 +1,15 @@
 #pragma once
 
+#include "runtime/bounded_text.h"
+#include "runtime/owned.h"
+
 #include <windows.h>
 
+#include <cstddef>
 #include <list>
-#include <memory>
+#include <optional>
 #include <string>
 #include <system_error>
-#include <type_traits>
 #include <vector>
 
 // Access to the registry in the view that a 64-bit process sees by default. Callers that want the
@@ -23,15 +26,8 @@ public:
         : std::system_error(code, category, message) {}
 };
 
-struct KeyCloser {
-    void operator()(HKEY key) const noexcept { RegCloseKey(key); }
-};
-
-/// Owns one open key and closes it on every path.
-using KeyHolder = std::unique_ptr<std::remove_pointer_t<HKEY>, KeyCloser>;
-
-/// Closes the key, if there is one, and leaves the holder null.
-void CloseRegistryKey(KeyHolder& key) noexcept;
+/// Closes the key, if there is one, and leaves its owner with none.
+void CloseRegistryKey(OwnedKey& key) noexcept;
 
 /// The REG_SZ value `name` below `key` and `subkey` (may be empty), up to its first null character.
 ///
@@ -41,12 +37,44 @@ void CloseRegistryKey(KeyHolder& key) noexcept;
 std::wstring ReadRegistryString(HKEY key, const std::wstring& subkey, const std::wstring& name,
                                 bool throwOnError);
 
+/// Opens a key that need not be there; none when it cannot be opened.
+OwnedKey OpenKey(HKEY root, const wchar_t* subkey, REGSAM access) noexcept;
+
+/// Creates a key, or opens it when it is there. The result is a Win32 code.
+LSTATUS CreateKey(HKEY root, const wchar_t* subkey, REGSAM access, OwnedKey& key) noexcept;
+
+/// Sets a REG_SZ value, with its terminator. The result is a Win32 code.
+LSTATUS SetText(HKEY key, const wchar_t* name, const std::wstring& text) noexcept;
+
+/// Sets a REG_DWORD value. The result is a Win32 code.
+LSTATUS SetNumber(HKEY key, const wchar_t* name, DWORD number) noexcept;
+
+/// Reads at most 4 bytes of a value of whatever type; those of a shorter value are the low bytes of
+/// the number. Nothing when it cannot be read.
+std::optional<DWORD> ReadNumber(HKEY key, const wchar_t* name) noexcept;
+
+/// Reads a value of whatever type into `room`, at most `bytes` bytes; false when it cannot be read
+/// or has more. `type` may be null.
+bool ReadBytes(HKEY key, const wchar_t* name, void* room, DWORD bytes, DWORD* type) noexcept;
+
+/// Reads a value of whatever type as text: its bytes up to the first null character. False, and an
+/// empty text, when it cannot be read or has more bytes than there is room for.
+template <std::size_t Bytes>
+bool ReadBoundedText(HKEY key, const wchar_t* name, BoundedText<Bytes>& text,
+                     DWORD* type = nullptr) noexcept {
+    const bool isRead = ReadBytes(key, name, text.characters, Bytes, type);
+    if (!isRead) {
+        text.characters[0] = L'\0';
+    }
+    return isRead;
+}
+
 /// Opens a key that has to be there. Throws RegKeyError ("Unable to open registry key").
-KeyHolder OpenRequiredKey(HKEY root, const wchar_t* subkey, REGSAM access);
+OwnedKey OpenRequiredKey(HKEY root, const wchar_t* subkey, REGSAM access);
 
 /// Opens a key below HKEY_LOCAL_MACHINE for reading and writing, so that callers need
 /// administrative rights even to read. Throws as OpenRequiredKey does.
-KeyHolder OpenRegistryKey(std::wstring subkey);
+OwnedKey OpenRegistryKey(std::wstring subkey);
 
 /// A REG_SZ value that has to be there, of a key that has to be there and is closed again. Throws
 /// RegKeyError ("Unable to open registry key", "Unable to get registry value").

@@ -3,6 +3,8 @@
 #include <windows.h>
 #include <msi.h>
 
+namespace halvard {
+
 extern "C" {
 
 /// Creates the task "StartPVBM", which runs the settings application's benchmark (pvcmd.exe with
@@ -29,3 +31,5 @@ UINT __stdcall CreateBenchMarkRunOnceSchTask(MSIHANDLE session);
 UINT __stdcall RemoveBenchMarkRunOnceSchedularTask(MSIHANDLE session);
 
 } // extern "C"
+
+} // namespace halvard

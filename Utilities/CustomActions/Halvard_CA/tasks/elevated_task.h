@@ -3,6 +3,8 @@
 #include <windows.h>
 #include <msi.h>
 
+namespace halvard {
+
 extern "C" {
 
 /// Registers a scheduled task that has no trigger and runs elevated when it is started on demand. A
@@ -20,3 +22,5 @@ extern "C" {
 UINT __stdcall CreateTriggerlessElevatedScheduleTask(MSIHANDLE session);
 
 } // extern "C"
+
+} // namespace halvard

@@ -3,6 +3,8 @@
 #include <windows.h>
 #include <msi.h>
 
+namespace halvard {
+
 extern "C" {
 
 /// Creates the logon task "StartPV" of the settings application from the installed StartPV.xml and
@@ -55,3 +57,5 @@ UINT __stdcall LaunchPV(MSIHANDLE session);
 UINT __stdcall DeleteSchedTaskonBranding(MSIHANDLE session);
 
 } // extern "C"
+
+} // namespace halvard

@@ -6,16 +6,16 @@ namespace halvard {
 
 std::optional<std::wstring> CreateTaskCommand(const std::wstring& taskName,
                                               const std::wstring& xmlPath) {
-    return CommandWithin(L"schtasks /Create /TN \"" + taskName + L"\" /XML \"" + xmlPath + L"\"",
-                         kSchtasksCommandLimit);
+    return CommandIfItFits(L"schtasks /Create /TN \"" + taskName + L"\" /XML \"" + xmlPath + L"\"",
+                           kSchtasksCommandLimit);
 }
 
 std::optional<std::wstring> ChangeTaskCommand(const std::wstring& taskName,
                                               const std::wstring& programPath,
                                               const std::wstring& argument) {
-    return CommandWithin(L"schtasks /change /TN \"" + taskName + L"\" /TR \"\\\"" + programPath +
-                             L"\\\" " + argument + L"\"",
-                         kSchtasksCommandLimit);
+    return CommandIfItFits(L"schtasks /change /TN \"" + taskName + L"\" /TR \"\\\"" + programPath +
+                               L"\\\" " + argument + L"\"",
+                           kSchtasksCommandLimit);
 }
 
 std::wstring DeleteTaskCommand(const std::wstring& taskName) {

@@ -1,12 +1,10 @@
 #include "tasks/task_registration.h"
 
+#include "runtime/owned.h"
 #include "runtime/session.h"
 #include "tasks/task_templates.h"
 
 #include <taskschd.h>
-
-#include <memory>
-#include <type_traits>
 
 namespace halvard {
 
@@ -19,19 +17,13 @@ constexpr MSIHANDLE kRegistrationSession = 0;
 constexpr UINT kRegistered = 0;
 constexpr UINT kNotRegistered = 1;
 
-struct BasicStringFreer {
-    void operator()(BSTR text) const noexcept { SysFreeString(text); }
-};
-
-// Null when there was no memory for it.
-using BasicString = std::unique_ptr<std::remove_pointer_t<BSTR>, BasicStringFreer>;
-
-BasicString MakeBasicString(const wchar_t* text) noexcept {
-    return BasicString(SysAllocString(text));
+// None when there is no memory for it.
+OwnedAutomationString MakeAutomationString(const wchar_t* text) noexcept {
+    return OwnedAutomationString(SysAllocString(text));
 }
 
 // The variant stays owned by `text`: the call that it is handed to by value does not free it.
-VARIANT StringVariant(const BasicString& text) noexcept {
+VARIANT StringVariant(const OwnedAutomationString& text) noexcept {
     VARIANT variant = {};
     variant.vt = VT_BSTR;
     variant.bstrVal = text.get();
@@ -44,17 +36,17 @@ HRESULT ConnectToThisMachine(ITaskService& service) noexcept {
 }
 
 HRESULT GetRootFolder(ITaskService& service, ITaskFolder** folder) noexcept {
-    const BasicString path = MakeBasicString(L"\\");
+    const OwnedAutomationString path = MakeAutomationString(L"\\");
     return path ? service.GetFolder(path.get(), folder) : E_OUTOFMEMORY;
 }
 
 HRESULT RegisterInFolder(ITaskFolder& folder, const std::wstring& taskName,
                          const std::wstring& xmlText, const std::wstring& userName,
                          IRegisteredTask** task) noexcept {
-    const BasicString path = MakeBasicString(taskName.c_str());
-    const BasicString xml = MakeBasicString(xmlText.c_str());
-    const BasicString user = MakeBasicString(userName.c_str());
-    const BasicString security = MakeBasicString(L"");
+    const OwnedAutomationString path = MakeAutomationString(taskName.c_str());
+    const OwnedAutomationString xml = MakeAutomationString(xmlText.c_str());
+    const OwnedAutomationString user = MakeAutomationString(userName.c_str());
+    const OwnedAutomationString security = MakeAutomationString(L"");
     // A null string has a meaning of its own to the Task Scheduler: a made-up name, another user.
     if (!path || !xml || !user || !security) {
         return E_OUTOFMEMORY;
@@ -91,8 +83,7 @@ UINT RegisterInsideApartment(const std::wstring& taskName, const std::wstring& x
         return kNotRegistered;
     }
 
-    // From here on the service object is never released: the process that hosts the action is gone
-    // soon after it.
+    // From here on the service object is never released.
     IRegisteredTask* task = nullptr;
     result = RegisterInFolder(*rootFolder, taskName, xmlText, userName, &task);
     if (FAILED(result)) {

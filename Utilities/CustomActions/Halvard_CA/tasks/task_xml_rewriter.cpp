@@ -1,6 +1,6 @@
 #include "tasks/task_xml_rewriter.h"
 
-#include "runtime/handle.h"
+#include "runtime/owned.h"
 #include "tasks/file_stream.h"
 #include "tasks/start_boundary.h"
 
@@ -10,19 +10,11 @@
 #include <ctime>
 #include <cwchar>
 #include <functional>
-#include <memory>
 #include <utility>
 
 namespace halvard {
 
 namespace {
-
-struct Releaser {
-    void operator()(IUnknown* object) const noexcept { object->Release(); }
-};
-
-template <class Interface>
-using Owned = std::unique_ptr<Interface, Releaser>;
 
 /// Gives the text that takes the place of the text node at which the reader stands.
 using NewText = std::function<HRESULT(IXmlReader& reader, std::wstring& text)>;
@@ -33,14 +25,13 @@ void Report(const wchar_t* message, HRESULT result) {
 }
 
 // Null when the file cannot be opened, with the reason in the last error.
-Owned<FileStream> OpenStream(const std::wstring& path, DWORD access, DWORD disposition) {
-    HANDLE opened = CreateFileW(path.c_str(), access, FILE_SHARE_READ, nullptr, disposition,
-                                FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (opened == INVALID_HANDLE_VALUE) {
-        return nullptr;
+OwnedInterface<FileStream> OpenStream(const std::wstring& path, DWORD access, DWORD disposition) {
+    OwnedHandle file(CreateFileW(path.c_str(), access, FILE_SHARE_READ, nullptr, disposition,
+                                 FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file) {
+        return {};
     }
-    OwnedHandle file(opened);
-    Owned<FileStream> stream(new FileStream(file.get()));
+    OwnedInterface<FileStream> stream(new FileStream(file.get()));
     static_cast<void>(file.release());
     return stream;
 }
@@ -63,9 +54,9 @@ public:
     HRESULT Run(const std::wstring& sourcePath, const std::wstring& targetPath);
 
 private:
-    bool Continues(HRESULT result, const wchar_t* message);
+    bool GoesOnAfter(HRESULT result, const wchar_t* message);
 
-    bool OpenFile(Owned<FileStream>& stream, const std::wstring& path, DWORD access,
+    bool OpenFile(OwnedInterface<FileStream>& stream, const std::wstring& path, DWORD access,
                   DWORD disposition, const wchar_t* message);
     bool CreateReader();
     bool CreateWriter();
@@ -80,12 +71,12 @@ private:
     bool GetName(const wchar_t*& name);
 
     // Released from the last to the first.
-    Owned<IXmlWriterOutput> output_;
-    Owned<IXmlReaderInput> input_;
-    Owned<IXmlWriter> writer_;
-    Owned<IXmlReader> reader_;
-    Owned<FileStream> target_;
-    Owned<FileStream> source_;
+    OwnedInterface<IXmlWriterOutput> output_;
+    OwnedInterface<IXmlReaderInput> input_;
+    OwnedInterface<IXmlWriter> writer_;
+    OwnedInterface<IXmlReader> reader_;
+    OwnedInterface<FileStream> target_;
+    OwnedInterface<FileStream> source_;
 
     const wchar_t* element_;
     NewText newText_;
@@ -108,7 +99,7 @@ HRESULT XmlCopy::Run(const std::wstring& sourcePath, const std::wstring& targetP
     return result_;
 }
 
-bool XmlCopy::Continues(HRESULT result, const wchar_t* message) {
+bool XmlCopy::GoesOnAfter(HRESULT result, const wchar_t* message) {
     result_ = result;
     if (FAILED(result)) {
         Report(message, result);
@@ -116,30 +107,30 @@ bool XmlCopy::Continues(HRESULT result, const wchar_t* message) {
     return SUCCEEDED(result);
 }
 
-bool XmlCopy::OpenFile(Owned<FileStream>& stream, const std::wstring& path, DWORD access,
+bool XmlCopy::OpenFile(OwnedInterface<FileStream>& stream, const std::wstring& path, DWORD access,
                        DWORD disposition, const wchar_t* message) {
     stream = OpenStream(path, access, disposition);
-    if (stream == nullptr) {
-        // Not through Continues: a refusal without an error code would pass for a success.
+    if (!stream) {
+        // Not through GoesOnAfter: a refusal without an error code would pass for a success.
         result_ = LastErrorResult();
         Report(message, result_);
     }
-    return stream != nullptr;
+    return static_cast<bool>(stream);
 }
 
 bool XmlCopy::CreateReader() {
     void* reader = nullptr;
-    if (!Continues(CreateXmlReader(__uuidof(IXmlReader), &reader, nullptr),
-                   L"Error creating xml reader, error is %08.8lx")) {
+    if (!GoesOnAfter(CreateXmlReader(__uuidof(IXmlReader), &reader, nullptr),
+                     L"Error creating xml reader, error is %08.8lx")) {
         return false;
     }
     reader_.reset(static_cast<IXmlReader*>(reader));
     reader_->SetProperty(XmlReaderProperty_DtdProcessing, DtdProcessing_Prohibit);
 
     IXmlReaderInput* input = nullptr;
-    if (!Continues(CreateXmlReaderInputWithEncodingName(source_.get(), nullptr, L"utf-16", FALSE,
-                                                        L"c:\\temp", &input),
-                   L"Error creating xml reader with encoding code page, error is %08.8lx")) {
+    if (!GoesOnAfter(CreateXmlReaderInputWithEncodingName(source_.get(), nullptr, L"utf-16", FALSE,
+                                                          L"c:\\temp", &input),
+                     L"Error creating xml reader with encoding code page, error is %08.8lx")) {
         return false;
     }
     input_.reset(input);
@@ -148,15 +139,15 @@ bool XmlCopy::CreateReader() {
 
 bool XmlCopy::CreateWriter() {
     void* writer = nullptr;
-    if (!Continues(CreateXmlWriter(__uuidof(IXmlWriter), &writer, nullptr),
-                   L"Error creating xml writer, error is %08.8lx")) {
+    if (!GoesOnAfter(CreateXmlWriter(__uuidof(IXmlWriter), &writer, nullptr),
+                     L"Error creating xml writer, error is %08.8lx")) {
         return false;
     }
     writer_.reset(static_cast<IXmlWriter*>(writer));
 
     // The reader's words on failure: the writer has none of its own here.
     IXmlWriterOutput* output = nullptr;
-    if (!Continues(
+    if (!GoesOnAfter(
             CreateXmlWriterOutputWithEncodingName(target_.get(), nullptr, L"utf-16", &output),
             L"Error creating xml reader with encoding code page, error is %08.8lx")) {
         return false;
@@ -166,14 +157,14 @@ bool XmlCopy::CreateWriter() {
 }
 
 bool XmlCopy::Connect() {
-    if (!Continues(reader_->SetInput(input_.get()),
-                   L"Error setting input for reader, error is %08.8lx")) {
+    if (!GoesOnAfter(reader_->SetInput(input_.get()),
+                     L"Error setting input for reader, error is %08.8lx")) {
         return false;
     }
-    hasOutput_ = Continues(writer_->SetOutput(output_.get()),
-                           L"Error setting output for writer, error is %08.8lx");
-    return hasOutput_ && Continues(writer_->SetProperty(XmlWriterProperty_Indent, TRUE),
-                                   L"Error setting indent property in writer, error is %08.8lx");
+    hasOutput_ = GoesOnAfter(writer_->SetOutput(output_.get()),
+                             L"Error setting output for writer, error is %08.8lx");
+    return hasOutput_ && GoesOnAfter(writer_->SetProperty(XmlWriterProperty_Indent, TRUE),
+                                     L"Error setting indent property in writer, error is %08.8lx");
 }
 
 bool XmlCopy::ReadNode(XmlNodeType& type) {
@@ -195,8 +186,8 @@ bool XmlCopy::CopyNode(XmlNodeType type) {
 }
 
 bool XmlCopy::CopyAsItIs() {
-    return Continues(writer_->WriteNodeShallow(reader_.get(), FALSE),
-                     L"Error writing WriteNodeShallow, error is %08.8lx");
+    return GoesOnAfter(writer_->WriteNodeShallow(reader_.get(), FALSE),
+                       L"Error writing WriteNodeShallow, error is %08.8lx");
 }
 
 bool XmlCopy::CopyStartTag() {
@@ -215,13 +206,13 @@ bool XmlCopy::CopyText() {
         return CopyAsItIs();
     }
     std::wstring text;
-    result_ = newText_(*reader_, text);
+    result_ = newText_(*reader_.get(), text);
     if (FAILED(result_)) {
         return false;
     }
     replacesNextText_ = false;
-    return Continues(writer_->WriteString(text.c_str()),
-                     L"Error writing WriteString, error is %08.8lx");
+    return GoesOnAfter(writer_->WriteString(text.c_str()),
+                       L"Error writing WriteString, error is %08.8lx");
 }
 
 bool XmlCopy::CopyEndTag() {
@@ -232,13 +223,13 @@ bool XmlCopy::CopyEndTag() {
     if (std::wcscmp(name, element_) == 0) {
         replacesNextText_ = false;
     }
-    return Continues(writer_->WriteFullEndElement(),
-                     L"Error writing WriteFullEndElement, error is %08.8lx");
+    return GoesOnAfter(writer_->WriteFullEndElement(),
+                       L"Error writing WriteFullEndElement, error is %08.8lx");
 }
 
 bool XmlCopy::GetName(const wchar_t*& name) {
-    return Continues(reader_->GetQualifiedName(&name, nullptr),
-                     L"Error reading element name, error is %08.8lx");
+    return GoesOnAfter(reader_->GetQualifiedName(&name, nullptr),
+                       L"Error reading element name, error is %08.8lx");
 }
 
 HRESULT NextStartBoundary(IXmlReader& reader, std::wstring& text) {

@@ -9,9 +9,6 @@
 
 namespace halvard {
 
-/// Whether a file or folder of this name exists; relative names start from the current directory.
-bool PathExists(const std::wstring& path);
-
 /// Where the rewritten copy of a task's XML file goes: the temporary folder; empty when Windows
 /// does not tell the folder or it is longer than 259 wide characters.
 std::wstring TemporaryXmlPath(const std::wstring& xmlFileName);

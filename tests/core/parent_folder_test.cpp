@@ -1,4 +1,4 @@
-#include "processes/binary_path.h"
+#include "runtime/file_paths.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
-#include "cleanup/permissions.h"
+#include "com_server/registration.h"
 
-#include "cleanup/permission_commands.h"
+#include "com_server/registration_commands.h"
 #include "cleanup/tree_walk.h"
 #include "runtime/custom_action_data.h"
 #include "runtime/file_status.h"
@@ -25,7 +25,7 @@ void ApplyEntryPermissions(const PermissionContext& context, std::wstring& path)
 }
 
 void ApplyFolderPermissions(const std::wstring& folder, const std::wstring& userName) {
-    if (!Exists(folder) || !IsDirectory(folder)) {
+    if (!ExistsOrThrow(folder) || !IsDirectory(folder)) {
         return;
     }
     const PermissionContext context = {userName, folder};
@@ -44,8 +44,6 @@ DWORD RegisterComServer(const std::wstring& dllName, const std::wstring& install
     return RunCmdCommand(RegisterCommand(installDir, dllName), installDir.c_str());
 }
 
-} // namespace halvard
-
 namespace {
 
 UINT ResultOf(DWORD exitCode) {
@@ -55,24 +53,26 @@ UINT ResultOf(DWORD exitCode) {
 } // namespace
 
 UINT __stdcall SetPermissionsRegisterDLL(MSIHANDLE session) {
-    const std::wstring data = halvard::ReadCustomActionData(session);
-    const std::wstring installDir = halvard::GetDataValue(data, L"InstallDir=");
-    const std::wstring dllName = halvard::GetDataValue(data, L"DLLName=");
-    const std::wstring userName = halvard::GetDataValue(data, L"Username=");
-    halvard::LogMessage(session, L"DLL Path %s", installDir.c_str());
-    halvard::LogMessage(session, L"DLL Name %s", dllName.c_str());
-    halvard::LogMessage(session, L"Username %s", userName.c_str());
+    const std::wstring data = ReadCustomActionData(session);
+    const std::wstring installDir = GetDataValue(data, L"InstallDir=");
+    const std::wstring dllName = GetDataValue(data, L"DLLName=");
+    const std::wstring userName = GetDataValue(data, L"Username=");
+    LogMessage(session, L"DLL Path %s", installDir.c_str());
+    LogMessage(session, L"DLL Name %s", dllName.c_str());
+    LogMessage(session, L"Username %s", userName.c_str());
 
-    halvard::ApplyFolderPermissions(installDir, userName);
-    return ResultOf(halvard::RegisterComServer(dllName, installDir));
+    ApplyFolderPermissions(installDir, userName);
+    return ResultOf(RegisterComServer(dllName, installDir));
 }
 
 UINT __stdcall UnregisterDLL(MSIHANDLE session) {
-    const std::wstring data = halvard::ReadCustomActionData(session);
-    const std::wstring installDir = halvard::GetDataValue(data, L"InstallDir=");
-    const std::wstring dllName = halvard::GetDataValue(data, L"DLLName=");
-    halvard::LogMessage(session, L"DLL Path %s", installDir.c_str());
-    halvard::LogMessage(session, L"DLL Name %s", dllName.c_str());
+    const std::wstring data = ReadCustomActionData(session);
+    const std::wstring installDir = GetDataValue(data, L"InstallDir=");
+    const std::wstring dllName = GetDataValue(data, L"DLLName=");
+    LogMessage(session, L"DLL Path %s", installDir.c_str());
+    LogMessage(session, L"DLL Name %s", dllName.c_str());
 
-    return ResultOf(halvard::UnregisterComServer(dllName, installDir));
+    return ResultOf(UnregisterComServer(dllName, installDir));
 }
+
+} // namespace halvard

@@ -1,4 +1,4 @@
-#include "tasks/schtasks_actions.h"
+#include "tasks/schtasks.h"
 
 #include "runtime/launch.h"
 #include "tasks/schtasks_commands.h"
@@ -6,10 +6,6 @@
 #include <shlobj.h>
 
 namespace halvard {
-
-bool PathExists(const std::wstring& path) {
-    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
-}
 
 std::wstring TemporaryXmlPath(const std::wstring& xmlFileName) {
     wchar_t folder[MAX_PATH] = {};

@@ -1,4 +1,4 @@
-#include "agent/agent_registry.h"
+#include "runtime/registry_values.h"
 
 #include "open_handles.h"
 #include "registry_calls.h"

@@ -1,4 +1,4 @@
-#include "cleanup/permissions.h"
+#include "com_server/registration.h"
 
 #include "runtime/session.h"
 
@@ -29,6 +29,8 @@
 using halvard::ApplyEntryPermissions;
 using halvard::ApplyFolderPermissions;
 using halvard::RegisterComServer;
+using halvard::SetPermissionsRegisterDLL;
+using halvard::UnregisterDLL;
 using halvard_tests::AllocationFailure;
 using halvard_tests::CreateFolders;
 using halvard_tests::CurrentDirectoryScope;

@@ -32,8 +32,6 @@ void ApplyFolderPermissions(const std::wstring& folder, const std::wstring& user
 /// could not be started. Throws std::bad_alloc only.
 DWORD RegisterComServer(const std::wstring& dllName, const std::wstring& installDir);
 
-} // namespace halvard
-
 extern "C" {
 
 /// Gives the installation folder with all it holds to a user, grants the built-in Users group full
@@ -62,3 +60,5 @@ UINT __stdcall SetPermissionsRegisterDLL(MSIHANDLE session);
 UINT __stdcall UnregisterDLL(MSIHANDLE session);
 
 } // extern "C"
+
+} // namespace halvard

@@ -1,4 +1,4 @@
-#include "cleanup/permission_commands.h"
+#include "com_server/registration_commands.h"
 
 #include <gtest/gtest.h>
 

@@ -4,8 +4,8 @@
 
 #include <string>
 
-// Single values of the agent's keys, in the view that a 64-bit process sees by default. Nothing
-// here throws: a registry that refuses must not fail an installation.
+// Single values of keys that are opened for each of them, in the view that a 64-bit process sees by
+// default. Nothing here throws: a registry that refuses must not fail an installation.
 
 namespace halvard {
 
