@@ -35,7 +35,7 @@ RESULTS = BUILD / "test-results"
 sys.path.insert(0, str(ROOT / "tools"))
 
 import progress  # noqa: E402
-from installer import ending, repeats  # noqa: E402
+from installer import ending, heap_check, repeats  # noqa: E402
 from installer.prefix import Prefix  # noqa: E402
 
 NO_SKIPS = "--no-skips"
@@ -86,7 +86,6 @@ WINE_OVERRIDES = "mscoree,mshtml,winemenubuilder.exe=;" + ";".join(
 CLOSING_LINES = re.compile(
     r"^((FAILED, repeat with|SKIPPED): .*|\d+ passed, \d+ failed, .*)\n", re.MULTILINE
 )
-IMAGE_OPTIONS = r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\Image File Execution Options"
 # What looks at the local time is run once more as on machines in other zones than this one: east
 # and west of the meridian, with and without daylight-saving time, on the half and quarter hour.
 ZONES = ("NPT-5:45", "NST3:30NDT,M3.2.0,M11.1.0")
@@ -303,7 +302,7 @@ def wine_tests(
             return prefix.start(*command, **options)
 
         if check_heap:
-            _check_heap_of(prefix, f"{program}.exe")
+            heap_check.check_heap(prefix, f"{program}.exe", heap_check.MARKS)
         outcome = _google_tests(ring, [*command, *arguments], start)
         if program == "wine_tests" and not arguments:
             for number, zone in enumerate(ZONES):
@@ -318,7 +317,7 @@ def wine_tests(
 
 
 def _wine_canaries(prefix: Prefix, start: Callable[..., "subprocess.Popen[bytes]"]) -> Outcome:
-    _check_heap_of(prefix, "wine_canaries.exe")
+    heap_check.check_heap(prefix, "wine_canaries.exe", heap_check.MARKS)
     program = r"b:\mingw-test\tests\wine\wine_canaries.exe"
     return _google_canaries("wine", program, WINE_CANARIES, start)
 
@@ -549,16 +548,6 @@ def _empty(folder: Path) -> None:
     folder.mkdir(exist_ok=True)
     for file in folder.iterdir():
         file.unlink()
-
-
-def _check_heap_of(prefix: Prefix, program: str) -> None:
-    """Lets the engine mark what lies behind each heap block of a program and inside each free one
-    (0x30: tail, free); the tests look at the marks after each test."""
-    key = rf"{IMAGE_OPTIONS}\{program}"
-    value = ["/v", "GlobalFlag", "/t", "REG_DWORD", "/d", "0x30"]
-    added = prefix.run("reg.exe", "add", key, *value, "/f")
-    if added.returncode != 0:
-        raise RuntimeError(f"the heap check cannot be switched on: {added.stdout}")
 
 
 def _pytest(ring: str, tests: list[str], part: str = "") -> Outcome:
