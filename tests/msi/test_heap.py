@@ -14,7 +14,7 @@ from typing import Iterator, Mapping
 
 import pytest
 
-from installer import companion, package, paths, session
+from installer import actions, companion, package, paths, session
 from installer.heap_check import MARKS_AND_REPORTS, check_heap
 from installer.prefix import Prefix
 from installer.session import SessionResult
@@ -112,7 +112,7 @@ def test_no_action_of_a_session_damages_the_heap(hosts, companion_package):
         assert heap_reports(done.printed.read_text(errors="replace")) == set()
         assert done.exit_code == 0, done.report()
         returned |= {call.export for call in done.calls if call.result is not None}
-    assert returned == set(package.exports())
+    assert returned == set(actions.exports())
 
 
 @pytest.mark.parametrize(

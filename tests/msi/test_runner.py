@@ -15,7 +15,7 @@ from typing import Iterator
 
 import pytest
 
-from installer import companion, package, paths
+from installer import actions, companion, paths
 from installer.prefix import Prefix
 from processes import processes_of
 
@@ -82,7 +82,7 @@ def named_by_runner(file: Path) -> str:
 
 
 def exported() -> list[str]:
-    return sorted(package.exports())
+    return sorted(actions.exports())
 
 
 def without_duration(output: str) -> str:

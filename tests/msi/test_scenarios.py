@@ -11,7 +11,7 @@ from typing import Callable, Sequence
 
 import pytest
 
-from installer import companion, log, package, session
+from installer import actions, companion, log, session
 from installer.companion import FOLDER, Row
 from installer.log import Execution
 from installer.prefix import START_LIMIT, Prefix
@@ -649,7 +649,7 @@ def test_other_programs_are_told_what_they_should(played, scenario, expected):
 
 def test_every_action_of_the_library_runs_in_a_scenario():
     run = {row.action for scenario in SCENARIOS for each in scenario.sessions for row in each.rows}
-    assert set(package.exports()) - run == set()
+    assert set(actions.exports()) - run == set()
 
 
 def test_durations_are_measured_and_shorter_than_the_session(played):

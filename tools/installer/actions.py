@@ -77,6 +77,11 @@ def actions(file: Path = paths.ACTIONS) -> list[Action]:
     return found
 
 
+def exports() -> list[str]:
+    """The names under which the library offers its actions."""
+    return [action.name for action in actions()]
+
+
 def _action(row: dict[str, Any]) -> Action:
     fields = dict(row)
     fields["result"] = fields.pop("return")

@@ -140,12 +140,6 @@ def table(package: Path, name: str) -> list[list[str]]:
     return [line.split("\t") for line in lines[3:]]
 
 
-def exports() -> list[str]:
-    """The names under which the library offers its actions."""
-    lines = [line.strip() for line in paths.LIBRARY_EXPORTS.read_text().splitlines()]
-    return [line for line in lines[lines.index("EXPORTS") + 1 :] if line and line[0] != ";"]
-
-
 def comments(package: Path) -> str:
     """What the summary of the package says of it."""
     lines = _run("msiinfo", "suminfo", str(package)).decode().splitlines()

@@ -15,7 +15,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Callable, Collection, Iterable, Mapping, Sequence
 
-from installer import package, paths
+from installer import actions, paths
 from installer.log import ExportCall, LogLine
 from installer.prefix import Prefix
 
@@ -157,7 +157,7 @@ def run(
         process.kill()
         process.wait()
     seconds = time.monotonic() - start
-    calls = traced_calls(printed.read_text(errors="replace").splitlines(), package.exports())
+    calls = traced_calls(printed.read_text(errors="replace").splitlines(), actions.exports())
     if not in_time:
         raise (TimeoutError if calls or any_action_started(lines) else NothingDone)(
             f"msiexec {' '.join(command)} did not end within {limit:g} s, "
