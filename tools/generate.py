@@ -119,7 +119,7 @@ def declaration(action: Action, language: Language) -> str:
     attributes = [("Execute", action.execution)]
     if action.execution == "deferred":
         attributes.append(("Impersonate", "yes" if action.impersonate else "no"))
-    attributes.append(("Return", action.result))
+    attributes.append(("Return", action.return_attribute))
     if "--" in action.why:
         raise ValueError(f"{action.name}: a comment of XML cannot hold --")
     declared = " ".join(f'{name}="{value}"' for name, value in attributes)
@@ -161,9 +161,9 @@ def exports(table: list[Action]) -> str:
 
 def declared_as(action: Action) -> str:
     if action.execution == "immediate":
-        return f'immediate, `Return="{action.result}"`'
+        return f'immediate, `Return="{action.return_attribute}"`'
     impersonated = "yes" if action.impersonate else "no"
-    return f'deferred, `Impersonate="{impersonated}"`, `Return="{action.result}"`'
+    return f'deferred, `Impersonate="{impersonated}"`, `Return="{action.return_attribute}"`'
 
 
 def facts(action: Action) -> dict[str, str]:

@@ -65,7 +65,11 @@ class Sources:
     def in_table(self) -> dict[str, Told]:
         return {
             action.name: Told(
-                (action.execution, action.execution == "immediate" or action.impersonate, action.result),
+                (
+                    action.execution,
+                    action.execution == "immediate" or action.impersonate,
+                    action.return_attribute,
+                ),
                 frozenset(str(result.value) for result in action.results),
                 frozenset(f"{key.name}=" for key in action.data),
                 frozenset(action.exceptions),
@@ -224,7 +228,7 @@ def test_a_source_that_tells_something_else_is_found(sources, source, old, new, 
 
 @pytest.mark.parametrize(
     "changed",
-    [{"name": "Other"}, {"subsystem": "launch"}, {"execution": "immediate"}, {"result": "check"}]
+    [{"name": "Other"}, {"subsystem": "launch"}, {"execution": "immediate"}, {"return_attribute": "check"}]
     + [{"why": "Other."}, {"does": "Other."}, {"impersonate": True}],
     ids=lambda changed: next(iter(changed)),
 )
@@ -294,7 +298,7 @@ def test_both_languages_of_packages_declare_the_same(sources):
     "fault",
     [
         {"execution": "defered"},
-        {"result": "ignored"},
+        {"return_attribute": "ignored"},
         {"execution": "immediate", "data": (DataKey("A", True),)},
         {"exceptions": ("RegKeyError",)},
         {"results": ()},
@@ -321,7 +325,9 @@ def test_only_results_that_the_installer_takes_for_what_they_are_get_checked(sou
     for action in sources.table:
         results = [result.value for result in action.results]
         if 0 not in results or "other" in results:
-            assert action.result == "ignore", f"{action.name} ends an installation with {results}"
+            assert action.return_attribute == "ignore", (
+                f"{action.name} ends an installation with {results}"
+            )
 
 
 def example_of(section: str) -> tuple[str, str]:
