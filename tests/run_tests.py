@@ -22,7 +22,7 @@ import sys
 import threading
 import time
 import xml.etree.ElementTree as ElementTree
-from concurrent.futures import ThreadPoolExecutor
+from concurrent.futures import ThreadPoolExecutor, as_completed
 from contextlib import suppress
 from dataclasses import dataclass, field
 from functools import partial
@@ -330,9 +330,19 @@ def run_msi(arguments: list[str]) -> Outcome:
     alone = [f"tests/msi/{name}" for name in MSI_TESTS_ALONE]
     others = ["tests/msi", *(f"--ignore={name}" for name in alone)]
     outcome = Outcome()
+    interrupted = threading.Event()
+    # Its end waits for both.
     with ThreadPoolExecutor(2) as pool:
-        for part in pool.map(partial(_pytest, "msi"), (alone, others), ("-alone", "-others")):
-            outcome.add(part)
+        try:
+            running = [
+                pool.submit(_pytest, "msi", alone, "-alone", interrupted),
+                pool.submit(_pytest, "msi", others, "-others", interrupted),
+            ]
+            for part in as_completed(running):
+                outcome.add(part.result())
+        except BaseException:
+            interrupted.set()
+            raise
     return outcome
 
 
@@ -550,9 +560,16 @@ def _empty(folder: Path) -> None:
         file.unlink()
 
 
-def _pytest(ring: str, tests: list[str], part: str = "") -> Outcome:
-    """Runs tests of a ring; a part of a ring has files of its own for what it prints."""
+def _pytest(
+    ring: str, tests: list[str], part: str = "", interrupted: threading.Event | None = None
+) -> Outcome:
+    """Runs tests of a ring; a part of a ring has files of its own for what it prints. Whoever sets
+    `interrupted` has no use for the outcome."""
+    interrupted = interrupted or threading.Event()
     listed = _pytest_list(tests)
+    if interrupted.is_set():
+        # A program started now would not heed the signal that interrupts it.
+        return Outcome()
     report, log = RESULTS / f"{ring}{part}.xml", RESULTS / f"{ring}{part}-output.txt"
     report.unlink(missing_ok=True)
     with open(log, "wb") as output:
@@ -566,7 +583,8 @@ def _pytest(ring: str, tests: list[str], part: str = "") -> Outcome:
         end = time.monotonic() + PYTEST_LIMIT
         try:
             while pytest.poll() is None and time.monotonic() < end:
-                time.sleep(PROGRESS_POLL)
+                if interrupted.wait(PROGRESS_POLL):
+                    break
                 progress_file(ring, part).write_text(f"{pytest_done(_text(log))} of {listed}")
         finally:
             if pytest.poll() is None:
