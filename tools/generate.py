@@ -180,6 +180,11 @@ def facts(action: Action) -> dict[str, str]:
     }
 
 
+def section(action: Action, parts: dict[str, str]) -> str:
+    """The text of a section up to its example; `parts` are its former lines by their names."""
+    return "\n".join([wrapped(action.does, ""), "", *(parts | facts(action)).values()])
+
+
 def wrapped(text: str, behind: str) -> str:
     """The text in lines, those behind the first indented; what stands in backquotes stays together."""
     together = re.sub(r"`[^`]*`", lambda code: code[0].replace(" ", "\0"), text)
@@ -208,9 +213,8 @@ def _with_section(text: str, action: Action) -> str:
     if any("\n\n" in piece.strip("\n") for piece in pieces):
         raise ValueError(f"{action.name}: a paragraph that would be lost")
     parts = {re.match(r"- \*\*([\w ]+):", piece)[1]: piece.rstrip("\n") for piece in pieces[1:]}
-    parts |= facts(action)
-    section = "\n".join([wrapped(action.does, ""), "", *parts.values()])
-    return f"{text[: match.start('section')]}\n{section}\n\n{text[match.end('section') :]}"
+    written = section(action, parts)
+    return f"{text[: match.start('section')]}\n{written}\n\n{text[match.end('section') :]}"
 
 
 if __name__ == "__main__":
