@@ -211,9 +211,14 @@ def no_more_items(probed: Probed) -> bool:
 
 @probe("deferred-properties")
 def deferred_properties(probed: Probed) -> bool:
+    # The action returns what the property RESULT says, and 0 where it sees none.
     result = probed.session("deferred")
     probed.clear()
-    return result.exit_code != 0
+    answer = probed.run_of(result, "AnswerDeferred")
+    assert answer is not None, result.report()
+    failed = answer.verdict == engines.value("failed-action")
+    assert failed == (result.exit_code != 0), result.report()
+    return failed
 
 
 @probe("rollback-calls")
