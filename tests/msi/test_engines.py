@@ -252,6 +252,7 @@ def rollback_behind_exception(probed: Probed) -> bool:
     result = probed.session("throw checked")
     probed.clear()
     assert result.exit_code != 0, result.report()
+    assert probed.run_of(result, "UndoBefore") is not None, result.report()
     return probed.logged(result, "UndoBefore")
 
 

@@ -9,7 +9,7 @@ import pytest
 
 from installer import confinement, package, paths, repeats, session
 from installer.log import LogLine
-from installer.prefix import NotStarted, Prefix, UnsafePrefix, link_danger
+from installer.prefix import INSTALLER, NotStarted, Prefix, UnsafePrefix, command_of, link_danger
 from processes import processes_of
 
 NAME = "prefix-msi-checked"
@@ -160,6 +160,45 @@ def test_a_prefix_that_starts_no_program_is_begun_once_more(failures, monkeypatc
                 pytest.fail("the prefix was taken")
     assert counted.read_text() == "it hangs\n"
     assert processes_of(paths.BUILD / NAME) == []
+
+
+@pytest.mark.parametrize(
+    "arguments, line",
+    [
+        (["/i", "b:\\a b.msi", "/l*v", "b:\\a.log"], None),
+        (["/i", "b:\\a.msi", "NAME=value", "EMPTY=", "INSTALLDIR=C:\\a\\"], None),
+        (["/i", "b:\\a.msi", "NAME=a b"], 'msiexec.exe /i b:\\a.msi NAME="a b"'),
+        (
+            ["/i", "b:\\a b.msi", "NAME=a\tb", "OTHER=c", "/l*v", "b:\\c d\\"],
+            'msiexec.exe /i "b:\\a b.msi" NAME="a\tb" OTHER=c /l*v "b:\\c d\\\\"',
+        ),
+        (["/i", "", "NAME= ", 'say "no"'], 'msiexec.exe /i "" NAME=" " "say \\"no\\""'),
+    ],
+)
+def test_the_installer_gets_what_has_blanks_in_quotes(arguments, line):
+    command, environment = command_of(INSTALLER, arguments)
+    if line is None:
+        assert (command, environment) == ([INSTALLER, *arguments], {})
+    else:
+        ((variable, value),) = environment.items()
+        assert (command, value) == (["cmd.exe", "/c", f"%{variable}%"], line)
+
+
+def test_another_program_gets_its_arguments_as_they_are():
+    arguments = ["NAME=a b", 'NAME="a"']
+    assert command_of("reg.exe", arguments) == (["reg.exe", *arguments], {})
+
+
+@pytest.mark.parametrize("argument", ['NAME=a"b', 'NAME="a b"', 'NAME="'])
+def test_a_quotation_mark_in_the_value_of_a_property_is_refused(prefix, argument):
+    with pytest.raises(ValueError, match="the value of NAME has a quotation mark"):
+        prefix.start(INSTALLER, "/i", r"b:\a.msi", argument)
+
+
+def test_a_log_and_a_property_with_blanks_reach_the_installer(prefix, companion_package):
+    refused = session.install(prefix, companion_package, "NAME=a b", log_name="with blanks")
+    assert refused.exit_code == session.as_exit_code(session.INSTALL_FAILURE)
+    assert "Property(S): NAME = a b" in refused.texts
 
 
 @pytest.fixture
