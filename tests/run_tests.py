@@ -91,14 +91,15 @@ CLOSING_LINES = re.compile(
 ZONES = ("NPT-5:45", "NST3:30NDT,M3.2.0,M11.1.0")
 TESTS_OF_ZONES = "--gtest_filter=*Midnight*:*StartBoundary*"
 # Of ring msi those whose prefixes no other test uses.
-MSI_TESTS_ALONE = (
+MSI_TESTS_WITH_OWN_PREFIX = (
     "test_engines.py",
     "test_heap.py",
     "test_removal_race.py",
     "test_scenarios.py",
     "test_worked_example.py",
 )
-PARTS_THAT_TELL = ("", "-alone", "-others")
+OWN_PREFIX, SHARED_PREFIX = "-own-prefix", "-shared-prefix"
+PARTS_THAT_TELL = ("", OWN_PREFIX, SHARED_PREFIX)
 # Not run by a ring: another test starts it as a program beside itself.
 STARTED_BY_TESTS = {"AgentInstallation.DISABLED_SetsUpTheAgent"}
 # Seconds.
@@ -162,9 +163,9 @@ def _run_all() -> Outcome:
     running: list[subprocess.Popen[bytes]] = []
     lanes = ThreadPoolExecutor(max_workers=2)
     try:
-        for outcome in lanes.map(lambda ring: _run_alone(ring, running), TOGETHER):
+        for outcome in lanes.map(lambda ring: _run_in_own_process(ring, running), TOGETHER):
             total.add(outcome)
-        total.add(_run_alone("time", running))
+        total.add(_run_in_own_process("time", running))
     finally:
         lanes.shutdown(wait=False, cancel_futures=True)
         for process in running:
@@ -173,7 +174,7 @@ def _run_all() -> Outcome:
     return total
 
 
-def _run_alone(name: str, running: list[subprocess.Popen[bytes]]) -> Outcome:
+def _run_in_own_process(name: str, running: list[subprocess.Popen[bytes]]) -> Outcome:
     """Runs one ring in a process of its own and shows what it printed when it has ended."""
     log = RESULTS / f"ring-{name}.txt"
     with open(log, "wb") as output:
@@ -327,16 +328,16 @@ def run_msi(arguments: list[str]) -> Outcome:
         return _pytest("msi", ["tests/msi", *arguments])
     # The tests with prefixes of their own beside those that share one: most of the time of both is
     # the engine's.
-    alone = [f"tests/msi/{name}" for name in MSI_TESTS_ALONE]
-    others = ["tests/msi", *(f"--ignore={name}" for name in alone)]
+    own_prefix = [f"tests/msi/{name}" for name in MSI_TESTS_WITH_OWN_PREFIX]
+    shared_prefix = ["tests/msi", *(f"--ignore={name}" for name in own_prefix)]
     outcome = Outcome()
     interrupted = threading.Event()
     # Its end waits for both.
     with ThreadPoolExecutor(2) as pool:
         try:
             running = [
-                pool.submit(_pytest, "msi", alone, "-alone", interrupted),
-                pool.submit(_pytest, "msi", others, "-others", interrupted),
+                pool.submit(_pytest, "msi", own_prefix, OWN_PREFIX, interrupted),
+                pool.submit(_pytest, "msi", shared_prefix, SHARED_PREFIX, interrupted),
             ]
             for part in as_completed(running):
                 outcome.add(part.result())
