@@ -1,15 +1,10 @@
 """The gate of the coverage sees each way in which a run can be a bad one."""
 
-import sys
-from pathlib import Path
-
 import pytest
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-
-import coverage  # noqa: E402
-from coverage import LIBRARY, NotReached, judge, lines_not_understood, read_gcovr  # noqa: E402
-from run_tests import Outcome, read_google_test_log  # noqa: E402
+import coverage
+from coverage import LIBRARY, NotReached, judge, lines_not_understood, read_gcovr
+from run_tests import Outcome, read_google_test_log
 
 PASSED = Outcome(passed=2)
 SOURCES = {

@@ -17,6 +17,7 @@ import pytest
 
 import supervise
 from installer import paths
+from waiting import until
 
 LIMIT = 20.0
 # What the script and the programs in place of others need of the machine.
@@ -59,15 +60,8 @@ class Checkout:
     def started(self, count: int) -> list[int]:
         """The numbers that started processes have written."""
         file = self.folder / "started"
-        until(lambda: file.exists() and len(file.read_text().split()) >= count)
+        until(lambda: file.exists() and len(file.read_text().split()) >= count, LIMIT)
         return [int(number) for number in file.read_text().split()]
-
-
-def until(holds) -> None:
-    end = time.monotonic() + LIMIT
-    while not holds():
-        assert time.monotonic() < end, "it did not happen in time"
-        time.sleep(0.02)
 
 
 def is_running(process: int) -> bool:
@@ -254,7 +248,7 @@ def test_a_signal_ends_an_installation_before_anything_else_runs(checkout, numbe
     process.send_signal(number)
     process.communicate(timeout=LIMIT)
     assert process.returncode != 0
-    until(lambda: not is_running(started))
+    until(lambda: not is_running(started), LIMIT)
 
 
 def test_a_process_of_another_user_ends_by_itself(monkeypatch):

@@ -11,10 +11,8 @@ from typing import Callable
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-
-import run_tests  # noqa: E402
-from run_tests import (  # noqa: E402
+import run_tests
+from run_tests import (
     PYTEST_ENVIRONMENT,
     ROOT,
     STARTED_BY_TESTS,

@@ -16,6 +16,7 @@ from installer import companion, engines, machine, package, paths, session
 from installer.log import ActionRun, action_runs
 from installer.prefix import START_LIMIT, Prefix
 from installer.session import SessionResult
+from waiting import until
 
 SOURCE = Path(__file__).with_name("engine_probes.wxs")
 FOLDER = r"C:\Program Files\Engine probes"
@@ -143,9 +144,9 @@ def taskkill_by_name(probed: Probed) -> int:
     environment = {"HALVARD_RECORD": RECORD, "HALVARD_RECORD_DELAY": "120000"}
     started = [prefix.start(program, environment=environment) for _ in range(2)]
     try:
-        until(lambda: record.exists() and len(record.read_text().splitlines()) == 2)
+        until(lambda: record.exists() and len(record.read_text().splitlines()) == 2, START_LIMIT)
         prefix.run("taskkill.exe", "/IM", "engine-probe.exe", "/F")
-        until(lambda: any(process.poll() is not None for process in started))
+        until(lambda: any(process.poll() is not None for process in started), START_LIMIT)
         # The second one is told together with the first, or not at all.
         time.sleep(1.0)
         return sum(process.poll() is not None for process in started)
@@ -154,13 +155,6 @@ def taskkill_by_name(probed: Probed) -> int:
             process.kill()
             process.wait()
         record.unlink()
-
-
-def until(true: Callable[[], bool]) -> None:
-    end = time.monotonic() + START_LIMIT
-    while not true():
-        assert time.monotonic() < end
-        time.sleep(0.01)
 
 
 # What is stored where.

@@ -1,7 +1,6 @@
 """Prefixes are checked before use, end with all their processes, and nothing waits for ever."""
 
 import shutil
-import time
 import warnings
 from pathlib import Path
 
@@ -11,8 +10,10 @@ from installer import confinement, package, paths, repeats, session
 from installer.log import LogLine
 from installer.prefix import INSTALLER, NotStarted, Prefix, UnsafePrefix, command_of, link_danger
 from processes import processes_of
+from waiting import until
 
 NAME = "prefix-msi-checked"
+LIMIT = 20.0
 
 
 def test_a_prefix_without_a_guard_is_refused():
@@ -326,10 +327,8 @@ def test_what_a_program_starts_is_confined_as_well(confining_kernel, prefix, tmp
     names |= {f"{name}_form": unix_form(file) for name, file in names.items()}
     prefix.run(*(part.format(**names) for part in command))
     # The host's programs are not waited for.
-    limit = time.monotonic() + 20.0
-    while inside.exists() and time.monotonic() < limit:
-        time.sleep(0.01)
-    assert not inside.exists() and outside.exists()
+    until(lambda: not inside.exists(), LIMIT)
+    assert outside.exists()
 
 
 NO_SUCH_CALL = 100_000
@@ -372,12 +371,12 @@ def test_programs_of_a_prefix_see_each_other(prefix):
     shutil.copy(RECORDER, prefix.throwaway / "seen.exe")
     record = {"HALVARD_RECORD": r"t:\seen.txt", "HALVARD_RECORD_DELAY": "60000"}
     running = prefix.start(r"t:\seen.exe", environment=record)
-    limit = time.monotonic() + 20.0
-    while not (prefix.throwaway / "seen.txt").exists() and time.monotonic() < limit:
-        time.sleep(0.01)
-    killed = prefix.run("taskkill.exe", "/IM", "seen.exe", "/F")
-    running.kill()
-    running.wait()
-    for left in ("seen.exe", "seen.txt"):
-        (prefix.throwaway / left).unlink()
+    try:
+        until((prefix.throwaway / "seen.txt").exists, LIMIT)
+        killed = prefix.run("taskkill.exe", "/IM", "seen.exe", "/F")
+    finally:
+        running.kill()
+        running.wait()
+        for left in ("seen.exe", "seen.txt"):
+            (prefix.throwaway / left).unlink(missing_ok=True)
     assert killed.returncode == 0, killed.stdout

@@ -7,7 +7,6 @@ import signal
 import subprocess
 import sys
 import tempfile
-import time
 from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
@@ -18,6 +17,7 @@ import pytest
 from installer import actions, companion, paths
 from installer.prefix import Prefix
 from processes import processes_of
+from waiting import until
 
 LIBRARY = ("--dll", paths.windows_path(paths.FAULT_ACTIONS))
 LIMIT = 60.0
@@ -195,9 +195,7 @@ def test_the_duration_is_that_of_the_action(call):
 def test_a_line_is_shown_when_it_comes(prefix):
     command = [paths.RUNNER, "LogAndWait", f"MILLISECONDS={3 * LIMIT * 1000:.0f}", *LIBRARY]
     with running(prefix, *command) as (process, output, _):
-        limit = time.monotonic() + LIMIT
-        while not output.read_text() and time.monotonic() < limit:
-            time.sleep(0.01)
+        until(output.read_text, LIMIT)
         assert output.read_text() == "log         waiting\n"
         assert process.poll() is None
 
@@ -446,11 +444,13 @@ def test_a_signal_ends_the_prefix_and_its_servers(command, number, prefix_name):
     process = subprocess.Popen(
         command, cwd=paths.ROOT, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL
     )
+
+    def has_a_server() -> bool:
+        assert process.poll() is None
+        return any("server" in line for line in processes_of(paths.BUILD / prefix_name))
+
     try:
-        limit = time.monotonic() + 3 * LIMIT
-        while not any("server" in line for line in processes_of(paths.BUILD / prefix_name)):
-            assert process.poll() is None and time.monotonic() < limit
-            time.sleep(0.05)
+        until(has_a_server, 3 * LIMIT)
         process.send_signal(number)
         assert process.wait(2 * LIMIT) == 128 + number
         assert processes_of(paths.BUILD / prefix_name) == []

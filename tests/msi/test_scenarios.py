@@ -5,7 +5,6 @@ Each scenario is a chain of sessions in a prefix of its own, played once for all
 """
 
 import getpass
-import time
 from dataclasses import replace
 from typing import Callable, Sequence
 
@@ -16,6 +15,7 @@ from installer.companion import FOLDER, Row
 from installer.log import Execution
 from installer.prefix import START_LIMIT, Prefix
 from scenario import Machine, Played, Scenario, Session, play, together
+from waiting import until
 
 USER = getpass.getuser()
 STARTED = "LAUNCHED_FROM_MIM=1"
@@ -245,9 +245,7 @@ def use(prefix: Prefix) -> None:
         environment={"HALVARD_RECORD": HELD, "HALVARD_RECORD_DELAY": "120000"},
     )
     started = prefix.host_path(HELD)
-    end = time.monotonic() + START_LIMIT
-    while not started.exists() and time.monotonic() < end:
-        time.sleep(0.01)
+    until(started.exists, START_LIMIT)
     started.unlink()
 
 
