@@ -18,7 +18,7 @@ ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tools"))
 
 from installer import ending, paths  # noqa: E402
-from run_tests import RESULTS, Outcome, Progress, wine_tests  # noqa: E402
+from run_tests import RESULTS, Outcome, progress_of, wine_tests  # noqa: E402
 
 LIBRARY = "Utilities/CustomActions/Halvard_CA"
 BUILD = paths.BUILD / "mingw-test"
@@ -84,7 +84,7 @@ class Counted:
 
 def main() -> int:
     RESULTS.mkdir(parents=True, exist_ok=True)
-    with Progress(["wine"], shown=True):
+    with progress_of(["wine"], shown=True):
         outcome = run_tests()
         counted = read_gcovr(gcovr())
     print("\n".join(table(counted)))

@@ -23,11 +23,11 @@ import threading
 import time
 import xml.etree.ElementTree as ElementTree
 from concurrent.futures import ThreadPoolExecutor, as_completed
-from contextlib import suppress
+from contextlib import contextmanager, nullcontext, suppress
 from dataclasses import dataclass, field
 from functools import partial
 from pathlib import Path
-from typing import Callable, Mapping, Sequence
+from typing import Callable, Iterator, Mapping, Sequence
 
 ROOT = Path(__file__).resolve().parents[1]
 BUILD = ROOT / "build"
@@ -145,7 +145,7 @@ def main(arguments: list[str]) -> int:
         return 2
 
     RESULTS.mkdir(parents=True, exist_ok=True)
-    with Progress(rings or list(RINGS), shown=PART not in switches):
+    with progress_of(rings or list(RINGS), shown=PART not in switches):
         total = _run_ring(rings[0], passed_on) if rings else _run_all()
     for repeat in total.failed:
         print(f"FAILED, repeat with: {repeat}")
@@ -227,38 +227,20 @@ def _run_ring(name: str, arguments: list[str]) -> Outcome:
     return outcome
 
 
-class Progress:
-    """Shows how many of their tests rings have run, as long as it is open."""
+@contextmanager
+def progress_of(rings: Sequence[str], shown: bool) -> Iterator[None]:
+    """Shows how many of their tests rings have run, for the length of a `with` block."""
+    parts = [(ring, part) for ring in rings for part in PARTS_THAT_TELL]
+    for each in parts:
+        progress_file(*each).unlink(missing_ok=True)
 
-    def __init__(self, rings: Sequence[str], shown: bool) -> None:
-        self._rings = rings
-        self._shown = shown
-        self._ended = threading.Event()
-        self._thread = threading.Thread(target=self._follow, daemon=True)
+    def told() -> str:
+        begun = [each for each in parts if progress_file(*each).exists()]
+        lines = [f"{ring}{part} {_text(progress_file(ring, part))}" for ring, part in begun]
+        return ", ".join(lines) or "begun"
 
-    def __enter__(self) -> None:
-        for ring in self._rings:
-            for part in PARTS_THAT_TELL:
-                progress_file(ring, part).unlink(missing_ok=True)
-        if self._shown:
-            self._thread.start()
-
-    def __exit__(self, *_: object) -> None:
-        self._ended.set()
-        if self._shown:
-            self._thread.join()
-
-    def _follow(self) -> None:
-        line = progress.Line()
-        while not self._ended.wait(PROGRESS_POLL):
-            told = [
-                f"{ring}{part} {progress_file(ring, part).read_text()}"
-                for ring in self._rings
-                for part in PARTS_THAT_TELL
-                if progress_file(ring, part).exists()
-            ]
-            line.show(", ".join(told) or "begun")
-        line.clear()
+    with progress.shown(told) if shown else nullcontext():
+        yield
 
 
 def progress_file(ring: str, part: str = "") -> Path:

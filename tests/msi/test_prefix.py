@@ -6,6 +6,7 @@ from pathlib import Path
 
 import pytest
 
+import progress
 from installer import confinement, package, paths, repeats, session
 from installer.log import LogLine
 from installer.prefix import INSTALLER, NotStarted, Prefix, UnsafePrefix, command_of, link_danger
@@ -67,6 +68,18 @@ def test_a_prefix_that_the_guard_refuses_is_refused():
 def test_a_prefix_outside_of_the_build_folder_is_not_made():
     with pytest.raises(UnsafePrefix, match="is not below"), Prefix("../prefix-outside"):
         pytest.fail("the prefix was taken")
+
+
+def test_a_prefix_that_takes_its_time_is_told_of_on_standard_error(monkeypatch, tmp_path, capsys):
+    slow = tmp_path / "make_prefix.sh"
+    slow.write_text("sleep 0.5; exit 1\n")
+    monkeypatch.setattr(paths, "MAKE_PREFIX", slow)
+    for name, seconds in (("QUIET", 0.05), ("POLL", 0.05), ("INTERVAL", 0.1)):
+        monkeypatch.setattr(progress, name, seconds)
+    with pytest.raises(UnsafePrefix, match="no prefix could be made"), Prefix(NAME):
+        pytest.fail("the prefix was taken")
+    out, err = capsys.readouterr()
+    assert out == "" and " s: making a Wine prefix\n" in err
 
 
 def test_no_process_is_left_when_the_block_ends_with_a_failure():

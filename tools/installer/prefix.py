@@ -8,11 +8,13 @@ import re
 import select
 import signal
 import subprocess
+import sys
 import tempfile
 from contextlib import suppress
 from pathlib import Path
 from typing import Mapping, Sequence
 
+import progress
 from installer import engines, paths, repeats
 from installer.confinement import ConfinedThread
 from installer.engines import WINE
@@ -154,7 +156,9 @@ class Prefix:
 
     def _make(self) -> None:
         command = ["sh", str(paths.MAKE_PREFIX), str(self.path)]
-        made = _run_tool(command, MAKE_LIMIT, _environment(self.path))
+        # Standard output may belong to what the prefix is made for.
+        with progress.shown(lambda: "making a Wine prefix", sys.stderr):
+            made = _run_tool(command, MAKE_LIMIT, _environment(self.path))
         if made.returncode != 0:
             raise UnsafePrefix(f"no prefix could be made: {made.stdout.strip()}")
 
