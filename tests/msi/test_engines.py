@@ -4,6 +4,7 @@ engine's own programs: each finds out what the engine at work does.
 The others are in tests/wine/engines_test.cpp.
 """
 
+import codecs
 import shutil
 import time
 from dataclasses import dataclass
@@ -181,7 +182,9 @@ def temporary_folder(probed: Probed) -> str:
 
 @probe("log-encoding")
 def log_encoding(probed: Probed) -> str:
-    return session.log_encoding(probed.session("none").log.read_bytes())
+    log = probed.session("none").log.read_bytes()
+    marked = log.startswith((codecs.BOM_UTF16_LE, codecs.BOM_UTF16_BE))
+    return "utf-16" if marked else "cp1252"
 
 
 @probe("failed-action")

@@ -6,7 +6,7 @@ from pathlib import Path
 
 import pytest
 
-from installer import companion, package, paths
+from installer import companion, engines, package, paths
 
 
 AGENT_SEQUENCE = [
@@ -99,8 +99,8 @@ def test_task_definitions_are_compact_and_in_the_order_of_the_task_schema(name):
         assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d", texts["StartBoundary"])
     else:
         assert "LogonTrigger" in texts
-    # The reader here takes no longer document in this encoding.
-    assert len(text) < 4000
+    if not engines.value("long-xml"):
+        assert len(text) < 4000
 
 
 def test_a_newer_package_is_another_product_that_upgrades_the_older_one(companion_package):

@@ -10,7 +10,7 @@ from typing import Callable, Sequence
 
 import pytest
 
-from installer import actions, companion, log, session
+from installer import actions, companion, engines, log, session
 from installer.companion import FOLDER, Row
 from installer.log import Execution
 from installer.prefix import START_LIMIT, Prefix
@@ -215,8 +215,9 @@ UNDO_NOT_CALLED = [
 
 
 def logged(text: str) -> str:
-    """A text as the log has it: the engine here writes it in the ANSI code page."""
-    return text.encode("cp1252", errors="replace").decode("cp1252")
+    """A text as the log has it."""
+    encoding = engines.value("log-encoding")
+    return text.encode(encoding, errors="replace").decode(encoding)
 
 
 # What happens between sessions.

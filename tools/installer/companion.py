@@ -266,10 +266,9 @@ def remove_rows(
 def clients_rows(
     client: str, user: str, version: str = VERSION, answer: int = 0, agent: bool = True
 ) -> list[Row]:
-    """The runs for the agent when a product that carries it is installed or repaired. What stands
-    behind 259 runs here all the same."""
+    """The runs for the agent when a product that carries it is installed or repaired."""
     rows = [_clients_row(client, "", version, answer)]
-    if agent:
+    if agent and _goes_on(answer):
         rows += [_ignored("PreInstallUPA", 0), _agent_row(user), _ignored("AfterInstallUPA", 0)]
     return rows
 
@@ -284,9 +283,14 @@ def clients_removal_rows(
     """The runs for the agent when a product that carries it is removed."""
     logged = [f"Client Name (Uninstall) {last_client}"]
     rows = [_clients_row(client, "ALL", version, answer, logged)]
-    if agent:
+    if agent and _goes_on(answer):
         rows.append(_ignored("PreInstallUPA", 0))
     return rows
+
+
+def _goes_on(answer: int) -> bool:
+    """Whether what stands behind CheckForClients runs when it has answered so."""
+    return answer != session.NO_MORE_ITEMS or not engines.value("no-more-items")
 
 
 def elevated_task_row(user: str, folder: str = FOLDER) -> Row:
