@@ -133,6 +133,7 @@ def test_a_source_that_cannot_be_built_says_why(tmp_path):
 
 def test_a_package_is_built_anew_only_when_what_it_is_made_of_has_changed(tmp_path):
     source = tmp_path / "rebuilt.wxs"
+    # The source installs itself by the name that it usually has.
     for copy in (source, tmp_path / "executions.wxs"):
         copy.write_bytes(Path(__file__).with_name("executions.wxs").read_bytes())
     built = package.build(source)
