@@ -411,7 +411,7 @@ def _server(outcome: Outcome, kind: Kind) -> Expectation:
 def _told(outcome: Outcome) -> Expectation:
     return Expectation(
         "what the companion tools were told",
-        ", ".join(companion.TOLD_ON_REMOVAL),
+        ", ".join(companion.told_on_removal()),
         ", ".join(outcome.told),
     )
 

@@ -2,6 +2,8 @@
 
 import ast
 import re
+import subprocess
+import sys
 from collections import Counter
 
 import pytest
@@ -98,6 +100,20 @@ def test_the_nearest_older_release_stands_for_one_that_is_not_known(version, eng
 def test_what_is_no_wine_is_refused():
     with pytest.raises(ValueError, match="no version of Wine: mine 8"):
         engines.engine_of("mine 8")
+
+
+def test_what_expects_something_of_the_engine_asks_only_when_it_is_needed():
+    folders = [str(paths.ROOT / name) for name in ("tools", "tests/msi")]
+    script = (
+        f"import sys; sys.path[:0] = {folders!r}\n"
+        "from installer import engines\n"
+        "engines.WINE = '/no such program'\n"
+        "import demo, scenario\n"
+        "try: engines.value('exit-code')\n"
+        "except FileNotFoundError: print('asked')\n"
+    )
+    done = subprocess.run([sys.executable, "-B", "-c", script], capture_output=True, text=True)
+    assert (done.stdout, done.stderr) == ("asked\n", "")
 
 
 GOOD = """

@@ -168,7 +168,7 @@ def permissions(folder: str = FOLDER) -> list[str]:
 
 def told_on_removal(folder: str = FOLDER) -> list[str]:
     return [
-        *[command.replace(FOLDER, folder) for command in companion.TOLD_ON_REMOVAL],
+        *[command.replace(FOLDER, folder) for command in companion.told_on_removal()],
         f"{POWERSHELL} Get-AppxPackage ZenvoCorporationInc-VSXCM* | Remove-AppxPackage -AllUsers",
     ]
 

@@ -79,18 +79,6 @@ AGENT_IDENTITY = f"{STATUS_KEY} : GUID"
 COUNTERS = r"PerfOS\Performance"
 COUNTERS_VALUE = f"{COUNTERS} : Disable Performance Counters"
 
-# What a removal tells the companion tools: once each by their own action, and pvcmd.exe twice more by
-# those that remove the folders of Recorder and Pivot. These always put a backslash before the name,
-# and what is left of two is up to the engine.
-_BEFORE_NAME = "\\" * engines.value("shell-backslashes")
-TOLD_ON_REMOVAL = sorted(
-    [
-        f'"{FOLDER}\\DVR\\VSServCmd.exe" exit',
-        f'"{FOLDER}\\Pivot\\pvcmd.exe" exit',
-        *[f'"{FOLDER}\\Pivot{_BEFORE_NAME}pvcmd.exe" exit'] * 2,
-    ]
-)
-
 # The actions rewrite the task definitions into the temporary folder and leave them there.
 COPIES_LEFT_BEHIND = ["StartDVR.xml", "StartPV.xml", "StartPVBM.xml"]
 # Where the companion tools of the sample package record what they were told.
@@ -366,6 +354,20 @@ def write_as_the_applications_do(prefix: Prefix) -> None:
         file = prefix.host_path(name)
         file.parent.mkdir(exist_ok=True)
         file.write_text("written by an application\n")
+
+
+def told_on_removal() -> list[str]:
+    """What a removal tells the companion tools: once each by their own action, and pvcmd.exe twice
+    more by those that remove the folders of Recorder and Pivot."""
+    # These always put a backslash before the name, and what is left of two is up to the engine.
+    before_name = "\\" * engines.value("shell-backslashes")
+    return sorted(
+        [
+            f'"{FOLDER}\\DVR\\VSServCmd.exe" exit',
+            f'"{FOLDER}\\Pivot\\pvcmd.exe" exit',
+            *[f'"{FOLDER}\\Pivot{before_name}pvcmd.exe" exit'] * 2,
+        ]
+    )
 
 
 def told(prefix: Prefix) -> list[str]:
