@@ -130,7 +130,7 @@ class Outcome:
 
     def closing_line(self) -> str:
         line = f"{self.passed} passed, {len(self.failed)} failed, {len(self.skipped)} skipped"
-        return f"{line}; {self.repeated} repeated" if self.repeated else line
+        return line + repeats.behind(self.repeated)
 
 
 def main(arguments: list[str]) -> int:
@@ -209,19 +209,16 @@ def read_ring_log(name: str, log: str, code: int) -> Outcome:
 def _run_ring(name: str, arguments: list[str]) -> Outcome:
     print(f"== {name}", flush=True)
     start = time.monotonic()
-    repeated = RESULTS / f"repeated-{name}.txt"
-    repeated.unlink(missing_ok=True)
-    os.environ[repeats.COUNTED_IN] = str(repeated)
-    try:
-        outcome = RINGS[name](arguments)
-    except (RuntimeError, OSError, subprocess.TimeoutExpired) as error:
-        print(f"ring {name} could not be run: {error}")
-        outcome = Outcome(failed=[f"./run test {name}"])
+    with repeats.counted(RESULTS / f"repeated-{name}.txt") as repeated:
+        try:
+            outcome = RINGS[name](arguments)
+        except (RuntimeError, OSError, subprocess.TimeoutExpired) as error:
+            print(f"ring {name} could not be run: {error}")
+            outcome = Outcome(failed=[f"./run test {name}"])
+        outcome.repeated = repeated()
     if not arguments and outcome.reached == 0:
         print(f"ring {name} has no test")
         outcome.failed.append(f"./run test {name}")
-    if repeated.exists():
-        outcome.repeated = len(repeated.read_text().splitlines())
     duration = time.monotonic() - start
     print(f"   {outcome.closing_line()}, {duration:.0f} s", flush=True)
     return outcome
