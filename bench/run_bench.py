@@ -16,6 +16,7 @@ ROOT = Path(__file__).resolve().parents[1]
 sys.path[:0] = [str(ROOT / "tools"), str(ROOT / "bench")]
 
 import library_size  # noqa: E402
+import progress  # noqa: E402
 from installer import ending, package, paths, session  # noqa: E402
 from installer.prefix import Prefix  # noqa: E402
 
@@ -136,7 +137,8 @@ def ratio(times: dict[str, list[float]], name: str, reference: str, goal: float)
 def measured_by(prefix: Prefix, program: str, *arguments: str | int) -> dict[str, list[float]]:
     """The numbers that a program prints as lines "NAME NUMBER"."""
     program_path = paths.windows_path(BENCH / f"{program}.exe")
-    done = prefix.run(program_path, *map(str, arguments), limit=PROGRAM_LIMIT)
+    with progress.shown(lambda: f"{program} at work"):
+        done = prefix.run(program_path, *map(str, arguments), limit=PROGRAM_LIMIT)
     if done.returncode != 0:
         raise RuntimeError(f"{program}: exit code {done.returncode}\n{done.stdout}")
     numbers: dict[str, list[float]] = defaultdict(list)
@@ -151,17 +153,18 @@ def measure_calls(prefix: Prefix) -> list[Figure]:
         f"\nOne call of a trivial action by msiexec: {INSTALLS} installs with {CALLS} calls of each"
         " DLL, alternated;\nmedian install time less that of a package without calls, by call"
     )
-    without_calls = bench_package("bench_no_calls", paths.LIBRARY, "", 0)
-    packages = {
-        name: bench_package(f"bench_{library.stem}_{action}", library, action, CALLS)
-        for name, (library, action) in CALLED.items()
-    }
-    empty_installs = []
+    empty_installs: list[float] = []
     installs: dict[str, list[float]] = defaultdict(list)
-    for _ in range(INSTALLS):
-        empty_installs.append(install_seconds(prefix, without_calls, 0))
-        for name, package_path in packages.items():
-            installs[name].append(install_seconds(prefix, package_path, CALLS))
+    with progress.shown(lambda: f"{len(empty_installs)} of {INSTALLS} rounds of installs begun"):
+        without_calls = bench_package("bench_no_calls", paths.LIBRARY, "", 0)
+        packages = {
+            name: bench_package(f"bench_{library.stem}_{action}", library, action, CALLS)
+            for name, (library, action) in CALLED.items()
+        }
+        for _ in range(INSTALLS):
+            empty_installs.append(install_seconds(prefix, without_calls, 0))
+            for name, package_path in packages.items():
+                installs[name].append(install_seconds(prefix, package_path, CALLS))
     floor = statistics.median(empty_installs)
     times = {
         name: [1000 * (seconds - floor) / CALLS for seconds in measured]

@@ -17,8 +17,8 @@ from typing import Iterable, Mapping, Sequence
 ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tools"))
 
-from installer import ending, paths  # noqa: E402
-from run_tests import RESULTS, Outcome, Progress, wine_tests  # noqa: E402
+from installer import ending, paths, repeats  # noqa: E402
+from run_tests import RESULTS, Outcome, progress_of, wine_tests  # noqa: E402
 
 LIBRARY = "Utilities/CustomActions/Halvard_CA"
 BUILD = paths.BUILD / "mingw-test"
@@ -84,12 +84,17 @@ class Counted:
 
 def main() -> int:
     RESULTS.mkdir(parents=True, exist_ok=True)
-    with Progress(["wine"], shown=True):
+    with (
+        progress_of(["wine"], shown=True),
+        repeats.counted(RESULTS / "repeated-coverage.txt") as repeated,
+    ):
         outcome = run_tests()
+        outcome.repeated = repeated()
         counted = read_gcovr(gcovr())
     print("\n".join(table(counted)))
     wrong = judge(outcome, counted, library_sources(), NOT_REACHED)
-    print("\n".join(wrong or [f"{outcome.passed} tests, {len(NOT_REACHED)} lines named"]))
+    last = f"{outcome.passed} tests, {len(NOT_REACHED)} lines named"
+    print("\n".join([*wrong, last + repeats.behind(outcome.repeated)]))
     return 1 if wrong else 0
 
 

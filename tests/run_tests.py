@@ -22,12 +22,12 @@ import sys
 import threading
 import time
 import xml.etree.ElementTree as ElementTree
-from concurrent.futures import ThreadPoolExecutor
-from contextlib import suppress
+from concurrent.futures import ThreadPoolExecutor, as_completed
+from contextlib import contextmanager, nullcontext, suppress
 from dataclasses import dataclass, field
 from functools import partial
 from pathlib import Path
-from typing import Callable, Mapping, Sequence
+from typing import Callable, Iterator, Mapping, Sequence
 
 ROOT = Path(__file__).resolve().parents[1]
 BUILD = ROOT / "build"
@@ -35,7 +35,7 @@ RESULTS = BUILD / "test-results"
 sys.path.insert(0, str(ROOT / "tools"))
 
 import progress  # noqa: E402
-from installer import ending, repeats  # noqa: E402
+from installer import ending, heap_check, repeats  # noqa: E402
 from installer.prefix import Prefix  # noqa: E402
 
 NO_SKIPS = "--no-skips"
@@ -86,20 +86,20 @@ WINE_OVERRIDES = "mscoree,mshtml,winemenubuilder.exe=;" + ";".join(
 CLOSING_LINES = re.compile(
     r"^((FAILED, repeat with|SKIPPED): .*|\d+ passed, \d+ failed, .*)\n", re.MULTILINE
 )
-IMAGE_OPTIONS = r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\Image File Execution Options"
 # What looks at the local time is run once more as on machines in other zones than this one: east
 # and west of the meridian, with and without daylight-saving time, on the half and quarter hour.
 ZONES = ("NPT-5:45", "NST3:30NDT,M3.2.0,M11.1.0")
 TESTS_OF_ZONES = "--gtest_filter=*Midnight*:*StartBoundary*"
 # Of ring msi those whose prefixes no other test uses.
-MSI_TESTS_ALONE = (
+MSI_TESTS_WITH_OWN_PREFIX = (
     "test_engines.py",
     "test_heap.py",
     "test_removal_race.py",
     "test_scenarios.py",
     "test_worked_example.py",
 )
-PARTS_THAT_TELL = ("", "-alone", "-others")
+OWN_PREFIX, SHARED_PREFIX = "-own-prefix", "-shared-prefix"
+PARTS_THAT_TELL = ("", OWN_PREFIX, SHARED_PREFIX)
 # Not run by a ring: another test starts it as a program beside itself.
 STARTED_BY_TESTS = {"AgentInstallation.DISABLED_SetsUpTheAgent"}
 # Seconds.
@@ -130,7 +130,7 @@ class Outcome:
 
     def closing_line(self) -> str:
         line = f"{self.passed} passed, {len(self.failed)} failed, {len(self.skipped)} skipped"
-        return f"{line}; {self.repeated} repeated" if self.repeated else line
+        return line + repeats.behind(self.repeated)
 
 
 def main(arguments: list[str]) -> int:
@@ -145,7 +145,7 @@ def main(arguments: list[str]) -> int:
         return 2
 
     RESULTS.mkdir(parents=True, exist_ok=True)
-    with Progress(rings or list(RINGS), shown=PART not in switches):
+    with progress_of(rings or list(RINGS), shown=PART not in switches):
         total = _run_ring(rings[0], passed_on) if rings else _run_all()
     for repeat in total.failed:
         print(f"FAILED, repeat with: {repeat}")
@@ -163,9 +163,9 @@ def _run_all() -> Outcome:
     running: list[subprocess.Popen[bytes]] = []
     lanes = ThreadPoolExecutor(max_workers=2)
     try:
-        for outcome in lanes.map(lambda ring: _run_alone(ring, running), TOGETHER):
+        for outcome in lanes.map(lambda ring: _run_in_own_process(ring, running), TOGETHER):
             total.add(outcome)
-        total.add(_run_alone("time", running))
+        total.add(_run_in_own_process("time", running))
     finally:
         lanes.shutdown(wait=False, cancel_futures=True)
         for process in running:
@@ -174,7 +174,7 @@ def _run_all() -> Outcome:
     return total
 
 
-def _run_alone(name: str, running: list[subprocess.Popen[bytes]]) -> Outcome:
+def _run_in_own_process(name: str, running: list[subprocess.Popen[bytes]]) -> Outcome:
     """Runs one ring in a process of its own and shows what it printed when it has ended."""
     log = RESULTS / f"ring-{name}.txt"
     with open(log, "wb") as output:
@@ -209,56 +209,35 @@ def read_ring_log(name: str, log: str, code: int) -> Outcome:
 def _run_ring(name: str, arguments: list[str]) -> Outcome:
     print(f"== {name}", flush=True)
     start = time.monotonic()
-    repeated = RESULTS / f"repeated-{name}.txt"
-    repeated.unlink(missing_ok=True)
-    os.environ[repeats.COUNTED_IN] = str(repeated)
-    try:
-        outcome = RINGS[name](arguments)
-    except (RuntimeError, OSError, subprocess.TimeoutExpired) as error:
-        print(f"ring {name} could not be run: {error}")
-        outcome = Outcome(failed=[f"./run test {name}"])
+    with repeats.counted(RESULTS / f"repeated-{name}.txt") as repeated:
+        try:
+            outcome = RINGS[name](arguments)
+        except (RuntimeError, OSError, subprocess.TimeoutExpired) as error:
+            print(f"ring {name} could not be run: {error}")
+            outcome = Outcome(failed=[f"./run test {name}"])
+        outcome.repeated = repeated()
     if not arguments and outcome.reached == 0:
         print(f"ring {name} has no test")
         outcome.failed.append(f"./run test {name}")
-    if repeated.exists():
-        outcome.repeated = len(repeated.read_text().splitlines())
     duration = time.monotonic() - start
     print(f"   {outcome.closing_line()}, {duration:.0f} s", flush=True)
     return outcome
 
 
-class Progress:
-    """Shows how many of their tests rings have run, as long as it is open."""
+@contextmanager
+def progress_of(rings: Sequence[str], shown: bool) -> Iterator[None]:
+    """Shows how many of their tests rings have run, for the length of a `with` block."""
+    parts = [(ring, part) for ring in rings for part in PARTS_THAT_TELL]
+    for each in parts:
+        progress_file(*each).unlink(missing_ok=True)
 
-    def __init__(self, rings: Sequence[str], shown: bool) -> None:
-        self._rings = rings
-        self._shown = shown
-        self._ended = threading.Event()
-        self._thread = threading.Thread(target=self._follow, daemon=True)
+    def told() -> str:
+        begun = [each for each in parts if progress_file(*each).exists()]
+        lines = [f"{ring}{part} {_text(progress_file(ring, part))}" for ring, part in begun]
+        return ", ".join(lines) or "begun"
 
-    def __enter__(self) -> None:
-        for ring in self._rings:
-            for part in PARTS_THAT_TELL:
-                progress_file(ring, part).unlink(missing_ok=True)
-        if self._shown:
-            self._thread.start()
-
-    def __exit__(self, *_: object) -> None:
-        self._ended.set()
-        if self._shown:
-            self._thread.join()
-
-    def _follow(self) -> None:
-        line = progress.Line()
-        while not self._ended.wait(PROGRESS_POLL):
-            told = [
-                f"{ring}{part} {progress_file(ring, part).read_text()}"
-                for ring in self._rings
-                for part in PARTS_THAT_TELL
-                if progress_file(ring, part).exists()
-            ]
-            line.show(", ".join(told) or "begun")
-        line.clear()
+    with progress.shown(told) if shown else nullcontext():
+        yield
 
 
 def progress_file(ring: str, part: str = "") -> Path:
@@ -303,7 +282,7 @@ def wine_tests(
             return prefix.start(*command, **options)
 
         if check_heap:
-            _check_heap_of(prefix, f"{program}.exe")
+            heap_check.check_heap(prefix, f"{program}.exe", heap_check.MARKS)
         outcome = _google_tests(ring, [*command, *arguments], start)
         if program == "wine_tests" and not arguments:
             for number, zone in enumerate(ZONES):
@@ -318,7 +297,7 @@ def wine_tests(
 
 
 def _wine_canaries(prefix: Prefix, start: Callable[..., "subprocess.Popen[bytes]"]) -> Outcome:
-    _check_heap_of(prefix, "wine_canaries.exe")
+    heap_check.check_heap(prefix, "wine_canaries.exe", heap_check.MARKS)
     program = r"b:\mingw-test\tests\wine\wine_canaries.exe"
     return _google_canaries("wine", program, WINE_CANARIES, start)
 
@@ -328,12 +307,22 @@ def run_msi(arguments: list[str]) -> Outcome:
         return _pytest("msi", ["tests/msi", *arguments])
     # The tests with prefixes of their own beside those that share one: most of the time of both is
     # the engine's.
-    alone = [f"tests/msi/{name}" for name in MSI_TESTS_ALONE]
-    others = ["tests/msi", *(f"--ignore={name}" for name in alone)]
+    own_prefix = [f"tests/msi/{name}" for name in MSI_TESTS_WITH_OWN_PREFIX]
+    shared_prefix = ["tests/msi", *(f"--ignore={name}" for name in own_prefix)]
     outcome = Outcome()
+    interrupted = threading.Event()
+    # Its end waits for both.
     with ThreadPoolExecutor(2) as pool:
-        for part in pool.map(partial(_pytest, "msi"), (alone, others), ("-alone", "-others")):
-            outcome.add(part)
+        try:
+            running = [
+                pool.submit(_pytest, "msi", own_prefix, OWN_PREFIX, interrupted),
+                pool.submit(_pytest, "msi", shared_prefix, SHARED_PREFIX, interrupted),
+            ]
+            for part in as_completed(running):
+                outcome.add(part.result())
+        except BaseException:
+            interrupted.set()
+            raise
     return outcome
 
 
@@ -551,19 +540,16 @@ def _empty(folder: Path) -> None:
         file.unlink()
 
 
-def _check_heap_of(prefix: Prefix, program: str) -> None:
-    """Lets the engine mark what lies behind each heap block of a program and inside each free one
-    (0x30: tail, free); the tests look at the marks after each test."""
-    key = rf"{IMAGE_OPTIONS}\{program}"
-    value = ["/v", "GlobalFlag", "/t", "REG_DWORD", "/d", "0x30"]
-    added = prefix.run("reg.exe", "add", key, *value, "/f")
-    if added.returncode != 0:
-        raise RuntimeError(f"the heap check cannot be switched on: {added.stdout}")
-
-
-def _pytest(ring: str, tests: list[str], part: str = "") -> Outcome:
-    """Runs tests of a ring; a part of a ring has files of its own for what it prints."""
+def _pytest(
+    ring: str, tests: list[str], part: str = "", interrupted: threading.Event | None = None
+) -> Outcome:
+    """Runs tests of a ring; a part of a ring has files of its own for what it prints. Whoever sets
+    `interrupted` has no use for the outcome."""
+    interrupted = interrupted or threading.Event()
     listed = _pytest_list(tests)
+    if interrupted.is_set():
+        # A program started now would not heed the signal that interrupts it.
+        return Outcome()
     report, log = RESULTS / f"{ring}{part}.xml", RESULTS / f"{ring}{part}-output.txt"
     report.unlink(missing_ok=True)
     with open(log, "wb") as output:
@@ -577,7 +563,8 @@ def _pytest(ring: str, tests: list[str], part: str = "") -> Outcome:
         end = time.monotonic() + PYTEST_LIMIT
         try:
             while pytest.poll() is None and time.monotonic() < end:
-                time.sleep(PROGRESS_POLL)
+                if interrupted.wait(PROGRESS_POLL):
+                    break
                 progress_file(ring, part).write_text(f"{pytest_done(_text(log))} of {listed}")
         finally:
             if pytest.poll() is None:

@@ -13,7 +13,6 @@ import subprocess
 import sys
 import threading
 from contextlib import suppress
-from pathlib import Path
 from typing import BinaryIO
 
 from installer import ending, paths

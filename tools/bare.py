@@ -18,6 +18,8 @@ import sys
 import time
 from pathlib import Path
 
+import progress
+
 ROOT = Path(__file__).resolve().parents[1]
 FOLDER = ROOT / "build/bare"
 RELEASES = ("bookworm", "trixie")
@@ -69,10 +71,11 @@ def make_debian(release: str, debian: Path, packages: Path) -> None:
     log = FOLDER / f"debootstrap-{release}.log"
     command = ["debootstrap", "--variant=minbase", f"--cache-dir={packages}"]
     with open(log, "wb") as output:
-        made = subprocess.run(
+        made = subprocess.Popen(
             [*command, release, str(debian), source], stdout=output, stderr=subprocess.STDOUT
         )
-    if made.returncode != 0:
+        code = progress.follow(made, lambda: progress.how_far(log))
+    if code != 0:
         sys.exit(f"debootstrap failed, see {log}: {log.read_text(errors='replace')[-500:]}")
     # apt would empty the folder of packages behind every installation.
     (debian / "etc/apt/apt.conf.d/keep-packages").write_text(

@@ -52,7 +52,8 @@ class Step:
 
 def main() -> int:
     try:
-        return _run_demo()
+        with repeats.counted(paths.REPORT / "repeated.txt") as repeated:
+            return _run_demo(repeated)
     except ending.Told as told:
         _say(f"demo: {told}")
         return told.code
@@ -61,7 +62,7 @@ def main() -> int:
         return 1
 
 
-def _run_demo() -> int:
+def _run_demo(repeated: Callable[[], int]) -> int:
     progress = _Progress()
     progress.say("building the packages")
     companion_package = package.build()
@@ -89,7 +90,7 @@ def _run_demo() -> int:
     finally:
         version = package.project_identity().version
         _write(Report(TITLE, made, version, len(steps), sessions, failure))
-    return _conclude(failures, len(steps))
+    return _conclude(failures, len(steps), repeated())
 
 
 def _run_steps(
@@ -411,7 +412,7 @@ def _server(outcome: Outcome, kind: Kind) -> Expectation:
 def _told(outcome: Outcome) -> Expectation:
     return Expectation(
         "what the companion tools were told",
-        ", ".join(companion.TOLD_ON_REMOVAL),
+        ", ".join(companion.told_on_removal()),
         ", ".join(outcome.told),
     )
 
@@ -480,12 +481,13 @@ def _show(
     ]
 
 
-def _conclude(failures: list[str], step_count: int) -> int:
+def _conclude(failures: list[str], step_count: int, repeated: int) -> int:
+    behind = repeats.behind(repeated)
     if failures:
-        _say(f"demo: {len(failures)} expectations failed:")
+        _say(f"demo: {len(failures)} expectations failed{behind}:")
         _say_all(failures)
         return 1
-    _say(f"demo: all {step_count} installer runs went as they should")
+    _say(f"demo: all {step_count} installer runs went as they should{behind}")
     return 0
 
 

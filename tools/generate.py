@@ -119,7 +119,7 @@ def declaration(action: Action, language: Language) -> str:
     attributes = [("Execute", action.execution)]
     if action.execution == "deferred":
         attributes.append(("Impersonate", "yes" if action.impersonate else "no"))
-    attributes.append(("Return", action.result))
+    attributes.append(("Return", action.return_attribute))
     if "--" in action.why:
         raise ValueError(f"{action.name}: a comment of XML cannot hold --")
     declared = " ".join(f'{name}="{value}"' for name, value in attributes)
@@ -161,9 +161,9 @@ def exports(table: list[Action]) -> str:
 
 def declared_as(action: Action) -> str:
     if action.execution == "immediate":
-        return f'immediate, `Return="{action.result}"`'
+        return f'immediate, `Return="{action.return_attribute}"`'
     impersonated = "yes" if action.impersonate else "no"
-    return f'deferred, `Impersonate="{impersonated}"`, `Return="{action.result}"`'
+    return f'deferred, `Impersonate="{impersonated}"`, `Return="{action.return_attribute}"`'
 
 
 def facts(action: Action) -> dict[str, str]:
@@ -178,6 +178,11 @@ def facts(action: Action) -> dict[str, str]:
         "Results": "\n".join(["- **Results:**", *results]),
         "Throws": wrapped(f"- **Throws:** {action.throws or 'nothing.'}", "  "),
     }
+
+
+def section(action: Action, parts: dict[str, str]) -> str:
+    """The text of a section up to its example; `parts` are its former lines by their names."""
+    return "\n".join([wrapped(action.does, ""), "", *(parts | facts(action)).values()])
 
 
 def wrapped(text: str, behind: str) -> str:
@@ -208,9 +213,8 @@ def _with_section(text: str, action: Action) -> str:
     if any("\n\n" in piece.strip("\n") for piece in pieces):
         raise ValueError(f"{action.name}: a paragraph that would be lost")
     parts = {re.match(r"- \*\*([\w ]+):", piece)[1]: piece.rstrip("\n") for piece in pieces[1:]}
-    parts |= facts(action)
-    section = "\n".join([wrapped(action.does, ""), "", *parts.values()])
-    return f"{text[: match.start('section')]}\n{section}\n\n{text[match.end('section') :]}"
+    written = section(action, parts)
+    return f"{text[: match.start('section')]}\n{written}\n\n{text[match.end('section') :]}"
 
 
 if __name__ == "__main__":

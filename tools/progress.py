@@ -12,9 +12,12 @@ import re
 import signal
 import subprocess
 import sys
+import threading
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
 from pathlib import Path
+from typing import TextIO
 
 # Seconds between two lines where nobody looks at a terminal, and between two looks.
 INTERVAL = 30.0
@@ -59,12 +62,33 @@ def follow(process: "subprocess.Popen[bytes]", told: Callable[[], str]) -> int:
             shown.show(told())
 
 
+@contextmanager
+def shown(told: Callable[[], str], stream: TextIO | None = None) -> Iterator[None]:
+    """Shows what `told` says for the length of a `with` block, on standard output or the stream."""
+    ended = threading.Event()
+    line = Line(stream)
+
+    def follow() -> None:
+        while not ended.wait(POLL):
+            line.show(told())
+        line.clear()
+
+    thread = threading.Thread(target=follow, daemon=True)
+    thread.start()
+    try:
+        yield
+    finally:
+        ended.set()
+        thread.join()
+
+
 class Line:
     """The line that tells how far something is; of what is quick it tells nothing."""
 
-    def __init__(self) -> None:
+    def __init__(self, stream: TextIO | None = None) -> None:
+        self._stream = stream or sys.stdout
         self._start = self._last = time.monotonic()
-        self._terminal = sys.stdout.isatty()
+        self._terminal = self._stream.isatty()
         self._standing = False
 
     def show(self, text: str) -> None:
@@ -73,17 +97,20 @@ class Line:
             return
         line = f"   {now - self._start:.0f} s: {text}"
         if self._terminal:
-            width = os.get_terminal_size(sys.stdout.fileno()).columns or USUAL_WIDTH
-            print(ANSI_CLEAR_LINE + line[: max(width - 1, 0)], end="", flush=True)
+            width = os.get_terminal_size(self._stream.fileno()).columns or USUAL_WIDTH
+            self._write(ANSI_CLEAR_LINE + line[: max(width - 1, 0)])
             self._standing = True
         elif now - self._last >= INTERVAL:
-            print(line, flush=True)
+            self._write(f"{line}\n")
             self._last = now
 
     def clear(self) -> None:
         if self._standing:
-            print(ANSI_CLEAR_LINE, end="", flush=True)
+            self._write(ANSI_CLEAR_LINE)
             self._standing = False
+
+    def _write(self, text: str) -> None:
+        print(text, end="", file=self._stream, flush=True)
 
 
 def how_far(log: Path) -> str:

@@ -3,4 +3,5 @@
 import sys
 from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
+_TESTS = Path(__file__).resolve().parents[1]
+sys.path[:0] = [str(_TESTS.parent / "tools"), str(_TESTS)]

@@ -1,15 +1,12 @@
 """The gate of the coverage sees each way in which a run can be a bad one."""
 
-import sys
-from pathlib import Path
-
 import pytest
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-
-import coverage  # noqa: E402
-from coverage import LIBRARY, NotReached, judge, lines_not_understood, read_gcovr  # noqa: E402
-from run_tests import Outcome, read_google_test_log  # noqa: E402
+import coverage
+import run_tests
+from coverage import LIBRARY, NotReached, judge, lines_not_understood, read_gcovr
+from installer import repeats
+from run_tests import Outcome, read_google_test_log
 
 PASSED = Outcome(passed=2)
 SOURCES = {
@@ -169,3 +166,23 @@ def test_the_table_tells_files_and_their_sum():
 def test_only_calls_that_came_back_less_than_never_are_left_out(line, understood):
     errors = f"(WARNING) Unrecognized GCOV output\n\t  {line}\nUnknownLineType: {line}\n"
     assert (lines_not_understood(errors) == []) is understood
+
+
+@pytest.mark.parametrize("wrong", [[], ["not reached: a.cpp:1: f();"]])
+@pytest.mark.parametrize("hangs", [0, 1])
+def test_the_last_line_tells_what_was_done_once_more(
+    hangs, wrong, monkeypatch, tmp_path, capsys, recwarn
+):
+    def tests() -> Outcome:
+        for _ in range(hangs):
+            repeats.tell("it hung")
+        return Outcome(passed=2)
+
+    for module in (coverage, run_tests):
+        monkeypatch.setattr(module, "RESULTS", tmp_path)
+    monkeypatch.setattr(coverage, "run_tests", tests)
+    monkeypatch.setattr(coverage, "gcovr", lambda: {"files": []})
+    monkeypatch.setattr(coverage, "judge", lambda *_: wrong)
+    assert coverage.main() == len(wrong)
+    *_, last = capsys.readouterr().out.splitlines()
+    assert last == f"2 tests, {len(coverage.NOT_REACHED)} lines named{'; 1 repeated' * hangs}"

@@ -2,6 +2,8 @@
 
 import ast
 import re
+import subprocess
+import sys
 from collections import Counter
 
 import pytest
@@ -28,13 +30,37 @@ def in_python(source: str) -> list[str]:
 
 def in_cpp(source: str) -> list[str]:
     names = re.findall(r"^TEST\(EngineProbe, (\w+)\) \{$", source, re.MULTILINE)
-    return [re.sub(r"(?<!^)(?=[A-Z])", "-", name).lower() for name in names]
+    return [as_name(name) for name in names]
+
+
+def as_name(constant: str) -> str:
+    """The name of the table for its constant in C++."""
+    return re.sub(r"(?<!^)(?=[A-Z])", "-", constant).lower()
 
 
 def test_every_difference_has_one_probe():
     probes = Counter(in_python(PYTHON_PROBES.read_text()) + in_cpp(CPP_PROBES.read_text()))
     assert probes == Counter(engines.differences().keys())
     assert len(probes) > 20
+
+
+def asked() -> set[str]:
+    """The names whose values something asks for that is no probe."""
+    names = set()
+    for folder in ("tests", "tools", "bench"):
+        for file in (paths.ROOT / folder).rglob("*.py"):
+            if file != PYTHON_PROBES:
+                names |= set(re.findall(r"""engines\.value\(["']([a-z-]+)["']\)""", file.read_text()))
+    for file in (paths.ROOT / "tests").rglob("*.cpp"):
+        if file != CPP_PROBES:
+            names |= set(map(as_name, re.findall(r"engines::k(\w+)", file.read_text())))
+    return names
+
+
+def test_a_difference_is_asked_for_or_says_why_it_is_told():
+    unasked = {name for name, each in engines.differences().items() if each.unasked}
+    assert asked() == engines.differences().keys() - unasked
+    assert len(asked()) > 10
 
 
 def test_every_probe_compares_with_the_value_of_its_name():
@@ -74,6 +100,20 @@ def test_the_nearest_older_release_stands_for_one_that_is_not_known(version, eng
 def test_what_is_no_wine_is_refused():
     with pytest.raises(ValueError, match="no version of Wine: mine 8"):
         engines.engine_of("mine 8")
+
+
+def test_what_expects_something_of_the_engine_asks_only_when_it_is_needed():
+    folders = [str(paths.ROOT / name) for name in ("tools", "tests/msi")]
+    script = (
+        f"import sys; sys.path[:0] = {folders!r}\n"
+        "from installer import engines\n"
+        "engines.WINE = '/no such program'\n"
+        "import demo, scenario\n"
+        "try: engines.value('exit-code')\n"
+        "except FileNotFoundError: print('asked')\n"
+    )
+    done = subprocess.run([sys.executable, "-B", "-c", script], capture_output=True, text=True)
+    assert (done.stdout, done.stderr) == ("asked\n", "")
 
 
 GOOD = """

@@ -7,10 +7,10 @@ headers, the prose of the reference and the code itself say nothing else.
 import re
 import subprocess
 import xml.etree.ElementTree as ElementTree
-from dataclasses import dataclass, replace
+from dataclasses import dataclass, fields, replace
 from functools import cached_property
 from pathlib import Path
-from typing import Iterable
+from typing import Callable, Iterable
 
 import pytest
 
@@ -65,7 +65,11 @@ class Sources:
     def in_table(self) -> dict[str, Told]:
         return {
             action.name: Told(
-                (action.execution, action.execution == "immediate" or action.impersonate, action.result),
+                (
+                    action.execution,
+                    action.execution == "immediate" or action.impersonate,
+                    action.return_attribute,
+                ),
                 frozenset(str(result.value) for result in action.results),
                 frozenset(f"{key.name}=" for key in action.data),
                 frozenset(action.exceptions),
@@ -233,24 +237,47 @@ def test_a_source_that_tells_something_else_is_found(sources, source, old, new, 
     assert any(complaint in line for line in disagreements(broken)), disagreements(broken)
 
 
+WRITINGS: dict[str, Callable[[list[Action]], object]] = {
+    "definition": generate.definition,
+    "include": lambda rows: generate.include(rows, generate.WIX_3),
+    "include of WiX 4": lambda rows: generate.include(rows, generate.WIX_4),
+    "index": generate.index,
+    "exports": generate.exports,
+    "section": lambda rows: [generate.section(row, {}) for row in rows],
+}
+INCLUDES = {"include", "include of WiX 4"}
+# A change of one field, or of some that go together, and the writings that show it.
+SHOWN_IN: list[tuple[dict[str, object], set[str]]] = [
+    ({"name": "Other"}, {"definition", "index", "exports", *INCLUDES}),
+    ({"subsystem": "launch"}, {"definition", "index", *INCLUDES}),
+    ({"does": "Other."}, {"exports", "section"}),
+    ({"execution": "immediate"}, {"exports", "section", *INCLUDES}),
+    ({"impersonate": True}, {"exports", "section", *INCLUDES}),
+    ({"return_attribute": "check"}, {"exports", "section", *INCLUDES}),
+    ({"why": "Other."}, INCLUDES),
+    ({"schedule": "otherwise."}, {"section"}),
+    ({"data": (DataKey("Other", True),)}, {"section"}),
+    ({"whole_data": "other."}, {"section"}),
+    ({"results": (Result(259, "other."),)}, {"exports", "section"}),
+    ({"exceptions": ("RegKeyError",), "throws": "`RegKeyError`."}, {"section"}),
+    # These are held against the code.
+    ({"properties": ("OTHER",)}, set()),
+    ({"registry": (r"HKLM\OTHER",)}, set()),
+]
+
+
+def test_every_field_of_the_table_is_changed_once():
+    changed = [name for change, _ in SHOWN_IN for name in change]
+    assert sorted(changed) == sorted(field.name for field in fields(Action))
+
+
 @pytest.mark.parametrize(
-    "changed",
-    [{"name": "Other"}, {"subsystem": "launch"}, {"execution": "immediate"}, {"result": "check"}]
-    + [{"why": "Other."}, {"does": "Other."}, {"impersonate": True}],
-    ids=lambda changed: next(iter(changed)),
+    "change, shown_in", SHOWN_IN, ids=[next(iter(change)) for change, _ in SHOWN_IN]
 )
-def test_a_change_of_the_table_shows_in_what_is_written_from_it(sources, changed):
+def test_a_change_of_the_table_shows_in_what_is_written_from_it(sources, change, shown_in):
     row = next(action for action in sources.table if action.name == "LaunchPV")
-    other = [replace(row, **changed)]
-    assert (
-        generate.definition([row]),
-        generate.include([row], generate.WIX_3),
-        generate.exports([row]),
-    ) != (
-        generate.definition(other),
-        generate.include(other, generate.WIX_3),
-        generate.exports(other),
-    )
+    other = replace(row, **change)
+    assert {name for name, write in WRITINGS.items() if write([row]) != write([other])} == shown_in
 
 
 def test_a_section_is_written_anew_from_the_table(sources):
@@ -305,7 +332,7 @@ def test_both_languages_of_packages_declare_the_same(sources):
     "fault",
     [
         {"execution": "defered"},
-        {"result": "ignored"},
+        {"return_attribute": "ignored"},
         {"execution": "immediate", "data": (DataKey("A", True),)},
         {"exceptions": ("RegKeyError",)},
         {"results": ()},
@@ -332,7 +359,9 @@ def test_only_results_that_the_installer_takes_for_what_they_are_get_checked(sou
     for action in sources.table:
         results = [result.value for result in action.results]
         if 0 not in results or "other" in results:
-            assert action.result == "ignore", f"{action.name} ends an installation with {results}"
+            assert action.return_attribute == "ignore", (
+                f"{action.name} ends an installation with {results}"
+            )
 
 
 def example_of(section: str) -> tuple[str, str]:

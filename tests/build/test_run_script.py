@@ -5,6 +5,7 @@ The script is tried in a checkout of its own, with programs in place of apt and 
 
 import os
 import pty
+import re
 import shutil
 import signal
 import subprocess
@@ -15,8 +16,11 @@ from pathlib import Path
 
 import pytest
 
+import bare
+import progress
 import supervise
 from installer import paths
+from waiting import until
 
 LIMIT = 20.0
 # What the script and the programs in place of others need of the machine.
@@ -59,15 +63,8 @@ class Checkout:
     def started(self, count: int) -> list[int]:
         """The numbers that started processes have written."""
         file = self.folder / "started"
-        until(lambda: file.exists() and len(file.read_text().split()) >= count)
+        until(lambda: file.exists() and len(file.read_text().split()) >= count, LIMIT)
         return [int(number) for number in file.read_text().split()]
-
-
-def until(holds) -> None:
-    end = time.monotonic() + LIMIT
-    while not holds():
-        assert time.monotonic() < end, "it did not happen in time"
-        time.sleep(0.02)
 
 
 def is_running(process: int) -> bool:
@@ -254,7 +251,7 @@ def test_a_signal_ends_an_installation_before_anything_else_runs(checkout, numbe
     process.send_signal(number)
     process.communicate(timeout=LIMIT)
     assert process.returncode != 0
-    until(lambda: not is_running(started))
+    until(lambda: not is_running(started), LIMIT)
 
 
 def test_a_process_of_another_user_ends_by_itself(monkeypatch):
@@ -343,3 +340,45 @@ def test_a_terminal_shows_one_line_that_changes(tmp_path):
     assert done.returncode == 0
     assert shown.count("\r\x1b[K   0 s: built 3 of 9") >= 5
     assert "\n" not in shown and shown.endswith("\r\x1b[K")
+
+
+@pytest.fixture
+def impatient(monkeypatch):
+    """Progress is shown soon and often."""
+    for name, seconds in (("QUIET", 0.05), ("POLL", 0.05), ("INTERVAL", 0.1)):
+        monkeypatch.setattr(progress, name, seconds)
+
+
+def test_work_without_a_log_is_told_of_where_it_is_asked_for(impatient, capsys):
+    with progress.shown(lambda: "at work", sys.stderr):
+        time.sleep(0.5)
+    out, err = capsys.readouterr()
+    assert out == "" and re.fullmatch(r"(   \d s: at work\n)+", err)
+    with progress.shown(lambda: "at work"):
+        time.sleep(0.5)
+    out, err = capsys.readouterr()
+    assert re.fullmatch(r"(   \d s: at work\n)+", out) and err == ""
+
+
+def test_what_is_quick_is_not_told_of(capsys):
+    with progress.shown(lambda: "at work"):
+        time.sleep(2 * progress.POLL)
+    assert capsys.readouterr().out == ""
+
+
+@pytest.mark.parametrize("code", [0, 3])
+def test_a_debian_in_the_making_shows_how_far_it_is(code, impatient, monkeypatch, tmp_path, capsys):
+    tool = tmp_path / "debootstrap"
+    tool.write_text(
+        f'#!/bin/sh\necho "I: Retrieving $3"\nsleep 0.5\nmkdir -p "$4/etc/apt/apt.conf.d"\nexit {code}\n'
+    )
+    tool.chmod(0o755)
+    monkeypatch.setenv("PATH", f"{tmp_path}:{os.environ['PATH']}")
+    monkeypatch.setattr(bare, "FOLDER", tmp_path)
+    monkeypatch.setattr(bare, "package_source", lambda: "nowhere")
+    if code == 0:
+        bare.make_debian("bookworm", tmp_path / "debian", tmp_path)
+    else:
+        with pytest.raises(SystemExit, match="debootstrap failed"):
+            bare.make_debian("bookworm", tmp_path / "debian", tmp_path)
+    assert " s: I: Retrieving bookworm\n" in capsys.readouterr().out

@@ -2,16 +2,17 @@
 
 import os
 import re
+import signal
 import subprocess
 import sys
+import time
 from pathlib import Path
+from typing import Callable
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-
-import run_tests  # noqa: E402
-from run_tests import (  # noqa: E402
+import run_tests
+from run_tests import (
     PYTEST_ENVIRONMENT,
     ROOT,
     STARTED_BY_TESTS,
@@ -219,6 +220,72 @@ def test_the_exit_code_tells_of_failures_and_where_asked_of_skips(
     monkeypatch.setattr(run_tests, "RESULTS", tmp_path)
     monkeypatch.setattr(run_tests, "_run_all", lambda: outcome)
     assert run_tests.main(arguments) == code
+
+
+# In place of pytest; the file for its report names the part of the ring.
+ENDLESS = """
+import sys, time
+from pathlib import Path
+report = Path(sys.argv[1])
+try:
+    report.with_suffix(".begun").touch()
+    time.sleep(60)
+except KeyboardInterrupt:
+    report.with_suffix(".interrupted").touch()
+"""
+
+
+@pytest.fixture
+def endless_parts(monkeypatch, tmp_path) -> Callable[[], bool]:
+    """Ring msi has two parts that do not end by themselves; tells whether both have begun."""
+    monkeypatch.setattr(run_tests, "RESULTS", tmp_path)
+    monkeypatch.setattr(run_tests, "_pytest_list", lambda tests: 1)
+    monkeypatch.setattr(
+        run_tests,
+        "pytest_command",
+        lambda report, tests: [sys.executable, "-c", ENDLESS, str(report)],
+    )
+    monkeypatch.setattr(run_tests, "PYTEST_LIMIT", 3 * INTERRUPTION_LIMIT)
+    return lambda: len(list(tmp_path.glob("*.begun"))) == 2
+
+
+INTERRUPTION_LIMIT = 10.0
+
+
+def assert_both_are_interrupted(error: type[BaseException], results: Path) -> None:
+    start = time.monotonic()
+    with pytest.raises(error, match="in between"):
+        run_tests.run_msi([])
+    assert time.monotonic() - start < INTERRUPTION_LIMIT
+    assert len(list(results.glob("*.interrupted"))) == 2
+
+
+@pytest.mark.parametrize("failing", run_tests.PARTS_THAT_TELL[1:])
+def test_a_part_that_fails_interrupts_the_other(failing, endless_parts, monkeypatch, tmp_path):
+    own = run_tests.progress_file
+
+    def fail(ring: str, part: str = "") -> Path:
+        if part == failing and endless_parts():
+            raise OSError("in between")
+        return own(ring, part)
+
+    monkeypatch.setattr(run_tests, "progress_file", fail)
+    assert_both_are_interrupted(OSError, tmp_path)
+
+
+def test_a_signal_interrupts_both_parts(endless_parts, tmp_path):
+    def tell(number: int, frame: object) -> None:
+        if endless_parts():
+            signal.setitimer(signal.ITIMER_REAL, 0)
+            raise KeyboardInterrupt("in between")
+
+    former = signal.signal(signal.SIGALRM, tell)
+    signal.setitimer(signal.ITIMER_REAL, 0.1, 0.1)
+    try:
+        assert_both_are_interrupted(KeyboardInterrupt, tmp_path)
+    finally:
+        signal.setitimer(signal.ITIMER_REAL, 0)
+        signal.signal(signal.SIGALRM, former)
 
 
 def test_what_has_to_pass_before_a_change_is_taken():

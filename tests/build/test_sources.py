@@ -1,17 +1,12 @@
 """The sources: which read which, and that the tools which read them all can complain."""
 
 import re
-import sys
 from pathlib import Path
 
 import pytest
 
-from installer import paths
-
-sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
-
-import lint  # noqa: E402
-from lint import LIBRARY_SOURCES, RUNNER_SOURCES, includes, own_includes  # noqa: E402
+import lint
+from lint import LIBRARY_SOURCES, RUNNER_SOURCES, includes, own_includes
 
 
 def library_files(*suffixes: str) -> list[Path]:

@@ -10,7 +10,8 @@ from typing import Iterator, Mapping
 import pytest
 from _pytest.runner import runtestprotocol
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "tools"))
+_TESTS = Path(__file__).resolve().parents[1]
+sys.path[:0] = [str(_TESTS.parent / "tools"), str(_TESTS)]
 
 from installer import companion, ending, machine, package, repeats, session  # noqa: E402
 from installer.log import ActionRun, action_runs  # noqa: E402

@@ -14,9 +14,6 @@ from installer.prefix import Prefix
 from installer.session import SessionResult
 
 IDENTITY = re.compile(r'"[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}"')
-TEMPORARY = re.compile(
-    rf"C:\\users\\[^\\]+\\{re.escape(engines.value('temporary-folder'))}(?=\\|$)"
-)
 USER_ROOT = re.compile(r"HKU\\S-1-5-21-[0-9-]+\\")
 
 # These do nothing here and report success; copies of the recorder stand in for them, so that it
@@ -196,5 +193,6 @@ def empty(beginning: Snapshot, now: Snapshot) -> list[str]:
 
 def general(text: str) -> str:
     """A name or content without the account of the user."""
-    text = TEMPORARY.sub("%TEMP%", text)
+    temporary = re.escape(engines.value("temporary-folder"))
+    text = re.sub(rf"C:\\users\\[^\\]+\\{temporary}(?=\\|$)", "%TEMP%", text)
     return USER_ROOT.sub(r"HKCU\\", text)

@@ -1,7 +1,6 @@
 """The usage-profile agent where it cannot be cleared away."""
 
 import shutil
-import time
 
 import pytest
 
@@ -9,6 +8,7 @@ from installer import companion
 from installer.log import Call
 from installer.machine import Kind
 from installer.prefix import START_LIMIT
+from waiting import until
 
 
 def contents(clean_machine) -> dict[str, str]:
@@ -45,9 +45,7 @@ def test_a_removal_with_a_locked_agent_file_keeps_identity_and_status(
     )
     record = clean_machine.prefix.host_path(r"T:\held.txt")
     try:
-        start = time.monotonic()
-        while not record.exists() and time.monotonic() - start < START_LIMIT:
-            time.sleep(0.01)
+        until(record.exists, START_LIMIT)
         result = clean_machine.remove(companion_package, environment=watching)
     finally:
         held.kill()

@@ -4,6 +4,7 @@ engine's own programs: each finds out what the engine at work does.
 The others are in tests/wine/engines_test.cpp.
 """
 
+import codecs
 import shutil
 import time
 from dataclasses import dataclass
@@ -16,6 +17,7 @@ from installer import companion, engines, machine, package, paths, session
 from installer.log import ActionRun, action_runs
 from installer.prefix import START_LIMIT, Prefix
 from installer.session import SessionResult
+from waiting import until
 
 SOURCE = Path(__file__).with_name("engine_probes.wxs")
 FOLDER = r"C:\Program Files\Engine probes"
@@ -143,9 +145,9 @@ def taskkill_by_name(probed: Probed) -> int:
     environment = {"HALVARD_RECORD": RECORD, "HALVARD_RECORD_DELAY": "120000"}
     started = [prefix.start(program, environment=environment) for _ in range(2)]
     try:
-        until(lambda: record.exists() and len(record.read_text().splitlines()) == 2)
+        until(lambda: record.exists() and len(record.read_text().splitlines()) == 2, START_LIMIT)
         prefix.run("taskkill.exe", "/IM", "engine-probe.exe", "/F")
-        until(lambda: any(process.poll() is not None for process in started))
+        until(lambda: any(process.poll() is not None for process in started), START_LIMIT)
         # The second one is told together with the first, or not at all.
         time.sleep(1.0)
         return sum(process.poll() is not None for process in started)
@@ -154,13 +156,6 @@ def taskkill_by_name(probed: Probed) -> int:
             process.kill()
             process.wait()
         record.unlink()
-
-
-def until(true: Callable[[], bool]) -> None:
-    end = time.monotonic() + START_LIMIT
-    while not true():
-        assert time.monotonic() < end
-        time.sleep(0.01)
 
 
 # What is stored where.
@@ -187,7 +182,9 @@ def temporary_folder(probed: Probed) -> str:
 
 @probe("log-encoding")
 def log_encoding(probed: Probed) -> str:
-    return session.log_encoding(probed.session("none").log.read_bytes())
+    log = probed.session("none").log.read_bytes()
+    marked = log.startswith((codecs.BOM_UTF16_LE, codecs.BOM_UTF16_BE))
+    return "utf-16" if marked else "cp1252"
 
 
 @probe("failed-action")
@@ -211,9 +208,14 @@ def no_more_items(probed: Probed) -> bool:
 
 @probe("deferred-properties")
 def deferred_properties(probed: Probed) -> bool:
+    # The action returns what the property RESULT says, and 0 where it sees none.
     result = probed.session("deferred")
     probed.clear()
-    return result.exit_code != 0
+    answer = probed.run_of(result, "AnswerDeferred")
+    assert answer is not None, result.report()
+    failed = answer.verdict == engines.value("failed-action")
+    assert failed == (result.exit_code != 0), result.report()
+    return failed
 
 
 @probe("rollback-calls")
@@ -247,6 +249,7 @@ def rollback_behind_exception(probed: Probed) -> bool:
     result = probed.session("throw checked")
     probed.clear()
     assert result.exit_code != 0, result.report()
+    assert probed.run_of(result, "UndoBefore") is not None, result.report()
     return probed.logged(result, "UndoBefore")
 
 

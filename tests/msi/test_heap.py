@@ -14,13 +14,11 @@ from typing import Iterator, Mapping
 
 import pytest
 
-from installer import companion, package, paths, session
+from installer import actions, companion, package, paths, session
+from installer.heap_check import MARKS_AND_REPORTS, check_heap
 from installer.prefix import Prefix
 from installer.session import SessionResult
 
-OPTIONS = r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\Image File Execution Options"
-# Marks behind blocks (0x10) and in free ones (0x20); all of them are looked at each time (0x80).
-GLOBAL_FLAG = "0xb0"
 REPORTS = "err+heap,warn+heap"
 LIMIT = 120.0
 
@@ -61,10 +59,7 @@ class Hosts:
 def hosts() -> Iterator[Hosts]:
     with Prefix("prefix-msi-heap") as prefix:
         for program in (HOST, paths.RUNNER.name):
-            # A number: a text has no effect.
-            flag = ["/v", "GlobalFlag", "/t", "REG_DWORD", "/d", GLOBAL_FLAG, "/f"]
-            added = prefix.run("reg.exe", "add", rf"{OPTIONS}\{program}", *flag)
-            assert added.returncode == 0, added.stdout
+            check_heap(prefix, program, MARKS_AND_REPORTS)
         client = prefix.host_path(CLIENT)
         client.write_bytes(client.with_name(HOST).read_bytes())
         yield Hosts(prefix, session.watch_results(prefix))
@@ -117,7 +112,7 @@ def test_no_action_of_a_session_damages_the_heap(hosts, companion_package):
         assert heap_reports(done.printed.read_text(errors="replace")) == set()
         assert done.exit_code == 0, done.report()
         returned |= {call.export for call in done.calls if call.result is not None}
-    assert returned == set(package.exports())
+    assert returned == set(actions.exports())
 
 
 @pytest.mark.parametrize(

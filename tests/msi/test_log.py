@@ -3,6 +3,9 @@
 from pathlib import Path
 from typing import Sequence
 
+import pytest
+
+from installer import engines
 from installer.log import (
     ActionDefinition,
     ActionRun,
@@ -14,7 +17,7 @@ from installer.log import (
     action_runs,
     inner_calls,
 )
-from installer.session import GrowingLog, log_encoding, traced_calls
+from installer.session import GrowingLog, traced_calls
 
 IMMEDIATE = ActionDefinition(Execution.IMMEDIATE)
 
@@ -251,12 +254,12 @@ def test_lines_are_stamped_when_they_are_complete(tmp_path: Path):
     ]
 
 
-def test_a_log_in_utf_16_and_a_log_in_the_ansi_code_page_read_alike(tmp_path: Path):
-    for encoding in ("utf-16", "cp1252"):
-        file = tmp_path / f"{encoding}.log"
-        file.write_bytes("value: 1é€\r\n".encode(encoding))
-        assert log_encoding(file.read_bytes()) == encoding
-        growing = GrowingLog(file)
-        growing.read(0.0)
-        growing.close(0.0)
-        assert [line.text for line in growing.lines] == ["value: 1é€"]
+@pytest.mark.parametrize("encoding", ["utf-16", "cp1252"])
+def test_a_log_is_read_as_the_engine_writes_it(encoding: str, tmp_path: Path, monkeypatch):
+    monkeypatch.setattr(engines, "value", {"log-encoding": encoding}.__getitem__)
+    file = tmp_path / "encoded.log"
+    file.write_bytes("value: 1é€\r\n".encode(encoding))
+    growing = GrowingLog(file)
+    growing.read(0.0)
+    growing.close(0.0)
+    assert [line.text for line in growing.lines] == ["value: 1é€"]

@@ -6,7 +6,7 @@ from pathlib import Path
 
 import pytest
 
-from installer import companion, package, paths
+from installer import companion, engines, package, paths
 
 
 AGENT_SEQUENCE = [
@@ -99,8 +99,8 @@ def test_task_definitions_are_compact_and_in_the_order_of_the_task_schema(name):
         assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d", texts["StartBoundary"])
     else:
         assert "LogonTrigger" in texts
-    # The reader here takes no longer document in this encoding.
-    assert len(text) < 4000
+    if not engines.value("long-xml"):
+        assert len(text) < 4000
 
 
 def test_a_newer_package_is_another_product_that_upgrades_the_older_one(companion_package):
@@ -133,6 +133,7 @@ def test_a_source_that_cannot_be_built_says_why(tmp_path):
 
 def test_a_package_is_built_anew_only_when_what_it_is_made_of_has_changed(tmp_path):
     source = tmp_path / "rebuilt.wxs"
+    # The source installs itself by the name that it usually has.
     for copy in (source, tmp_path / "executions.wxs"):
         copy.write_bytes(Path(__file__).with_name("executions.wxs").read_bytes())
     built = package.build(source)

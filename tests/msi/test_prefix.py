@@ -1,18 +1,20 @@
 """Prefixes are checked before use, end with all their processes, and nothing waits for ever."""
 
 import shutil
-import time
 import warnings
 from pathlib import Path
 
 import pytest
 
+import progress
 from installer import confinement, package, paths, repeats, session
 from installer.log import LogLine
-from installer.prefix import NotStarted, Prefix, UnsafePrefix, link_danger
+from installer.prefix import INSTALLER, NotStarted, Prefix, UnsafePrefix, command_of, link_danger
 from processes import processes_of
+from waiting import until
 
 NAME = "prefix-msi-checked"
+LIMIT = 20.0
 
 
 def test_a_prefix_without_a_guard_is_refused():
@@ -66,6 +68,18 @@ def test_a_prefix_that_the_guard_refuses_is_refused():
 def test_a_prefix_outside_of_the_build_folder_is_not_made():
     with pytest.raises(UnsafePrefix, match="is not below"), Prefix("../prefix-outside"):
         pytest.fail("the prefix was taken")
+
+
+def test_a_prefix_that_takes_its_time_is_told_of_on_standard_error(monkeypatch, tmp_path, capsys):
+    slow = tmp_path / "make_prefix.sh"
+    slow.write_text("sleep 0.5; exit 1\n")
+    monkeypatch.setattr(paths, "MAKE_PREFIX", slow)
+    for name, seconds in (("QUIET", 0.05), ("POLL", 0.05), ("INTERVAL", 0.1)):
+        monkeypatch.setattr(progress, name, seconds)
+    with pytest.raises(UnsafePrefix, match="no prefix could be made"), Prefix(NAME):
+        pytest.fail("the prefix was taken")
+    out, err = capsys.readouterr()
+    assert out == "" and " s: making a Wine prefix\n" in err
 
 
 def test_no_process_is_left_when_the_block_ends_with_a_failure():
@@ -160,6 +174,45 @@ def test_a_prefix_that_starts_no_program_is_begun_once_more(failures, monkeypatc
                 pytest.fail("the prefix was taken")
     assert counted.read_text() == "it hangs\n"
     assert processes_of(paths.BUILD / NAME) == []
+
+
+@pytest.mark.parametrize(
+    "arguments, line",
+    [
+        (["/i", "b:\\a b.msi", "/l*v", "b:\\a.log"], None),
+        (["/i", "b:\\a.msi", "NAME=value", "EMPTY=", "INSTALLDIR=C:\\a\\"], None),
+        (["/i", "b:\\a.msi", "NAME=a b"], 'msiexec.exe /i b:\\a.msi NAME="a b"'),
+        (
+            ["/i", "b:\\a b.msi", "NAME=a\tb", "OTHER=c", "/l*v", "b:\\c d\\"],
+            'msiexec.exe /i "b:\\a b.msi" NAME="a\tb" OTHER=c /l*v "b:\\c d\\\\"',
+        ),
+        (["/i", "", "NAME= ", 'say "no"'], 'msiexec.exe /i "" NAME=" " "say \\"no\\""'),
+    ],
+)
+def test_the_installer_gets_what_has_blanks_in_quotes(arguments, line):
+    command, environment = command_of(INSTALLER, arguments)
+    if line is None:
+        assert (command, environment) == ([INSTALLER, *arguments], {})
+    else:
+        ((variable, value),) = environment.items()
+        assert (command, value) == (["cmd.exe", "/c", f"%{variable}%"], line)
+
+
+def test_another_program_gets_its_arguments_as_they_are():
+    arguments = ["NAME=a b", 'NAME="a"']
+    assert command_of("reg.exe", arguments) == (["reg.exe", *arguments], {})
+
+
+@pytest.mark.parametrize("argument", ['NAME=a"b', 'NAME="a b"', 'NAME="'])
+def test_a_quotation_mark_in_the_value_of_a_property_is_refused(prefix, argument):
+    with pytest.raises(ValueError, match="the value of NAME has a quotation mark"):
+        prefix.start(INSTALLER, "/i", r"b:\a.msi", argument)
+
+
+def test_a_log_and_a_property_with_blanks_reach_the_installer(prefix, companion_package):
+    refused = session.install(prefix, companion_package, "NAME=a b", log_name="with blanks")
+    assert refused.exit_code == session.as_exit_code(session.INSTALL_FAILURE)
+    assert "Property(S): NAME = a b" in refused.texts
 
 
 @pytest.fixture
@@ -287,10 +340,8 @@ def test_what_a_program_starts_is_confined_as_well(confining_kernel, prefix, tmp
     names |= {f"{name}_form": unix_form(file) for name, file in names.items()}
     prefix.run(*(part.format(**names) for part in command))
     # The host's programs are not waited for.
-    limit = time.monotonic() + 20.0
-    while inside.exists() and time.monotonic() < limit:
-        time.sleep(0.01)
-    assert not inside.exists() and outside.exists()
+    until(lambda: not inside.exists(), LIMIT)
+    assert outside.exists()
 
 
 NO_SUCH_CALL = 100_000
@@ -333,12 +384,12 @@ def test_programs_of_a_prefix_see_each_other(prefix):
     shutil.copy(RECORDER, prefix.throwaway / "seen.exe")
     record = {"HALVARD_RECORD": r"t:\seen.txt", "HALVARD_RECORD_DELAY": "60000"}
     running = prefix.start(r"t:\seen.exe", environment=record)
-    limit = time.monotonic() + 20.0
-    while not (prefix.throwaway / "seen.txt").exists() and time.monotonic() < limit:
-        time.sleep(0.01)
-    killed = prefix.run("taskkill.exe", "/IM", "seen.exe", "/F")
-    running.kill()
-    running.wait()
-    for left in ("seen.exe", "seen.txt"):
-        (prefix.throwaway / left).unlink()
+    try:
+        until((prefix.throwaway / "seen.txt").exists, LIMIT)
+        killed = prefix.run("taskkill.exe", "/IM", "seen.exe", "/F")
+    finally:
+        running.kill()
+        running.wait()
+        for left in ("seen.exe", "seen.txt"):
+            (prefix.throwaway / left).unlink(missing_ok=True)
     assert killed.returncode == 0, killed.stdout

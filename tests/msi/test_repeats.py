@@ -7,7 +7,8 @@ from pathlib import Path
 
 import pytest
 
-from installer import paths, repeats
+import demo
+from installer import paths, repeats, session
 
 CONFTEST = f"""
 import sys
@@ -64,3 +65,36 @@ def test_a_hung_session_gives_its_test_a_second_try(failures, error, passed, rep
     assert counted.exists() == (repeated > 0)
     if repeated:
         assert counted.read_text() == "it hung\n"
+
+
+@pytest.mark.parametrize("hangs, failures", [(0, []), (1, []), (1, ["one"])])
+def test_the_demo_tells_how_often_it_began_once_more(
+    hangs, failures, monkeypatch, tmp_path, capsys, recwarn
+):
+    left = [session.NothingDone("it hung")] * hangs
+
+    def run_steps(*_: object) -> list[str]:
+        if left:
+            raise left.pop()
+        return failures
+
+    monkeypatch.setattr(paths, "REPORT", tmp_path)
+    monkeypatch.setattr(demo, "_run_steps", run_steps)
+    monkeypatch.setattr(demo, "_write", lambda report: None)
+    assert demo.main() == len(failures)
+    told = "1 expectations failed" if failures else "installer runs went as they should"
+    line = next(line for line in capsys.readouterr().out.splitlines() if told in line)
+    assert line.endswith((told + "; 1 repeated" if hangs else told) + ":" * len(failures))
+    assert len(recwarn) == hangs
+
+
+def test_a_count_ends_with_its_block(monkeypatch, tmp_path):
+    outer, inner = tmp_path / "outer", tmp_path / "folder/inner"
+    monkeypatch.setenv(repeats.COUNTED_IN, str(outer))
+    with pytest.warns(UserWarning):
+        with repeats.counted(inner) as count:
+            assert count() == 0
+            repeats.tell("inside")
+            assert count() == 1
+        repeats.tell("outside")
+    assert (inner.read_text(), outer.read_text()) == ("inside\n", "outside\n")

@@ -5,17 +5,17 @@ Each scenario is a chain of sessions in a prefix of its own, played once for all
 """
 
 import getpass
-import time
 from dataclasses import replace
 from typing import Callable, Sequence
 
 import pytest
 
-from installer import companion, log, package, session
+from installer import actions, companion, engines, log, session
 from installer.companion import FOLDER, Row
 from installer.log import Execution
 from installer.prefix import START_LIMIT, Prefix
 from scenario import Machine, Played, Scenario, Session, play, together
+from waiting import until
 
 USER = getpass.getuser()
 STARTED = "LAUNCHED_FROM_MIM=1"
@@ -168,7 +168,7 @@ def permissions(folder: str = FOLDER) -> list[str]:
 
 def told_on_removal(folder: str = FOLDER) -> list[str]:
     return [
-        *[command.replace(FOLDER, folder) for command in companion.TOLD_ON_REMOVAL],
+        *[command.replace(FOLDER, folder) for command in companion.told_on_removal()],
         f"{POWERSHELL} Get-AppxPackage ZenvoCorporationInc-VSXCM* | Remove-AppxPackage -AllUsers",
     ]
 
@@ -215,8 +215,9 @@ UNDO_NOT_CALLED = [
 
 
 def logged(text: str) -> str:
-    """A text as the log has it: the engine here writes it in the ANSI code page."""
-    return text.encode("cp1252", errors="replace").decode("cp1252")
+    """A text as the log has it."""
+    encoding = engines.value("log-encoding")
+    return text.encode(encoding, errors="replace").decode(encoding)
 
 
 # What happens between sessions.
@@ -245,9 +246,7 @@ def use(prefix: Prefix) -> None:
         environment={"HALVARD_RECORD": HELD, "HALVARD_RECORD_DELAY": "120000"},
     )
     started = prefix.host_path(HELD)
-    end = time.monotonic() + START_LIMIT
-    while not started.exists() and time.monotonic() < end:
-        time.sleep(0.01)
+    until(started.exists, START_LIMIT)
     started.unlink()
 
 
@@ -649,7 +648,7 @@ def test_other_programs_are_told_what_they_should(played, scenario, expected):
 
 def test_every_action_of_the_library_runs_in_a_scenario():
     run = {row.action for scenario in SCENARIOS for each in scenario.sessions for row in each.rows}
-    assert set(package.exports()) - run == set()
+    assert set(actions.exports()) - run == set()
 
 
 def test_durations_are_measured_and_shorter_than_the_session(played):

@@ -119,17 +119,6 @@ TEST(EngineProbe, StateWithoutProcess) {
     EXPECT_EQ(service.State(), Here(engines::kStateWithoutProcess));
 }
 
-TEST(EngineProbe, ValueOrder) {
-    const ScratchKey key;
-    key.SetString(L"Second", L"");
-    key.SetString(L"First", L"");
-    wchar_t name[16] = {};
-    DWORD length = 16;
-    ASSERT_EQ(RegEnumValueW(key.Get(), 0, name, &length, nullptr, nullptr, nullptr, nullptr),
-              ERROR_SUCCESS);
-    EXPECT_STREQ(name, Here(engines::kValueOrder));
-}
-
 TEST(EngineProbe, LongXml) {
     const auto document = [](std::size_t elements) {
         std::wstring text = L"\xFEFF<?xml version=\"1.0\" encoding=\"UTF-16\"?><a>";

@@ -39,7 +39,7 @@ class Action:
     subsystem: str
     does: str
     execution: str
-    result: str
+    return_attribute: str
     why: str
     schedule: str
     results: tuple[Result, ...]
@@ -53,8 +53,10 @@ class Action:
 
     def __post_init__(self) -> None:
         """ValueError for a row that contradicts itself."""
-        if self.execution not in ("immediate", "deferred") or self.result not in ("check", "ignore"):
-            raise ValueError(f"{self.name}: no such execution or return")
+        if self.execution not in ("immediate", "deferred"):
+            raise ValueError(f"{self.name}: no such execution")
+        if self.return_attribute not in ("check", "ignore"):
+            raise ValueError(f"{self.name}: no such return")
         if self.execution == "immediate" and (self.data or self.whole_data or self.impersonate):
             raise ValueError(f"{self.name}: what only a deferred action has")
         if bool(self.exceptions) != bool(self.throws):
@@ -77,9 +79,14 @@ def actions(file: Path = paths.ACTIONS) -> list[Action]:
     return found
 
 
+def exports() -> list[str]:
+    """The names under which the library offers its actions."""
+    return [action.name for action in actions()]
+
+
 def _action(row: dict[str, Any]) -> Action:
     fields = dict(row)
-    fields["result"] = fields.pop("return")
+    fields["return_attribute"] = fields.pop("return")
     fields["results"] = tuple(Result(**each) for each in fields["results"])
     fields["data"] = tuple(DataKey(each["key"], each["needed"]) for each in fields.get("data", ()))
     for name in ("properties", "registry", "exceptions"):

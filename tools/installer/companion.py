@@ -79,18 +79,6 @@ AGENT_IDENTITY = f"{STATUS_KEY} : GUID"
 COUNTERS = r"PerfOS\Performance"
 COUNTERS_VALUE = f"{COUNTERS} : Disable Performance Counters"
 
-# What a removal tells the companion tools: once each by their own action, and pvcmd.exe twice more by
-# those that remove the folders of Recorder and Pivot. These always put a backslash before the name,
-# and what is left of two is up to the engine.
-_BEFORE_NAME = "\\" * engines.value("shell-backslashes")
-TOLD_ON_REMOVAL = sorted(
-    [
-        f'"{FOLDER}\\DVR\\VSServCmd.exe" exit',
-        f'"{FOLDER}\\Pivot\\pvcmd.exe" exit',
-        *[f'"{FOLDER}\\Pivot{_BEFORE_NAME}pvcmd.exe" exit'] * 2,
-    ]
-)
-
 # The actions rewrite the task definitions into the temporary folder and leave them there.
 COPIES_LEFT_BEHIND = ["StartDVR.xml", "StartPV.xml", "StartPVBM.xml"]
 # Where the companion tools of the sample package record what they were told.
@@ -266,10 +254,9 @@ def remove_rows(
 def clients_rows(
     client: str, user: str, version: str = VERSION, answer: int = 0, agent: bool = True
 ) -> list[Row]:
-    """The runs for the agent when a product that carries it is installed or repaired. What stands
-    behind 259 runs here all the same."""
+    """The runs for the agent when a product that carries it is installed or repaired."""
     rows = [_clients_row(client, "", version, answer)]
-    if agent:
+    if agent and _goes_on(answer):
         rows += [_ignored("PreInstallUPA", 0), _agent_row(user), _ignored("AfterInstallUPA", 0)]
     return rows
 
@@ -284,9 +271,14 @@ def clients_removal_rows(
     """The runs for the agent when a product that carries it is removed."""
     logged = [f"Client Name (Uninstall) {last_client}"]
     rows = [_clients_row(client, "ALL", version, answer, logged)]
-    if agent:
+    if agent and _goes_on(answer):
         rows.append(_ignored("PreInstallUPA", 0))
     return rows
+
+
+def _goes_on(answer: int) -> bool:
+    """Whether what stands behind CheckForClients runs when it has answered so."""
+    return answer != session.NO_MORE_ITEMS or not engines.value("no-more-items")
 
 
 def elevated_task_row(user: str, folder: str = FOLDER) -> Row:
@@ -362,6 +354,20 @@ def write_as_the_applications_do(prefix: Prefix) -> None:
         file = prefix.host_path(name)
         file.parent.mkdir(exist_ok=True)
         file.write_text("written by an application\n")
+
+
+def told_on_removal() -> list[str]:
+    """What a removal tells the companion tools: once each by their own action, and pvcmd.exe twice
+    more by those that remove the folders of Recorder and Pivot."""
+    # These always put a backslash before the name, and what is left of two is up to the engine.
+    before_name = "\\" * engines.value("shell-backslashes")
+    return sorted(
+        [
+            f'"{FOLDER}\\DVR\\VSServCmd.exe" exit',
+            f'"{FOLDER}\\Pivot\\pvcmd.exe" exit',
+            *[f'"{FOLDER}\\Pivot{before_name}pvcmd.exe" exit'] * 2,
+        ]
+    )
 
 
 def told(prefix: Prefix) -> list[str]:

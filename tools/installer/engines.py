@@ -48,11 +48,15 @@ class Behaviour:
 
 @dataclass(frozen=True)
 class Difference:
-    """One difference: its name, what it is about, and the behaviour of each engine."""
+    """One difference: its name, what it is about, and the behaviour of each engine.
+
+    `unasked` says why it stands in the table although nothing but its probe asks for its value.
+    """
 
     name: str
     about: str
     behaviours: Mapping[Engine, Behaviour]
+    unasked: str = ""
 
 
 def differences(source: Path = paths.ENGINES) -> dict[str, Difference]:
@@ -97,8 +101,9 @@ def _table() -> dict[str, Difference]:
 
 def _difference(name: str, row: Mapping[str, Any]) -> Difference:
     both = {"wine8": row["wine"], "wine10": row["wine"]} if "wine" in row else {}
-    parts = both | {key: part for key, part in row.items() if key not in ("about", "wine")}
-    if set(parts) != {engine.value for engine in Engine} or ("wine" in row and len(row) != 3):
+    told = [key for key in row if key not in ("about", "unasked")]
+    parts = both | {key: row[key] for key in told if key != "wine"}
+    if set(parts) != {engine.value for engine in Engine} or ("wine" in row and len(told) != 2):
         raise ValueError(f"{name}: not the three engines: {', '.join(sorted(row))}")
     behaviours = {engine: Behaviour(**parts[engine.value]) for engine in Engine}
     if any(bool(each.basis) != (engine is Engine.WINDOWS) for engine, each in behaviours.items()):
@@ -106,4 +111,4 @@ def _difference(name: str, row: Mapping[str, Any]) -> Difference:
     values = [each.value for each in behaviours.values()]
     if len({type(each) for each in values}) != 1 or all(each == values[0] for each in values):
         raise ValueError(f"{name}: the values do not differ, or are not of one kind: {values}")
-    return Difference(name, row["about"], behaviours)
+    return Difference(name, row["about"], behaviours, row.get("unasked", ""))

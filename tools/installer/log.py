@@ -1,6 +1,6 @@
 """Reads the custom actions out of the lines of an installer log.
 
-Pure: lines in, runs out. Which actions are the package's own, and when they execute, stands in the
+Lines in, runs out. Which actions are the package's own, and when they execute, stands in the
 package and not in the log, so the caller says it.
 """
 
@@ -9,7 +9,8 @@ from dataclasses import dataclass, field
 from enum import Enum
 from typing import Iterable, Iterator, Mapping, Sequence
 
-FAILED = 0
+from installer import engines
+
 SUCCEEDED = 1
 
 _START = re.compile(r"Action start \d+:\d\d:\d\d: (?P<name>.+)\.")
@@ -103,7 +104,8 @@ class ActionRun:
             return "did not end"
         if self.definition.result_ignored:
             return "result ignored"
-        return {FAILED: "failed", SUCCEEDED: "succeeded"}.get(self.verdict, "unknown")
+        verdicts = {engines.value("failed-action"): "failed", SUCCEEDED: "succeeded"}
+        return verdicts.get(self.verdict, "unknown")
 
     @property
     def answer(self) -> str:

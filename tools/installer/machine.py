@@ -11,6 +11,7 @@ from collections import Counter
 from dataclasses import dataclass, field
 from datetime import datetime
 from enum import Enum
+from functools import cache
 from pathlib import Path
 from typing import Iterable, Mapping
 
@@ -79,31 +80,6 @@ class Difference:
 Snapshot = Mapping[tuple[Area, str], str]
 
 _CONTROL_KEY = r"HKLM\\System\\CurrentControlSet\\Control"
-_TEMPORARY = re.escape(engines.value("temporary-folder"))
-_NOISE = {
-    "records of the installer": (
-        r"HKLM\\Software\\Classes\\Installer\b",
-        r"HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Installer\b",
-        r"HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\b",
-        r"C:\\windows\\Installer\b",
-    ),
-    "Wine's own state": (
-        r"HKLM\\Software\\Microsoft\\Windows( NT)?\\CurrentVersion\\Fonts\b",
-        r"HKLM\\Software\\Microsoft\\Windows NT\\CurrentVersion\\NetworkCards\b",
-        *(rf"{_CONTROL_KEY}\\{re.escape(name)}$" for name in engines.value("display-values")),
-        r"HKLM\\System\\CurrentControlSet\\Control\\Video\b",
-        r"HKLM\\System\\CurrentControlSet\\Enum\b",
-        r"HKU\\[^\\]+\\Software\\Wine\b",
-        # The copy of the library that an action ran from, when its process ended late.
-        rf"C:\\users\\[^\\]+\\{_TEMPORARY}\\msi[0-9a-f]+\.tmp$",
-        # The Task Scheduler's service starts by itself once a task was made.
-        r"Schedule : Start$",
-    ),
-}
-_NOISE_PATTERNS = {
-    cause: re.compile("|".join(f"(?:{pattern})" for pattern in patterns), re.IGNORECASE)
-    for cause, patterns in _NOISE.items()
-}
 _TASK = re.compile(r"C:\\windows\\system32\\tasks\\(?P<name>.+)", re.IGNORECASE)
 _SERVICE = re.compile(r"HKLM\\System\\CurrentControlSet\\Services\\(?P<name>.+)", re.IGNORECASE)
 
@@ -238,8 +214,39 @@ def place(name: str) -> tuple[Area, str]:
     return (Area.REGISTRY if name.startswith(("HKLM\\", "HKU\\")) else Area.FILE), name
 
 
+@cache
+def _noise_patterns() -> Mapping[str, re.Pattern[str]]:
+    """What is noise, by its cause."""
+    temporary = re.escape(engines.value("temporary-folder"))
+    display_values = map(re.escape, engines.value("display-values"))
+    noise = {
+        "records of the installer": (
+            r"HKLM\\Software\\Classes\\Installer\b",
+            r"HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Installer\b",
+            r"HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\b",
+            r"C:\\windows\\Installer\b",
+        ),
+        "Wine's own state": (
+            r"HKLM\\Software\\Microsoft\\Windows( NT)?\\CurrentVersion\\Fonts\b",
+            r"HKLM\\Software\\Microsoft\\Windows NT\\CurrentVersion\\NetworkCards\b",
+            *(rf"{_CONTROL_KEY}\\{name}$" for name in display_values),
+            rf"{_CONTROL_KEY}\\Video\b",
+            r"HKLM\\System\\CurrentControlSet\\Enum\b",
+            r"HKU\\[^\\]+\\Software\\Wine\b",
+            # The copy of the library that an action ran from, when its process ended late.
+            rf"C:\\users\\[^\\]+\\{temporary}\\msi[0-9a-f]+\.tmp$",
+            # The Task Scheduler's service starts by itself once a task was made.
+            r"Schedule : Start$",
+        ),
+    }
+    return {
+        cause: re.compile("|".join(f"(?:{pattern})" for pattern in patterns), re.IGNORECASE)
+        for cause, patterns in noise.items()
+    }
+
+
 def _noise_cause(name: str) -> str | None:
-    for cause, pattern in _NOISE_PATTERNS.items():
+    for cause, pattern in _noise_patterns().items():
         if pattern.match(name):
             return cause
     return None

@@ -101,7 +101,9 @@ def build(
 
 
 def _fingerprint(source: Path, definitions: dict[str, str], files: Iterable[Path]) -> str:
-    """Of all that a package is made of: its source with what lies beside it, and the compiler."""
+    """Of what a package is made of: all that lies where its source does, the definitions, the files
+    that go into it, and the version that the compiler tells of itself. Of the tools that change the
+    package behind the compiler nothing counts."""
     beside = sorted(file for file in source.parent.rglob("*") if file.is_file())
     digest = hashlib.sha256(f"{definitions}{_run('wixl', '--version')}".encode())
     for file in [*beside, *files]:
@@ -138,12 +140,6 @@ def table(package: Path, name: str) -> list[list[str]]:
     """The rows of a table, each a list of its columns' texts."""
     lines = _run("msiinfo", "export", str(package), name).decode().splitlines()
     return [line.split("\t") for line in lines[3:]]
-
-
-def exports() -> list[str]:
-    """The names under which the library offers its actions."""
-    lines = [line.strip() for line in paths.LIBRARY_EXPORTS.read_text().splitlines()]
-    return [line for line in lines[lines.index("EXPORTS") + 1 :] if line and line[0] != ";"]
 
 
 def comments(package: Path) -> str:

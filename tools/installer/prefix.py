@@ -8,11 +8,13 @@ import re
 import select
 import signal
 import subprocess
+import sys
 import tempfile
 from contextlib import suppress
 from pathlib import Path
 from typing import Mapping, Sequence
 
+import progress
 from installer import engines, paths, repeats
 from installer.confinement import ConfinedThread
 from installer.engines import WINE
@@ -22,7 +24,8 @@ START_LIMIT = 60.0
 STOP_LIMIT = 20.0
 
 INSTALLER = "msiexec.exe"
-_PROPERTY_WITH_BLANKS = re.compile(r"(?P<name>\w+)=(?P<value>.*\s.*)", re.DOTALL)
+_PROPERTY = re.compile(r"(?P<name>\w+)=(?P<value>.*)", re.DOTALL)
+_BLANK = re.compile(r"\s")
 _LINE_VARIABLE = "HALVARD_COMMAND_LINE"
 
 
@@ -90,7 +93,7 @@ class Prefix:
         """
         if self._starter is None:
             self._starter = ConfinedThread(self._writable())
-        command, added = _command(str(program), arguments)
+        command, added = command_of(str(program), arguments)
         return self._starter.call(
             subprocess.Popen,
             [WINE, *command],
@@ -153,7 +156,9 @@ class Prefix:
 
     def _make(self) -> None:
         command = ["sh", str(paths.MAKE_PREFIX), str(self.path)]
-        made = _run_tool(command, MAKE_LIMIT, _environment(self.path))
+        # Standard output may belong to what the prefix is made for.
+        with progress.shown(lambda: "making a Wine prefix", sys.stderr):
+            made = _run_tool(command, MAKE_LIMIT, _environment(self.path))
         if made.returncode != 0:
             raise UnsafePrefix(f"no prefix could be made: {made.stdout.strip()}")
 
@@ -219,18 +224,31 @@ def link_danger(prefix: Path, throwaway: Path) -> str:
     return ""
 
 
-def _command(program: str, arguments: Sequence[str]) -> tuple[list[str], dict[str, str]]:
+def command_of(program: str, arguments: Sequence[str]) -> tuple[list[str], dict[str, str]]:
     """What to start for a program with these arguments, and what its environment needs for it.
 
     The installer takes the value of a property in quotes, and not the whole in them, which is what
     becomes of an argument with blanks: the command interpreter passes such a line on as it is.
+    ValueError for a property whose value has a quotation mark, which would end it.
     """
-    if program != INSTALLER or not any(map(_PROPERTY_WITH_BLANKS.fullmatch, arguments)):
+    properties = [match for match in map(_PROPERTY.fullmatch, arguments) if match is not None]
+    if program != INSTALLER or not properties:
         return [program, *arguments], {}
-    quoted = [_PROPERTY_WITH_BLANKS.sub(r'\g<name>="\g<value>"', each) for each in arguments]
-    return ["cmd.exe", "/c", f"%{_LINE_VARIABLE}%"], {
-        _LINE_VARIABLE: " ".join([program, *quoted])
-    }
+    for each in properties:
+        if '"' in each["value"]:
+            raise ValueError(f"the value of {each['name']} has a quotation mark: {each['value']}")
+    if not any(_BLANK.search(each["value"]) for each in properties):
+        return [program, *arguments], {}
+    line = " ".join([program, *map(_quoted, arguments)])
+    return ["cmd.exe", "/c", f"%{_LINE_VARIABLE}%"], {_LINE_VARIABLE: line}
+
+
+def _quoted(argument: str) -> str:
+    """An argument of the installer as it stands in its command line."""
+    match = _PROPERTY.fullmatch(argument)
+    if match is None:
+        return subprocess.list2cmdline([argument])
+    return f'{match["name"]}="{match["value"]}"' if _BLANK.search(match["value"]) else argument
 
 
 def _server_folder(prefix: Path) -> Path:

@@ -6,9 +6,33 @@ all the same, for an engine that hangs more often is worth knowing of.
 
 import os
 import warnings
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
+from pathlib import Path
 
-# The environment variable that names the file in which the test runner counts: a line each.
+# The environment variable that names the file in which they are counted: a line each.
 COUNTED_IN = "HALVARD_REPEATS"
+
+
+@contextmanager
+def counted(file: Path) -> Iterator[Callable[[], int]]:
+    """Counts in a file what is done once more, by this process and by those that it starts, for the
+    length of a `with` block; what it gives tells how often so far."""
+    file.parent.mkdir(parents=True, exist_ok=True)
+    file.write_text("")
+    former = os.environ.get(COUNTED_IN)
+    os.environ[COUNTED_IN] = str(file)
+    try:
+        yield lambda: len(file.read_text().splitlines())
+    finally:
+        del os.environ[COUNTED_IN]
+        if former is not None:
+            os.environ[COUNTED_IN] = former
+
+
+def behind(count: int) -> str:
+    """What stands behind the last line of a run with so many repeats."""
+    return f"; {count} repeated" if count else ""
 
 
 def tell(reason: str) -> None:

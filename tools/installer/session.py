@@ -15,7 +15,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Callable, Collection, Iterable, Mapping, Sequence
 
-from installer import package, paths
+from installer import actions, engines, paths
 from installer.log import ExportCall, LogLine
 from installer.prefix import Prefix
 
@@ -44,15 +44,15 @@ Progress = Callable[[float, str], None]
 
 
 def as_exit_code(result: int) -> int:
-    """What is left of an installer result (1603, say) in the exit code of a process here: 67."""
-    return result % 256
+    """What is left of an installer result in the exit code of a process of the engine at work."""
+    whole = engines.value("exit-code") == INSTALL_FAILURE
+    return result if whole else result % 256
 
 
 def shown_exit_code(exit_code: int) -> str:
     """An exit code as text, and the refusal of the installer by its whole number."""
-    # Only the low byte of an exit code arrives here.
     refused = as_exit_code(INSTALL_FAILURE)
-    if exit_code == refused:
+    if exit_code == refused != INSTALL_FAILURE:
         return f"{INSTALL_FAILURE}, seen as {refused}"
     return str(exit_code)
 
@@ -157,7 +157,7 @@ def run(
         process.kill()
         process.wait()
     seconds = time.monotonic() - start
-    calls = traced_calls(printed.read_text(errors="replace").splitlines(), package.exports())
+    calls = traced_calls(printed.read_text(errors="replace").splitlines(), actions.exports())
     if not in_time:
         raise (TimeoutError if calls or any_action_started(lines) else NothingDone)(
             f"msiexec {' '.join(command)} did not end within {limit:g} s, "
@@ -233,7 +233,9 @@ class GrowingLog:
         if not data:
             return
         if self._decoder is None:
-            self._decoder = codecs.getincrementaldecoder(log_encoding(data))(errors="replace")
+            self._decoder = codecs.getincrementaldecoder(engines.value("log-encoding"))(
+                errors="replace"
+            )
         *complete, self._rest = (self._rest + self._decoder.decode(data)).split("\n")
         self.lines += [LogLine(text.removesuffix("\r"), arrival) for text in complete]
 
@@ -243,9 +245,3 @@ class GrowingLog:
             self._file.close()
         if self._rest:
             self.lines.append(LogLine(self._rest, arrival))
-
-
-def log_encoding(beginning: bytes) -> str:
-    """Windows writes UTF-16 with a mark in front, the engine here the ANSI code page."""
-    marked = beginning.startswith((codecs.BOM_UTF16_LE, codecs.BOM_UTF16_BE))
-    return "utf-16" if marked else "cp1252"
