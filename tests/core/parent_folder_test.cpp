@@ -55,6 +55,9 @@ TEST(ParentFolder, AServerIsARoot) {
 TEST(ParentFolder, TheFormsOfTheSystemKeepTheRootOfTheirDrive) {
     EXPECT_EQ(ParentFolder(L"\\\\?\\C:\\svc.exe"), L"\\\\?\\C:\\");
     EXPECT_EQ(ParentFolder(L"\\\\.\\C:\\svc.exe"), L"\\\\.\\C:\\");
+    EXPECT_EQ(ParentFolder(L"\\??\\C:\\svc.exe"), L"\\??\\C:\\");
+    EXPECT_EQ(ParentFolder(L"\\??\\C:\\Svc\\svc.exe"), L"\\??\\C:\\Svc");
+    EXPECT_EQ(ParentFolder(L"\\??\\svc.exe"), L"\\??");
     EXPECT_EQ(ParentFolder(L"\\\\?\\C:\\Svc\\svc.exe"), L"\\\\?\\C:\\Svc");
     EXPECT_EQ(ParentFolder(L"\\\\?\\UNC\\server\\share\\svc.exe"), L"\\\\?\\UNC\\server\\share");
     EXPECT_EQ(ParentFolder(L"\\\\?"), L"\\\\?");

@@ -59,6 +59,10 @@ TEST(SystemPath, GivesTheExtendedLengthFormOfTheFullPath) {
     EXPECT_EQ(halvard::SystemPath(L"T:\\" + longName), L"\\\\?\\T:\\" + longName);
 }
 
+TEST(SystemPath, LeavesTheFormThatTheServiceManagerStoresDriversIn) {
+    EXPECT_EQ(halvard::SystemPath(L"\\??\\T:\\folder. "), L"\\??\\T:\\folder. ");
+}
+
 TEST(SystemPath, SeesARelativePathFromTheCurrentDirectory) {
     const std::filesystem::path directory = halvard_tests::CurrentDirectory();
     EXPECT_EQ(halvard::SystemPath(L"XVR"), L"\\\\?\\" + (directory / L"XVR").wstring());

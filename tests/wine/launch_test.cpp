@@ -176,7 +176,8 @@ TEST(RunCmdCommand, PassesThisToTheSystem) {
          });
     EXPECT_EQ(RunCmdCommand(L"exit 0", nullptr), 0U);
     ASSERT_EQ(pipes.size(), 4U);
-    EXPECT_EQ(madePrivate, (std::vector<HANDLE>{pipes[0], pipes[3]}));
+    // The last one when the child has it.
+    EXPECT_EQ(madePrivate, (std::vector<HANDLE>{pipes[0], pipes[3], pipes[2]}));
     EXPECT_EQ(creating.Calls(), 1);
 }
 
@@ -246,6 +247,34 @@ TEST(RunCmdCommand, LeavesTheSecondPipeOpenOnPurposeAndNothingElse) {
     {
         FAIL_CALL(reading, ReadFile, 0, FALSE, ERROR_BROKEN_PIPE);
         EXPECT_EQ(LeftOpenBy(L"exit 0"), kOnPurpose);
+    }
+}
+
+TEST(RunCmdCommand, NoLaterChildInheritsTheSecondPipe) {
+    for (const wchar_t* directory : {L"C:\\", L"T:\\no such folder"}) {
+        HANDLE spareReadEnd = nullptr;
+        HOOK(piping, CreatePipe,
+             [&](PHANDLE readEnd, PHANDLE writeEnd, LPSECURITY_ATTRIBUTES attributes, DWORD size) {
+                 const BOOL created = piping.Original(readEnd, writeEnd, attributes, size);
+                 spareReadEnd = *readEnd;
+                 return created;
+             });
+        bool wasInheritable = false;
+        HOOK(creating, CreateProcessW,
+             [&](LPCWSTR application, LPWSTR commandLine, LPSECURITY_ATTRIBUTES process,
+                 LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags, LPVOID environment,
+                 LPCWSTR folder, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION created) {
+                 DWORD handleFlags = 0;
+                 GetHandleInformation(spareReadEnd, &handleFlags);
+                 wasInheritable = (handleFlags & HANDLE_FLAG_INHERIT) != 0;
+                 return creating.Original(application, commandLine, process, thread, inherit, flags,
+                                          environment, folder, startup, created);
+             });
+        RunCmdCommand(L"exit 0", directory);
+        EXPECT_TRUE(wasInheritable);
+        DWORD flags = HANDLE_FLAG_INHERIT;
+        EXPECT_TRUE(GetHandleInformation(spareReadEnd, &flags));
+        EXPECT_EQ(flags & HANDLE_FLAG_INHERIT, 0U);
     }
 }
 
@@ -359,10 +388,10 @@ TEST(RunCmdCommand, EachCallFailingInTurn) {
         FAIL_CALL(piping, CreatePipe, 2, FALSE, ERROR_ACCESS_DENIED);
         EXPECT_EQ(RunCmdCommand(kTool, nullptr), 4U);
     }
-    for (const int nth : {1, 2}) {
+    for (const int nth : {1, 2, 3}) {
         FAIL_CALL(setting, SetHandleInformation, nth, FALSE, ERROR_ACCESS_DENIED);
         EXPECT_EQ(RunCmdCommand(kTool, nullptr), 4U);
-        EXPECT_EQ(setting.Calls(), 2);
+        EXPECT_EQ(setting.Calls(), 3);
     }
     {
         // The end of the wait must not hang on a process whose exit code cannot be read.
@@ -599,6 +628,20 @@ TEST(ShellExecuteAndWait, ThrowsWhenTheExitCodeCannotBeReadAndClosesTheHandle) {
         ExpectSystemError("Unable to process exit code", ERROR_ACCESS_DENIED);
     }
     EXPECT_EQ(OpenHandleCount(), before);
+}
+
+TEST(ShellExecuteAndWait, ReportsTheCodeOfTheCallAndNotOfTheException) {
+    const RecorderAt tool(kTool);
+    FAIL_CALL(asking, GetExitCodeProcess, 0, FALSE, ERROR_ACCESS_DENIED);
+    FAIL_CALL(executing, ShellExecuteExW, 2, FALSE, ERROR_CANCELLED);
+    HOOK(allocating, malloc, [&](std::size_t size) {
+        void* const memory = allocating.Original(size);
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return memory;
+    });
+    ExpectSystemError("Unable to process exit code", ERROR_ACCESS_DENIED);
+    ExpectSystemError("Unable to create process", ERROR_CANCELLED);
+    EXPECT_GE(allocating.Calls(), 2);
 }
 
 TEST(ShellExecuteAndWait, ReportsTheCodeOfTheReadingAndNotOfTheClosing) {

@@ -596,6 +596,32 @@ TEST(RemoveServiceInDirectory, AConfigurationThatGrowsIsAskedForAgain) {
     EXPECT_EQ(manager.Calls(), expected);
 }
 
+TEST(RemoveServiceInDirectory, AConfigurationThatWantsNoMoreRoomThanItHadIsAnError) {
+    for (const DWORD size : {100U, 99U}) {
+        StandInServiceManager manager;
+        manager.configSizes = {100, size, 0, 0};
+        try {
+            RemoveServiceInDirectory(kName, kFolder);
+            ADD_FAILURE() << "nothing was thrown";
+        } catch (const std::system_error& error) {
+            EXPECT_EQ(error.code(),
+                      std::error_code(ERROR_INSUFFICIENT_BUFFER, std::system_category()));
+        }
+        const Lines asked = {L"QueryServiceConfigW service null 0",
+                             L"QueryServiceConfigW service buffer 100"};
+        EXPECT_EQ(manager.Calls(), kOpened + asked + kClosed);
+    }
+}
+
+// A driver's program, as the service manager stores it.
+TEST(RemoveServiceInDirectory, FindsTheFolderOfADriver) {
+    const ServiceFolder folder;
+    StandInServiceManager manager;
+    manager.binaryPath = std::wstring(L"\\??\\") + kProgram;
+    RemoveServiceInDirectory(kName, kFolder);
+    EXPECT_EQ(std::count(manager.Calls().begin(), manager.Calls().end(), kDeletion[0]), 1);
+}
+
 TEST(RemoveServiceInDirectory, AConfigurationThatCannotBeReadThrowsAndClosesBothHandles) {
     for (const DWORD code : {ERROR_ACCESS_DENIED, ERROR_INVALID_HANDLE, ERROR_MORE_DATA}) {
         for (const bool afterGrowth : {false, true}) {

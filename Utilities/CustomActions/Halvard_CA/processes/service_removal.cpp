@@ -33,7 +33,8 @@ std::wstring ReadBinaryPath(SC_HANDLE service) {
     while (QueryServiceConfigW(service, reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data()),
                                static_cast<DWORD>(buffer.size()), &size) == FALSE) {
         const DWORD code = GetLastError();
-        if (code != ERROR_INSUFFICIENT_BUFFER) {
+        // One that wants no more room than it had would be asked for ever.
+        if (code != ERROR_INSUFFICIENT_BUFFER || size <= buffer.size()) {
             throw std::system_error(static_cast<int>(code), std::system_category(),
                                     "Unable to call QueryServiceConfig");
         }

@@ -29,10 +29,13 @@ bool IsDriveAt(const std::wstring& path, std::size_t index) {
 }
 
 // Where a root's name ends: a drive ("C:"), a server ("\\server"), or a drive in the
-// extended-length form ("\\?\C:") or that of a device ("\\.\C:").
+// extended-length form ("\\?\C:"), that of the object manager ("\??\C:") or of a device ("\\.\C:").
 std::size_t RootNameLength(const std::wstring& path) {
     if (IsDriveAt(path, 0)) {
         return 2;
+    }
+    if (IsTakenAsItStands(path) && IsDriveAt(path, 4)) {
+        return 6;
     }
     const bool namesServer =
         path.size() > 2 && IsSlash(path[0]) && IsSlash(path[1]) && !IsSlash(path[2]);
@@ -65,6 +68,10 @@ bool IsSlash(wchar_t character) {
     return character == L'\\' || character == L'/';
 }
 
+bool IsTakenAsItStands(const std::wstring& path) {
+    return StartsWith(path, L"\\\\?\\") || StartsWith(path, L"\\??\\");
+}
+
 std::wstring FileInFolder(const std::wstring& folder, const std::wstring& fileName) {
     const bool endsInSlash = !folder.empty() && IsSlash(folder.back());
     return folder + (endsInSlash ? L"" : L"\\") + fileName;
@@ -87,8 +94,7 @@ std::wstring ParentFolder(const std::wstring& path) {
 }
 
 std::wstring ExtendedLengthPath(const std::wstring& fullPath) {
-    if (StartsWith(fullPath, L"\\\\?\\") || StartsWith(fullPath, L"\\\\.\\") ||
-        StartsWith(fullPath, L"\\??\\")) {
+    if (IsTakenAsItStands(fullPath) || StartsWith(fullPath, L"\\\\.\\")) {
         return fullPath;
     }
     const std::wstring path = WithoutTrailingBackslashes(fullPath);

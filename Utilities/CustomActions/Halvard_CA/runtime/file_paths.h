@@ -23,6 +23,10 @@ std::wstring ProgramInFolder(const std::wstring& folder, const std::wstring& fil
 /// drive. A path that is nothing but a root is its own folder, a lone name has an empty one.
 std::wstring ParentFolder(const std::wstring& path);
 
+/// Whether a path begins with "\\?\" or "\??\", behind which the system takes it as it stands. The
+/// service manager stores the programs of drivers in the second form.
+bool IsTakenAsItStands(const std::wstring& path);
+
 /// The extended-length form ("\\?\C:\folder", "\\?\UNC\server\share") of a full path: no limit of
 /// 260 characters, and names that end in dots or blanks stay what they are. Backslashes at the end
 /// go, but for the one of a drive's root. A path in this form or in that of a device is returned

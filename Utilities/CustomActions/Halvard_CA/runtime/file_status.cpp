@@ -73,7 +73,7 @@ bool MeansUnknownClass(DWORD code) {
 
 std::wstring SystemPath(const std::wstring& path) {
     // GetFullPathNameW would take dots and blanks off names that this form keeps.
-    if (path.rfind(L"\\\\?\\", 0) == 0) {
+    if (IsTakenAsItStands(path)) {
         return path;
     }
     std::wstring full;

@@ -32,6 +32,12 @@ bool DrainPipe(HANDLE pipe) {
     return true;
 }
 
+[[noreturn]] void ThrowLastError(const char* message) {
+    // Before the exception asks for memory, which may change it.
+    const auto code = static_cast<int>(GetLastError());
+    throw std::system_error(code, std::system_category(), message);
+}
+
 } // namespace
 
 DWORD RunCmdCommand(const std::wstring& command, const wchar_t* directory) {
@@ -63,9 +69,13 @@ DWORD RunCmdCommand(const std::wstring& command, const wchar_t* directory) {
     startup.hStdError = outputWrite.get();
 
     PROCESS_INFORMATION child = {};
-    if (CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW,
-                       nullptr, directory, &startup, &child) == FALSE) {
-        return GetLastError();
+    const BOOL started = CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE,
+                                        CREATE_NO_WINDOW, nullptr, directory, &startup, &child);
+    const DWORD code = GetLastError();
+    // An action starts thousands of these, and each would inherit the spare ends of all before it.
+    SetHandleInformation(spareReadEnd, HANDLE_FLAG_INHERIT, 0);
+    if (started == FALSE) {
+        return code;
     }
     const OwnedHandle process(child.hProcess);
     const OwnedHandle thread(child.hThread);
@@ -112,16 +122,14 @@ DWORD ShellExecuteAndWait(const std::wstring& file, const std::wstring& paramete
     execution.lpParameters = parameters.c_str();
     execution.nShow = SW_HIDE;
     if (ShellExecuteExW(&execution) == FALSE) {
-        throw std::system_error(static_cast<int>(GetLastError()), std::system_category(),
-                                "Unable to create process");
+        ThrowLastError("Unable to create process");
     }
     const OwnedHandle process(execution.hProcess);
 
     WaitForSingleObject(process.get(), timeoutMilliseconds);
     DWORD exitCode = 0;
     if (GetExitCodeProcess(process.get(), &exitCode) == FALSE) {
-        throw std::system_error(static_cast<int>(GetLastError()), std::system_category(),
-                                "Unable to process exit code");
+        ThrowLastError("Unable to process exit code");
     }
     return exitCode;
 }

@@ -8,9 +8,10 @@ namespace halvard {
 
 /// Runs `command` through the command interpreter, without a window, and waits for it.
 ///
-/// `directory`: the child's working directory, null for this process's own. The result is the
-/// child's exit code or the Win32 code with which CreateProcessW refused it; the two cannot be told
-/// apart. The child's output is read, so that it never blocks, and dropped.
+/// `directory`: the child's working directory, null for this process's own. An empty one is handed
+/// on and refused: ERROR_DIRECTORY (267). The result is the child's exit code or the Win32 code
+/// with which CreateProcessW refused it; the two cannot be told apart. The child's output is read,
+/// so that it never blocks, and dropped.
 ///
 /// Polls at full speed and without a time limit, and while the child's exit code reads 259
 /// (STILL_ACTIVE), so a child that exits with 259 holds the caller for ever. 259 also comes back

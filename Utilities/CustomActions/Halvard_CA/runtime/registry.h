@@ -30,6 +30,7 @@ public:
 void CloseRegistryKey(OwnedKey& key) noexcept;
 
 /// The REG_SZ value `name` below `key` and `subkey` (may be empty), up to its first null character.
+/// A REG_EXPAND_SZ value counts as one, and comes with its variables expanded.
 ///
 /// A value that is missing, of another type or unreadable gives an empty string, or, with
 /// `throwOnError`, throws RegKeyError ("Unable to get registry value") with the code of the query
