@@ -166,7 +166,7 @@ def test_a_demo_that_is_cut_short_tells_what_it_has_and_why(monkeypatch):
     monkeypatch.setattr(demo, "_run_steps", cut_short)
     monkeypatch.setattr(demo, "_write", written.append)
     with pytest.raises(TimeoutError):
-        demo._run_demo()
+        demo._run_demo(lambda: 0)
     (shown,) = map(facts.document, written)
     assert [each["title"] for each in shown["sessions"]] == ["Install"]
     assert shown["planned_sessions"] > 1 and shown["as_expected"] is False
