@@ -3,18 +3,21 @@
 import base64
 import hashlib
 import re
-from dataclasses import dataclass, field
+from collections import Counter
+from dataclasses import dataclass, field, fields
 from html.parser import HTMLParser
 from typing import Iterator
 
 import pytest
-from report_samples import DATA, HOSTILE, every_outcome, good_session, report, run, session
+from jinja2 import UndefinedError
+from report_samples import DATA, HOSTILE, changes, every_outcome, good_session, report, run, session
 
 from installer import page
-from installer.facts import SessionFacts
-from installer.log import Outcome
-from installer.machine import Area, Difference, Kind
+from installer.facts import Expectation, Report, SessionFacts
+from installer.log import ActionRun, Outcome
+from installer.machine import Area, Change, Difference, Kind
 from installer.page import visible
+from installer.session import shown_exit_code
 
 VOID = {"meta", "wbr"}
 STYLE = page.STYLE.read_text()
@@ -153,6 +156,67 @@ def test_hostile_log_lines_are_lines_of_text():
     assert len(list(lines.all())) == len(HOSTILE)
 
 
+def test_no_text_of_the_facts_becomes_markup():
+    text = "".join(HOSTILE)
+    hostile = session(
+        title=text,
+        note=text,
+        told=[text],
+        runs=[run(text, 0.0, 1.0, verdict=1, data=text, lines=[text])],
+        difference=Difference(
+            [Change(Area.FILE, Kind.CHANGED, text, text, text)], Counter([text])
+        ),
+        expectations=[Expectation(text, text, "else"), Expectation(text, text, text)],
+    )
+    hostile.result.arguments.append(text)
+    places = ["failure", "title", "title", "argument", "note", "what", "expected", "what", "came"]
+    places += ["name", "data", "line", "told", "item", "before", "after", "noise"]
+    assert tree(hostile, planned=2, failure=text).text.count(visible(text)) == len(places)
+
+
+class Without:
+    """Facts that lack a field."""
+
+    def __init__(self, facts: object, missing: str) -> None:
+        self._facts, self._missing = facts, missing
+
+    def __getattr__(self, name: str) -> object:
+        if name == self._missing:
+            raise AttributeError(name)
+        return getattr(self._facts, name)
+
+
+@pytest.mark.parametrize(
+    "kind, missing",
+    [
+        (kind, each.name)
+        for kind in (Report, SessionFacts, ActionRun, Change, Expectation)
+        for each in fields(kind)
+    ],
+    ids=lambda value: value if isinstance(value, str) else value.__name__,
+)
+def test_a_missing_field_is_an_error_and_no_empty_text(kind, missing):
+    def shown(name: str) -> str:
+        def lacking(facts):
+            return Without(facts, name) if type(facts) is kind else facts
+
+        given = session(
+            runs=[lacking(each) for each in every_outcome()],
+            difference=Difference([lacking(each) for each in changes()]),
+            expectations=[lacking(each) for each in session().expectations],
+        )
+        return page.page(lacking(report(lacking(given), planned=2)))
+
+    assert shown("what is never asked for")
+    with pytest.raises((UndefinedError, AttributeError, TypeError)):
+        shown(missing)
+
+
+def test_a_text_that_is_none_is_an_error():
+    with pytest.raises(TypeError, match="None"):
+        page.page(report(session(title=None)))
+
+
 @pytest.mark.parametrize(
     "text, shown",
     [
@@ -250,6 +314,49 @@ def test_no_bar_leaves_its_session(start, duration, bar):
     assert page.extent(given, given.runs[0]) == bar
 
 
+def test_the_axis_and_the_lines_behind_the_bars_have_the_same_times():
+    document = tree(session())
+    labels = list(document.one(class_="axis").all("text"))
+    assert [label.text for label in labels] == ["0 s", "0.2 s", "0.4 s", "0.6 s", "0.8 s", "1 s"]
+    anchors = [label.attributes["text-anchor"] for label in labels]
+    assert anchors == ["start", *["middle"] * 4, "end"]
+    places = [label.number("x") for label in labels]
+    assert places == [0, 20, 40, 60, 80, 100]
+    for action in actions(document):
+        lines = [(line.number("x1"), line.number("x2")) for line in action.all("line")]
+        assert lines == [(place, place) for place in places[1:]]
+
+
+def test_the_times_of_actions_in_words():
+    first, *_, last = actions(tree(session()))
+    assert first.one(class_="duration").text == "200 ms"
+    assert facts_of(first)["Time"].text == "from 100 ms to 300 ms, 200 ms"
+    assert last.one(class_="duration").text == "no end"
+    assert facts_of(last)["Time"].text == "from 900 ms on"
+
+
+def test_a_session_tells_its_exit_code_its_log_and_how_its_actions_ended():
+    document = tree(session())
+    head, body = document.one("header").text, document.one("section")
+    code = shown_exit_code(67)
+    assert f"exit code {code}, 1.0 s" in head
+    words = f"Exit code {code}, 1.0 s, log build/installer-logs/remove.log"
+    assert words in [node.text for node in body.all("p")]
+    for outcome, number in session().outcomes().items():
+        shown = f"{page.SIGNS[outcome]} {number} {outcome.value}"
+        assert shown in body.one("p", "counts").text
+    assert "What was as expected (1)" in body.text
+    assert facts_of(body.one("dl", "checks"))["actions"].text == "all of them"
+
+
+def test_the_legend_explains_every_outcome():
+    entries = list(tree(session()).one("ul", "legend").all("li"))
+    for outcome, entry in zip(Outcome, entries, strict=True):
+        assert entry.one(class_="sign").text == page.SIGNS[outcome]
+        assert entry.one("rect").number("width") == 100
+        assert f"{outcome.value}: {page._MEANINGS[outcome]}" in entry.text
+
+
 def test_a_session_that_took_no_time_has_a_page():
     given = session()
     given.result.seconds = 0.0
@@ -292,6 +399,24 @@ def test_every_change_appears_before_and_after():
     for heading in "Registry: 1 removed, 1 changed", "Files: 1 added, 1 removed":
         assert heading in text
     assert "records of the installer: 7" in text
+
+
+def test_the_page_can_be_heard_as_well_as_seen():
+    document = tree(session(), good_session())
+    assert document.one("html").attributes["lang"] == "en"
+    assert document.one("nav").attributes["aria-label"] == "Sessions"
+    for section in document.all("section"):
+        assert section.attributes["aria-labelledby"] == section.one("h2").attributes["id"]
+    table = document.one("table")
+    parts = [table, table.one("thead"), table.one("tbody"), table.one("tr"), table.one("th")]
+    assert [part.attributes["role"] for part in [*parts, table.one("td")]] == [
+        *("table", "rowgroup", "rowgroup", "row", "columnheader", "cell")
+    ]
+    assert {heading.attributes["scope"] for heading in document.all("th")} == {"col"}
+    # Each sign and each picture has its words beside it.
+    for silent in "sign", "track", "sample", "axis":
+        hidden = [node.attributes["aria-hidden"] for node in document.all(class_=silent)]
+        assert hidden and set(hidden) == {"true"}, silent
 
 
 def test_a_long_list_of_changes_is_whole_and_waits_for_the_reader():
