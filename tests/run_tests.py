@@ -303,7 +303,7 @@ def wine_tests(
             return prefix.start(*command, **options)
 
         if check_heap:
-            _check_heap_of(prefix, f"{program}.exe")
+            check_heap_of(prefix, f"{program}.exe")
         outcome = _google_tests(ring, [*command, *arguments], start)
         if program == "wine_tests" and not arguments:
             for number, zone in enumerate(ZONES):
@@ -318,7 +318,7 @@ def wine_tests(
 
 
 def _wine_canaries(prefix: Prefix, start: Callable[..., "subprocess.Popen[bytes]"]) -> Outcome:
-    _check_heap_of(prefix, "wine_canaries.exe")
+    check_heap_of(prefix, "wine_canaries.exe")
     program = r"b:\mingw-test\tests\wine\wine_canaries.exe"
     return _google_canaries("wine", program, WINE_CANARIES, start)
 
@@ -360,7 +360,7 @@ def _google_tests(
     program which crashes or hangs half-way is counted too. `limit` is in seconds; a part of a ring
     has files of its own for what it prints."""
     listing = RESULTS / f"{ring}{part}-tests.txt"
-    ended = _run_to_file([*command, LIST_TESTS], listing, start, LISTING_LIMIT)
+    ended = run_to_file([*command, LIST_TESTS], listing, start, LISTING_LIMIT)
     if ended != "exit code 0":
         raise RuntimeError(f"it does not list its tests ({ended}): {_text(listing)}")
     listed = read_google_test_list(_text(listing))
@@ -373,7 +373,7 @@ def _google_tests(
         done = len(re.findall(r"^\[ RUN      \]", _text(log), re.MULTILINE))
         progress_file(ring).write_text(f"{done} of {len(listed)}")
 
-    ended = _run_to_file(command, log, start, limit, tell)
+    ended = run_to_file(command, log, start, limit, tell)
     return read_google_test_log(ring, _text(log), ended, listed)
 
 
@@ -381,7 +381,7 @@ def google_test_log(ring: str, part: str = "") -> Path:
     return RESULTS / f"{ring}{part}-output.txt"
 
 
-def _run_to_file(
+def run_to_file(
     command: list[str],
     file: Path,
     start: Callable[..., "subprocess.Popen[bytes]"],
@@ -551,7 +551,7 @@ def _empty(folder: Path) -> None:
         file.unlink()
 
 
-def _check_heap_of(prefix: Prefix, program: str) -> None:
+def check_heap_of(prefix: Prefix, program: str) -> None:
     """Lets the engine mark what lies behind each heap block of a program and inside each free one
     (0x30: tail, free); the tests look at the marks after each test."""
     key = rf"{IMAGE_OPTIONS}\{program}"
