@@ -342,13 +342,13 @@ def test_who_sees_a_mutant_is_told(log, ended, by):
         ([""], 1, (SURVIVED, "")),
     ],
 )
-@pytest.mark.filterwarnings("ignore:once more")
 def test_only_a_hang_before_the_first_test_is_tried_once_more(seen, times, verdict, monkeypatch):
     lane, answers = object.__new__(mutate.Lane), iter(seen)
-    asked = []
+    asked, counted = [], []
+    monkeypatch.setattr(mutate.repeats, "tell", counted.append)
     monkeypatch.setattr(lane, "_seen_by", lambda *_: asked.append("once") or next(answers))
     assert lane.judge(reached.Runner(), REACHED, ["One"]) == verdict
-    assert len(asked) == times
+    assert len(asked) == times == len(counted) + 1
 
 
 def test_a_lane_in_which_tests_fail_without_a_mutant_is_refused(monkeypatch):
