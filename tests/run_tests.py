@@ -349,7 +349,7 @@ def _google_tests(
     program which crashes or hangs half-way is counted too. `limit` is in seconds; a part of a ring
     has files of its own for what it prints."""
     listing = RESULTS / f"{ring}{part}-tests.txt"
-    ended = _run_to_file([*command, LIST_TESTS], listing, start, LISTING_LIMIT)
+    ended = run_to_file([*command, LIST_TESTS], listing, start, LISTING_LIMIT)
     if ended != "exit code 0":
         raise RuntimeError(f"it does not list its tests ({ended}): {_text(listing)}")
     listed = read_google_test_list(_text(listing))
@@ -362,7 +362,7 @@ def _google_tests(
         done = len(re.findall(r"^\[ RUN      \]", _text(log), re.MULTILINE))
         progress_file(ring).write_text(f"{done} of {len(listed)}")
 
-    ended = _run_to_file(command, log, start, limit, tell)
+    ended = run_to_file(command, log, start, limit, tell)
     return read_google_test_log(ring, _text(log), ended, listed)
 
 
@@ -370,7 +370,7 @@ def google_test_log(ring: str, part: str = "") -> Path:
     return RESULTS / f"{ring}{part}-output.txt"
 
 
-def _run_to_file(
+def run_to_file(
     command: list[str],
     file: Path,
     start: Callable[..., "subprocess.Popen[bytes]"],

@@ -742,6 +742,13 @@ TEST_F(RemoveAllTest, AFolderThatFillsAgainIsNotEmptiedTwice) {
     EXPECT_TRUE(IsThere(In(L"sub\\again.txt")));
 }
 
+TEST(HeldFolder, TheRootOfADriveLiesInNoFolder) {
+    COUNT_CALLS(opening, CreateFileW);
+    halvard::HeldFolder root;
+    EXPECT_EQ(root.OpenTop(L"\\\\?\\T:\\", halvard::FolderUse::List), DWORD{ERROR_SUCCESS});
+    EXPECT_EQ(opening.Calls(), 1);
+}
+
 TEST_F(RemoveAllTest, ADriveWithoutDotsHoldsNothing) {
     for (const DWORD none : {ERROR_FILE_NOT_FOUND, ERROR_NO_MORE_FILES}) {
         RemovalCalls calls;

@@ -291,6 +291,71 @@ TEST(ReadRequiredString, ThrowsWithoutTheKeyOrTheValueAndLeavesNothingOpen) {
     EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
 }
 
+TEST(OpenKey, PassesThisToTheSystemAndGivesNoneForARefusal) {
+    HOOK(opening, RegOpenKeyExW,
+         [](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) -> LSTATUS {
+             EXPECT_EQ(root, HKEY_USERS);
+             EXPECT_EQ(subkey, std::wstring(L"Key"));
+             EXPECT_EQ(options, 0U);
+             EXPECT_EQ(access, static_cast<REGSAM>(KEY_READ | KEY_WOW64_32KEY));
+             // Nothing to close: the call has failed.
+             *opened = reinterpret_cast<HKEY>(0x100);
+             return ERROR_ACCESS_DENIED;
+         });
+    COUNT_CALLS(closing, RegCloseKey);
+    EXPECT_FALSE(halvard::OpenKey(HKEY_USERS, L"Key", KEY_READ | KEY_WOW64_32KEY));
+    EXPECT_EQ(opening.Calls(), 1);
+    EXPECT_EQ(closing.Calls(), 0);
+}
+
+TEST(CreateKey, PassesThisToTheSystemAndGivesItsCode) {
+    HOOK(creating, RegCreateKeyExW,
+         [](HKEY root, LPCWSTR subkey, DWORD reserved, LPWSTR keyClass, DWORD options,
+            REGSAM access, const LPSECURITY_ATTRIBUTES security, PHKEY created,
+            LPDWORD disposition) -> LSTATUS {
+             EXPECT_EQ(root, HKEY_USERS);
+             EXPECT_EQ(subkey, std::wstring(L"Key"));
+             EXPECT_EQ(reserved, 0U);
+             EXPECT_EQ(keyClass, nullptr);
+             EXPECT_EQ(options, static_cast<DWORD>(REG_OPTION_NON_VOLATILE));
+             EXPECT_EQ(access, static_cast<REGSAM>(KEY_SET_VALUE));
+             EXPECT_EQ(security, nullptr);
+             EXPECT_EQ(disposition, nullptr);
+             *created = reinterpret_cast<HKEY>(0x100);
+             return ERROR_WRITE_PROTECT;
+         });
+    COUNT_CALLS(closing, RegCloseKey);
+    halvard::OwnedKey key;
+    EXPECT_EQ(halvard::CreateKey(HKEY_USERS, L"Key", KEY_SET_VALUE, key), ERROR_WRITE_PROTECT);
+    EXPECT_FALSE(key);
+    EXPECT_EQ(closing.Calls(), 0);
+}
+
+TEST(SetText, PassesThisToTheSystem) {
+    HOOK(setting, RegSetValueExW,
+         [&](HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data,
+             DWORD size) -> LSTATUS {
+             EXPECT_EQ(key, HKEY_USERS);
+             EXPECT_EQ(name, std::wstring(L"Name"));
+             EXPECT_EQ(reserved, 0U);
+             const std::wstring text(reinterpret_cast<const wchar_t*>(data),
+                                     size / sizeof(wchar_t));
+             const auto* const number = reinterpret_cast<const DWORD*>(data);
+             if (setting.Calls() == 1) {
+                 EXPECT_EQ(type, static_cast<DWORD>(REG_SZ));
+                 EXPECT_EQ(text, std::wstring(L"a\0b\0", 4));
+             } else {
+                 EXPECT_EQ(type, static_cast<DWORD>(REG_DWORD));
+                 EXPECT_EQ(size, sizeof(DWORD));
+                 EXPECT_EQ(*number, 0x12345678U);
+             }
+             return ERROR_WRITE_PROTECT;
+         });
+    EXPECT_EQ(halvard::SetText(HKEY_USERS, L"Name", std::wstring(L"a\0b", 3)), ERROR_WRITE_PROTECT);
+    EXPECT_EQ(halvard::SetNumber(HKEY_USERS, L"Name", 0x12345678), ERROR_WRITE_PROTECT);
+    EXPECT_EQ(setting.Calls(), 2);
+}
+
 TEST(CloseRegistryKey, ClosesTheKeyOnceAndLeavesTheHolderNull) {
     const ScratchKey key;
     const int before = halvard_tests::OpenHandleCount();

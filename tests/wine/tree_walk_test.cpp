@@ -14,6 +14,7 @@
 using halvard::TreeWalk;
 using halvard_tests::CreateFolders;
 using halvard_tests::ExpectFileSystemError;
+using halvard_tests::RemovalCalls;
 using halvard_tests::ScratchFolder;
 using halvard_tests::WriteFileAt;
 
@@ -107,6 +108,22 @@ TEST_F(TreeWalkTest, EndsAtAnotherFolderThanTheOneListed) {
     };
     ExpectFileSystemError([&] { Visit(top); }, "recursive_directory_iterator::operator++",
                           top + L"\\sub", ERROR_DIR_NOT_EMPTY);
+}
+
+TEST_F(TreeWalkTest, DoesNotEnterWhatHasBecomeALinkSinceItWasListed) {
+    RemovalCalls calls;
+    calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
+                              void* data) -> DWORD {
+        if (path == top + L"\\sub" && type == FileBasicInfo) {
+            static_cast<FILE_BASIC_INFO*>(data)->FileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+        } else if (path == top + L"\\sub" && type == FileAttributeTagInfo) {
+            *static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data) = {FILE_ATTRIBUTE_DIRECTORY |
+                                                                FILE_ATTRIBUTE_REPARSE_POINT,
+                                                            IO_REPARSE_TAG_MOUNT_POINT};
+        }
+        return ERROR_SUCCESS;
+    };
+    EXPECT_EQ(Sorted(Visit(top)), Sorted({top + L"\\sub", top + L"\\empty"}));
 }
 
 TEST_F(TreeWalkTest, TellsNoEntryOfAFolderThatHasBecomeALink) {

@@ -1,6 +1,5 @@
 #include "agent/agent_install.h"
 
-#include "runtime/registry_values.h"
 #include "agent/agent_service.h"
 #include "agent/agent_text.h"
 #include "agent/folder_access.h"
