@@ -30,7 +30,17 @@ LANES = 2
 # Seconds.
 SUITE_LIMIT = 240.0
 # What decides which lines a suite reaches.
-TESTS = ("tests/wine", "tests/core", "tests/support", "tests/run_tests.py")
+TESTS = (
+    "tests/wine",
+    "tests/core",
+    "tests/support",
+    "tests/engines.toml",
+    "tests/run_tests.py",
+    "tests/coverage.py",
+    "tests/mutants.py",
+    "tools/engine_table.py",
+    "tools/installer",
+)
 BUILD_FILES = ("CMakeLists.txt", "CMakePresets.json", "cmake")
 STARTED = re.compile(r"\[ RUN      \] (\S+)$", re.MULTILINE)
 

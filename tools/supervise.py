@@ -5,7 +5,8 @@
 Whatever the command starts is ended with it, also what has left its process group or session, as
 Wine's servers do. SIGINT, SIGTERM and SIGHUP go to all of its session, which then has `GRACE` seconds
 to put things in order and to end what it has put into sessions of their own; what is left then is
-killed. What belongs to another user, as a program under sudo does, ends by itself. The exit code is the command's own, or 128 and the number of the signal.
+killed. What belongs to another user, as a program under sudo does, ends by itself. The exit code is
+the command's own, or 128 and the number of the signal.
 """
 
 import ctypes

@@ -19,7 +19,8 @@ constexpr DWORD kTextBytes = 260;
 // Nothing when the value cannot be read or has more than kTextBytes.
 std::optional<std::wstring> ReadText(HKEY root, const wchar_t* subkey, const wchar_t* name) {
     const OwnedKey key = OpenKey(root, subkey, KEY_ALL_ACCESS);
-    // As many characters, twice what the registry is told of.
+    // Room for as many characters as the registry is told of bytes: what answers in characters by
+    // mistake stays inside.
     BoundedText<kTextBytes * sizeof(wchar_t)> text;
     if (!key || !ReadBytes(key.get(), name, text.characters, kTextBytes, nullptr)) {
         return std::nullopt;

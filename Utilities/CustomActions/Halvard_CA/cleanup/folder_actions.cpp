@@ -4,7 +4,7 @@
 #include "runtime/custom_action_data.h"
 #include "runtime/file_paths.h"
 #include "runtime/file_status.h"
-#include "runtime/framework.h"
+#include "runtime/framework_key.h"
 #include "runtime/launch.h"
 #include "runtime/pivot.h"
 #include "runtime/registry.h"
@@ -110,7 +110,7 @@ UINT __stdcall DeleteXVRFolder(MSIHANDLE session) {
 
     const InstallDir installDir = ReadRecorderInstallDir();
     std::wstring path = installDir.text + L"XVR";
-    if (PathFileExistsW(path.c_str()) == FALSE) {
+    if (!ExistsForShell(path)) {
         return installDir.type;
     }
     RemoveDirectoryTree(path);

@@ -39,9 +39,10 @@ struct ListedEntry {
 /// What a folder is opened for.
 enum class FolderUse { List, ListAndDelete };
 
-/// A folder open as itself and without delete sharing: while it is held, nobody can rename it,
-/// remove it or put another in its place. Its entries are listed and opened through its handle. It
-/// is listed as it is worked on, so that it holds the same memory whatever it contains.
+/// A folder open as itself. What OpenTop and OpenIn opened is not shared for deletion: while it is
+/// held, nobody can rename it, remove it or put another in its place. Its entries are listed and
+/// opened through its handle. It is listed as it is worked on, so that it holds the same memory
+/// whatever it contains.
 ///
 /// Functions return Win32 codes.
 class HeldFolder {

@@ -2,7 +2,7 @@
 
 #include "launch/install_proxy_command.h"
 #include "runtime/file_status.h"
-#include "runtime/framework.h"
+#include "runtime/framework_key.h"
 #include "runtime/launch.h"
 #include "runtime/registry.h"
 #include "runtime/session.h"

@@ -13,10 +13,6 @@ namespace halvard {
 
 namespace {
 
-// Nothing ever gives the removal a session, so what it logs is lost. Packages have never seen these
-// lines, and must not start to.
-constexpr MSIHANDLE kRemovalSession = 0;
-
 // SERVICE_ALL_ACCESS without the rights to pause, to interrogate and to send controls of its own: a
 // service that withholds those from administrators can be removed all the same.
 constexpr DWORD kServiceAccess =
@@ -47,7 +43,7 @@ std::wstring ReadBinaryPath(SC_HANDLE service) {
 
 bool IsInDirectory(const std::wstring& binaryPath, const std::wstring& directory) {
     const std::wstring parent = ParentFolder(binaryPath);
-    LogMessage(kRemovalSession, L"Parent path of %s is %s", binaryPath.c_str(), parent.c_str());
+    LogMessage(kNoSession, L"Parent path of %s is %s", binaryPath.c_str(), parent.c_str());
     return AreEquivalent(parent, directory);
 }
 
@@ -59,7 +55,7 @@ void StopWithinLimit(SC_HANDLE service) {
     DWORD state = status.dwCurrentState;
     DWORD waited = 0;
     while (state != SERVICE_STOPPED && waited <= kStopLimitMilliseconds) {
-        LogMessage(kRemovalSession, L"Waiting for service to stop.");
+        LogMessage(kNoSession, L"Waiting for service to stop.");
         Sleep(kPollMilliseconds);
         waited += kPollMilliseconds;
         if (QueryServiceStatus(service, &status) != FALSE) {
@@ -72,35 +68,34 @@ void StopWithinLimit(SC_HANDLE service) {
 
 void RemoveServiceInDirectory(const std::wstring& serviceName, const std::wstring& directory) {
     if (serviceName.empty()) {
-        LogMessage(kRemovalSession, L"Empty service name provided");
+        LogMessage(kNoSession, L"Empty service name provided");
         return;
     }
 
     const OwnedService manager = OpenServiceManager(SERVICES_ACTIVE_DATABASEW);
     if (!manager) {
-        LogMessage(kRemovalSession, L"Unable call  OpenSCManager. Error code: %d", GetLastError());
+        LogMessage(kNoSession, L"Unable call  OpenSCManager. Error code: %d", GetLastError());
         return;
     }
     const OwnedService service(OpenServiceW(manager.get(), serviceName.c_str(), kServiceAccess));
     if (!service) {
-        LogMessage(kRemovalSession, L"Unable to open service %s. Error code: %d",
-                   serviceName.c_str(), GetLastError());
+        LogMessage(kNoSession, L"Unable to open service %s. Error code: %d", serviceName.c_str(),
+                   GetLastError());
         return;
     }
 
     const std::wstring binaryPath = ReadBinaryPath(service.get());
-    LogMessage(kRemovalSession, L"binary path = %s\n", binaryPath.c_str());
+    LogMessage(kNoSession, L"binary path = %s\n", binaryPath.c_str());
     if (!IsInDirectory(binaryPath, directory)) {
-        LogMessage(kRemovalSession, L"%s is not in directory %s", binaryPath.c_str(),
-                   directory.c_str());
+        LogMessage(kNoSession, L"%s is not in directory %s", binaryPath.c_str(), directory.c_str());
         return;
     }
 
     StopWithinLimit(service.get());
     if (DeleteService(service.get()) != FALSE) {
-        LogMessage(kRemovalSession, L"Successfully deleted %s", serviceName.c_str());
+        LogMessage(kNoSession, L"Successfully deleted %s", serviceName.c_str());
     } else {
-        LogMessage(kRemovalSession, L"Unable to delete %s. Error code: %d", serviceName.c_str(),
+        LogMessage(kNoSession, L"Unable to delete %s. Error code: %d", serviceName.c_str(),
                    GetLastError());
     }
 }

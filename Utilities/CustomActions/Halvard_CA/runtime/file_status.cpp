@@ -1,6 +1,7 @@
 #include "runtime/file_status.h"
 
 #include "runtime/file_paths.h"
+#include "runtime/owned.h"
 
 #include <shlwapi.h>
 
@@ -21,8 +22,8 @@ struct FileIdentity {
     FILE_ID_128 file = {};
 };
 
-// Opens what a path leads to, whoever else has it open: to read attributes, all is shared. The
-// result is a Win32 code.
+// Opens what a path leads to, whoever else has it open: to read attributes, all is shared. `opened`
+// comes empty, for closing another handle would change the last error. The result is a Win32 code.
 DWORD OpenForStatus(const std::wstring& path, OwnedHandle& opened) {
     const std::wstring systemPath = SystemPath(path);
     opened.reset(CreateFileW(systemPath.c_str(), FILE_READ_ATTRIBUTES,

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "runtime/owned.h"
-
 #include <windows.h>
 
 #include <string>

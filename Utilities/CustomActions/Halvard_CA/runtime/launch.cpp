@@ -14,10 +14,6 @@ namespace halvard {
 
 namespace {
 
-// Nothing ever gives this launcher a session, so what it logs is lost. Packages have never seen
-// these lines, and must not start to.
-constexpr MSIHANDLE kLauncherSession = 0;
-
 // True when the pipe can still be read; takes what is waiting in it.
 bool DrainPipe(HANDLE pipe) {
     DWORD waiting = 0;
@@ -99,7 +95,7 @@ bool RunCommandLine(wchar_t* commandLine, const std::wstring& directory, bool wa
                        directory.empty() ? nullptr : directory.c_str(), &startup,
                        &child) == FALSE) {
         const DWORD code = GetLastError();
-        // For the eyes of a debugger: callers log a line of their own.
+        // For the eyes of a debugger alone: no caller logs a start that is refused.
         const std::wstring report = FailedLaunchText(commandLine, code);
         return false;
     }
@@ -144,12 +140,12 @@ bool LaunchSchtasks(const wchar_t* parameters) {
     execution.lpParameters = parameters;
     execution.nShow = SW_SHOWNORMAL;
     if (ShellExecuteExW(&execution) == FALSE) {
-        LogMessage(kLauncherSession, L"Quenby_CA failed to launch the following: %s",
+        LogMessage(kNoSession, L"Quenby_CA failed to launch the following: %s",
                    ShellExecuteErrorText(reinterpret_cast<INT_PTR>(execution.hInstApp)));
         return false;
     }
     // The process handle stays open.
-    LogMessage(kLauncherSession, L"Quenby_CA launched the following successfully: %s", program);
+    LogMessage(kNoSession, L"Quenby_CA launched the following successfully: %s", program);
     return true;
 }
 

@@ -10,6 +10,10 @@ namespace halvard {
 /// The longest log line, in wide characters with its terminator: twice the classic path limit.
 inline constexpr int kLogMessageLimit = 520;
 
+/// What helpers log to that nothing ever gives a session: their lines are lost. Packages have never
+/// seen them, and must not start to.
+inline constexpr MSIHANDLE kNoSession = 0;
+
 /// The session that helpers log to when an action does not hand them one: the last handle that an
 /// action of this process stored, 0 when none did. Not every action stores its session, and the
 /// helpers then log to whatever an earlier action left here.

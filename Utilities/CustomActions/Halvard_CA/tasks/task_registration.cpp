@@ -10,10 +10,6 @@ namespace halvard {
 
 namespace {
 
-// Nothing ever gives the registration a session, so what it logs is lost. Packages have never seen
-// these lines, and must not start to.
-constexpr MSIHANDLE kRegistrationSession = 0;
-
 constexpr UINT kRegistered = 0;
 constexpr UINT kNotRegistered = 1;
 
@@ -63,14 +59,13 @@ UINT RegisterInsideApartment(const std::wstring& taskName, const std::wstring& x
     HRESULT result = CoCreateInstance(CLSID_TaskScheduler, nullptr, CLSCTX_INPROC_SERVER,
                                       IID_ITaskService, reinterpret_cast<void**>(&service));
     if (FAILED(result)) {
-        LogMessage(kRegistrationSession, L"Failed to create an instance of ITaskService: 0x%x",
-                   result);
+        LogMessage(kNoSession, L"Failed to create an instance of ITaskService: 0x%x", result);
         return kNotRegistered;
     }
 
     result = ConnectToThisMachine(*service);
     if (FAILED(result)) {
-        LogMessage(kRegistrationSession, L"ITaskService::Connect failed: 0x%x", result);
+        LogMessage(kNoSession, L"ITaskService::Connect failed: 0x%x", result);
         service->Release();
         return kNotRegistered;
     }
@@ -78,7 +73,7 @@ UINT RegisterInsideApartment(const std::wstring& taskName, const std::wstring& x
     ITaskFolder* rootFolder = nullptr;
     result = GetRootFolder(*service, &rootFolder);
     if (FAILED(result)) {
-        LogMessage(kRegistrationSession, L"Cannot get Root Folder pointer: 0x%x", result);
+        LogMessage(kNoSession, L"Cannot get Root Folder pointer: 0x%x", result);
         service->Release();
         return kNotRegistered;
     }
@@ -87,12 +82,12 @@ UINT RegisterInsideApartment(const std::wstring& taskName, const std::wstring& x
     IRegisteredTask* task = nullptr;
     result = RegisterInFolder(*rootFolder, taskName, xmlText, userName, &task);
     if (FAILED(result)) {
-        LogMessage(kRegistrationSession, L"Error saving the Task : 0x%x", result);
+        LogMessage(kNoSession, L"Error saving the Task : 0x%x", result);
         rootFolder->Release();
         return kNotRegistered;
     }
 
-    LogMessage(kRegistrationSession, L"Successfully added %s Scheduled Event", taskName.c_str());
+    LogMessage(kNoSession, L"Successfully added %s Scheduled Event", taskName.c_str());
     rootFolder->Release();
     task->Release();
     return kRegistered;
@@ -104,7 +99,7 @@ UINT RegisterTaskFromXml(const std::wstring& taskName, const std::wstring& xmlTe
                          const std::wstring& userName) noexcept {
     const HRESULT entered = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     if (FAILED(entered)) {
-        LogMessage(kRegistrationSession, L"Failed to call CoInitializeEx 0x%x", entered);
+        LogMessage(kNoSession, L"Failed to call CoInitializeEx 0x%x", entered);
         // A single-threaded apartment, entered by whoever owns the thread, serves as well.
         if (entered != RPC_E_CHANGED_MODE) {
             return kNotRegistered;
