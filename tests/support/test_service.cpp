@@ -99,6 +99,8 @@ void WINAPI Serve(DWORD /*count*/, wchar_t** arguments) {
     Pend(SERVICE_START_PENDING, Setting(L"StartPending"));
     const DWORD failure = Setting(L"StartFailure");
     if (failure != NO_ERROR) {
+        // As below: the request to start is answered by another thread too.
+        Sleep(ANSWER_TIME);
         ReportStopped(failure);
         return;
     }
