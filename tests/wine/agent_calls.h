@@ -226,6 +226,10 @@ private:
         return Pass(L"delete " + Name(service), FALSE,
                     [&] { return keepServices ? TRUE : deleteService_.Original(service); });
     });
+    HOOK(looking_, GetFileAttributesW, [this](LPCWSTR path) {
+        return Pass(std::wstring(L"look ") + path, INVALID_FILE_ATTRIBUTES,
+                    [&] { return looking_.Original(path); });
+    });
     HOOK(opening_, CreateFileW,
          [this](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
                 DWORD disposition, DWORD flags, HANDLE like) {

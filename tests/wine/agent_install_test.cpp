@@ -217,7 +217,7 @@ TEST_F(PreInstallUPATest, WithoutAnAgentItRunsAllKillCommandsOfItsOwnDirectory) 
 TEST_F(PreInstallUPATest, WithoutAnAgentItsCallsAreThese) {
     AgentCalls calls(machine_);
     EXPECT_EQ(PreInstallUPA(0), 0U);
-    const Lines look = {L"open file 0x80 " + kExtended + machine_.Folder()};
+    const Lines look = {L"look " + kExtended + machine_.Folder()};
     const auto services = [](const std::wstring& name, const Lines& between) {
         return Lines{L"open manager 0xf003f", L"open " + name + L" 0x2c"} + between +
                Lines{L"open manager 0xf003f", L"open " + name + L" 0x10000"};
@@ -304,7 +304,7 @@ TEST_F(PreInstallUPATest, RemovesTheFolderUpToThreeTimes) {
     // Each of the two files, in each of the three.
     EXPECT_EQ(calls.Of({L"open entry"}).size(), 6U);
     // Whether it exists, and the two looks of each removal.
-    EXPECT_EQ(calls.Of({L"open file 0x80 " + kExtended + machine_.Folder()}).size(), 9U);
+    EXPECT_EQ(calls.Of({L"look " + kExtended + machine_.Folder()}).size(), 9U);
 }
 
 TEST_F(PreInstallUPATest, DeletesTheOlderFilesBetweenTheFirstTwoRemovals) {
@@ -316,7 +316,7 @@ TEST_F(PreInstallUPATest, DeletesTheOlderFilesBetweenTheFirstTwoRemovals) {
             machine_.CopyAgent();
             WriteFileAt(machine_.File(L"ZenvoUPAUF.exe"));
             WriteFileAt(machine_.File(L"UPASL.dll"));
-        } else if (line.find(L"open file 0x80") == 0 && IsThere(machine_.Folder())) {
+        } else if (line.find(L"look ") == 0 && IsThere(machine_.Folder())) {
             deleted = !IsThere(machine_.File(L"ZenvoUPAUF.exe")) &&
                       !IsThere(machine_.File(L"UPASL.dll")) &&
                       IsThere(machine_.File(L"TeloUF.exe"));
@@ -386,7 +386,7 @@ TEST_F(PreInstallUPATest, WhatTheRemovalRaisesLeavesTheAction) {
 
 TEST_F(PreInstallUPATest, AFolderThatCannotBeLookedAtLeavesTheAction) {
     machine_.CopyAgent();
-    const std::wstring look = L"open file 0x80 " + kExtended + machine_.Folder();
+    const std::wstring look = L"look " + kExtended + machine_.Folder();
     {
         AgentCalls calls(machine_);
         calls.Fail(look, ERROR_ACCESS_DENIED);
@@ -403,7 +403,7 @@ TEST_F(PreInstallUPATest, AFolderThatCannotBeLookedAtLeavesTheAction) {
 }
 
 TEST_F(PreInstallUPATest, EachLookForTheFolderThatFailsLeavesTheAction) {
-    const std::wstring look = L"open file 0x80 " + kExtended + machine_.Folder();
+    const std::wstring look = L"look " + kExtended + machine_.Folder();
     const std::vector<std::size_t> killed = {4, 4, 10};
     for (std::size_t nth = 1; nth <= killed.size(); ++nth) {
         AgentCalls calls(machine_);
@@ -457,7 +457,7 @@ TEST_F(PreInstallUPATest, NoStepsFailureStopsTheNext) {
     ASSERT_EQ(undisturbed.size(), 38U);
     for (std::size_t failing = 1; failing <= undisturbed.size(); ++failing) {
         const std::wstring& line = undisturbed[failing - 1];
-        if (line.find(L"open file 0x80") == 0) {
+        if (line.find(L"look ") == 0) {
             continue; // what the look at the folder raises has a test of its own
         }
         Lines expected = undisturbed;

@@ -266,12 +266,10 @@ TEST_P(ShutDown, MakesItsCallsInThisOrder) {
         calls.emplace_back(L"close key");
         return closing.Original(key);
     });
-    HOOK(looking, CreateFileW,
-         [&](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES attributes,
-             DWORD disposition, DWORD flags, HANDLE pattern) {
-             calls.push_back(std::wstring(L"exists ") + path);
-             return looking.Original(path, access, share, attributes, disposition, flags, pattern);
-         });
+    HOOK(looking, GetFileAttributesW, [&](LPCWSTR path) {
+        calls.push_back(std::wstring(L"exists ") + path);
+        return looking.Original(path);
+    });
     HOOK(asking, PathFileExistsW, [&](LPCWSTR path) {
         calls.push_back(std::wstring(L"PathFileExistsW ") + path);
         return asking.Original(path);
@@ -311,7 +309,7 @@ TEST_P(ShutDown, ThrowsWithoutTheKey) {
     const RecorderAt tool(installation.Program());
     FAIL_CALL(opening, RegOpenKeyExW, 1, ERROR_ACCESS_DENIED, NO_ERROR);
     COUNT_CALLS(closing, RegCloseKey);
-    COUNT_CALLS(looking, CreateFileW);
+    COUNT_CALLS(looking, GetFileAttributesW);
     ExpectRegKeyError([] { GetParam().run(0); }, "Unable to open registry key",
                       ERROR_ACCESS_DENIED);
     EXPECT_EQ(closing.Calls(), 0);
@@ -347,7 +345,7 @@ TEST_P(ShutDown, AMissingLocationIsASuccess) {
     const Starts starts;
     for (const wchar_t* const location : {L"T:\\Apps\\none", L"T:\\none\\none\\", L""}) {
         installation.SetLocation(location);
-        COUNT_CALLS(looking, CreateFileW);
+        COUNT_CALLS(looking, GetFileAttributesW);
         COUNT_CALLS(asking, PathFileExistsW);
         EXPECT_EQ(GetParam().run(0), 0U) << location;
         EXPECT_EQ(looking.Calls(), 1);
@@ -434,7 +432,7 @@ TEST_P(ShutDown, ThrowsForALocationThatCannotBeLookedAt) {
     const Installation installation(GetParam());
     const RecorderAt tool(installation.Program());
     const Starts starts;
-    FAIL_CALL(looking, CreateFileW, 1, INVALID_HANDLE_VALUE, ERROR_ACCESS_DENIED);
+    FAIL_CALL(looking, GetFileAttributesW, 1, INVALID_FILE_ATTRIBUTES, ERROR_ACCESS_DENIED);
     halvard_tests::ExpectFileSystemError([&] { GetParam().run(0); }, "exists", kFolder,
                                          ERROR_ACCESS_DENIED);
     EXPECT_EQ(looking.Calls(), 1);
@@ -481,6 +479,8 @@ TEST_P(ShutDown, LeavesNoHandleOpen) {
             leavesNone("not started");
         }
         {
+            HOOK(looking, GetFileAttributesW,
+                 [](LPCWSTR) -> DWORD { return FILE_ATTRIBUTE_REPARSE_POINT; });
             FAIL_CALL(reading, GetFileInformationByHandleEx, 0, FALSE, ERROR_GEN_FAILURE);
             leavesNone("a look that fails");
             EXPECT_EQ(reading.Calls(), 2);
@@ -540,7 +540,7 @@ TEST(ShutDownPivotConsole, ThrowsForAToolThatCannotBeLookedAt) {
     const Installation installation(kPivot);
     const RecorderAt tool(installation.Program());
     const Starts starts;
-    FAIL_CALL(looking, CreateFileW, 2, INVALID_HANDLE_VALUE, ERROR_ACCESS_DENIED);
+    FAIL_CALL(looking, GetFileAttributesW, 2, INVALID_FILE_ATTRIBUTES, ERROR_ACCESS_DENIED);
     COUNT_CALLS(asking, PathFileExistsW);
     halvard_tests::ExpectFileSystemError([&] { ShutDownPivotConsole(0); }, "exists",
                                          installation.Program(), ERROR_ACCESS_DENIED);
@@ -553,7 +553,7 @@ TEST(ShutDownDVR, AToolThatCannotBeLookedAtIsNotThere) {
     const Installation installation(kRecorder);
     const RecorderAt tool(installation.Program());
     const Starts starts;
-    COUNT_CALLS(looking, CreateFileW);
+    COUNT_CALLS(looking, GetFileAttributesW);
     {
         FAIL_CALL(asking, PathFileExistsW, 1, FALSE, ERROR_ACCESS_DENIED);
         EXPECT_EQ(ShutDownDVR(0), 1603U);

@@ -472,7 +472,7 @@ TEST_F(DeleteandRetainValuesTest, ALinkIsNeitherEnteredNorSpared) {
 TEST_F(DeleteandRetainValuesTest, RaisesWhenTheFolderCannotBeAskedFor) {
     MakeFiles({L"a"});
     {
-        FAIL_CALL(opening, CreateFileW, 1, INVALID_HANDLE_VALUE, ERROR_ACCESS_DENIED);
+        FAIL_CALL(asking, GetFileAttributesW, 1, INVALID_FILE_ATTRIBUTES, ERROR_ACCESS_DENIED);
         ExpectFileSystemError([] { DeleteandRetainValues(0); }, "exists", Folder(),
                               ERROR_ACCESS_DENIED);
     }
@@ -491,14 +491,12 @@ TEST_F(DeleteandRetainValuesTest, MakesItsCallsInThisOrder) {
              calls.push_back(L"key "s + subkey);
              return opening.Original(root, subkey, options, access, opened);
          });
-    HOOK(asking, CreateFileW,
-         [&](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES attributes,
-             DWORD disposition, DWORD flags, HANDLE pattern) {
-             if (path == L"\\\\?\\" + Folder()) {
-                 calls.emplace_back(L"exists");
-             }
-             return asking.Original(path, access, share, attributes, disposition, flags, pattern);
-         });
+    HOOK(asking, GetFileAttributesW, [&](LPCWSTR path) {
+        if (path == L"\\\\?\\" + Folder()) {
+            calls.emplace_back(L"exists");
+        }
+        return asking.Original(path);
+    });
     HOOK(testing, PathIsDirectoryW, [&](LPCWSTR path) {
         calls.push_back(L"is folder "s + path);
         return testing.Original(path);

@@ -16,6 +16,11 @@ using halvard_tests::ScratchFolder;
 
 namespace {
 
+// The attributes of a path that is a folder and a reparse point.
+DWORD AttributesOfAReparsePoint(LPCWSTR) {
+    return FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
+}
+
 // The answers to looks at an open folder that is a reparse point with this tag; a failed look at
 // the tag has no answer.
 std::function<BOOL(HANDLE, FILE_INFO_BY_HANDLE_CLASS, LPVOID, DWORD)>
@@ -109,7 +114,32 @@ TEST(QueryKind, FollowsALink) {
     halvard_tests::CreateFolders(scratch.File(L"target"));
 }
 
-TEST(QueryKind, OpensForAttributesWithEverySharingMode) {
+// A folder that grants nothing itself tells its attributes all the same, for the one above does.
+TEST(QueryKind, OpensNothingButAReparsePoint) {
+    const ScratchFolder scratch;
+    halvard_tests::WriteWholeFile(scratch.File(L"file"), std::string("x"));
+    FAIL_CALL(opening, CreateFileW, 0, INVALID_HANDLE_VALUE, ERROR_ACCESS_DENIED);
+    EXPECT_EQ(halvard::QueryKind(scratch.Path(), "status"), FileKind::Directory);
+    EXPECT_EQ(halvard::QueryKind(scratch.File(L"file"), "status"), FileKind::File);
+    EXPECT_EQ(halvard::QueryKind(scratch.File(L"missing"), "status"), FileKind::Missing);
+    EXPECT_EQ(opening.Calls(), 0);
+    HOOK(asking, GetFileAttributesW, AttributesOfAReparsePoint);
+    ExpectFileSystemError([&] { halvard::ExistsOrThrow(scratch.Path()); }, "exists", scratch.Path(),
+                          ERROR_ACCESS_DENIED);
+    EXPECT_EQ(opening.Calls(), 1);
+}
+
+TEST(QueryKind, AsksForTheAttributesOfTheExtendedLengthForm) {
+    HOOK(asking, GetFileAttributesW, [](LPCWSTR path) -> DWORD {
+        EXPECT_EQ(std::wstring(path), L"\\\\?\\T:\\folder");
+        return FILE_ATTRIBUTE_DIRECTORY;
+    });
+    EXPECT_EQ(halvard::QueryKind(L"T:/folder", "status"), FileKind::Directory);
+    EXPECT_EQ(asking.Calls(), 1);
+}
+
+TEST(QueryKind, OpensAReparsePointWithEverySharingMode) {
+    HOOK(asking, GetFileAttributesW, AttributesOfAReparsePoint);
     HOOK(opening, CreateFileW,
          [](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES, DWORD disposition,
             DWORD flags, HANDLE) -> HANDLE {
@@ -127,6 +157,7 @@ TEST(QueryKind, OpensForAttributesWithEverySharingMode) {
 
 TEST(QueryKind, KnowsALinkThatCannotBeFollowedByItsTag) {
     const ScratchFolder scratch;
+    HOOK(asking, GetFileAttributesW, AttributesOfAReparsePoint);
     {
         HOOK(tag, GetFileInformationByHandleEx, ReparsePoint(IO_REPARSE_TAG_SYMLINK));
         EXPECT_EQ(halvard::QueryKind(scratch.Path(), "status"), FileKind::SymbolicLink);
@@ -144,6 +175,7 @@ TEST(QueryKind, KnowsALinkThatCannotBeFollowedByItsTag) {
 
 TEST(QueryKind, AReparsePointThatIsOneNoMoreIsWhatItHasBecome) {
     const ScratchFolder scratch;
+    HOOK(listed, GetFileAttributesW, AttributesOfAReparsePoint);
     HOOK(asking, GetFileInformationByHandleEx,
          [&](HANDLE file, FILE_INFO_BY_HANDLE_CLASS type, LPVOID data, DWORD size) {
              const BOOL done = asking.Original(file, type, data, size);
@@ -159,11 +191,17 @@ TEST(QueryKind, AReparsePointThatIsOneNoMoreIsWhatItHasBecome) {
 
 TEST(QueryKind, FourCodesMeanMissingAndOthersThrow) {
     for (const DWORD code : {2U, 3U, 53U, 123U}) {
+        FAIL_CALL(asking, GetFileAttributesW, 0, INVALID_FILE_ATTRIBUTES, code);
+        EXPECT_EQ(halvard::QueryKind(L"T:\\folder", "exists"), FileKind::Missing) << code;
+    }
+    // What a reparse point leads to.
+    for (const DWORD code : {2U, 3U, 53U, 123U}) {
+        HOOK(asking, GetFileAttributesW, AttributesOfAReparsePoint);
         FAIL_CALL(opening, CreateFileW, 0, INVALID_HANDLE_VALUE, code);
         EXPECT_EQ(halvard::QueryKind(L"T:\\folder", "exists"), FileKind::Missing) << code;
     }
     for (const DWORD code : {5U, 32U, 206U}) {
-        FAIL_CALL(opening, CreateFileW, 0, INVALID_HANDLE_VALUE, code);
+        FAIL_CALL(asking, GetFileAttributesW, 0, INVALID_FILE_ATTRIBUTES, code);
         ExpectFileSystemError([] { halvard::ExistsOrThrow(L"T:\\folder"); }, "exists",
                               L"T:\\folder", static_cast<int>(code));
         ExpectFileSystemError([] { halvard::IsDirectory(L"T:\\folder"); }, "status", L"T:\\folder",
@@ -173,6 +211,7 @@ TEST(QueryKind, FourCodesMeanMissingAndOthersThrow) {
 
 TEST(QueryKind, AFailedLookAtAnOpenFileThrowsAndClosesIt) {
     const ScratchFolder scratch;
+    HOOK(asking, GetFileAttributesW, AttributesOfAReparsePoint);
     const auto query = [&] {
         halvard::QueryKind(scratch.Path(), "status");
     };

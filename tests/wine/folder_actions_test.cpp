@@ -222,14 +222,17 @@ private:
         *exitCode = 5;
         return Call(L"exit code") == NO_ERROR ? TRUE : FALSE;
     });
-    HOOK(looking_, CreateFileW,
+    HOOK(looking_, GetFileAttributesW, [this](LPCWSTR path) {
+        return Call(L"look "s + path) == NO_ERROR ? looking_.Original(path)
+                                                  : INVALID_FILE_ATTRIBUTES;
+    });
+    HOOK(entering_, CreateFileW,
          [this](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
                 DWORD disposition, DWORD flags, HANDLE pattern) {
-             const bool enters = (access & FILE_LIST_DIRECTORY) != 0;
-             if (Call((enters ? L"enter "s : L"look "s) + path) != NO_ERROR) {
+             if (Call(L"enter "s + path) != NO_ERROR) {
                  return INVALID_HANDLE_VALUE;
              }
-             return looking_.Original(path, access, share, security, disposition, flags, pattern);
+             return entering_.Original(path, access, share, security, disposition, flags, pattern);
          });
     HOOK(removingFolder_, RemoveDirectoryW, [this](LPCWSTR path) {
         if (Call(L"remove folder "s + path) != NO_ERROR) {

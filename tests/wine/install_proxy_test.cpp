@@ -207,7 +207,7 @@ TEST_F(LaunchInstallProxyPVTest, ALocationThatIsAFileIsTaken) {
 }
 
 TEST_F(LaunchInstallProxyPVTest, ThrowsWhenWindowsDoesNotTellWhetherTheLocationExists) {
-    FAIL_CALL(opening, CreateFileW, 1, INVALID_HANDLE_VALUE, ERROR_ACCESS_DENIED);
+    FAIL_CALL(asking, GetFileAttributesW, 1, INVALID_FILE_ATTRIBUTES, ERROR_ACCESS_DENIED);
     halvard_tests::ExpectFileSystemError([&] { Launch(); }, "exists", Framework(),
                                          ERROR_ACCESS_DENIED);
     EXPECT_EQ(session_.LogLines(), Lines{});
@@ -292,12 +292,10 @@ TEST_F(LaunchInstallProxyPVTest, OpensTheKeyForReadingAndWritingAndClosesItBefor
         closed += closedKey == key ? 1 : 0;
         return closing.Original(closedKey);
     });
-    HOOK(looking, CreateFileW,
-         [&](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES attributes,
-             DWORD disposition, DWORD flags, HANDLE pattern) {
-             EXPECT_EQ(closed, 1);
-             return looking.Original(path, access, share, attributes, disposition, flags, pattern);
-         });
+    HOOK(looking, GetFileAttributesW, [&](LPCWSTR path) {
+        EXPECT_EQ(closed, 1);
+        return looking.Original(path);
+    });
     EXPECT_EQ(Launch(), 0U);
     EXPECT_EQ(opening.Calls(), 1);
     EXPECT_EQ(closed, 1);

@@ -172,7 +172,8 @@ TEST(RemovalTime, Counts100000Entries) {
              return TRUE;
          });
     // Without an identity the folder above is not listed, which would use up what is listed here.
-    FAIL_CALL(identifying, GetFileInformationByHandle, 0, FALSE, ERROR_INVALID_FUNCTION);
+    constexpr NTSTATUS notImplemented = static_cast<NTSTATUS>(0xC0000002);
+    FAIL_CALL(identifying, NtQueryInformationFile, 0, notImplemented, NO_ERROR);
     HOOK(opening, NtOpenFile,
          [](PHANDLE opened, ACCESS_MASK, POBJECT_ATTRIBUTES, PIO_STATUS_BLOCK, ULONG,
             ULONG) -> NTSTATUS {

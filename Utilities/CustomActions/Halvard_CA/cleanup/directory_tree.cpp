@@ -4,8 +4,8 @@
 #include "cleanup/tree_walk.h"
 #include "runtime/file_status.h"
 
-#include <utility>
-#include <vector>
+#include <iterator>
+#include <list>
 
 namespace halvard {
 
@@ -74,10 +74,10 @@ public:
         DWORD code = RemoveFolder(systemPath);
         count_ = code == ERROR_SUCCESS ? 1 : 0;
         if (code == ERROR_DIR_NOT_EMPTY) {
-            Level top;
-            code = top.folder.OpenTop(systemPath, FolderUse::ListAndDelete);
-            if (top.folder.IsOpen()) {
-                return code == ERROR_SUCCESS ? RemoveTop(std::move(top)) : code;
+            HeldFolder& top = levels_.emplace_back().folder;
+            code = top.OpenTop(systemPath, FolderUse::ListAndDelete);
+            if (top.IsOpen()) {
+                return code == ERROR_SUCCESS ? RemoveTop(top) : code;
             }
         }
         return MeansMissing(code) ? ERROR_SUCCESS : code;
@@ -91,18 +91,12 @@ private:
         ListedEntry entry;
     };
 
-    DWORD RemoveTop(Level top) {
-        DWORD code =
-            top.folder.IsOpenLink() ? DWORD{ERROR_DIR_NOT_EMPTY} : BeginWith(std::move(top));
+    DWORD RemoveTop(HeldFolder& top) {
+        DWORD code = top.IsOpenLink() ? DWORD{ERROR_DIR_NOT_EMPTY} : top.BeginListing();
         while (code == ERROR_SUCCESS && !levels_.empty()) {
             code = RemoveNext();
         }
         return code;
-    }
-
-    DWORD BeginWith(Level level) {
-        levels_.push_back(std::move(level));
-        return levels_.back().folder.BeginListing();
     }
 
     // What the folder at work holds next, or the folder itself when it holds nothing more.
@@ -111,9 +105,7 @@ private:
         ListedEntry entry;
         const DWORD code = folder.Next(entry);
         if (code == ERROR_NO_MORE_FILES) {
-            Level emptied = std::move(levels_.back());
-            levels_.pop_back();
-            return RemoveOpened(emptied);
+            return RemoveLast();
         }
         if (code != ERROR_SUCCESS) {
             return code;
@@ -123,21 +115,27 @@ private:
 
     // A folder's own turn comes when it has been emptied, a link's at once.
     DWORD Enter(const ListedEntry& entry) {
-        Level level;
+        const HeldFolder& parent = levels_.back().folder;
+        Level& level = levels_.emplace_back();
         level.entry = entry;
-        const DWORD code =
-            level.folder.OpenIn(levels_.back().folder, entry, FolderUse::ListAndDelete);
-        if (code != ERROR_SUCCESS || !level.folder.IsOpen()) {
+        const DWORD code = level.folder.OpenIn(parent, entry, FolderUse::ListAndDelete);
+        if (code != ERROR_SUCCESS) {
             return code;
         }
-        return level.folder.IsOpenLink() ? RemoveOpened(level) : BeginWith(std::move(level));
+        if (!level.folder.IsOpen()) {
+            levels_.pop_back();
+            return ERROR_SUCCESS;
+        }
+        return level.folder.IsOpenLink() ? RemoveLast() : level.folder.BeginListing();
     }
 
     // The top is never one that is open for listing alone.
-    DWORD RemoveOpened(Level& level) {
-        HeldFolder& folder = level.folder;
+    DWORD RemoveLast() {
+        std::list<Level> last;
+        last.splice(last.begin(), levels_, std::prev(levels_.end()));
+        HeldFolder& folder = last.front().folder;
         if (!folder.IsOpenForDeletion()) {
-            const DWORD code = folder.ReopenForDeletion(levels_.back().folder, level.entry);
+            const DWORD code = folder.ReopenForDeletion(levels_.back().folder, last.front().entry);
             if (code != ERROR_SUCCESS || !folder.IsOpen()) {
                 return code;
             }
@@ -147,7 +145,7 @@ private:
 
     Deletion deletion_;
     std::uintmax_t count_ = 0;
-    std::vector<Level> levels_;
+    std::list<Level> levels_;
 };
 
 // Whether the entry was there to be removed.

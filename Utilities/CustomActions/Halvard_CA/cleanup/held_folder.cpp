@@ -10,9 +10,26 @@ namespace halvard {
 
 namespace {
 
+// FileInternalInformation and its structure, which some headers lack.
+constexpr auto kFileInternalInformation = static_cast<FILE_INFORMATION_CLASS>(6);
+struct InternalInformation {
+    LARGE_INTEGER indexNumber;
+};
+
 // All bits are set where an identity does not fit into 64 bits.
-std::uint64_t KnownFileId(std::uint64_t fileId) {
-    return fileId == UINT64_MAX ? 0 : fileId;
+std::uint64_t KnownFileId(LARGE_INTEGER fileId) {
+    return fileId.QuadPart == -1 ? 0 : static_cast<std::uint64_t>(fileId.QuadPart);
+}
+
+// Its volume is not asked for: that takes as long as removing several files, and a name that is
+// opened in a folder that is no link is on the volume of the folder.
+std::uint64_t ReadFileId(HANDLE opened) {
+    InternalInformation info = {};
+    IO_STATUS_BLOCK result = {};
+    return NT_SUCCESS(NtQueryInformationFile(opened, &result, &info, sizeof(info),
+                                             kFileInternalInformation))
+               ? KnownFileId(info.indexNumber)
+               : 0;
 }
 
 // A tag that cannot be read counts as that of a link.
@@ -84,13 +101,7 @@ DWORD HeldFolder::OpenIn(const HeldFolder& parent, const ListedEntry& folder, Fo
         isOpenForDeletion_ = false;
         code = parent.OpenSubfolder(folder, 0, handle_);
     }
-    if (code == ERROR_SUCCESS && IsOpen()) {
-        code = CheckOpened(folder.attributes);
-        if (code == ERROR_SUCCESS && !isLink_ && !IsListedAs(folder, parent)) {
-            code = ERROR_DIR_NOT_EMPTY;
-        }
-    }
-    return code;
+    return code == ERROR_SUCCESS && IsOpen() ? CheckOpenedAs(folder) : code;
 }
 
 DWORD HeldFolder::ReopenForDeletion(const HeldFolder& parent, const ListedEntry& folder) {
@@ -101,22 +112,19 @@ DWORD HeldFolder::ReopenForDeletion(const HeldFolder& parent, const ListedEntry&
                                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                   FILE_DIRECTORY_FILE, handle_);
     if (code == ERROR_SUCCESS && IsOpen()) {
-        code = CheckOpened(folder.attributes);
-        if (code == ERROR_SUCCESS &&
-            (isLink_ != wasLink || (!isLink_ && !IsListedAs(folder, parent)))) {
+        code = CheckOpenedAs(folder);
+        if (code == ERROR_SUCCESS && isLink_ != wasLink) {
             code = ERROR_DIR_NOT_EMPTY;
         }
     }
     return code;
 }
 
-// Says yes where there are no identities.
-bool HeldFolder::IsListedAs(const ListedEntry& folder, const HeldFolder& parent) const {
-    if (folder.fileId == 0 || identity_.fileId == 0) {
-        return true;
-    }
-    return identity_.fileId == folder.fileId &&
-           (parent.identity_.fileId == 0 || identity_.volume == parent.identity_.volume);
+// Any folder will do where there are no identities.
+DWORD HeldFolder::CheckOpenedAs(const ListedEntry& folder) {
+    const DWORD code = CheckOpened(folder.attributes);
+    const bool isAnother = folder.fileId != 0 && fileId_ != 0 && folder.fileId != fileId_;
+    return code == ERROR_SUCCESS && !isLink_ && isAnother ? DWORD{ERROR_DIR_NOT_EMPTY} : code;
 }
 
 DWORD HeldFolder::OpenForDeletion(const ListedEntry& entry, OwnedHandle& opened) const {
@@ -182,7 +190,7 @@ DWORD HeldFolder::CheckOpened(DWORD listedAttributes) {
         return ERROR_DIRECTORY;
     }
     isLink_ = HasTagOfALink(handle_.get(), attributes | listedAttributes);
-    identity_ = ReadIdentity(handle_.get());
+    fileId_ = ReadFileId(handle_.get());
     return ERROR_SUCCESS;
 }
 
@@ -194,7 +202,7 @@ DWORD HeldFolder::CheckLiesIn(const std::wstring& folder, const std::wstring& na
     above.handle_.reset(CreateFileW(folder.c_str(), FILE_LIST_DIRECTORY,
                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                     OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    if (!above.handle_ || identity_.fileId == 0 || above.BeginListing() != ERROR_SUCCESS) {
+    if (!above.handle_ || fileId_ == 0 || above.BeginListing() != ERROR_SUCCESS) {
         return ERROR_SUCCESS;
     }
     bool hasName = false;
@@ -207,7 +215,7 @@ DWORD HeldFolder::CheckLiesIn(const std::wstring& folder, const std::wstring& na
     while ((code = above.NextListed(entry, &shortName)) == ERROR_SUCCESS) {
         const bool isNamed = AreSameNames(entry.name, name) || AreSameNames(shortName, name);
         const bool isThis =
-            entry.IsFolder() && (entry.fileId == 0 || entry.fileId == identity_.fileId ||
+            entry.IsFolder() && (entry.fileId == 0 || entry.fileId == fileId_ ||
                                  (entry.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0);
         if (isNamed && isThis) {
             return ERROR_SUCCESS;
@@ -217,21 +225,12 @@ DWORD HeldFolder::CheckLiesIn(const std::wstring& folder, const std::wstring& na
         }
         hasName = hasName || isNamed;
         hasLink = hasLink || (isNamed && IsLink(entry.attributes, entry.reparseTag));
-        hasIdentity = hasIdentity || (entry.IsFolder() && entry.fileId == identity_.fileId);
+        hasIdentity = hasIdentity || (entry.IsFolder() && entry.fileId == fileId_);
         areIdentitiesListed = areIdentitiesListed || entry.fileId != 0;
     }
     isLink_ = hasLink;
     const bool isElsewhere = !hasLink && (hasName || (areIdentitiesListed && !hasIdentity));
     return code == ERROR_NO_MORE_FILES && isElsewhere ? ERROR_DIR_NOT_EMPTY : ERROR_SUCCESS;
-}
-
-HeldFolder::Identity HeldFolder::ReadIdentity(HANDLE opened) {
-    BY_HANDLE_FILE_INFORMATION info = {};
-    if (GetFileInformationByHandle(opened, &info) == FALSE) {
-        return {};
-    }
-    return {info.dwVolumeSerialNumber,
-            KnownFileId(std::uint64_t{info.nFileIndexHigh} << 32U | info.nFileIndexLow)};
 }
 
 DWORD HeldFolder::BeginListing() {
@@ -272,7 +271,7 @@ DWORD HeldFolder::NextListed(ListedEntry& entry, std::wstring* shortName) {
     }
     entry = EntryOf(full, hasIdentity ? both.FileName : full.FileName);
     if (hasIdentity) {
-        entry.fileId = KnownFileId(static_cast<std::uint64_t>(both.FileId.QuadPart));
+        entry.fileId = KnownFileId(both.FileId);
     }
     if (shortName != nullptr) {
         const bool isThere = hasIdentity && both.ShortNameLength > 0 &&

@@ -97,24 +97,18 @@ private:
         alignas(FILE_ID_BOTH_DIR_INFO) unsigned char bytes[8192];
     };
 
-    struct Identity {
-        DWORD volume = 0;
-        // 0 where there is none.
-        std::uint64_t fileId = 0;
-    };
-
-    static Identity ReadIdentity(HANDLE opened);
-    [[nodiscard]] bool IsListedAs(const ListedEntry& folder, const HeldFolder& parent) const;
     DWORD OpenEntry(const ListedEntry& entry, ACCESS_MASK access, ULONG sharing, ULONG options,
                     OwnedHandle& opened) const;
     DWORD OpenSubfolder(const ListedEntry& folder, ACCESS_MASK deletion, OwnedHandle& opened) const;
     DWORD CheckOpened(DWORD listedAttributes);
+    DWORD CheckOpenedAs(const ListedEntry& folder);
     DWORD CheckLiesIn(const std::wstring& folder, const std::wstring& name);
     DWORD NextListed(ListedEntry& entry, std::wstring* shortName);
     DWORD ReadListing();
 
     OwnedHandle handle_;
-    Identity identity_;
+    // 0 where there is none.
+    std::uint64_t fileId_ = 0;
     bool isOpenForDeletion_ = false;
     bool isLink_ = false;
     std::unique_ptr<Listing> listing_;

@@ -3,7 +3,7 @@
 #include "cleanup/held_folder.h"
 
 #include <string>
-#include <vector>
+#include <list>
 
 namespace halvard {
 
@@ -46,7 +46,7 @@ private:
 
     std::wstring top_;
     std::wstring systemTop_;
-    std::vector<Level> levels_;
+    std::list<Level> levels_;
     ListedEntry entry_;
     bool enterBeforeNext_ = false;
 };

@@ -24,17 +24,29 @@ struct FileIdentity {
 
 // Opens what a path leads to, whoever else has it open: to read attributes, all is shared. `opened`
 // comes empty, for closing another handle would change the last error. The result is a Win32 code.
-DWORD OpenForStatus(const std::wstring& path, OwnedHandle& opened) {
-    const std::wstring systemPath = SystemPath(path);
+DWORD OpenForStatus(const std::wstring& systemPath, OwnedHandle& opened) {
     opened.reset(CreateFileW(systemPath.c_str(), FILE_READ_ATTRIBUTES,
                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                              OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     return opened ? ERROR_SUCCESS : GetLastError();
 }
 
+// What a reparse point leads to; a tag other than 0 says that it was not followed.
+DWORD ReadTarget(const std::wstring& systemPath, DWORD& attributes, DWORD& tag) {
+    OwnedHandle opened;
+    DWORD code = OpenForStatus(systemPath, opened);
+    if (code == ERROR_SUCCESS) {
+        code = ReadAttributes(opened.get(), attributes);
+    }
+    if (code == ERROR_SUCCESS && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+        code = ReadReparseTag(opened.get(), tag);
+    }
+    return code;
+}
+
 DWORD ReadIdentity(const std::wstring& path, FileIdentity& identity) {
     OwnedHandle opened;
-    const DWORD code = OpenForStatus(path, opened);
+    const DWORD code = OpenForStatus(SystemPath(path), opened);
     if (code != ERROR_SUCCESS) {
         return code;
     }
@@ -110,15 +122,12 @@ DWORD ReadReparseTag(HANDLE opened, DWORD& tag) {
 }
 
 FileKind QueryKind(const std::wstring& path, const char* operation) {
-    OwnedHandle opened;
-    DWORD code = OpenForStatus(path, opened);
-    DWORD attributes = 0;
+    const std::wstring systemPath = SystemPath(path);
+    DWORD attributes = GetFileAttributesW(systemPath.c_str());
+    DWORD code = attributes != INVALID_FILE_ATTRIBUTES ? DWORD{ERROR_SUCCESS} : GetLastError();
     DWORD tag = 0;
-    if (code == ERROR_SUCCESS) {
-        code = ReadAttributes(opened.get(), attributes);
-    }
     if (code == ERROR_SUCCESS && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
-        code = ReadReparseTag(opened.get(), tag);
+        code = ReadTarget(systemPath, attributes, tag);
     }
     if (MeansMissing(code)) {
         return FileKind::Missing;
