@@ -32,9 +32,12 @@ from typing import Callable, Iterator, Mapping, Sequence
 ROOT = Path(__file__).resolve().parents[1]
 BUILD = ROOT / "build"
 RESULTS = BUILD / "test-results"
+FUZZED, GROWN = RESULTS / "fuzz", RESULTS / "fuzz-grown"
 sys.path.insert(0, str(ROOT / "tools"))
 
+import fuzz  # noqa: E402
 import progress  # noqa: E402
+from fuzz import Fuzzer  # noqa: E402
 from installer import ending, heap_check, repeats  # noqa: E402
 from installer.prefix import Prefix  # noqa: E402
 
@@ -50,8 +53,11 @@ PYTEST_LETTERS = re.compile(r"^(?:tests/\S+ )?([.FEsxX]+)(?: +\[ *\d+%\])?$", re
 # Plug-ins that happen to be on a machine change nothing.
 PYTEST_ENVIRONMENT = {"NO_COLOR": "1", "COLUMNS": "100", "PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1"}
 
-FUZZ_TARGETS = ("get_data_value", "find_no_case", "multi_string", "retain_list", "client_decision")
-FUZZ_INPUTS = 200_000
+# What ends the run of a fuzzer, always of the same inputs, and the least number of them.
+FUZZ_LIMITS = fuzz.Limits(runs=200_000, seconds=8)
+FUZZ_LEAST = 200
+# A planted fault comes sooner or later.
+FUZZ_CANARY_LIMITS = fuzz.Limits(runs=200_000)
 # Faults that are planted to see that they are reported, and what the report of each says.
 CORE_CANARIES = {
     "WritesBehindABlock": "ERROR: AddressSanitizer: heap-buffer-overflow",
@@ -74,6 +80,7 @@ FUZZ_CANARIES = {
     "overflow": "ERROR: AddressSanitizer: heap-buffer-overflow",
     "property": "ERROR: libFuzzer: deadly signal",
 }
+WINE_FUZZ_CANARIES = {"property": "ERROR: a property does not hold"}
 CANARY_LIMIT = 60.0
 TESTS_LIMIT = 480.0
 PYTEST_LIMIT = 1800.0
@@ -249,15 +256,17 @@ def run_core(arguments: list[str]) -> Outcome:
     tests = BUILD / "native/tests/core"
     outcome = _google_tests("core", [str(tests / "core_tests"), *arguments])
     if not arguments:
-        for target in FUZZ_TARGETS:
-            outcome.add(_fuzz(tests, target))
-            outcome.add(_fuzz_canaries(tests, target))
+        outcome.add(_fuzzers("core", FUZZ_CANARIES))
         outcome.add(_google_canaries("core", str(tests / "core_canaries"), CORE_CANARIES))
     return outcome
 
 
 def run_wine(arguments: list[str]) -> Outcome:
-    return wine_tests("wine", "wine_tests", arguments, check_heap=True)
+    outcome = wine_tests("wine", "wine_tests", arguments, check_heap=True)
+    if not arguments:
+        with Prefix(fuzz.PREFIX, results=[_folder(FUZZED), _folder(GROWN)]) as prefix:
+            outcome.add(_fuzzers("wine", WINE_FUZZ_CANARIES, prefix))
+    return outcome
 
 
 def run_time(arguments: list[str]) -> Outcome:
@@ -482,60 +491,65 @@ def judge_canary(name: str, has_failed: bool, text: str, report: str) -> Outcome
     return Outcome(failed=[f"./run test {name.split()[0]}"])
 
 
-def _fuzz(tests: Path, target: str) -> Outcome:
+def _fuzzers(ring: str, canaries: Mapping[str, str], prefix: Prefix | None = None) -> Outcome:
+    """Runs the fuzzers of a ring, and each with planted faults."""
+    outcome = Outcome()
+    for fuzzer in fuzz.fuzzers():
+        if fuzzer.is_native == (prefix is None):
+            outcome.add(_fuzz(ring, fuzzer, prefix))
+            outcome.add(_fuzz_canaries(ring, fuzzer, canaries, prefix))
+    return outcome
+
+
+def _fuzz(ring: str, fuzzer: Fuzzer, prefix: Prefix | None) -> Outcome:
     """One run of a fuzzer over a fixed sequence of inputs, beginning with the seeds that are kept."""
-    ended = _run_fuzzer(tests, target)
-    done = re.search(r"^#(\d+)\s+DONE", ended.stdout, re.MULTILINE)
-    if ended.returncode == 0 and done and int(done[1]) >= FUZZ_INPUTS:
+    return judge_fuzzer(ring, _run_fuzzer(fuzzer, FUZZ_LIMITS, prefix))
+
+
+def judge_fuzzer(ring: str, result: fuzz.Result) -> Outcome:
+    if not result.problem and result.inputs >= FUZZ_LEAST:
         return Outcome(passed=1)
-    print(ended.stdout[-4000:])
-    return Outcome(failed=["./run test core"])
+    print(result.problem[-4000:])
+    print(f"fuzz_{result.fuzzer.name}: {result.inputs} inputs, found {result.found}")
+    return Outcome(failed=[f"./run test {ring}"])
 
 
-def _fuzz_canaries(tests: Path, target: str) -> Outcome:
+def _fuzz_canaries(
+    ring: str, fuzzer: Fuzzer, canaries: Mapping[str, str], prefix: Prefix | None
+) -> Outcome:
     """The same run with faults in some inputs, which the fuzzer has to make itself and to keep."""
     outcome = Outcome()
-    for fault, report in FUZZ_CANARIES.items():
-        _empty(RESULTS / f"fuzz-{target}_canary")
-        ended = _run_fuzzer(tests, target, "_canary", {"HALVARD_CANARY": fault})
-        made = re.search(r"^#\d+\s+INITED", ended.stdout, re.MULTILINE)
-        kept = any((RESULTS / f"fuzz-{target}_canary").glob("crash-*"))
-        has_failed = ended.returncode != 0 and made is not None and kept
-        name = f"core fuzz_{target} {fault}"
-        outcome.add(judge_canary(name, has_failed, ended.stdout, report))
+    for fault, report in canaries.items():
+        result = _run_fuzzer(
+            fuzzer, FUZZ_CANARY_LIMITS, prefix, "_canary", {"HALVARD_CANARY": fault}
+        )
+        made = re.search(r"^#\d+\s+INITED", result.problem, re.MULTILINE) is not None
+        name = f"{ring} fuzz_{fuzzer.name} {fault}"
+        outcome.add(judge_canary(name, made and bool(result.found), result.problem, report))
     return outcome
 
 
 def _run_fuzzer(
-    tests: Path, target: str, suffix: str = "", environment: dict[str, str] | None = None
-) -> subprocess.CompletedProcess[str]:
-    found = RESULTS / f"fuzz-{target}{suffix}"
-    found.mkdir(exist_ok=True)
-    command = [
-        str(tests / f"fuzz_{target}{suffix}"),
-        f"-runs={FUZZ_INPUTS}",
-        "-seed=1",
-        "-max_len=512",
-        f"-artifact_prefix={found}/",
-        str(ROOT / "tests/core/fuzz/corpus" / target),
-    ]
-    # A corpus that grows would be written to the first folder, so a throw-away one stands there.
-    grown = RESULTS / f"fuzz-{target}{suffix}-grown"
+    fuzzer: Fuzzer,
+    limits: fuzz.Limits,
+    prefix: Prefix | None,
+    suffix: str = "",
+    environment: Mapping[str, str] | None = None,
+) -> fuzz.Result:
+    program = f"{fuzzer.name}{suffix}"
+    found, grown = _folder(FUZZED / program), _folder(GROWN / program)
+    _empty(found)
     _empty(grown)
-    command.insert(-1, str(grown))
-    return subprocess.run(
-        command,
-        stdout=subprocess.PIPE,
-        stderr=subprocess.STDOUT,
-        text=True,
-        errors="replace",
-        timeout=TESTS_LIMIT,
-        env=os.environ | (environment or {}),
-    )
+    log = RESULTS / f"fuzz-{program}.txt"
+    return fuzz.run(fuzzer, limits, log, found, grown, prefix, suffix, environment)
+
+
+def _folder(folder: Path) -> Path:
+    folder.mkdir(parents=True, exist_ok=True)
+    return folder
 
 
 def _empty(folder: Path) -> None:
-    folder.mkdir(exist_ok=True)
     for file in folder.iterdir():
         file.unlink()
 

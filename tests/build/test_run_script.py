@@ -105,7 +105,9 @@ def test_it_builds_where_nothing_is_missing(checkout):
     assert checkout.run("build") == (0, "== building mingw-release\nbuilt\n")
 
 
-@pytest.mark.parametrize("arguments", [["nothing"], ["test", "nothing"]])
+@pytest.mark.parametrize(
+    "arguments", [["nothing"], ["test", "nothing"], ["fuzz"], ["fuzz", "nothing"]]
+)
 def test_an_unknown_word_is_told_the_known_ones(checkout, arguments):
     code, output = checkout.run(*arguments)
     assert code == 2 and output.startswith("./run demo")

@@ -5,8 +5,9 @@
 namespace halvard {
 
 // Task definitions of version 1.2 of the Task Scheduler's schema. Lines end in one line feed, none
-// follows the last. Names and commands are pasted in as they are: one that holds "&", "<" or ">"
-// gives a text that is not well-formed, which the Task Scheduler refuses.
+// follows the last. Names and commands are pasted in as they are: with markup in them ("&", "<",
+// "]]>"), or a character that XML has none of, the text is mostly not well-formed, and the Task
+// Scheduler refuses it.
 
 /// The definition of a task without a trigger that runs elevated when it is started on demand.
 ///
