@@ -33,10 +33,11 @@ ROOT = Path(__file__).resolve().parents[1]
 BUILD = ROOT / "build"
 RESULTS = BUILD / "test-results"
 FUZZED, GROWN = RESULTS / "fuzz", RESULTS / "fuzz-grown"
-sys.path.insert(0, str(ROOT / "tools"))
+sys.path[:0] = [str(ROOT / "tests"), str(ROOT / "tools")]
 
 import fuzz  # noqa: E402
 import progress  # noqa: E402
+import sweep  # noqa: E402
 from fuzz import Fuzzer  # noqa: E402
 from installer import ending, heap_check, repeats  # noqa: E402
 from installer.prefix import Prefix  # noqa: E402
@@ -266,7 +267,32 @@ def run_wine(arguments: list[str]) -> Outcome:
     if not arguments:
         with Prefix(fuzz.PREFIX, results=[_folder(FUZZED), _folder(GROWN)]) as prefix:
             outcome.add(_fuzzers("wine", WINE_FUZZ_CANARIES, prefix))
+        outcome.add(_first_failures())
+        outcome.add(_sweep_canaries())
     return outcome
+
+
+def _first_failures() -> Outcome:
+    """Each scene of the sweep, with only the first call of each function failing."""
+    subject = sweep.shipped()
+    outcome = Outcome()
+    for row in sweep.sweep(subject, subject.table.scenes, first=True):
+        if row.findings:
+            print("\n".join(f"{row.scene}: {finding}" for finding in row.findings), flush=True)
+            outcome.failed.append(f"./run sweep --first '{row.scene}'")
+        else:
+            outcome.passed += 1
+    return outcome
+
+
+def _sweep_canaries() -> Outcome:
+    """The sweep of a library of planted faults, each of which it has to find."""
+    subject = sweep.canaries()
+    rows = sweep.sweep(subject, subject.table.scenes, first=True, name="prefix-sweep-canaries")
+    if missed := sweep.missed_faults(rows):
+        print("\n".join(missed), flush=True)
+        return Outcome(failed=["./run test wine"])
+    return Outcome(passed=len(rows))
 
 
 def run_time(arguments: list[str]) -> Outcome:

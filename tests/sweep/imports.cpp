@@ -1,0 +1,502 @@
+#include "imports.h"
+
+#include "import_hook.h"
+#include "stand_ins.h"
+
+#include <objidl.h>
+#include <shellapi.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <utility>
+
+namespace halvard_sweep {
+
+namespace {
+
+// The most parameters that an imported function has, which is CreateServiceW. What lies behind the
+// last one of a shorter function is read and handed on, and nobody looks at it.
+constexpr std::size_t kParameters = 13;
+constexpr std::size_t kMostImports = 256;
+
+struct Import {
+    std::string name;
+    void* original = nullptr;
+    FailureSign sign = FailureSign::None;
+    int calls = 0;
+};
+
+std::vector<Import> imports;
+const FunctionTable* functions = nullptr;
+// One that was looked up.
+std::string unknown;
+Failure wanted;
+bool failed = false;
+std::atomic<DWORD> countedThread = 0;
+
+// What is held, by the function that gives it back and its value. The other one acquired it.
+using Holding = std::pair<std::string, Word>;
+std::map<Holding, std::string> held;
+std::map<std::string, std::vector<IUnknown*>> objects;
+std::mutex heldLock;
+
+enum class Succeeds { NonZero, NotAllOnes, Zero, NotNegative };
+
+constexpr int kResult = -1;
+
+struct Acquisition {
+    const char* function;
+    Succeeds when;
+    int where; // kResult, or the parameter that points to it
+    const char* givenBackBy;
+};
+
+constexpr Acquisition kAcquisitions[] = {
+    {"malloc", Succeeds::NonZero, kResult, "free"},
+    {"calloc", Succeeds::NonZero, kResult, "free"},
+    {"realloc", Succeeds::NonZero, kResult, "free"},
+    {"_strdup", Succeeds::NonZero, kResult, "free"},
+    {"LocalAlloc", Succeeds::NonZero, kResult, "LocalFree"},
+    {"SysAllocString", Succeeds::NonZero, kResult, "SysFreeString"},
+    {"CreateFileW", Succeeds::NotAllOnes, kResult, "CloseHandle"},
+    {"CreateEventA", Succeeds::NonZero, kResult, "CloseHandle"},
+    {"CreateSemaphoreA", Succeeds::NonZero, kResult, "CloseHandle"},
+    {"OpenProcess", Succeeds::NonZero, kResult, "CloseHandle"},
+    {"CreatePipe", Succeeds::NonZero, 0, "CloseHandle"},
+    {"CreatePipe", Succeeds::NonZero, 1, "CloseHandle"},
+    {"DuplicateHandle", Succeeds::NonZero, 3, "CloseHandle"},
+    {"NtOpenFile", Succeeds::NotNegative, 0, "CloseHandle"},
+    {"FindFirstFileW", Succeeds::NotAllOnes, kResult, "FindClose"},
+    {"OpenSCManagerW", Succeeds::NonZero, kResult, "CloseServiceHandle"},
+    {"OpenServiceW", Succeeds::NonZero, kResult, "CloseServiceHandle"},
+    {"CreateServiceW", Succeeds::NonZero, kResult, "CloseServiceHandle"},
+    {"RegOpenKeyExW", Succeeds::Zero, 4, "RegCloseKey"},
+    {"RegCreateKeyExW", Succeeds::Zero, 7, "RegCloseKey"},
+    {"RegisterEventSourceW", Succeeds::NonZero, kResult, "DeregisterEventSource"},
+    {"MsiCreateRecord", Succeeds::NonZero, kResult, "MsiCloseHandle"},
+    {"LoadLibraryA", Succeeds::NonZero, kResult, "FreeLibrary"},
+    {"LoadLibraryW", Succeeds::NonZero, kResult, "FreeLibrary"},
+    {"AllocateAndInitializeSid", Succeeds::NonZero, 10, "FreeSid"},
+    {"SetEntriesInAclW", Succeeds::Zero, 3, "LocalFree"},
+    {"GetSecurityInfo", Succeeds::Zero, 7, "LocalFree"},
+    {"StringFromCLSID", Succeeds::NotNegative, 1, "CoTaskMemFree"},
+    {"SHGetFolderLocation", Succeeds::NotNegative, 4, "IMalloc::Free"},
+    {"SetupDiGetClassDevsW", Succeeds::NotAllOnes, kResult, "SetupDiDestroyDeviceInfoList"},
+};
+
+// Functions that hand out an object which counts its references, and the parameter for it.
+constexpr std::pair<const char*, std::size_t> kObjects[] = {
+    {"CoCreateInstance", 4},
+    {"CreateXmlReader", 1},
+    {"CreateXmlWriter", 1},
+    {"CreateXmlReaderInputWithEncodingName", 5},
+    {"CreateXmlWriterOutputWithEncodingName", 3},
+};
+
+constexpr const char* kGivingBack[] = {
+    "free",        "LocalFree",          "SysFreeString", "CloseHandle",
+    "FindClose",   "RegCloseKey",        "CoTaskMemFree", "MsiCloseHandle",
+    "FreeLibrary", "CloseServiceHandle", "realloc"};
+
+bool Succeeded(Succeeds when, Word result) {
+    const auto low = static_cast<std::int32_t>(result);
+    switch (when) {
+    case Succeeds::NonZero:
+        return result != 0;
+    case Succeeds::NotAllOnes:
+        return result != ~Word{0};
+    case Succeeds::Zero:
+        return low == 0;
+    case Succeeds::NotNegative:
+        return low >= 0;
+    }
+    return false;
+}
+
+bool GivesBack(const std::string& function) {
+    for (const char* const each : kGivingBack) {
+        if (function == each) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool IsTracked(const std::string& function) {
+    for (const Acquisition& each : kAcquisitions) {
+        if (function == each.function) {
+            return true;
+        }
+    }
+    for (const auto& [name, parameter] : kObjects) {
+        if (function == name) {
+            return true;
+        }
+    }
+    return GivesBack(function) || HasStandIn(function) || function == "SHGetMalloc" ||
+           function == "CoInitializeEx" || function == "CoUninitialize" ||
+           function == "GetProcAddress";
+}
+
+void Hold(const std::string& givenBackBy, Word value, const std::string& function) {
+    if (value != 0) {
+        held[{givenBackBy, value}] = function;
+    }
+}
+
+void Hold(const char* givenBackBy, const void* value, const std::string& function) {
+    Hold(givenBackBy, reinterpret_cast<std::uintptr_t>(value), function);
+}
+
+/// The shell's allocator, by which what it hands out is given back.
+class Allocator : public IMalloc {
+public:
+    explicit Allocator(IMalloc* real) : real_(real) {}
+
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID id, void** object) override {
+        return real_->QueryInterface(id, object);
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
+    ULONG STDMETHODCALLTYPE Release() override { return 1; }
+    void* STDMETHODCALLTYPE Alloc(SIZE_T size) override { return real_->Alloc(size); }
+    void* STDMETHODCALLTYPE Realloc(void* block, SIZE_T size) override {
+        return real_->Realloc(block, size);
+    }
+    void STDMETHODCALLTYPE Free(void* block) override {
+        {
+            const std::lock_guard<std::mutex> lock(heldLock);
+            held.erase({"IMalloc::Free", reinterpret_cast<std::uintptr_t>(block)});
+        }
+        real_->Free(block);
+    }
+    SIZE_T STDMETHODCALLTYPE GetSize(void* block) override { return real_->GetSize(block); }
+    int STDMETHODCALLTYPE DidAlloc(void* block) override { return real_->DidAlloc(block); }
+    void STDMETHODCALLTYPE HeapMinimize() override { real_->HeapMinimize(); }
+
+private:
+    IMalloc* real_;
+};
+
+Word& Pointed(Word argument) {
+    return *reinterpret_cast<Word*>(static_cast<std::uintptr_t>(argument));
+}
+
+void HoldChild(const std::string& function, Arguments arguments) {
+    if (function == "CreateProcessW") {
+        const auto& child = reinterpret_cast<PROCESS_INFORMATION&>(Pointed(arguments[9]));
+        Hold("CloseHandle", child.hProcess, function);
+        Hold("CloseHandle", child.hThread, function);
+    } else if (function == "ShellExecuteExW") {
+        const auto& execution = reinterpret_cast<SHELLEXECUTEINFOW&>(Pointed(arguments[0]));
+        Hold("CloseHandle", execution.hProcess, function);
+    }
+}
+
+void HoldObject(const std::string& function, Arguments arguments, Word result) {
+    for (const auto& [name, parameter] : kObjects) {
+        if (function == name && Succeeded(Succeeds::NotNegative, result)) {
+            auto* const object = *reinterpret_cast<IUnknown**>(&Pointed(arguments[parameter]));
+            // One reference of this program's own: whether it is the last one tells who is left.
+            object->AddRef();
+            objects[function].push_back(object);
+        }
+    }
+}
+
+void NoteInitialization(const std::string& function, Word result) {
+    static Word count = 0;
+    if (function == "CoInitializeEx" && Succeeded(Succeeds::NotNegative, result)) {
+        Hold("CoUninitialize", ++count, function);
+    } else if (function == "CoUninitialize" && held.erase({"CoUninitialize", count}) != 0) {
+        --count;
+    }
+}
+
+Word Forward(const Import& import, Arguments a);
+
+void* ThunkOf(const std::string& name, void* original);
+
+// The function that was looked up, or what takes its place.
+Word LookedUp(Arguments arguments, Word result) {
+    const Word name = arguments[1];
+    if (result == 0 || name <= 0xFFFF) {
+        return result;
+    }
+    void* const address = reinterpret_cast<void*>(static_cast<std::uintptr_t>(result));
+    const auto* const text = reinterpret_cast<const char*>(static_cast<std::uintptr_t>(name));
+    if (functions->count(text) == 0) {
+        unknown = text;
+        return result;
+    }
+    return reinterpret_cast<std::uintptr_t>(ThunkOf(text, address));
+}
+
+Word Note(const std::string& function, Arguments arguments, Word result) {
+    const std::lock_guard<std::mutex> lock(heldLock);
+    for (const Acquisition& each : kAcquisitions) {
+        if (function == each.function && Succeeded(each.when, result)) {
+            Word value = each.where == kResult ? result : Pointed(arguments[each.where]);
+            if (function == "MsiCreateRecord") {
+                value = static_cast<std::uint32_t>(value);
+            }
+            Hold(each.givenBackBy, value, function);
+        }
+    }
+    if (Succeeded(Succeeds::NonZero, static_cast<std::uint32_t>(result))) {
+        HoldChild(function, arguments);
+    }
+    HoldObject(function, arguments, result);
+    NoteInitialization(function, result);
+    if (function == "SHGetMalloc" && Succeeded(Succeeds::NotNegative, result)) {
+        auto& place = *reinterpret_cast<IMalloc**>(&Pointed(arguments[0]));
+        static Allocator allocator(place);
+        place = &allocator;
+    }
+    return function == "GetProcAddress" ? LookedUp(arguments, result) : result;
+}
+
+// Before the call: another thread may be given the same value at once.
+void NoteGivingBack(const std::string& function, Arguments arguments) {
+    if (!GivesBack(function)) {
+        return;
+    }
+    const std::lock_guard<std::mutex> lock(heldLock);
+    const Word value =
+        function == "MsiCloseHandle" ? static_cast<std::uint32_t>(arguments[0]) : arguments[0];
+    held.erase({function == "realloc" ? "free" : function, value});
+}
+
+// What would keep the next run from its machine: a file in use, a service that cannot go.
+void GiveBack(const Holding& holding) {
+    const auto& [by, value] = holding;
+    void* const handle = reinterpret_cast<void*>(static_cast<std::uintptr_t>(value));
+    if (by == "CloseHandle") {
+        CloseHandle(handle);
+    } else if (by == "FindClose") {
+        FindClose(handle);
+    } else if (by == "RegCloseKey") {
+        RegCloseKey(static_cast<HKEY>(handle));
+    } else if (by == "CloseServiceHandle") {
+        CloseServiceHandle(static_cast<SC_HANDLE>(handle));
+    }
+}
+
+Word Fail(FailureSign sign, FailureCode code) {
+    const bool denied = code == FailureCode::AccessDenied;
+    const DWORD error = denied ? ERROR_ACCESS_DENIED : ERROR_NOT_ENOUGH_MEMORY;
+    switch (sign) {
+    case FailureSign::None:
+        break;
+    case FailureSign::Zero:
+        SetLastError(error);
+        return 0;
+    case FailureSign::AllOnes:
+        SetLastError(error);
+        return ~Word{0};
+    case FailureSign::Status:
+        return error;
+    case FailureSign::HResult:
+        return static_cast<DWORD>(denied ? E_ACCESSDENIED : E_OUTOFMEMORY);
+    case FailureSign::NtStatus:
+        return denied ? 0xC0000022 : 0xC0000017;
+    case FailureSign::Null:
+        errno = ENOMEM;
+        return 0;
+    case FailureSign::MinusOne:
+        errno = denied ? EACCES : ENOMEM;
+        return ~Word{0};
+    }
+    throw std::logic_error("a function fails that cannot");
+}
+
+Word Call(std::size_t index, Arguments arguments) {
+    Import& import = imports[index];
+    if (GetCurrentThreadId() == countedThread && import.sign != FailureSign::None) {
+        ++import.calls;
+        if (import.name == wanted.function && import.calls == wanted.position) {
+            failed = true;
+            return Fail(import.sign, wanted.code);
+        }
+    }
+    NoteGivingBack(import.name, arguments);
+    const std::optional<Word> stoodIn = StandIn(import.name, arguments);
+    const Word result = stoodIn ? *stoodIn : Forward(import, arguments);
+    const DWORD error = GetLastError();
+    const Word noted = Note(import.name, arguments, result);
+    SetLastError(error);
+    return noted;
+}
+
+template <std::size_t Index>
+Word WINAPI Thunk(Word a, Word b, Word c, Word d, Word e, Word f, Word g, Word h, Word i, Word j,
+                  Word k, Word l, Word m) {
+    const Word arguments[kParameters] = {a, b, c, d, e, f, g, h, i, j, k, l, m};
+    return Call(Index, arguments);
+}
+
+using Imported = decltype(&Thunk<0>);
+
+template <std::size_t... Indices>
+constexpr std::array<Imported, sizeof...(Indices)> Thunks(std::index_sequence<Indices...>) {
+    return {&Thunk<Indices>...};
+}
+
+constexpr auto kThunks = Thunks(std::make_index_sequence<kMostImports>());
+
+Word Forward(const Import& import, Arguments a) {
+    const auto function = reinterpret_cast<Imported>(import.original);
+    return function(a[0], a[1], a[2], a[3], a[4], a[5], a[6], a[7], a[8], a[9], a[10], a[11],
+                    a[12]);
+}
+
+FailureSign SignOf(const std::string& name) {
+    const auto known = functions->find(name);
+    if (known == functions->end()) {
+        throw std::runtime_error("the table does not know how it fails: " + name);
+    }
+    return known->second;
+}
+
+// What takes the place of a function; itself where nothing has to.
+void* ThunkOf(const std::string& name, void* original) {
+    const FailureSign sign = SignOf(name);
+    if (sign == FailureSign::None && !IsTracked(name)) {
+        return original;
+    }
+    for (std::size_t index = 0; index < imports.size(); ++index) {
+        if (imports[index].name == name) {
+            imports[index].original = original;
+            return reinterpret_cast<void*>(kThunks[index]);
+        }
+    }
+    if (imports.size() == kMostImports) {
+        throw std::runtime_error("too many imports");
+    }
+    imports.push_back({name, original, sign, 0});
+    return reinterpret_cast<void*>(kThunks[imports.size() - 1]);
+}
+
+template <class Type>
+Type* At(HMODULE library, DWORD offset) {
+    return reinterpret_cast<Type*>(reinterpret_cast<BYTE*>(library) + offset);
+}
+
+const IMAGE_DATA_DIRECTORY& Directory(HMODULE library, int which) {
+    const auto* const dos = At<IMAGE_DOS_HEADER>(library, 0);
+    const auto* const headers = At<IMAGE_NT_HEADERS>(library, static_cast<DWORD>(dos->e_lfanew));
+    return headers->OptionalHeader.DataDirectory[which];
+}
+
+using Visitor = std::function<void(const char* name, void** slot)>;
+
+void VisitNames(HMODULE library, DWORD names, DWORD addresses, const Visitor& visit) {
+    const auto* name = At<IMAGE_THUNK_DATA>(library, names);
+    auto* address = At<IMAGE_THUNK_DATA>(library, addresses);
+    for (; name->u1.AddressOfData != 0; ++name, ++address) {
+        if (IMAGE_SNAP_BY_ORDINAL(name->u1.Ordinal)) {
+            throw std::runtime_error("an import without a name");
+        }
+        const auto* const import =
+            At<IMAGE_IMPORT_BY_NAME>(library, static_cast<DWORD>(name->u1.AddressOfData));
+        visit(reinterpret_cast<const char*>(import->Name),
+              reinterpret_cast<void**>(&address->u1.Function));
+    }
+}
+
+void VisitImports(HMODULE library, const Visitor& visit) {
+    const IMAGE_DATA_DIRECTORY& place = Directory(library, IMAGE_DIRECTORY_ENTRY_IMPORT);
+    for (auto* each = At<IMAGE_IMPORT_DESCRIPTOR>(library, place.VirtualAddress); each->Name != 0;
+         ++each) {
+        VisitNames(library, each->OriginalFirstThunk, each->FirstThunk, visit);
+    }
+}
+
+// Their slots are left to the loader, which looks each function up.
+void VisitDelayedImports(HMODULE library, const Visitor& visit) {
+    const IMAGE_DATA_DIRECTORY& place = Directory(library, IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT);
+    if (place.Size == 0) {
+        return;
+    }
+    for (auto* each = At<IMAGE_DELAYLOAD_DESCRIPTOR>(library, place.VirtualAddress);
+         each->DllNameRVA != 0; ++each) {
+        VisitNames(library, each->ImportNameTableRVA, each->ImportAddressTableRVA, visit);
+    }
+}
+
+} // namespace
+
+WatchedImports::WatchedImports(HMODULE library, const FunctionTable& table,
+                               const Failure& failure) {
+    imports.clear();
+    imports.reserve(kMostImports);
+    functions = &table;
+    wanted = failure;
+    failed = false;
+    unknown.clear();
+    VisitDelayedImports(library, [](const char* name, void**) { SignOf(name); });
+    VisitImports(library, [this](const char* name, void** slot) {
+        void* const thunk = ThunkOf(name, *slot);
+        if (thunk != *slot) {
+            patches_.push_back({slot, *slot});
+            halvard_tests::WriteImportSlot(slot, thunk);
+        }
+    });
+}
+
+WatchedImports::~WatchedImports() {
+    for (const Patch& each : patches_) {
+        halvard_tests::WriteImportSlot(each.slot, each.former);
+    }
+}
+
+void WatchedImports::BeginInThisThread() {
+    countedThread = GetCurrentThreadId();
+}
+
+void WatchedImports::End() {
+    countedThread = 0;
+}
+
+std::map<std::string, int> WatchedImports::Calls() {
+    std::map<std::string, int> calls;
+    for (const Import& each : imports) {
+        if (each.calls > 0) {
+            calls[each.name] = each.calls;
+        }
+    }
+    return calls;
+}
+
+std::string WatchedImports::Unknown() {
+    return unknown;
+}
+
+bool WatchedImports::HasFailed() {
+    return failed;
+}
+
+std::map<std::string, int> WatchedImports::TakeKept() {
+    std::map<std::string, int> kept;
+    // Without the lock: an object may give back what it holds.
+    for (const auto& [function, made] : std::exchange(objects, {})) {
+        for (IUnknown* const object : made) {
+            kept[function] += object->Release() == 0 ? 0 : 1;
+        }
+    }
+    const std::lock_guard<std::mutex> lock(heldLock);
+    for (const auto& [holding, function] : std::exchange(held, {})) {
+        ++kept[function];
+        GiveBack(holding);
+    }
+    for (auto each = kept.begin(); each != kept.end();) {
+        each = each->second == 0 ? kept.erase(each) : std::next(each);
+    }
+    return kept;
+}
+
+} // namespace halvard_sweep
