@@ -60,8 +60,9 @@ INCLUDE_HEAD = """\
      Deferred actions run as the system, for they change what belongs to all users; the one that
      does not says why. Return="check" lets a failure end and undo the session, which only
      suits actions that answer 0 for done: 1 is a failure to the installer. With Return="ignore" the
-     session goes on whatever comes back, after an exception too. A package that needs an action
-     declared otherwise declares it again, with another Id.
+     session goes on whatever comes back; that it does so after an exception is assumed of Windows, and
+     not so under Wine. A package that needs an action declared otherwise declares it again, with
+     another Id.
 
      UndoACTION is the counterpart of ACTION for rollback: put it in front of that action, under the same
      condition. What needs data there gets it from a property of its own name, UndoACTION.

@@ -559,12 +559,23 @@ SCENARIOS = [
         "folder-with-semicolon",
         [
             Session(
-                "install",
+                "refused",
                 "Companion",
                 companion.accepted_rows(),
                 Machine([BESIDE]),
                 (STARTED, r"INSTALLDIR=C:\A;B" + "\\"),
                 result=session.INSTALL_FAILURE,
+            ),
+            replace(ALONE, machine=together(ALONE.machine, Machine([BESIDE]))),
+            # The folder that the product remembers comes before one of the command line.
+            Session(
+                "removal",
+                "Companion",
+                companion.remove_rows(),
+                together(LEFT, known("Companion", Companion=2), Machine([BESIDE])),
+                (r"INSTALLDIR=C:\A;B" + "\\",),
+                removal=True,
+                told=told_on_removal(),
             ),
         ],
         prepare=write_beside,
