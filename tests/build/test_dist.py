@@ -94,7 +94,7 @@ def test_the_readme_of_the_archive_is_filled_in(folder, tmp_path):
     assert re.findall(r"@[A-Z]+@", text) == []
     assert text.startswith(f"# Halvard_CA {identity.version}\n")
     assert "> **Nobody has run this on Windows yet.**" in text
-    assert f"This is build {dist.product_version(paths.LIBRARY)}." in text
+    assert f"This is build {dist.product_version(paths.LIBRARY)}:" in text
     assert f"<{identity.faults}>" in text
     assert "No licence has been chosen yet" in text
 

@@ -380,8 +380,8 @@ def setters(text: str) -> list[str]:
 
 @pytest.mark.parametrize(
     "file",
-    [*sorted((paths.ROOT / "package").glob("*.wx?")), *DOCUMENTS, RELEASE_README],
-    ids=lambda file: file.name,
+    [*sorted((paths.ROOT / "package").glob("*.wx?")), *DOCUMENTS, README, RELEASE_README],
+    ids=lambda file: "/".join(file.parts[-2:]),
 )
 def test_whoever_sets_data_says_as_whom_and_takes_no_public_folder(file):
     for declared in setters(file.read_text()):
