@@ -1,11 +1,13 @@
-"""Packs what a release is made of into build/dist/Halvard_CA-VERSION.zip.
+"""Packs what a release is made of into build/dist/Halvard_CA-VERSION.zip, its sum beside it.
 
-    dist.py [--certificate FILE [--key FILE] [--password-file FILE] [--timestamp URL]]
+    dist.py [--certificate FILE [--key FILE] [--pkcs11-module FILE] [--password-file FILE]
+             [--timestamp URL]]
 
 The files of the last build go in: two runs over the same files give the same bytes. With a
 certificate the library and the runner are signed, and only then: a signature holds its time.
 FILE is a certificate in PEM form with its key in another file or the same one, or a PKCS #12 store
-(.pfx, .p12). Exit code 0, 1 when a file is missing or cannot be signed, 2 for wrong arguments.
+(.pfx, .p12). With a PKCS #11 module the key stays in its token, and --key is its URI (pkcs11:...).
+Exit code 0, 1 when a file is missing or cannot be signed, 2 for wrong arguments.
 """
 
 import argparse
@@ -24,16 +26,41 @@ from installer.package import Identity
 FOLDER = paths.BUILD / "dist"
 SUMS = "SHA256SUMS.txt"
 SIGNED = (paths.LIBRARY, paths.RUNNER)
-DEBUG_FILE = paths.LIBRARY.with_name("Halvard_CA.dll.debug")
-INCLUDE_FILES = sorted(paths.PACKAGE_SOURCES.glob("halvard_actions*.wxi"))
-README = paths.ROOT / "README.md"
-REFERENCE = paths.ROOT / "docs"
+# Each with its name in the archive, where it lies as the texts name it; nothing else goes in.
+README = paths.ROOT / "docs/release/README.md"
+BESIDE = {
+    "Halvard_CA.dll": paths.LIBRARY,
+    "Halvard_CA.dll.debug": paths.LIBRARY.with_name("Halvard_CA.dll.debug"),
+    "halvard_run.exe": paths.RUNNER,
+    "CHANGELOG.md": paths.ROOT / "CHANGELOG.md",
+    "THIRD-PARTY-NOTICES.txt": paths.ROOT / "docs/third-party-notices.txt",
+}
+IN_PLACE = (
+    "docs/actions.md",
+    "docs/engines.md",
+    "docs/packaging.md",
+    "docs/security.md",
+    "docs/when-it-fails.md",
+    "docs/worked-example.md",
+    "package/Agent.wxi",
+    "package/Companion.wxs",
+    "package/Pivot/StartDVR.xml",
+    "package/Pivot/StartPV.xml",
+    "package/Pivot/StartPVBM.xml",
+    "package/halvard_actions.v4.wxi",
+    "package/halvard_actions.wxi",
+)
 
 # The first time that the format knows.
 TIME = (1980, 1, 1, 0, 0, 0)
 UNIX = 3
 MODE = 0o100644
 PKCS12 = (".pfx", ".p12")
+# How the version resource names the version, with the commit behind it.
+PRODUCT_VERSION = "ProductVersion"
+# What OpenSSL reaches a token through.
+PKCS11_ENGINE = "/usr/lib/x86_64-linux-gnu/engines-3/pkcs11.so"
+TOKEN = "pkcs11:"
 
 
 class SigningFailed(RuntimeError):
@@ -42,10 +69,12 @@ class SigningFailed(RuntimeError):
 
 @dataclass(frozen=True)
 class Signer:
-    """With what files are signed; `key` is None when the certificate's file holds it too."""
+    """With what files are signed; `key` is None when the certificate's file holds it too, and a URI
+    where `module` reaches the token that keeps it."""
 
     certificate: Path
-    key: Path | None = None
+    key: Path | str | None = None
+    module: Path | None = None
     password_file: Path | None = None
     timestamp: str | None = None
 
@@ -71,6 +100,9 @@ class Signer:
     def _identity(self) -> list[str]:
         if self.certificate.suffix.lower() in PKCS12:
             return ["-pkcs12", str(self.certificate)]
+        if self.module is not None:
+            token = ["-pkcs11engine", PKCS11_ENGINE, "-pkcs11module", str(self.module), "-login"]
+            return [*token, "-certs", str(self.certificate), "-key", str(self.key)]
         return ["-certs", str(self.certificate), "-key", str(self.key or self.certificate)]
 
 
@@ -84,7 +116,7 @@ def main(arguments: list[str]) -> int:
 
 
 def pack(signer: Signer | None = None) -> Path:
-    """Writes the archive, in whose place a failure leaves what was there before."""
+    """Writes the archive and its sum beside it; a failure leaves what was there before."""
     identity = package.project_identity()
     archive = FOLDER / f"Halvard_CA-{identity.version}.zip"
     FOLDER.mkdir(parents=True, exist_ok=True)
@@ -93,21 +125,47 @@ def pack(signer: Signer | None = None) -> Path:
         contents[SUMS] = _sums(contents)
         unfinished = Path(folder) / archive.name
         _write(unfinished, archive.stem, contents)
+        told = Path(folder) / sum_file(archive).name
+        told.write_bytes(_sums({archive.name: unfinished.read_bytes()}))
         os.replace(unfinished, archive)
+        os.replace(told, sum_file(archive))
     return archive
 
 
+def sum_file(archive: Path) -> Path:
+    """Where the sum of an archive stands, for `sha256sum -c` beside it."""
+    return archive.with_name(f"{archive.name}.sha256")
+
+
 def files() -> dict[str, Path]:
-    """What goes into the archive but for the sums: the names there, and the files."""
-    beside = [*SIGNED, DEBUG_FILE, *INCLUDE_FILES, README]
-    documents = [file for file in REFERENCE.iterdir() if file.suffix in (".md", ".png")]
-    return {file.name: file for file in beside} | {
-        f"{REFERENCE.name}/{file.name}": file for file in documents
+    """The files that go into the archive as they are, or signed, by their names there."""
+    return BESIDE | {name: paths.ROOT / name for name in IN_PLACE}
+
+
+def readme(identity: Identity) -> str:
+    """The README of the archive."""
+    text = README.read_text(encoding="utf-8")
+    told = {
+        "@VERSION@": identity.version,
+        "@BUILD@": product_version(paths.LIBRARY),
+        "@COMPANY@": identity.company,
+        "@FAULTS@": identity.faults,
     }
+    for mark, value in told.items():
+        text = text.replace(mark, value)
+    return text
+
+
+def product_version(file: Path) -> str:
+    """The version in a file's resource, the commit with it."""
+    # The resources lie behind the code's own texts, of which one is the same.
+    text = file.read_bytes().rpartition(f"{PRODUCT_VERSION}\0".encode("utf-16-le"))[2]
+    # Filled up with null characters behind the key, and ended by one.
+    return text[:256].decode("utf-16-le", errors="replace").lstrip("\0").partition("\0")[0]
 
 
 def _contents(signer: Signer | None, folder: Path, identity: Identity) -> dict[str, bytes]:
-    contents = {}
+    contents = {README.name: readme(identity).encode()}
     for name, file in files().items():
         if signer is not None and file in SIGNED:
             signer.sign(file, folder / name, identity)
@@ -136,16 +194,25 @@ def _write(archive: Path, folder: str, contents: dict[str, bytes]) -> None:
 def _signer(arguments: list[str]) -> Signer | None:
     parser = argparse.ArgumentParser(prog="./run dist", description="Packs a release.")
     parser.add_argument("--certificate", type=paths.of_caller, metavar="FILE", help="sign with this one")
-    parser.add_argument("--key", type=paths.of_caller, metavar="FILE", help="where its key is not with it")
+    parser.add_argument("--key", metavar="FILE", help="where its key is not with it; a URI in a token")
+    parser.add_argument(
+        "--pkcs11-module", type=paths.of_caller, metavar="FILE", help="that reaches the token of the key"
+    )
     parser.add_argument(
         "--password-file", type=paths.of_caller, metavar="FILE", help="holds the password of the key"
     )
     parser.add_argument("--timestamp", metavar="URL", help="of a timestamp server (RFC 3161)")
     given = parser.parse_args(arguments)
+    in_token = bool(given.key) and given.key.startswith(TOKEN)
     if given.key and given.certificate and given.certificate.suffix.lower() in PKCS12:
         parser.error("--key belongs to a certificate in PEM form")
+    if in_token != bool(given.pkcs11_module):
+        parser.error(f"--pkcs11-module and a --key that begins with {TOKEN} go together")
+    key = given.key if in_token or not given.key else paths.of_caller(given.key)
     if given.certificate is not None:
-        return Signer(given.certificate, given.key, given.password_file, given.timestamp)
+        return Signer(
+            given.certificate, key, given.pkcs11_module, given.password_file, given.timestamp
+        )
     if any((given.key, given.password_file, given.timestamp)):
         parser.error("--key, --password-file and --timestamp need --certificate")
     return None
@@ -158,7 +225,13 @@ def _pack_and_tell(signer: Signer | None) -> None:
         for name in packed.namelist():
             print(f"    {name}")
     print(f"{paths.shown(archive)}: {len(data)} bytes, {'' if signer else 'not '}signed")
-    print(f"SHA-256 {hashlib.sha256(data).hexdigest()}")
+    print(f"SHA-256 {hashlib.sha256(data).hexdigest()}, in {paths.shown(sum_file(archive))} too")
+    if signer is not None and signer.timestamp is None:
+        print(
+            "dist: without --timestamp the signatures end when the certificate does", file=sys.stderr
+        )
+    if product_version(paths.LIBRARY).endswith("-changed)"):
+        print("dist: the sources differ from their commit", file=sys.stderr)
 
 
 if __name__ == "__main__":

@@ -11,10 +11,10 @@ The rest of the reference is written by hand and stays.
 import re
 import sys
 import textwrap
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from pathlib import Path
 
-from installer import paths
+from installer import package, paths
 from installer.actions import Action, actions
 
 TABLE = paths.ACTIONS.relative_to(paths.ROOT)
@@ -41,29 +41,39 @@ WIX_4 = Language("WiX 4 and 5", "http://wixtoolset.org/schemas/v4/wxs", "BinaryR
 
 INCLUDE_HEAD = """\
 <?xml version="1.0" encoding="utf-8"?><!-- {notice}.
-     The custom actions of Halvard_CA, each as it has to be declared. Include this file in a product
-     and put into its sequences what it needs; what stands in no sequence never runs.
+     The custom actions of Halvard_CA {version}, each as it has to be declared. Include this file in a
+     product and put into its sequences what it needs; what stands in no sequence never runs.
 
      What is the package's own is not here: the Binary of the Id Halvard_CA, the sequences and their
      conditions, and a deferred action's data. It comes from a property of the action's name, set
      by an action that stands before it in the same sequence:
 
        <CustomAction Id="SetUnregisterDLL" Property="UnregisterDLL"
-                     Value="InstallDir=[ServerFolder];DLLName=Server.dll"/>
+                     Value="InstallDir=[ServerFolder];DLLName=Server.dll" Impersonate="yes"/>
+
+     A value ends at the next semicolon, and a folder may have one in its name: InstallDir=C:\\A;B is
+     the folder C:\\A. Refuse such a folder by a launch condition (NOT INSTALLDIR &gt;&lt; ";") before an
+     action deletes in it or opens it to users.
 
      The language is that of {language}.{wixl}
 
      Deferred actions run as the system, for they change what belongs to all users; the one that
      does not says why. Return="check" lets a failure end and undo the session, which only
      suits actions that answer 0 for done: 1 is a failure to the installer. With Return="ignore" the
-     session goes on whatever comes back, after an exception too. A package that needs an action
-     declared otherwise declares it again, with another Id.
+     session goes on whatever comes back; that it does so after an exception is assumed of Windows, and
+     not so under Wine. A package that needs an action declared otherwise declares it again, with
+     another Id.
+
+     UndoACTION is the counterpart of ACTION for rollback: put it in front of that action, under the same
+     condition. What needs data there gets it from a property of its own name, UndoACTION.
 -->
 <Include xmlns="{namespace}">
 """
 OF_WIXL = """ Where wixl compiles it, schedule by Sequence: it puts actions with
-     Before and After elsewhere from run to run, deferred ones also where they cannot run. And it
-     makes an immediate action of one that is declared again for rollback."""
+     Before and After elsewhere from run to run, deferred ones also where they cannot run. Before its
+     release 0.106 it makes immediate actions of those for rollback, which would undo at once: set the
+     Type in the table CustomAction (UPDATE CustomAction SET Type=3393 WHERE Action=...) or leave them out.
+     An immediate action that does not say Impersonate="yes" gets the bit of one without from it."""
 
 
 def main() -> int:
@@ -106,26 +116,49 @@ def include(table: list[Action], language: Language) -> str:
         notice=NOTICE,
         language=language.name,
         namespace=language.namespace,
+        version=package.project_identity().version,
         wixl=OF_WIXL if language is WIX_3 else "",
     )
     groups = [
-        f"    <!-- {subsystem} -->\n" + "".join(declaration(action, language) for action in own)
+        f"    <!-- {subsystem} -->\n"
+        + "".join(declarations(action, language, table) for action in own)
         for subsystem, own in by_subsystem(table).items()
     ]
     return text + "\n".join(groups) + "</Include>\n"
 
 
-def declaration(action: Action, language: Language) -> str:
-    attributes = [("Execute", action.execution)]
-    if action.execution == "deferred":
-        attributes.append(("Impersonate", "yes" if action.impersonate else "no"))
-    attributes.append(("Return", action.return_attribute))
+def declarations(action: Action, language: Language, table: list[Action]) -> str:
+    """An action, and what else of it a package may schedule."""
+    text = declaration(action, language)
+    if action.as_user:
+        once_more = replace(action, why=action.as_user, impersonate=True, as_user="")
+        text += declaration(once_more, language, action.once_more)
+    if action.undone_by:
+        for counterpart in table:
+            if counterpart.name == action.undone_by:
+                text += declaration(
+                    replace(counterpart, why=f"Takes back what {action.name} has done."),
+                    language,
+                    action.undoing,
+                    "rollback",
+                )
+    return text
+
+
+def declaration(action: Action, language: Language, name: str = "", execution: str = "") -> str:
+    """The declaration of an action under its name or another one."""
+    attributes = {
+        "Execute": execution or action.execution,
+        # Said of immediate actions too: wixl takes "no" for what is not said.
+        "Impersonate": "yes" if action.execution == "immediate" or action.impersonate else "no",
+        "Return": action.return_attribute,
+    }
     if "--" in action.why:
         raise ValueError(f"{action.name}: a comment of XML cannot hold --")
-    declared = " ".join(f'{name}="{value}"' for name, value in attributes)
+    declared = " ".join(f'{key}="{value}"' for key, value in attributes.items())
     return (
         f"    <!-- {action.why} -->\n"
-        f'    <CustomAction Id="{action.name}" {language.binary}="Halvard_CA"\n'
+        f'    <CustomAction Id="{name or action.name}" {language.binary}="Halvard_CA"\n'
         f'                  DllEntry="{action.name}"\n'
         f"                  {declared}/>\n"
     )
@@ -172,8 +205,13 @@ def facts(action: Action) -> dict[str, str]:
     results = [
         wrapped(f"  - `{each.value}`: {each.means}", "    ") for each in action.results
     ]
+    schedule = f"- **Schedule:** {declared_as(action)}; {action.schedule}"
+    if action.undone_by:
+        schedule += f" In front of it `{action.undoing}`, which is `{action.undone_by}` for rollback."
+    if action.as_user:
+        schedule += f' Behind it `{action.once_more}`, the same with `Impersonate="yes"`.'
     return {
-        "Schedule": wrapped(f"- **Schedule:** {declared_as(action)}; {action.schedule}", "  "),
+        "Schedule": wrapped(schedule, "  "),
         "Data": wrapped(f"- **Data:** {f'{data}.' if data else action.whole_data or 'none.'}", "  "),
         "Results": "\n".join(["- **Results:**", *results]),
         "Throws": wrapped(f"- **Throws:** {action.throws or 'nothing.'}", "  "),

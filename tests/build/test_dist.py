@@ -16,13 +16,30 @@ import dist
 from installer import package, paths
 
 SHIPPED = {
+    "CHANGELOG.md": paths.ROOT / "CHANGELOG.md",
     "Halvard_CA.dll": paths.LIBRARY,
     "Halvard_CA.dll.debug": paths.LIBRARY.with_name("Halvard_CA.dll.debug"),
-    "README.md": paths.ROOT / "README.md",
-    "halvard_actions.wxi": paths.ROOT / "package/halvard_actions.wxi",
-    "halvard_actions.v4.wxi": paths.ROOT / "package/halvard_actions.v4.wxi",
+    "THIRD-PARTY-NOTICES.txt": paths.ROOT / "docs/third-party-notices.txt",
     "halvard_run.exe": paths.RUNNER,
+} | {
+    name: paths.ROOT / name
+    for name in (
+        "docs/actions.md",
+        "docs/engines.md",
+        "docs/packaging.md",
+        "docs/security.md",
+        "docs/when-it-fails.md",
+        "docs/worked-example.md",
+        "package/Agent.wxi",
+        "package/Companion.wxs",
+        "package/Pivot/StartDVR.xml",
+        "package/Pivot/StartPV.xml",
+        "package/Pivot/StartPVBM.xml",
+        "package/halvard_actions.v4.wxi",
+        "package/halvard_actions.wxi",
+    )
 }
+README = "README.md"
 SIGNED = ("Halvard_CA.dll", "halvard_run.exe")
 SUMS = "SHA256SUMS.txt"
 PASSWORD = "not secret"
@@ -66,13 +83,106 @@ def names_in(top: Path) -> set[str]:
 
 def test_the_archive_holds_what_is_shipped(folder, tmp_path):
     top = unpacked(dist.pack(), tmp_path / "unpacked")
-    # Those that are the project's: a draft beside them is not shipped.
-    listed = run("git", "ls-files", "docs/*.md", "docs/*.png", cwd=paths.ROOT)
-    documents = {name: paths.ROOT / name for name in listed.stdout.splitlines()}
-    assert "docs/actions.md" in documents
-    assert names_in(top) == {*SHIPPED, *documents, SUMS}
-    for name, file in (SHIPPED | documents).items():
+    assert names_in(top) == {*SHIPPED, README, SUMS}
+    for name, file in SHIPPED.items():
         assert (top / name).read_bytes() == file.read_bytes(), name
+
+
+def test_the_readme_of_the_archive_is_filled_in(folder, tmp_path):
+    text = (unpacked(dist.pack(), tmp_path / "unpacked") / README).read_text()
+    identity = package.project_identity()
+    assert re.findall(r"@[A-Z]+@", text) == []
+    assert text.startswith(f"# Halvard_CA {identity.version}\n")
+    assert "> **Nobody has run this on Windows yet.**" in text
+    assert f"This is build {dist.product_version(paths.LIBRARY)}:" in text
+    assert f"<{identity.faults}>" in text
+    assert "No licence has been chosen yet" in text
+
+
+def test_both_programs_tell_the_commit_with_their_version():
+    asked = run(
+        *("git", "describe", "--always", "--abbrev=12", "--exclude=*", "--dirty=-changed"),
+        cwd=paths.ROOT,
+    )
+    assert asked.returncode == 0, asked.stdout
+    told = f"{package.project_identity().version} ({asked.stdout.strip()})"
+    assert [dist.product_version(file) for file in (paths.LIBRARY, paths.RUNNER)] == [told] * 2
+    assert len(asked.stdout.strip().removesuffix("-changed")) == 12
+
+
+def test_the_sum_of_the_archive_lies_beside_it(folder):
+    archive = dist.pack()
+    beside = archive.with_name(f"{archive.name}.sha256")
+    assert set(folder.iterdir()) == {archive, beside}
+    checked = run("sha256sum", "--check", "--strict", beside.name, cwd=folder)
+    assert (checked.returncode, checked.stdout) == (0, f"{archive.name}: OK\n")
+    archive.write_bytes(archive.read_bytes() + b"!")
+    assert run("sha256sum", "--check", beside.name, cwd=folder).returncode == 1
+
+
+def anchors(text: str) -> set[str]:
+    """The headings of a document, as links name them."""
+    headings = re.findall(r"^#+ (.*)$", text, re.MULTILINE)
+    return {re.sub(r"[^\w\- ]", "", each).strip().lower().replace(" ", "-") for each in headings}
+
+
+def test_every_link_of_the_archive_leads_somewhere_in_it(folder, tmp_path):
+    top = unpacked(dist.pack(), tmp_path / "unpacked")
+    followed = 0
+    for document in top.rglob("*.md"):
+        prose = re.sub(r"^```.*?^```$", "", document.read_text(), flags=re.MULTILINE | re.DOTALL)
+        for target in re.findall(r"\]\(([^)]+)\)", prose):
+            name, _, anchor = target.partition("#")
+            file = document.parent / name if name else document
+            assert file.is_file(), f"{document.name}: {target}"
+            assert not anchor or anchor in anchors(file.read_text()), f"{document.name}: {target}"
+            followed += 1
+    assert followed > 50
+
+
+def test_the_archive_leaves_out_what_is_for_those_who_have_the_sources(folder, tmp_path):
+    top = unpacked(dist.pack(), tmp_path / "unpacked")
+    for document in [*top.rglob("*.md"), *top.rglob("*.wx?"), *top.rglob("*.txt")]:
+        # What is written from a table says so in its head.
+        text = re.sub(r"Written by `?\./run generate", "", document.read_text(), count=1)
+        if document.name != "CHANGELOG.md":
+            assert "./run" not in text, document.name
+        assert "tests/" not in text.replace("`tests/engines.toml`", ""), document.name
+
+
+def test_every_licence_of_what_is_linked_in_is_told():
+    notices = SHIPPED["THIRD-PARTY-NOTICES.txt"].read_text()
+    for wanted in (
+        "GCC RUNTIME LIBRARY EXCEPTION",
+        "You have permission to propagate a work of Target Code",
+        "by the mingw-w64 project",
+        "1997-2001 Lucent Technologies",
+        "Copyright (c) 2011-2016 mingw-w64 project",
+        "(C) 2010 Lockless Inc.",
+    ):
+        assert wanted in notices, wanted
+
+
+def test_the_list_of_changes_begins_with_the_version_and_tells_the_rule():
+    text = SHIPPED["CHANGELOG.md"].read_text()
+    versions = re.findall(r"^## (\d+\.\d+\.\d+)$", text, re.MULTILINE)
+    assert versions[0] == package.project_identity().version
+    numbers = [tuple(map(int, each.split("."))) for each in versions]
+    assert numbers == sorted(set(numbers), reverse=True)
+    for newer, older in zip(numbers, numbers[1:]):
+        # One number is raised, and those behind it begin anew.
+        (place,) = [n for n in range(3) if newer[: n + 1] == (*older[:n], older[n] + 1)]
+        assert newer[place + 1 :] == (0,) * (2 - place)
+    for word in ("**first**", "**second**", "**third**"):
+        assert word in text.partition("## ")[0]
+
+
+def test_the_address_for_faults_stands_in_one_place():
+    faults = package.project_identity().faults
+    listed = run("git", "ls-files", "-z", "-co", "--exclude-standard", cwd=paths.ROOT).stdout.split("\0")
+    files = [paths.ROOT / name for name in listed if name and (paths.ROOT / name).is_file()]
+    holding = [file for file in files if faults.encode() in file.read_bytes()]
+    assert holding == [paths.CMAKE_LISTS]
 
 
 def test_the_archive_bears_the_version_of_the_project(folder, tmp_path):
@@ -80,14 +190,10 @@ def test_the_archive_bears_the_version_of_the_project(folder, tmp_path):
     archive = dist.pack()
     assert archive == folder / f"Halvard_CA-{version}.zip"
     assert unpacked(archive, tmp_path / "unpacked").name == f"Halvard_CA-{version}"
-    assert list(folder.iterdir()) == [archive]
-
-
-def test_the_links_of_the_readme_lead_to_files_of_the_archive(folder, tmp_path):
-    top = unpacked(dist.pack(), tmp_path / "unpacked")
-    links = re.findall(r"\]\(([^)#:]+)[^)]*\)", (top / "README.md").read_text())
-    assert links
-    assert set(links) <= names_in(top)
+    assert set(folder.iterdir()) == {archive, dist.sum_file(archive)}
+    for name in ("halvard_actions.wxi", "halvard_actions.v4.wxi"):
+        text = (paths.PACKAGE_SOURCES / name).read_text()
+        assert f"The custom actions of Halvard_CA {version}, " in text
 
 
 def test_the_sums_are_those_of_all_files(folder, tmp_path):
@@ -115,7 +221,9 @@ def test_two_runs_give_the_same_bytes(folder):
     assert first == second
 
     here = paths.BUILD / "dist" / dist.pack().name
-    former = here.read_bytes() if here.exists() else None
+    former = {
+        file: file.read_bytes() for file in (here, dist.sum_file(here)) if file.exists()
+    }
     try:
         done = script(env=os.environ | {"TZ": "Asia/Tokyo", "LC_ALL": "C"})
         assert done.returncode == 0, done.stdout
@@ -123,8 +231,8 @@ def test_two_runs_give_the_same_bytes(folder):
         assert re.search(told, done.stdout, re.MULTILINE), done.stdout
         assert here.read_bytes() == first
     finally:
-        if former is not None:
-            here.write_bytes(former)
+        for file, content in former.items():
+            file.write_bytes(content)
 
 
 def test_the_entries_are_sorted_and_without_times(folder):
@@ -246,6 +354,56 @@ def test_a_signature_bears_the_time_of_a_server(identity, timestamp_server, fold
         assert "Timestamp Server Signature verification: ok" in verified.stdout
 
 
+TOKEN, PIN = "release", "1234"
+TOKEN_MODULE = Path("/usr/lib/softhsm/libsofthsm2.so")
+
+
+@pytest.fixture
+def key_in_token(identity, tmp_path, monkeypatch) -> str:
+    """The URI of the key of the certificate, which a token holds."""
+    tokens = tmp_path / "tokens"
+    tokens.mkdir()
+    (tmp_path / "softhsm2.conf").write_text(f"directories.tokendir = {tokens}\n")
+    monkeypatch.setenv("SOFTHSM2_CONF", str(tmp_path / "softhsm2.conf"))
+    converted = run(
+        *("openssl", "pkcs8", "-topk8", "-nocrypt", "-in", identity / "key.pem"),
+        *("-out", tmp_path / "key.p8"),
+    )
+    assert converted.returncode == 0, converted.stdout
+    for arguments in (
+        ("--init-token", "--free", "--label", TOKEN, "--so-pin", PIN, "--pin", PIN),
+        ("--import", tmp_path / "key.p8", "--token", TOKEN, "--label", "key", "--id", "01", "--pin", PIN),
+    ):
+        made = run("softhsm2-util", *arguments)
+        assert made.returncode == 0, made.stdout
+    return f"pkcs11:token={TOKEN};object=key;type=private;pin-value={PIN}"
+
+
+def test_a_key_in_a_token_signs(identity, key_in_token, folder, tmp_path):
+    signer = dist.Signer(identity / "certificate.pem", key_in_token, TOKEN_MODULE)
+    top = unpacked(dist.pack(signer), tmp_path / "unpacked")
+    for name in SIGNED:
+        verified = verification(top / name, identity)
+        assert verified.returncode == 0, verified.stdout
+    other = key_in_token.replace("object=key", "object=other")
+    with pytest.raises(dist.SigningFailed):
+        dist.pack(dist.Signer(identity / "certificate.pem", other, TOKEN_MODULE))
+
+
+def test_signatures_that_end_with_the_certificate_are_warned_of(
+    identity, folder, monkeypatch, capsys, timestamp_server
+):
+    monkeypatch.setattr(dist.paths, "shown", str)
+    warning = "dist: without --timestamp the signatures end when the certificate does\n"
+    assert dist.main(["--certificate", str(identity / "both.pem")]) == 0
+    assert warning in capsys.readouterr().err
+    address, _ = timestamp_server
+    assert dist.main(["--certificate", str(identity / "both.pem"), "--timestamp", address]) == 0
+    assert warning not in capsys.readouterr().err
+    assert dist.main([]) == 0
+    assert warning not in capsys.readouterr().err
+
+
 def test_a_server_that_does_not_answer_is_told(identity, folder):
     signer = dist.Signer(identity / "both.pem", timestamp="http://127.0.0.1:9/")
     with pytest.raises(dist.SigningFailed, match="http://127.0.0.1:9/"):
@@ -283,7 +441,7 @@ def test_what_cannot_be_signed_leaves_the_last_release(option, file, reason, ide
     names = {"certificate": "certificate.pem", "key": "key.pem"} | {option: file}
     with pytest.raises(dist.SigningFailed, match=re.escape(reason)):
         dist.pack(dist.Signer(**{name: identity / value for name, value in names.items()}))
-    assert list(folder.iterdir()) == [archive]
+    assert set(folder.iterdir()) == {archive, dist.sum_file(archive)}
     assert archive.read_bytes() == before
 
 
@@ -299,6 +457,8 @@ def test_a_missing_file_is_told(folder, monkeypatch, tmp_path, capsys):
     [
         (["--certificate", "none.pem"], 1, "Halvard_CA.dll is not signed: "),
         (["--key", "key.pem"], 2, "need --certificate"),
+        (["--certificate", "a.pem", "--key", "pkcs11:object=a"], 2, "go together"),
+        (["--certificate", "a.pem", "--pkcs11-module", "a.so"], 2, "go together"),
         (["--nonsense"], 2, "unrecognized arguments: --nonsense"),
         (["--help"], 0, "--certificate FILE"),
     ],

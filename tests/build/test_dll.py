@@ -8,7 +8,8 @@ from pathlib import Path
 
 import pytest
 
-from installer import paths
+import dist
+from installer import package, paths
 
 LIBRARY_SOURCES = paths.ROOT / "Utilities/CustomActions/Halvard_CA"
 WINDOWS_LIBRARIES = {
@@ -136,6 +137,10 @@ def test_debug_information_lies_beside_the_dll(headers):
     assert ".debug_info" in sections
 
 
+def test_the_library_is_no_larger_than_it_may_be():
+    assert paths.LIBRARY.stat().st_size <= 710_000
+
+
 def test_the_build_leaves_one_dll_of_this_name():
     assert list(paths.PROGRAMS.rglob("Halvard_CA.dll")) == [paths.LIBRARY]
 
@@ -152,6 +157,7 @@ def test_version_resource_tells_what_the_project_says(file):
             else "Calls one action of Halvard_CA without a package"
         ),
         "FileVersion": re.search(r"VERSION (\d+\.\d+\.\d+)\n", lists)[1],
+        "LegalCopyright": "Copyright (C) " + re.search(r'HALVARD_COMPANY "(.*)"', lists)[1],
         "OriginalFilename": file.name,
     }
     for key, value in expected.items():
@@ -173,12 +179,22 @@ def test_two_builds_in_two_folders_give_the_same_bytes(tmp_path):
         if source.is_file():
             (copy / name).parent.mkdir(parents=True, exist_ok=True)
             shutil.copy(source, copy / name)
-    for command in (
-        ["cmake", "--preset", "mingw-release"],
-        ["cmake", "--build", "--preset", "mingw-release", "--target", "Halvard_CA", "halvard_run"],
-    ):
-        done = subprocess.run(command, cwd=copy, capture_output=True, text=True)
-        assert done.returncode == 0, done.stdout + done.stderr
+
+    def build(*definitions: str) -> None:
+        for command in (
+            ["cmake", "--preset", "mingw-release", *definitions],
+            ["cmake", "--build", "--preset", "mingw-release", "--target", "Halvard_CA", "halvard_run"],
+        ):
+            done = subprocess.run(command, cwd=copy, capture_output=True, text=True)
+            assert done.returncode == 0, done.stdout + done.stderr
+
+    library = copy / paths.LIBRARY.relative_to(paths.ROOT)
+    # A copy without git has no commit to tell.
+    build()
+    version = package.project_identity().version
+    assert dist.product_version(library) == version
+    told = re.fullmatch(rf"{re.escape(version)} \((\S+)\)", dist.product_version(paths.LIBRARY))
+    build(f"-DHALVARD_COMMIT={told[1]}")
 
     def digests(root: Path) -> dict[str, str]:
         folder = (root / paths.LIBRARY.relative_to(paths.ROOT)).parent

@@ -25,6 +25,7 @@ NAMESPACE = generate.WIX_3.namespace
 
 DOCUMENTS = sorted((paths.ROOT / "docs").glob("*.md"))
 README = paths.ROOT / "README.md"
+RELEASE_README = paths.ROOT / "docs/release/README.md"
 
 # The parts of a section of the reference, in their order.
 PARTS = ("Schedule", "Data", "Reads", "Effects", "Results", "Throws", "Take care")
@@ -259,6 +260,8 @@ SHOWN_IN: list[tuple[dict[str, object], set[str]]] = [
     ({"data": (DataKey("Other", True),)}, {"section"}),
     ({"whole_data": "other."}, {"section"}),
     ({"results": (Result(259, "other."),)}, {"exports", "section"}),
+    ({"undone_by": "LaunchPV"}, {"section", *INCLUDES}),
+    ({"as_user": "Other."}, {"section", *INCLUDES}),
     ({"exceptions": ("RegKeyError",), "throws": "`RegKeyError`."}, {"section"}),
     # These are held against the code.
     ({"properties": ("OTHER",)}, set()),
@@ -323,9 +326,69 @@ def test_both_languages_of_packages_declare_the_same(sources):
         )
     )
     assert older == newer
-    assert [each["Id"] for each in older] == [action.name for action in sources.table]
-    assert [each["DllEntry"] for each in older] == [action.name for action in sources.table]
+    expected = []
+    for action in sources.table:
+        expected.append((action.name, action.name))
+        if action.as_user:
+            expected.append((action.once_more, action.name))
+        if action.undone_by:
+            expected.append((action.undoing, action.undone_by))
+    assert [(each["Id"], each["DllEntry"]) for each in older] == expected
     assert {each["Binary"] for each in older} == {"Halvard_CA"}
+
+
+def test_what_takes_back_is_declared_for_rollback_and_what_is_the_users_as_the_user(sources):
+    declared = {
+        each["Id"]: (each["Execute"], each["Impersonate"], each["Return"])
+        for each in declarations(INCLUDE.read_text(), NAMESPACE, "BinaryKey")
+    }
+    undoing = {action.undoing: action for action in sources.table if action.undone_by}
+    assert {name for name, (kind, *_) in declared.items() if kind == "rollback"} == undoing.keys()
+    assert len(undoing) == 5
+    for name in undoing:
+        assert declared[name] == ("rollback", "no", "ignore")
+    assert declared["InstallContextMenuMSIX"] == ("deferred", "no", "ignore")
+    assert declared["InstallContextMenuMSIXAsUser"] == ("deferred", "yes", "ignore")
+
+
+IMMEDIATE, SETTING, AS_THE_SYSTEM, RESULT_IGNORED = 1, 51, 2048, 64
+
+
+def test_immediate_actions_are_impersonated_where_wixl_compiles(sources, tmp_path):
+    """It takes what does not say so for an action without impersonation."""
+    elements = [each for example in fragments(sources).values() for each in example]
+    built_sequence(elements, tmp_path)
+    types = {row[0]: int(row[1]) for row in table(tmp_path / "examples.msi", "CustomAction")}
+    for action in sources.table:
+        if action.execution == "immediate":
+            assert types[action.name] & ~RESULT_IGNORED == IMMEDIATE, action.name
+        elif not action.impersonate:
+            assert types[action.name] & AS_THE_SYSTEM, action.name
+    setting = [element.attrib["Id"] for element in elements if "Property" in element.attrib]
+    assert len(setting) > 5
+    assert {types[name] for name in setting} == {SETTING}
+
+
+def setters(text: str) -> list[str]:
+    """The declarations of actions that set a property."""
+    return [
+        declared
+        for declared in re.findall(r"<CustomAction\b[^>]*>", text)
+        if re.search(r"\bProperty=", declared)
+    ]
+
+
+@pytest.mark.parametrize(
+    "file",
+    [*sorted((paths.ROOT / "package").glob("*.wx?")), *DOCUMENTS, README, RELEASE_README],
+    ids=lambda file: "/".join(file.parts[-2:]),
+)
+def test_whoever_sets_data_says_as_whom_and_takes_no_public_folder(file):
+    for declared in setters(file.read_text()):
+        assert 'Impersonate="yes"' in declared, declared
+        # The data of LaunchInstallProxyPV in the sample is a folder of which nothing is deleted.
+        if file != COMPANION or "LaunchInstallProxyPV" not in declared:
+            assert re.findall(r"\[[A-Z]+\]", declared) in ([], ["[REMOVE]"]), declared
 
 
 @pytest.mark.parametrize(
@@ -339,6 +402,9 @@ def test_both_languages_of_packages_declare_the_same(sources):
         {"results": (Result("other", "a number."),)},
         {"results": (Result("othr", "a number.", "another number"),)},
         {"data": (DataKey("A", True),), "whole_data": "a folder."},
+        {"execution": "immediate", "undone_by": "LaunchPV"},
+        {"execution": "immediate", "as_user": "why."},
+        {"impersonate": True, "as_user": "why."},
     ],
 )
 def test_a_row_that_contradicts_itself_is_refused(sources, fault):
@@ -353,6 +419,14 @@ def test_an_action_stands_once_in_the_table(tmp_path):
     doubled.write_text("[[action]]".join([head, *rows, rows[0]]))
     with pytest.raises(ValueError, match="twice"):
         actions(doubled)
+
+
+def test_an_action_is_undone_by_one_of_the_table(tmp_path):
+    other = tmp_path / "actions.toml"
+    text = paths.ACTIONS.read_text()
+    other.write_text(text.replace("undone_by = 'UnregisterDLL'", "undone_by = 'BlockLaunch'"))
+    with pytest.raises(ValueError, match="SetPermissionsRegisterDLL: undone by"):
+        actions(other)
 
 
 def test_only_results_that_the_installer_takes_for_what_they_are_get_checked(sources):
@@ -398,7 +472,8 @@ def test_every_example_is_one_of_its_action(sources):
             for element in in_packages[name]
             if element.tag == f"{{{NAMESPACE}}}CustomAction"
         }
-        assert customs == [*setters, name]
+        once_more = [each.once_more for each in sources.table if each.name == name and each.as_user]
+        assert customs == [*setters, name, *once_more]
         keys = sources.in_table()[name].data_keys
         for setter in setters.values():
             assert setter.attrib["Property"] == name
@@ -436,6 +511,10 @@ def built_sequence(elements: list[ElementTree.Element], folder: Path) -> dict[st
     return {name: int(number) for name, _, number in rows}
 
 
+def setting_in(elements: list[ElementTree.Element]) -> list[str]:
+    return [each.attrib["Id"] for each in elements if each.tag == f"{{{NAMESPACE}}}CustomAction"]
+
+
 def test_the_examples_together_make_a_package(sources, tmp_path):
     examples = fragments(sources)
     standard = built_sequence([], tmp_path)
@@ -459,8 +538,9 @@ def test_the_examples_together_make_a_package(sources, tmp_path):
         return number_and_room(name)[0]
 
     for name, example in examples.items():
-        in_example = [number(custom["Action"]) for custom in scheduled_in(example)]
-        assert max(in_example) == number(name), f"{name}: its data comes too late"
+        before = [number(custom["Action"]) for custom in scheduled_in(example)
+                  if custom["Action"] in (name, *setting_in(example))]
+        assert max(before) == number(name), f"{name}: its data comes too late"
         if sources.in_table()[name].schedule[0] == "deferred":
             begin, end = standard["InstallInitialize"], standard["InstallFinalize"]
             assert begin < number(name) < end, name

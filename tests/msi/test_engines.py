@@ -271,6 +271,27 @@ def removal_of_nothing(probed: Probed) -> int:
     return result.exit_code
 
 
+@probe("repair-by-fa")
+def repair_by_fa(probed: Probed) -> int:
+    installed = session.install(probed.prefix, probed.older, log_name="engine-repair")
+    assert installed.exit_code == 0, installed.report()
+    lost = probed.prefix.host_path(rf"{FOLDER}\service.exe")
+    name = paths.windows_path(probed.older)
+    lost.unlink()
+    result = session.run(probed.prefix, ("/fa", name), log_name="engine-repair-fa")
+    assert lost.exists() == (result.exit_code == 0), result.report()
+    other = session.install(
+        probed.prefix,
+        probed.older,
+        *("REINSTALL=ALL", "REINSTALLMODE=amus"),
+        log_name="engine-repair-reinstall",
+    )
+    assert other.exit_code == 0 and lost.exists(), other.report()
+    session.remove(probed.prefix, probed.older, log_name="engine-repair-back")
+    probed.clear()
+    return result.exit_code
+
+
 def upgrade(probed: Probed, *properties: str) -> SessionResult:
     """An upgrade of a product with a feature that is not installed unless it is chosen."""
     installed = session.install(

@@ -6,7 +6,8 @@ from pathlib import Path
 
 import pytest
 
-from installer import companion, engines, package, paths
+from installer import actions, companion, engines, package, paths
+from installer.log import Execution
 
 
 AGENT_SEQUENCE = [
@@ -60,6 +61,48 @@ def test_the_refusal_comes_before_every_other_action(companion_package):
 def test_no_action_of_the_library_runs_a_second_time_in_the_user_interface(companion_package):
     in_interface = {row[0] for row in package.table(companion_package, "InstallUISequence")}
     assert in_interface.isdisjoint(package.library_actions(companion_package))
+
+
+SETS_A_PROPERTY = 51
+
+
+@pytest.mark.parametrize("carrier", ["companion_package", "second_package"])
+def test_immediate_actions_run_as_the_user_and_rollback_actions_as_the_system(carrier, request):
+    carrier_package = request.getfixturevalue(carrier)
+    types = {row[0]: int(row[1]) for row in package.table(carrier_package, "CustomAction")}
+    executions = {
+        name: definition.execution
+        for name, definition in package.library_actions(carrier_package).items()
+    }
+    setting = [name for name in types if name.startswith("Set") and name not in executions]
+    assert setting and {types[name] for name in setting} == {SETS_A_PROPERTY}
+    for name, execution in executions.items():
+        as_user = execution is Execution.IMMEDIATE or name in (
+            "CreateBenchMarkRunOnceSchTask",
+            "InstallContextMenuMSIXAsUser",
+        )
+        assert bool(types[name] & 0x0800) != as_user, name
+    undoing = {name for name, execution in executions.items() if execution is Execution.ROLLBACK}
+    assert undoing == {action.undoing for action in actions.actions() if action.undone_by}
+
+
+def test_what_the_context_menu_brings_is_taken_back(companion_package):
+    sequence = {row[0]: int(row[2]) for row in package.table(companion_package, "InstallExecuteSequence")}
+    for before, behind in (
+        ("UndoContextMenuCertificate", "InstallContextMenuMSIX"),
+        ("InstallContextMenuMSIX", "UndoContextMenuPackage"),
+        ("UndoContextMenuPackage", "InstallContextMenuMSIXAsUser"),
+        ("RemoveContextMenuPackage", "RemoveFiles"),
+        ("RemoveContextMenuCertificate", "RemoveFiles"),
+    ):
+        assert sequence[before] < sequence[behind], (before, behind)
+
+
+def test_the_service_is_stopped_and_removed_by_the_installer_too(companion_package):
+    start_on_install, stop_on_removal, delete_on_removal = 0x01, 0x20, 0x80
+    ((_, name, event, *_),) = package.table(companion_package, "ServiceControl")
+    assert name == f"{package.project_identity().company}Companion"
+    assert int(event) == start_on_install | stop_on_removal | delete_on_removal
 
 
 def test_a_command_that_wixl_leaves_out_is_in_the_package(companion_package):

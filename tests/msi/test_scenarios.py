@@ -25,7 +25,8 @@ SKIP = session.NO_MORE_ITEMS
 NEXT = companion.NEXT_VERSION
 
 POWERSHELL = r'"C:\windows\System32\WindowsPowerShell\v1.0\powershell.exe"'
-
+# As the package calls it.
+OWN_POWERSHELL = r'"C:\windows\system32\WindowsPowerShell\v1.0\powershell.exe" -NoProfile -Command'
 
 CHAIN = (
     r"HKLM\System\CurrentControlSet\Control\DeviceClasses"
@@ -45,6 +46,7 @@ LICENCE = rf"{FOLDER}\Brand\licence.txt"
 LEFT_BY_OLDER_AGENT = rf"{companion.AGENT_FOLDER}\left.dll"
 OTHER_RENAMED = r"C:\other.dll"
 HELD = r"T:\held.txt"
+BESIDE = r"C:\A\own.txt"
 
 
 # What sessions leave, part by part.
@@ -105,12 +107,8 @@ LEFT_EMPTY = [
     r"%TEMP%\Zenvo\PV\Analytics",
     r"HKLM\Software\Wow6432Node\Qorta\Sable\Settings\Kiln",
 ]
-# A rollback here takes back no service, so that its program stays as well.
-LEFT_BY_ROLLBACK = Machine(
-    [rf"{FOLDER}\Service\CompanionService.exe"],
-    {f"{companion.SERVICE} : ImagePath": rf'"{FOLDER}\Service\CompanionService.exe"'},
-    running=[companion.SERVICE],
-)
+# A rollback removes what the removal would, and here no folder above the product.
+LEFT_BY_ROLLBACK = r"C:\Program Files\Zenvo"
 # The identity is whatever the first session made.
 AGENT_LEFT = Machine(
     values={
@@ -149,11 +147,24 @@ WHOLE_AGENT = (AGENT_LEFT, AGENT_SOURCE, AGENT)
 
 def told_on_install(folder: str = FOLDER) -> list[str]:
     certificate, added = companion.CONTEXT_MENU_FILES
+    # As the system, and as the user.
     return [
         *permissions(folder),
-        rf"""{POWERSHELL} "Import-Certificate -FilePath '{certificate}' """
-        r'''-CertStoreLocation Cert:\LocalMachine\Root"''',
-        f'''{POWERSHELL} "Add-AppxPackage -Path '{added}'"''',
+        *[
+            rf"""{POWERSHELL} "Import-Certificate -FilePath '{certificate}' """
+            r'''-CertStoreLocation Cert:\LocalMachine\Root"''',
+            f'''{POWERSHELL} "Add-AppxPackage -Path '{added}'"''',
+        ]
+        * 2,
+    ]
+
+
+def context_menu_removed() -> list[str]:
+    certificate, _ = companion.CONTEXT_MENU_FILES
+    return [
+        rf'''{OWN_POWERSHELL} "Remove-Item (Join-Path Cert:\LocalMachine\Root '''
+        rf'''(Get-PfxCertificate \"{certificate}\").Thumbprint)"''',
+        f'''{OWN_POWERSHELL} "Get-AppxPackage PhotoStoreDemoPkg | Remove-AppxPackage"''',
     ]
 
 
@@ -170,6 +181,9 @@ def told_on_removal(folder: str = FOLDER) -> list[str]:
     return [
         *[command.replace(FOLDER, folder) for command in companion.told_on_removal()],
         f"{POWERSHELL} Get-AppxPackage ZenvoCorporationInc-VSXCM* | Remove-AppxPackage -AllUsers",
+        f'''{OWN_POWERSHELL} "Get-AppxPackage -AllUsers ZenvoCorporationInc-VSXCM* '''
+        '''| Remove-AppxPackage -AllUsers"''',
+        *context_menu_removed(),
     ]
 
 
@@ -196,7 +210,7 @@ SERVER_DATA = rf"InstallDir={FOLDER}\Server\;DLLName=CompanionServer.dll"
 UNDO_RUNS = [
     undo_row("UndoEnableAnalyticsKey", 0, None, ["Could not access UPA Key"]),
     undo_row(
-        "UndoRegisterDLL",
+        "UndoSetPermissionsRegisterDLL",
         session.INSTALL_FAILURE,
         SERVER_DATA,
         [
@@ -221,6 +235,13 @@ def logged(text: str) -> str:
 
 
 # What happens between sessions.
+
+
+def write_beside(prefix: Prefix) -> None:
+    """Somebody's file lies where a value of the data would end."""
+    file = prefix.host_path(BESIDE)
+    file.parent.mkdir()
+    file.write_text("somebody's own")
 
 
 def damage(prefix: Prefix) -> None:
@@ -533,6 +554,32 @@ SCENARIOS = [
             ),
         ],
     ),
+    # Its data would name C:\A, and a removal take that whole.
+    Scenario(
+        "folder-with-semicolon",
+        [
+            Session(
+                "refused",
+                "Companion",
+                companion.accepted_rows(),
+                Machine([BESIDE]),
+                (STARTED, r"INSTALLDIR=C:\A;B" + "\\"),
+                result=session.INSTALL_FAILURE,
+            ),
+            replace(ALONE, machine=together(ALONE.machine, Machine([BESIDE]))),
+            # The folder that the product remembers comes before one of the command line.
+            Session(
+                "removal",
+                "Companion",
+                companion.remove_rows(),
+                together(LEFT, known("Companion", Companion=2), Machine([BESIDE])),
+                (r"INSTALLDIR=C:\A;B" + "\\",),
+                removal=True,
+                told=told_on_removal(),
+            ),
+        ],
+        prepare=write_beside,
+    ),
     # The exception ends the process that hosts the actions.
     Scenario(
         "failure-by-exception",
@@ -548,9 +595,12 @@ SCENARIOS = [
                     ),
                     *UNDO_NOT_CALLED,
                 ],
-                LEFT_BY_ROLLBACK,
+                Machine(),
                 (STARTED,),
                 result=session.INSTALL_FAILURE,
+                empty=[LEFT_BY_ROLLBACK],
+                # Commands are called where the library's rollback actions are not.
+                told=context_menu_removed(),
             )
         ],
         {"Companion": ["DELETE FROM Registry WHERE Name='Location' AND Component_='Pivot'"]},
@@ -562,10 +612,11 @@ SCENARIOS = [
                 "install",
                 "Companion",
                 without_server(companion.install_rows(USER)),
-                together(LEFT_BY_ROLLBACK, Machine(LEFT.files)),
+                Machine(LEFT.files),
                 (STARTED,),
                 result=session.INSTALL_FAILURE,
-                told=permissions(),
+                empty=[LEFT_BY_ROLLBACK],
+                told=[*permissions(), *context_menu_removed()],
             )
         ],
         {"Companion": [MISSING_SERVER]},
@@ -579,12 +630,12 @@ SCENARIOS = [
                 "upgrade",
                 "newer Companion",
                 without_server(companion.install_rows(USER, version=NEXT)),
-                together(LEFT, AGENT_LEFT, LEFT_BY_ROLLBACK, known("Companion", Companion=2)),
+                together(LEFT, AGENT_LEFT, known("Companion", Companion=2)),
                 WITH_AGENT,
                 result=session.INSTALL_FAILURE,
                 inner=companion.calls(companion.remove_rows(agent=True)),
-                told=[*told_on_removal(), *permissions()],
-                empty=[r"C:\ProgramData\Zenvo"],
+                told=[*told_on_removal(), *permissions(), *context_menu_removed()],
+                empty=[LEFT_BY_ROLLBACK, r"C:\ProgramData\Zenvo"],
             ),
         ],
         {"newer Companion": [MISSING_SERVER]},

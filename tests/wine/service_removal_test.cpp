@@ -355,6 +355,7 @@ TEST(RemoveServiceInDirectory, QuotesAndArgumentsWithASlashGiveAFolderThatIsNotT
         {L"\"" + program + L"\" /run", L"\"" + program + L"\" "},
         {program + L" -f T:\\Scratch\\x.ini", program + L" -f T:\\Scratch"},
         {L"svc.exe", L""},
+        {L"%SystemRoot%\\svc.exe", L"%SystemRoot%"},
         {L"T:\\Scratch\\missing\\svc.exe", L"T:\\Scratch\\missing"},
     };
     for (const auto& [stored, parent] : programsAndParents) {

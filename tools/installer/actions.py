@@ -50,6 +50,18 @@ class Action:
     registry: tuple[str, ...] = ()
     exceptions: tuple[str, ...] = ()
     throws: str = ""
+    undone_by: str = ""
+    as_user: str = ""
+
+    @property
+    def undoing(self) -> str:
+        """The name under which the counterpart of this action is declared for rollback."""
+        return f"Undo{self.name}"
+
+    @property
+    def once_more(self) -> str:
+        """The name under which this action is declared with the rights of the user."""
+        return f"{self.name}AsUser"
 
     def __post_init__(self) -> None:
         """ValueError for a row that contradicts itself."""
@@ -63,6 +75,10 @@ class Action:
             raise ValueError(f"{self.name}: exceptions and when they are thrown go together")
         if self.data and self.whole_data:
             raise ValueError(f"{self.name}: data has keys or is taken whole")
+        if (self.undone_by or self.as_user) and (self.execution == "immediate"):
+            raise ValueError(f"{self.name}: what only a deferred action has")
+        if self.as_user and self.impersonate:
+            raise ValueError(f"{self.name}: runs as the user already")
         if any(each.fixed and not isinstance(each.value, int) for each in self.results):
             raise ValueError(f"{self.name}: a result is a number or {OTHER}")
         if not self.results or any(not each.fixed and not each.note for each in self.results):
@@ -76,6 +92,10 @@ def actions(file: Path = paths.ACTIONS) -> list[Action]:
     found = [_action(row) for row in rows]
     if len({action.name for action in found}) != len(found):
         raise ValueError("an action stands twice in the table")
+    names = {action.name for action in found if action.execution == "deferred"}
+    for action in found:
+        if action.undone_by and action.undone_by not in names:
+            raise ValueError(f"{action.name}: undone by what is no deferred action")
     return found
 
 

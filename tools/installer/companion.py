@@ -192,6 +192,7 @@ def install_rows(
         _ignored("TrackDVRAnalytics", tracked),
         _ignored("SetDCLogFileRegistry", 0),
         _ignored("InstallContextMenuMSIX", 0),
+        _ignored("InstallContextMenuMSIXAsUser", 0),
         # Nothing is deleted, whatever the line says, and the tool is not started.
         _ignored(
             "LaunchInstallProxyPV",

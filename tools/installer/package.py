@@ -50,15 +50,18 @@ class Identity:
     company: str
     version: str
     description: str
+    # Where faults are reported.
+    faults: str
 
 
 def project_identity() -> Identity:
-    """Reads company, version and description where the project keeps them."""
+    """Reads all of it where the project keeps it."""
     text = paths.CMAKE_LISTS.read_text()
     return Identity(
         company=_only_match(r'set\(HALVARD_COMPANY "([^"]+)"\)', text),
         version=_only_match(r"project\(Halvard_CA\s+VERSION (\d+\.\d+\.\d+)", text),
         description=_only_match(r'DESCRIPTION "([^"]+)"', text),
+        faults=_only_match(r'set\(HALVARD_FAULTS "([^"]+)"\)', text),
     )
 
 

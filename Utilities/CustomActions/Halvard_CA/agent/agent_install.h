@@ -60,8 +60,8 @@ UINT __stdcall PostInstallUPA(MSIHANDLE session);
 /// "SYSTEM\CurrentControlSet\Control\Session Manager", REG_MULTI_SZ "PendingFileRenameOperations".
 /// Results: 0, also when the service does not start.
 /// Throws what CleanPendingRenames throws, before the service is started: a RegKeyError, or
-/// std::bad_alloc. Windows refuses its write, so this happens on every machine that has such a
-/// value.
+/// std::bad_alloc. Its write is refused, so this happens on every machine that has such a value,
+/// which is wherever renames wait for a restart.
 UINT __stdcall AfterInstallUPA(MSIHANDLE session);
 
 } // extern "C"

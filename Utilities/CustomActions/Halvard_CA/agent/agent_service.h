@@ -29,7 +29,9 @@ bool StartAgentService() noexcept;
 
 /// Creates the agent's service: it starts by itself, delayed, as LocalSystem. Its program lies
 /// beside the folder of the install manager, whose "InstallDir" has at most 260 bytes; one that is
-/// longer, or missing, counts as empty. A service that is there already keeps its configuration.
+/// longer, or missing, counts as empty. A service that is there already keeps its configuration. It
+/// is marked interactive, which no service can be any more: each start of it writes the event 7030
+/// and is none the worse (documented: "Interactive Services"; the number is assumed).
 ///
 /// "Error: Failed to open SCM.\n" goes to standard output; nothing else is reported. The handle of
 /// the service manager stays open.

@@ -44,7 +44,8 @@ extern "C" {
 /// Writes "TeloClient" and the client's status, 1 or 2, and creates the keys for them. Stores its
 /// session as the current session.
 /// Results: 0, 259. ERROR_SUCCESS to go on with the agent, and ERROR_NO_MORE_ITEMS, which skips the
-/// rest of the sequence without an error, when another client has the agent installed, or on an
+/// rest of the sequence without an error (documented: "Custom Action Return Values"; for a deferred
+/// action no closer), when another client has the agent installed, or on an
 /// installation when the agent is there in a version that is not older. The first client ever gets
 /// ERROR_SUCCESS. A registry that cannot be read or written is taken for an empty one.
 /// Throws std::out_of_range when the data ends before the value of Action= or CurrentVersion=

@@ -9,7 +9,9 @@ namespace halvard {
 ///
 /// A folder that cannot be opened to read and write its list stays as it is, and so does one whose
 /// list cannot be read: the entry must never take the place of a list. A folder that is open to
-/// everyone because it has no list gets one with this entry only. Reports nothing and throws
+/// everyone because it has no list gets one with this entry only. The entry is inheritable, and
+/// Windows passes it on to what is in the folder already (documented: "SetSecurityInfo function").
+/// Reports nothing and throws
 /// nothing.
 ///
 /// The handle of the folder, the group's identifier and the new list stay in the process.

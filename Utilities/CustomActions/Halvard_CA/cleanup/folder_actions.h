@@ -10,7 +10,8 @@
 namespace halvard {
 
 /// Asks the command tool of the settings application to exit, and gives it 30000 ms; what it
-/// answers, and whether it ends in time, does not matter. Called before its folder is removed.
+/// answers, and whether it ends in time, does not matter. Called before its folder is removed. The
+/// tool may be over before the application has let go of that folder.
 ///
 /// Throws RegKeyError when the install key or its "Location" is missing, and std::system_error when
 /// the tool cannot be started or asked.
@@ -36,6 +37,9 @@ UINT __stdcall DeletePVFolder(MSIHANDLE session);
 ///
 /// Deferred action, result ignored, without CustomActionData. Inputs: as DeletePVFolder, but for
 /// pvcmd.exe. Stores its session as the current session.
+/// PowerShell is named by the variable SYSTEMROOT, and the shell is not asked to expand it
+/// (SEE_MASK_DOENVSUBST, documented: "SHELLEXECUTEINFOW"). Whether it does is open; where it does
+/// not, PowerShell never starts and the folder stays.
 /// Results: 0, whatever PowerShell did and whether the folder was there.
 /// Throws std::system_error when PowerShell cannot be started or asked, before the registry is
 /// read; RegKeyError and std::filesystem::filesystem_error as DeletePVFolder.

@@ -21,7 +21,7 @@ std::wstring GrantCommand(const std::wstring& path);
 std::wstring UnregisterCommand(const std::wstring& installDir, const std::wstring& dllName);
 
 /// Registers a COM server, always with a backslash between folder and name: an `installDir` that
-/// ends in one gives two, which Windows takes for one.
+/// ends in one gives two, which Windows takes for one (assumed).
 std::wstring RegisterCommand(const std::wstring& installDir, const std::wstring& dllName);
 
 } // namespace halvard

@@ -24,6 +24,8 @@ extern "C" {
 /// package installs to. Logs nothing and waits for each step without a time limit.
 /// Results: 0, 1603. ERROR_SUCCESS when both steps ended with 0, else ERROR_INSTALL_FAILURE. A
 /// certificate that cannot be imported does not keep the package from being added.
+/// Windows adds no package for the system (documented: "Troubleshooting packaging, deployment, and
+/// query of Windows apps", 0x80073CF9), so a package has this action once more as the user.
 /// Throws std::bad_alloc only.
 UINT __stdcall InstallContextMenuMSIX(MSIHANDLE session);
 

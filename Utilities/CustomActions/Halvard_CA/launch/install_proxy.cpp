@@ -98,8 +98,8 @@ UINT __stdcall LaunchInstallProxyPV(MSIHANDLE session) {
         FailFast();
     }
 
-    // The directory to start in is the command line too, on purpose. Windows refuses it, and the
-    // tool does not start.
+    // The directory to start in is the command line too, on purpose. Windows refuses it (assumed),
+    // and the tool does not start.
     std::wstring commandLine = *command;
     return RunCommandLine(commandLine.data(), *command, true) ? 1 : 0;
 }

@@ -15,7 +15,7 @@ extern "C" {
 
 /// Finds the application framework's command-line tool and has it install the proxy from the
 /// package's install directory. The working directory handed over is the command line itself, which
-/// Windows refuses, so in practice the tool does not start.
+/// Windows refuses (assumed), so in practice the tool does not start.
 ///
 /// Deferred action, result ignored. Inputs: CustomActionData (the install directory and nothing
 /// else, at most 259 wide characters; one that cannot be read is logged and taken for what the

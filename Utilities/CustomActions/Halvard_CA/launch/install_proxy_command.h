@@ -12,7 +12,8 @@ namespace halvard {
 std::wstring FrameworkToolPath(const std::wstring& location);
 
 /// The path of the proxy below the package's install directory, with two backslashes in front of
-/// the proxy's folder, or one behind a slash of the other kind: Windows takes them for one.
+/// the proxy's folder, or one behind a slash of the other kind: Windows takes them for one
+/// (assumed).
 std::wstring InstallProxyPath(const std::wstring& installDirectory);
 
 /// Lets the tool install the proxy; nothing when the command does not fit

@@ -26,14 +26,15 @@ UINT __stdcall ShutDownPivotConsole(MSIHANDLE session);
 /// Deferred action, result ignored, without CustomActionData. Inputs: HKLM
 /// "SOFTWARE\Qorta Technologies\Install\Zenvo DVR", REG_SZ "Location" (the installation folder).
 /// Results: 0, 1603. As those of ShutDownPivotConsole; a command tool that cannot be looked at
-/// counts as not there.
+/// counts as not there, and so does one whose path has 260 characters and more (documented:
+/// "PathFileExistsW function").
 /// Throws RegKeyError when the key or the value is missing, std::bad_alloc, and
 /// std::filesystem::filesystem_error ("exists") when the folder cannot be looked at.
 UINT __stdcall ShutDownDVR(MSIHANDLE session);
 
 /// Hands TaskKill.exe the programs VireoSettings.exe and, when the first start was refused,
-/// VireoSoftware.exe, in a working directory that does not exist: Windows refuses both starts and
-/// no process is ended.
+/// VireoSoftware.exe, in a working directory that does not exist: Windows refuses both starts
+/// (assumed: ERROR_DIRECTORY from 24H2 on, ERROR_INVALID_NAME before) and no process is ended.
 ///
 /// Deferred action, result ignored, without CustomActionData. Inputs: none.
 /// Results: 0, 1603. ERROR_INSTALL_FAILURE, or ERROR_SUCCESS should a start succeed after all.

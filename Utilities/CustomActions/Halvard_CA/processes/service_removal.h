@@ -27,8 +27,8 @@ extern "C" {
 /// Deferred action, result ignored. Inputs: the items ServiceName= (the service's key name) and
 /// DirectoryOfBinary= of CustomActionData. An absent item is not detected: its value is then the
 /// data from index 11 (ServiceName=) or 17 (DirectoryOfBinary=) onward. Of a configured
-/// binary path with quotes around it, or with arguments that have a slash in them, the folder leads
-/// nowhere as a rule, which throws.
+/// binary path with quotes around it, which is how Windows Installer stores one (assumed), or with
+/// arguments that have a slash in them, the folder leads nowhere as a rule, which throws.
 /// Stores its session as the current session, but of what it does only CustomActionData shows in
 /// the log. Blocks for about 3 seconds when the service does not stop.
 /// Results: 0, whatever became of the service.

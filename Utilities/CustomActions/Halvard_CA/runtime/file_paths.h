@@ -13,7 +13,7 @@ bool IsSlash(wchar_t character);
 std::wstring FileInFolder(const std::wstring& folder, const std::wstring& fileName);
 
 /// The path of a program in a folder, always with a backslash between them: a folder that ends in
-/// one gives two, which Windows takes for one and which existing tasks show.
+/// one gives two, which Windows takes for one (assumed) and which existing tasks show.
 std::wstring ProgramInFolder(const std::wstring& folder, const std::wstring& fileName);
 
 /// The folder part of a program's path: the text without its last component and without the run of

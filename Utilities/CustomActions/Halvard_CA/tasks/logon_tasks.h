@@ -14,7 +14,8 @@ extern "C" {
 /// "SOFTWARE\Qorta Technologies\Install\Pivot", REG_SZ "Location" (the installation folder), and
 /// StartPV.xml in that folder.
 /// Leaves a copy of StartPV.xml, its working directory rewritten, in the temporary folder; the task
-/// is made from the installed file all the same.
+/// is made from the installed file all the same. A principal with a password lets schtasks /change
+/// wait for one, unseen and without end (documented: "schtasks change").
 /// Results: 0, 1603. ERROR_SUCCESS, whatever became of schtasks and of the rewriting, or
 /// ERROR_INSTALL_FAILURE when the installation folder does not exist. A create or change command of
 /// 260 wide characters and more is not run.
