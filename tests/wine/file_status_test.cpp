@@ -98,6 +98,8 @@ TEST(QueryKind, TellsFilesFoldersAndWhatIsMissing) {
     EXPECT_EQ(halvard::QueryKind(scratch.Path(), "status"), FileKind::Directory);
     EXPECT_EQ(halvard::QueryKind(scratch.Path() + L"\\", "status"), FileKind::Directory);
     EXPECT_EQ(halvard::QueryKind(scratch.File(L"file"), "status"), FileKind::File);
+    EXPECT_EQ(halvard::QueryKind(scratch.File(L"file\\"), "status"), FileKind::Missing);
+    EXPECT_EQ(halvard::QueryKind(scratch.File(L"file/"), "status"), FileKind::Missing);
     EXPECT_EQ(halvard::QueryKind(scratch.File(L"missing"), "status"), FileKind::Missing);
     EXPECT_EQ(halvard::QueryKind(scratch.File(L"missing\\file"), "status"), FileKind::Missing);
     EXPECT_EQ(halvard::QueryKind(L"", "status"), FileKind::Missing);

@@ -206,6 +206,16 @@ TEST_F(LaunchInstallProxyPVTest, ALocationThatIsAFileIsTaken) {
     EXPECT_EQ(session_.LogLines(), Lines{ToolLine(file + L"\\CLI.exe")});
 }
 
+TEST_F(LaunchInstallProxyPVTest, ALocationThatIsAFileWithASeparatorBehindItIsNotThere) {
+    const std::wstring file = scratch_.File(L"file");
+    halvard_tests::WriteWholeFile(file, std::string());
+    SetLocation(file + L"\\");
+    COUNT_CALLS(creating, CreateProcessW);
+    EXPECT_EQ(Launch(), 0U);
+    EXPECT_EQ(session_.LogLines(), Lines{});
+    EXPECT_EQ(creating.Calls(), 0);
+}
+
 TEST_F(LaunchInstallProxyPVTest, ThrowsWhenWindowsDoesNotTellWhetherTheLocationExists) {
     FAIL_CALL(asking, GetFileAttributesW, 1, INVALID_FILE_ATTRIBUTES, ERROR_ACCESS_DENIED);
     halvard_tests::ExpectFileSystemError([&] { Launch(); }, "exists", Framework(),

@@ -10,8 +10,9 @@ namespace halvard {
 
 namespace {
 
-// FileInternalInformation and its structure, which some headers lack.
-constexpr auto kFileInternalInformation = static_cast<FILE_INFORMATION_CLASS>(6);
+// FileInternalInformation and its structure, which some headers lack: no constant expression, for
+// there the number is outside of what the enumeration can hold.
+const auto kFileInternalInformation = static_cast<FILE_INFORMATION_CLASS>(6);
 struct InternalInformation {
     LARGE_INTEGER indexNumber;
 };
@@ -21,8 +22,8 @@ std::uint64_t KnownFileId(LARGE_INTEGER fileId) {
     return fileId.QuadPart == -1 ? 0 : static_cast<std::uint64_t>(fileId.QuadPart);
 }
 
-// Its volume is not asked for: that takes as long as removing several files, and a name that is
-// opened in a folder that is no link is on the volume of the folder.
+// Its volume is not asked for: a name that is opened in a folder that is no link is on the volume of
+// the folder, and under Wine the question takes as long as removing several files.
 std::uint64_t ReadFileId(HANDLE opened) {
     InternalInformation info = {};
     IO_STATUS_BLOCK result = {};

@@ -50,13 +50,15 @@ public:
     /// Opens what a path in the extended-length form leads to, as itself: ERROR_DIRECTORY (267) for
     /// a file, ERROR_SHARING_VIOLATION (32) where another process has the folder open for its
     /// deletion. The folder above is listed, to see that this one lies in it, which takes time with
-    /// the number of entries there: ERROR_DIR_NOT_EMPTY (145) when it does not.
+    /// the number of entries there: ERROR_DIR_NOT_EMPTY (145) when it does not. Where that folder
+    /// cannot be listed, or this one has no identity, it is taken to lie there.
     DWORD OpenTop(const std::wstring& systemPath, FolderUse use);
 
     /// Opens a folder listed in `parent`. One that cannot be deleted now, such as the current
     /// directory of a process, is opened for listing alone. ERROR_SHARING_VIOLATION (32) where
     /// another process has the folder open for its deletion, ERROR_DIR_NOT_EMPTY (145) when it is
-    /// not the folder that was listed any more, and as OpenForDeletion.
+    /// not the folder that was listed any more, and as OpenForDeletion. What was listed as a
+    /// reparse point of whatever kind, and has no tag now, counts as a link.
     DWORD OpenIn(const HeldFolder& parent, const ListedEntry& folder, FolderUse use);
 
     /// Lets go of a folder that is open for listing alone, and opens it once more for its deletion:

@@ -2,8 +2,8 @@
 
 #include "cleanup/held_folder.h"
 
-#include <string>
 #include <list>
+#include <string>
 
 namespace halvard {
 

@@ -141,7 +141,11 @@ FileKind QueryKind(const std::wstring& path, const char* operation) {
     if (tag == IO_REPARSE_TAG_MOUNT_POINT) {
         return FileKind::Junction;
     }
-    return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? FileKind::Directory : FileKind::File;
+    if ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+        return FileKind::Directory;
+    }
+    // The extended-length form has none at its end, and with one Windows knows no file.
+    return path.back() == L'\\' || path.back() == L'/' ? FileKind::Missing : FileKind::File;
 }
 
 bool ExistsOrThrow(const std::wstring& path) {
