@@ -13,6 +13,7 @@ import sys
 import textwrap
 from dataclasses import dataclass
 from pathlib import Path
+from typing import Iterable
 
 from installer import paths
 from installer.actions import Action, actions
@@ -22,6 +23,7 @@ NOTICE = f"Written by ./run generate from {TABLE}"
 DEFINITION = paths.LIBRARY_EXPORTS
 INCLUDE = paths.PACKAGE_SOURCES / "halvard_actions.wxi"
 INCLUDE_OF_WIX_4 = paths.PACKAGE_SOURCES / "halvard_actions.v4.wxi"
+RUNNER_TABLE = paths.ROOT / "tools/runner/action_table.cpp"
 REFERENCE = paths.ROOT / "docs/actions.md"
 # The width of the documents, in characters.
 WIDTH = 105
@@ -66,6 +68,27 @@ OF_WIXL = """ Where wixl compiles it, schedule by Sequence: it puts actions with
      makes an immediate action of one that is declared again for rollback."""
 
 
+RUNNER_HEAD = """\
+// {notice}.
+
+#include "action_table.h"
+
+namespace halvard_runner {{
+
+// clang-format off
+const std::vector<ActionFacts>& ActionTable() {{
+    static const std::vector<ActionFacts> table = {{
+"""
+RUNNER_END = """\
+    };
+    return table;
+}
+// clang-format on
+
+} // namespace halvard_runner
+"""
+
+
 def main() -> int:
     for file, text in generated().items():
         if not file.exists() or file.read_text(encoding="utf-8") != text:
@@ -81,6 +104,7 @@ def generated() -> dict[Path, str]:
         DEFINITION: definition(table),
         INCLUDE: include(table, WIX_3),
         INCLUDE_OF_WIX_4: include(table, WIX_4),
+        RUNNER_TABLE: runner_table(table),
         REFERENCE: reference(table, REFERENCE.read_text(encoding="utf-8")),
     }
 
@@ -128,6 +152,58 @@ def declaration(action: Action, language: Language) -> str:
         f'    <CustomAction Id="{action.name}" {language.binary}="Halvard_CA"\n'
         f'                  DllEntry="{action.name}"\n'
         f"                  {declared}/>\n"
+    )
+
+
+def runner_table(table: list[Action]) -> str:
+    """The table that halvard_run knows the actions by, in C++."""
+    return RUNNER_HEAD.format(notice=NOTICE) + "".join(map(runner_row, table)) + RUNNER_END
+
+
+def runner_row(action: Action) -> str:
+    fields = [
+        wide(action.name),
+        wide(action.subsystem),
+        wide(plain(action.does)),
+        f"Execution::{action.execution.capitalize()}",
+        # What runs at once runs as the user whatever is declared.
+        cpp(action.impersonate or action.execution == "immediate"),
+        cpp(action.return_attribute == "check"),
+        wide(plain(action.why)),
+        wide(plain(action.schedule)),
+        braced(braced([wide(key.name), cpp(key.needed)]) for key in action.data),
+        wide(plain(action.whole_data)),
+        braced(map(wide, action.properties)),
+        braced(map(wide, action.registry)),
+        braced(
+            braced([wide(str(each.value)), wide(each.note), wide(plain(each.means))])
+            for each in action.results
+        ),
+        braced(map(wide, action.exceptions)),
+        wide(plain(action.throws)),
+    ]
+    return "        {" + ",\n         ".join(fields) + "},\n"
+
+
+def cpp(value: bool) -> str:
+    return "true" if value else "false"
+
+
+def braced(items: Iterable[str]) -> str:
+    return "{" + ", ".join(items) + "}"
+
+
+def wide(text: str) -> str:
+    """A text as a literal of C++."""
+    if not text.isascii() or not text.isprintable():
+        raise ValueError(f"no literal of C++ is made of {text!r}")
+    return 'L"' + text.replace("\\", "\\\\").replace('"', '\\"') + '"'
+
+
+def plain(text: str) -> str:
+    """A text without marks for code, but for quotes where blanks would else be lost."""
+    return re.sub(
+        r"`([^`]*)`", lambda code: code[1] if code[1] == code[1].strip() else f'"{code[1]}"', text
     )
 
 

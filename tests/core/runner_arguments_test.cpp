@@ -62,6 +62,15 @@ TEST(ParseArguments, LetsTheHelpWinOverAllThatIsWrong) {
     EXPECT_EQ(ParseArguments({L"LaunchPV", L"--nonsense", L"=", L"-h"}).request, Request::Help);
 }
 
+TEST(ParseArguments, TakesTheActionThatTheHelpIsAskedOf) {
+    EXPECT_EQ(ParseArguments({L"--dll", L"a.dll", L"--help", L"LaunchPV"}).action, L"LaunchPV");
+    EXPECT_EQ(ParseArguments({L"LaunchPV", L"A=1", L"-h"}).action, L"LaunchPV");
+    for (const Words& words :
+         {Words{L"-h"}, Words{L"list", L"-h"}, Words{L"", L"A=1", L"-h"}, Words{L"-h", L"--dll"}}) {
+        EXPECT_EQ(ParseArguments(words).action, L"");
+    }
+}
+
 TEST(ParseArguments, RefusesMalformedProperties) {
     ExpectRefusal({L"LaunchPV", L"Name"}, L"\"Name\" is no property: Property=Value is expected");
     for (const wchar_t* const name : {L"", L"9A", L".A", L"A B", L"A-B", L"\u00C4"}) {

@@ -1,3 +1,4 @@
+#include "json.h"
 #include "names.h"
 #include "report.h"
 
@@ -86,6 +87,12 @@ TEST(NamesNear, FindsWhatWasMeant) {
     EXPECT_EQ(NamesNear(L"LaunchPV", {}), Names{});
 }
 
+TEST(MeantText, NamesWhatWasMeant) {
+    EXPECT_EQ(halvard_runner::MeantText(L"launchpv", {L"LaunchPV"}), L"; did you mean LaunchPV?");
+    EXPECT_EQ(halvard_runner::MeantText(L"AC", {L"AA", L"AB"}), L"; did you mean AA or AB?");
+    EXPECT_EQ(halvard_runner::MeantText(L"Other", {L"LaunchPV"}), L"; halvard_run list shows them");
+}
+
 TEST(MessageLines, IndentsFurtherLinesAndDropsTheLastEnds) {
     EXPECT_EQ(MessageLines({kLog, L"one\r\n\r\ntwo\n\r\n"}),
               L"log         one\n\n            two\n");
@@ -161,12 +168,6 @@ TEST(OutcomeJson, HasNullForWhatIsNotKnown) {
               L"\"messages\": [], \"result\": null, \"result_name\": null, "
               L"\"exception\": {\"kind\": \"abort\", \"type\": null, \"code\": null, "
               L"\"category\": null, \"text\": \"\"}, \"milliseconds\": 0.0, \"exit_code\": 7}\n");
-}
-
-TEST(ListJson, HoldsTheNames) {
-    EXPECT_EQ(halvard_runner::ListJson(L"a.dll", {L"A", L"B"}),
-              L"{\"dll\": \"a.dll\", \"actions\": [\"A\", \"B\"]}\n");
-    EXPECT_EQ(halvard_runner::ListJson(L"a.dll", {}), L"{\"dll\": \"a.dll\", \"actions\": []}\n");
 }
 
 TEST(ErrorJson, HoldsTextAndExitCode) {

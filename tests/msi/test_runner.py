@@ -14,6 +14,7 @@ from typing import Iterator
 
 import pytest
 
+import generate
 from installer import actions, companion, engines, paths
 from installer.prefix import Prefix
 from processes import processes_of
@@ -91,19 +92,69 @@ def without_duration(output: str) -> str:
     return text
 
 
-def test_the_actions_are_listed(call):
+def told_of(action: actions.Action) -> dict:
+    """What the runner tells scripts of an action."""
+    return {
+        "name": action.name,
+        "subsystem": action.subsystem,
+        "does": generate.plain(action.does),
+        "execution": action.execution,
+        "impersonated": action.impersonate or action.execution == "immediate",
+        "checked": action.return_attribute == "check",
+        "why": generate.plain(action.why),
+        "schedule": generate.plain(action.schedule),
+        "data": [{"key": key.name, "needed": key.needed} for key in action.data],
+        "whole_data": generate.plain(action.whole_data) or None,
+        "properties": list(action.properties),
+        "registry": list(action.registry),
+        "results": [
+            {
+                "value": each.value if each.fixed else None,
+                "note": each.note or None,
+                "means": generate.plain(each.means),
+            }
+            for each in action.results
+        ],
+        "exceptions": list(action.exceptions),
+        "throws": generate.plain(action.throws) or None,
+    }
+
+
+def test_the_actions_are_listed_with_what_they_do(call):
     done = call("list")
     assert (done.code, done.errors) == (SUCCESS, "")
-    assert done.output.splitlines() == exported()
+    assert re.findall(r"^(\w+)\n    ", done.output, re.MULTILINE) == exported()
+    assert "    immediate, Return=\"check\"\n    Stops an installation that" in done.output
 
 
 def test_the_actions_are_listed_for_scripts(call):
     listed = call("list", "--json").json
-    assert listed == {"dll": named_by_runner(paths.LIBRARY), "actions": exported()}
+    by_name = {action.name: told_of(action) for action in actions.actions()}
+    assert listed == {
+        "dll": named_by_runner(paths.LIBRARY),
+        "actions": [by_name[name] for name in exported()],
+        "exit_code": SUCCESS,
+    }
+
+
+def test_one_action_is_told_of(call):
+    (facts,) = [each for each in actions.actions() if each.name == "UnregisterDLL"]
+    assert call("UnregisterDLL", "--help", "--json").json == told_of(facts)
+    done = call("UnregisterDLL", "-h")
+    assert (done.code, done.errors) == (SUCCESS, "")
+    assert done.output.startswith("UnregisterDLL\n    Unregisters a COM server.\n\n")
+    assert "data        InstallDir= (needed), DLLName= (needed)\n" in done.output
+    assert "results     0: unregistered.\n            1603: regsvr32.exe answered" in done.output
+
+
+def test_an_action_outside_of_the_table_cannot_be_told_of(call):
+    done = call("UnregisterDl", "--help")
+    assert (done.code, done.output) == (NO_ACTION, "")
+    assert "has no UnregisterDl; did you mean UnregisterDLL?" in done.errors
 
 
 def test_another_library_is_listed(call):
-    assert "OverflowTheStack" in call("list", *LIBRARY).output.splitlines()
+    assert "OverflowTheStack\n    not in the table" in call("list", *LIBRARY).output
 
 
 def test_an_action_gets_its_properties_and_its_log_lines_are_shown(call):

@@ -11,6 +11,7 @@ namespace {
 constexpr const wchar_t* kHelp = LR"(Calls one action of Halvard_CA.dll without a package.
 
   halvard_run list [--dll PATH] [--json]
+  halvard_run ACTION --help [--json]
   halvard_run ACTION [Property=Value...] [--dll PATH] [--json]
 
 The action runs for real: on this machine, with the rights of the caller, in the
@@ -20,7 +21,11 @@ and nothing of a package. Property names keep their case; a value is taken as it
 is, and square brackets in it are not replaced. A backslash right before a
 closing quote has to be doubled, or the quote becomes part of the value.
 
-  list         the names that the library exports, one a line
+  list         the actions that the library exports, each with what to declare it
+               as and what it does
+  ACTION --help
+               what to know of one action: declaration, place, data,
+               properties, keys of the registry, results, what it throws
   --dll PATH   the library; Halvard_CA.dll beside this program without it
   --json       one JSON object, for scripts: action, dll, properties, log,
                messages (kind, type, text), result, result_name, exception
@@ -84,6 +89,20 @@ bool Contains(const std::vector<std::wstring>& arguments, const wchar_t* wanted)
     return std::find(arguments.begin(), arguments.end(), wanted) != arguments.end();
 }
 
+/// The action that is named, where arguments need not be right; empty without one.
+std::wstring NamedAction(const std::vector<std::wstring>& arguments) {
+    for (std::size_t position = 0; position < arguments.size(); ++position) {
+        const std::wstring& argument = arguments[position];
+        if (argument == L"--dll") {
+            ++position;
+        } else if (!argument.empty() && argument.front() != L'-') {
+            return argument == L"list" || argument.find(L'=') != std::wstring::npos ? L""
+                                                                                    : argument;
+        }
+    }
+    return {};
+}
+
 /// Takes `--dll PATH` or `--dll=PATH`; `position` ends at the last argument that was taken.
 bool TakeLibrary(const std::vector<std::wstring>& arguments, std::size_t& position,
                  Arguments& parsed) {
@@ -120,6 +139,7 @@ Arguments ParseArguments(const std::vector<std::wstring>& arguments) {
     parsed.json = WantsJson(arguments);
     if (Contains(arguments, L"--help") || Contains(arguments, L"-h")) {
         parsed.request = Request::Help;
+        parsed.action = NamedAction(arguments);
         return parsed;
     }
     if (Contains(arguments, L"--version")) {

@@ -24,7 +24,8 @@ struct Arguments {
     bool json = false;
 };
 
-/// Reads the arguments behind the program's name. `--help` and `--version` win over all the rest.
+/// Reads the arguments behind the program's name. `--help` and `--version` win over all the rest;
+/// an action that is named with `--help` is the one to tell of.
 ///
 /// Throws RunnerError (WrongArguments) for an unknown option, a missing action or path, and for a
 /// property without "=", with a name that the installer would not take, or given twice.

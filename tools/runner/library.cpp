@@ -87,13 +87,8 @@ Action Library::Find(const std::wstring& name) const {
             return action;
         }
     }
-    std::wstring text = path_ + L" has no action " + name;
-    const std::vector<std::wstring> meant = NamesNear(name, exports);
-    for (std::size_t i = 0; i < meant.size(); ++i) {
-        text += (i == 0 ? L"; did you mean " : L" or ") + meant[i];
-    }
     throw RunnerError(ExitCode::NoSuchAction,
-                      meant.empty() ? text + L"; halvard_run list shows them" : text + L"?");
+                      path_ + L" has no action " + name + MeantText(name, exports));
 }
 
 } // namespace halvard_runner

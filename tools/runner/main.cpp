@@ -1,9 +1,11 @@
 // halvard_run: calls one action of the library without a package. `halvard_run --help` tells how.
 
 #include "action_call.h"
+#include "action_page.h"
 #include "arguments.h"
 #include "bare_session.h"
 #include "library.h"
+#include "names.h"
 #include "report.h"
 #include "text_output.h"
 #include "version.h"
@@ -38,11 +40,24 @@ ExitCode List(const Arguments& arguments) {
     const std::vector<std::wstring> actions = library.Exports();
     if (arguments.json) {
         Write(STD_OUTPUT_HANDLE, ListJson(library.Path(), actions));
+    } else {
+        Write(STD_OUTPUT_HANDLE, ListLines(actions));
+    }
+    return ExitCode::Success;
+}
+
+ExitCode Help(const Arguments& arguments) {
+    if (arguments.action.empty()) {
+        Write(STD_OUTPUT_HANDLE, HelpText());
         return ExitCode::Success;
     }
-    for (const std::wstring& action : actions) {
-        Write(STD_OUTPUT_HANDLE, action + L"\n");
+    const ActionFacts* const facts = FindFacts(arguments.action);
+    if (facts == nullptr) {
+        throw RunnerError(ExitCode::NoSuchAction, L"the table of actions has no " +
+                                                      arguments.action +
+                                                      MeantText(arguments.action, TableNames()));
     }
+    Write(STD_OUTPUT_HANDLE, arguments.json ? ActionPageJson(*facts) : ActionPage(*facts));
     return ExitCode::Success;
 }
 
@@ -76,8 +91,7 @@ ExitCode Call(const Arguments& arguments) {
 ExitCode Run(const Arguments& arguments) {
     switch (arguments.request) {
     case Request::Help:
-        Write(STD_OUTPUT_HANDLE, HelpText());
-        return ExitCode::Success;
+        return Help(arguments);
     case Request::Version:
         Write(STD_OUTPUT_HANDLE, L"halvard_run " HALVARD_VERSION_TEXT "\n");
         return ExitCode::Success;

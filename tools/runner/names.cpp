@@ -1,5 +1,7 @@
 #include "names.h"
 
+#include "text.h"
+
 #include <algorithm>
 #include <numeric>
 
@@ -139,6 +141,12 @@ std::vector<std::wstring> NamesNear(const std::wstring& name,
         }
     }
     return nearest;
+}
+
+std::wstring MeantText(const std::wstring& name, const std::vector<std::wstring>& names) {
+    const std::vector<std::wstring> meant = NamesNear(name, names);
+    return meant.empty() ? L"; halvard_run list shows them"
+                         : L"; did you mean " + Joined(meant, L" or ") + L"?";
 }
 
 } // namespace halvard_runner

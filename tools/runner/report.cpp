@@ -1,38 +1,17 @@
 #include "report.h"
 
+#include "json.h"
 #include "names.h"
+#include "text.h"
 
 #include <algorithm>
 #include <cmath>
-#include <utility>
 
 namespace halvard_runner {
 
 namespace {
 
-std::wstring Hexadecimal(std::uint64_t number, std::size_t leastDigits) {
-    std::wstring text;
-    for (; number > 0 || text.size() < leastDigits; number /= 16) {
-        text.insert(text.begin(), L"0123456789ABCDEF"[number % 16]);
-    }
-    return text;
-}
-
 constexpr std::size_t kLabelWidth = 12;
-
-using Members = std::vector<std::pair<std::wstring, std::wstring>>;
-
-bool IsHighSurrogate(wchar_t c) {
-    return c >= 0xD800 && c <= 0xDBFF;
-}
-
-bool IsLowSurrogate(wchar_t c) {
-    return c >= 0xDC00 && c <= 0xDFFF;
-}
-
-std::wstring Escaped(wchar_t c) {
-    return L"\\u" + Hexadecimal(static_cast<std::uint32_t>(c), 4);
-}
 
 std::wstring Labelled(std::wstring label, const std::wstring& text) {
     label.resize(std::max(kLabelWidth, label.size() + 2), L' ');
@@ -54,29 +33,6 @@ std::wstring Labelled(std::wstring label, const std::wstring& text) {
 std::wstring Milliseconds(double milliseconds) {
     const long long tenths = std::llround(milliseconds * 10);
     return std::to_wstring(tenths / 10) + L"." + std::to_wstring(tenths % 10);
-}
-
-std::wstring Object(const Members& members) {
-    std::wstring text;
-    for (const auto& [name, value] : members) {
-        text += text.empty() ? L"{" : L", ";
-        text += JsonString(name) + L": " + value;
-    }
-    return text.empty() ? L"{}" : text + L"}";
-}
-
-template <typename Items, typename Text>
-std::wstring Array(const Items& items, Text text) {
-    std::wstring all;
-    for (const auto& item : items) {
-        all += all.empty() ? L"[" : L", ";
-        all += text(item);
-    }
-    return all.empty() ? L"[]" : all + L"]";
-}
-
-std::wstring StringOrNull(const std::wstring& text) {
-    return text.empty() ? L"null" : JsonString(text);
 }
 
 bool IsLogLine(const Message& message) {
@@ -101,11 +57,11 @@ std::wstring CodeText(std::int64_t code) {
 }
 
 std::wstring ExceptionJson(const EscapedException& exception) {
-    return Object({
+    return JsonObject({
         {L"kind", JsonString(exception.kind)},
-        {L"type", StringOrNull(exception.type)},
+        {L"type", JsonStringOrNull(exception.type)},
         {L"code", exception.code ? std::to_wstring(*exception.code) : L"null"},
-        {L"category", StringOrNull(exception.category)},
+        {L"category", JsonStringOrNull(exception.category)},
         {L"text", JsonString(exception.text)},
     });
 }
@@ -128,7 +84,7 @@ std::wstring ExceptionLines(const EscapedException& exception) {
 } // namespace
 
 std::wstring HexadecimalText(std::uint64_t number) {
-    return L"0x" + Hexadecimal(number, 1);
+    return L"0x" + HexadecimalDigits(number, 1);
 }
 
 ExitCode ExitCodeOf(const Outcome& outcome) {
@@ -156,31 +112,9 @@ std::wstring EndLines(const Outcome& outcome) {
     return lines + Labelled(L"duration", Milliseconds(outcome.milliseconds) + L" ms");
 }
 
-std::wstring JsonString(const std::wstring& text) {
-    std::wstring quoted = L"\"";
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const wchar_t c = text[i];
-        const bool pair = IsHighSurrogate(c) && i + 1 < text.size() && IsLowSurrogate(text[i + 1]);
-        if (pair) {
-            quoted += c;
-            quoted += text[++i];
-        } else if (c == L'"' || c == L'\\') {
-            quoted += L'\\';
-            quoted += c;
-        } else if (c == L'\n') {
-            quoted += L"\\n";
-        } else if (c < 0x20 || IsHighSurrogate(c) || IsLowSurrogate(c)) {
-            quoted += Escaped(c);
-        } else {
-            quoted += c;
-        }
-    }
-    return quoted + L'"';
-}
-
 std::wstring OutcomeJson(const Arguments& arguments, const std::wstring& library,
                          const Outcome& outcome) {
-    Members properties;
+    JsonMembers properties;
     for (const Property& property : arguments.properties) {
         properties.emplace_back(property.name, JsonString(property.value));
     }
@@ -189,18 +123,18 @@ std::wstring OutcomeJson(const Arguments& arguments, const std::wstring& library
         return JsonString(message.text);
     };
     const auto whole = [](const Message& message) {
-        return Object({{L"kind", JsonString(MessageKind(message.type))},
-                       {L"type", std::to_wstring(message.type)},
-                       {L"text", JsonString(message.text)}});
+        return JsonObject({{L"kind", JsonString(MessageKind(message.type))},
+                           {L"type", std::to_wstring(message.type)},
+                           {L"text", JsonString(message.text)}});
     };
-    return Object({
+    return JsonObject({
                {L"action", JsonString(arguments.action)},
                {L"dll", JsonString(library)},
-               {L"properties", Object(properties)},
-               {L"log", Array(Chosen(outcome.messages, true), text)},
-               {L"messages", Array(Chosen(outcome.messages, false), whole)},
+               {L"properties", JsonObject(properties)},
+               {L"log", JsonArray(Chosen(outcome.messages, true), text)},
+               {L"messages", JsonArray(Chosen(outcome.messages, false), whole)},
                {L"result", outcome.result ? std::to_wstring(*outcome.result) : L"null"},
-               {L"result_name", StringOrNull(name == nullptr ? L"" : name)},
+               {L"result_name", JsonStringOrNull(name == nullptr ? L"" : name)},
                {L"exception", outcome.exception ? ExceptionJson(*outcome.exception) : L"null"},
                {L"milliseconds", Milliseconds(outcome.milliseconds)},
                {L"exit_code", std::to_wstring(static_cast<int>(ExitCodeOf(outcome)))},
@@ -208,14 +142,9 @@ std::wstring OutcomeJson(const Arguments& arguments, const std::wstring& library
            L"\n";
 }
 
-std::wstring ListJson(const std::wstring& library, const std::vector<std::wstring>& actions) {
-    return Object({{L"dll", JsonString(library)}, {L"actions", Array(actions, JsonString)}}) +
-           L"\n";
-}
-
 std::wstring ErrorJson(const RunnerError& error) {
-    return Object({{L"error", JsonString(error.Text())},
-                   {L"exit_code", std::to_wstring(static_cast<int>(error.Code()))}}) +
+    return JsonObject({{L"error", JsonString(error.Text())},
+                       {L"exit_code", std::to_wstring(static_cast<int>(error.Code()))}}) +
            L"\n";
 }
 

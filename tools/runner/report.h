@@ -50,15 +50,10 @@ std::wstring MessageLines(const Message& message);
 /// How the action ended, for a reader.
 std::wstring EndLines(const Outcome& outcome);
 
-/// `text` as a JSON string. A surrogate without its partner is escaped, so that the whole can be
-/// written in UTF-8.
-std::wstring JsonString(const std::wstring& text);
-
 /// A call for scripts: one JSON object, with a line end.
 std::wstring OutcomeJson(const Arguments& arguments, const std::wstring& library,
                          const Outcome& outcome);
 
-std::wstring ListJson(const std::wstring& library, const std::vector<std::wstring>& actions);
 std::wstring ErrorJson(const RunnerError& error);
 
 } // namespace halvard_runner
