@@ -2,7 +2,8 @@
 
 The arguments are those of halvard_run; `--dll` may name a file of this machine, which the prefix gets
 a copy of. What halvard_run prints comes out as it is, and its exit code is the one here, but for 125
-when no prefix could be had and 130 after Ctrl-C, 143 or 129 after SIGTERM or SIGHUP.
+when no prefix could be had and 130 after Ctrl-C, 143 or 129 after SIGTERM or SIGHUP. What cannot be
+written, as on a full disk, is told with the exit code that halvard_run has for it.
 A second call waits until the first one has ended; ./run refuses it before.
 """
 
@@ -12,13 +13,13 @@ import shutil
 import subprocess
 import sys
 import threading
-from contextlib import suppress
 from typing import BinaryIO
 
 from installer import ending, paths
 from installer.prefix import Prefix
 
 NO_PREFIX = 125
+NOT_WRITTEN = 9
 OPTION = "--dll"
 
 
@@ -50,9 +51,10 @@ def _call_alone(arguments: list[str]) -> int:
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
         )
+        failures: list[OSError] = []
         forwarded = [
-            _forward(process.stdout, sys.stdout.fileno()),
-            _forward(process.stderr, sys.stderr.fileno()),
+            _forward(process.stdout, sys.stdout.fileno(), failures),
+            _forward(process.stderr, sys.stderr.fileno(), failures),
         ]
         try:
             code = process.wait()
@@ -62,6 +64,9 @@ def _call_alone(arguments: list[str]) -> int:
     # What the action has left running holds the pipes open until the prefix ends.
     for thread in forwarded:
         thread.join()
+    if failures:
+        print(f"action: not all could be written: {failures[0]}", file=sys.stderr)
+        return NOT_WRITTEN
     return code
 
 
@@ -85,13 +90,17 @@ def _copied(path: str, prefix: Prefix) -> str:
     return rf"t:\{library.name}"
 
 
-def _forward(source: BinaryIO, target: int) -> threading.Thread:
+def _forward(source: BinaryIO, target: int, failures: list[OSError]) -> threading.Thread:
     def copy() -> None:
         while data := source.read1():
-            # A reader that has gone does not keep the action from its end.
-            with suppress(BrokenPipeError):
+            try:
                 while data:
                     data = data[os.write(target, data) :]
+            except BrokenPipeError:
+                # A reader that has gone does not keep the action from its end.
+                continue
+            except OSError as failure:
+                failures.append(failure)
 
     thread = threading.Thread(target=copy, daemon=True)
     thread.start()

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -21,20 +22,25 @@ struct Arguments {
     std::vector<Property> properties;
     /// Empty for the library beside the program.
     std::wstring dll;
+    /// Seconds; 0 for none.
+    std::uint32_t limit = 600;
     bool json = false;
 };
 
 /// Reads the arguments behind the program's name. `--help` and `--version` win over all the rest;
 /// an action that is named with `--help` is the one to tell of.
 ///
-/// Throws RunnerError (WrongArguments) for an unknown option, a missing action or path, and for a
-/// property without "=", with a name that the installer would not take, or given twice.
+/// Throws RunnerError (WrongArguments) for an unknown option, a missing action or path, for a
+/// property without "=", with a name that the installer would not take, or given twice, and for a
+/// value with a quote that is not said to be meant.
 Arguments ParseArguments(const std::vector<std::wstring>& arguments);
 
-/// Whether errors are to be told as JSON: also when the arguments cannot be read.
+/// Whether errors are to be told as JSON: also when the arguments cannot be read, and when a quote
+/// has taken the option into the value before it.
 bool WantsJson(const std::vector<std::wstring>& arguments);
 
 /// What `--help` prints.
-const wchar_t* HelpText();
+std::wstring HelpText();
+std::wstring HelpJson();
 
 } // namespace halvard_runner

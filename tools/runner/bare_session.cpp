@@ -114,11 +114,12 @@ TemporaryFile::~TemporaryFile() {
     DeleteFileW(path_.c_str());
 }
 
-BareSession::BareSession(Receiver receiver) : receiver_(std::move(receiver)) {
-    WritePackage(package_.Path());
+BareSession::BareSession(Receiver receiver, const std::wstring& package)
+    : receiver_(std::move(receiver)) {
+    const std::wstring& path = package.empty() ? ownPackage_.emplace().Path() : package;
+    WritePackage(path);
     MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
-    Check(MsiOpenPackageExW(package_.Path().c_str(), MSIOPENPACKAGEFLAGS_IGNOREMACHINESTATE,
-                            &session_),
+    Check(MsiOpenPackageExW(path.c_str(), MSIOPENPACKAGEFLAGS_IGNOREMACHINESTATE, &session_),
           L"no installer session can be opened");
     MsiSetExternalUIW(Receive, kAllMessages, &receiver_);
 }

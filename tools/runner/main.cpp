@@ -1,9 +1,8 @@
 // halvard_run: calls one action of the library without a package. `halvard_run --help` tells how.
 
-#include "action_call.h"
 #include "action_page.h"
 #include "arguments.h"
-#include "bare_session.h"
+#include "call_process.h"
 #include "library.h"
 #include "names.h"
 #include "report.h"
@@ -27,14 +26,6 @@ std::vector<std::wstring> CommandLineArguments() {
     return arguments;
 }
 
-/// The current directory of an action under the installer. Actions that are given no full path
-/// would else look where the caller happens to be.
-void GoToSystemFolder() {
-    wchar_t folder[MAX_PATH] = {};
-    GetSystemDirectoryW(folder, MAX_PATH);
-    SetCurrentDirectoryW(folder);
-}
-
 ExitCode List(const Arguments& arguments) {
     const Library library(arguments.dll);
     const std::vector<std::wstring> actions = library.Exports();
@@ -48,7 +39,7 @@ ExitCode List(const Arguments& arguments) {
 
 ExitCode Help(const Arguments& arguments) {
     if (arguments.action.empty()) {
-        Write(STD_OUTPUT_HANDLE, HelpText());
+        Write(STD_OUTPUT_HANDLE, arguments.json ? HelpJson() : HelpText());
         return ExitCode::Success;
     }
     const ActionFacts* const facts = FindFacts(arguments.action);
@@ -62,29 +53,19 @@ ExitCode Help(const Arguments& arguments) {
 }
 
 ExitCode Call(const Arguments& arguments) {
-    const Library library(arguments.dll);
-    const Action action = library.Find(arguments.action);
-    GoToSystemFolder();
-
-    std::vector<Message> messages;
-    bool called = false;
-    const BareSession session([&](const Message& message) {
-        if (!called) {
-            return; // of the session's own making
-        }
-        messages.push_back(message);
+    const auto tell = [&](const std::wstring& lines) {
         if (!arguments.json) {
-            Write(STD_OUTPUT_HANDLE, MessageLines(message));
+            Write(STD_OUTPUT_HANDLE, lines);
         }
-    });
-    for (const Property& property : arguments.properties) {
-        session.SetProperty(property);
-    }
-    called = true;
-    Outcome outcome = CallAction(action, session.Get());
-    outcome.messages = messages;
-    Write(STD_OUTPUT_HANDLE,
-          arguments.json ? OutcomeJson(arguments, library.Path(), outcome) : EndLines(outcome));
+    };
+    const Outcome outcome =
+        CallInProcess(arguments, {[&](const Message& message) { tell(MessageLines(message)); },
+                                  [&](Stream stream, const std::wstring& line) {
+                                      tell(StreamLine(stream, line));
+                                  }});
+    Write(STD_OUTPUT_HANDLE, arguments.json
+                                 ? OutcomeJson(arguments, LibraryPath(arguments.dll), outcome)
+                                 : EndLines(outcome));
     return ExitCodeOf(outcome);
 }
 
@@ -93,7 +74,8 @@ ExitCode Run(const Arguments& arguments) {
     case Request::Help:
         return Help(arguments);
     case Request::Version:
-        Write(STD_OUTPUT_HANDLE, L"halvard_run " HALVARD_VERSION_TEXT "\n");
+        Write(STD_OUTPUT_HANDLE, arguments.json ? VersionJson(L"" HALVARD_VERSION_TEXT)
+                                                : L"halvard_run " HALVARD_VERSION_TEXT "\n");
         return ExitCode::Success;
     case Request::List:
         return List(arguments);
@@ -103,10 +85,7 @@ ExitCode Run(const Arguments& arguments) {
     return Call(arguments);
 }
 
-} // namespace
-
-int main() {
-    const std::vector<std::wstring> arguments = CommandLineArguments();
+int RunAndTell(const std::vector<std::wstring>& arguments) {
     try {
         return static_cast<int>(Run(ParseArguments(arguments)));
     } catch (const RunnerError& error) {
@@ -119,4 +98,21 @@ int main() {
         }
         return static_cast<int>(error.Code());
     }
+}
+
+} // namespace
+
+int main() {
+    std::vector<std::wstring> arguments = CommandLineArguments();
+    if (!arguments.empty() && arguments.front() == kCallWord) {
+        arguments.erase(arguments.begin());
+        return CallForParent(arguments);
+    }
+    const int code = RunAndTell(arguments);
+    const std::wstring failure = WriteFailure();
+    if (!failure.empty()) {
+        Write(STD_ERROR_HANDLE, L"halvard_run: not all could be written: " + failure + L"\n");
+        return static_cast<int>(ExitCode::NotWritten);
+    }
+    return code;
 }

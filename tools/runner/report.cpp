@@ -1,6 +1,5 @@
 #include "report.h"
 
-#include "json.h"
 #include "names.h"
 #include "text.h"
 
@@ -12,6 +11,7 @@ namespace halvard_runner {
 namespace {
 
 constexpr std::size_t kLabelWidth = 12;
+constexpr const wchar_t* kOverTheLimit = L"over the limit";
 
 std::wstring Labelled(std::wstring label, const std::wstring& text) {
     label.resize(std::max(kLabelWidth, label.size() + 2), L' ');
@@ -66,19 +66,12 @@ std::wstring ExceptionJson(const EscapedException& exception) {
     });
 }
 
-std::wstring ExceptionLines(const EscapedException& exception) {
-    std::wstring what = exception.kind;
-    if (!exception.type.empty()) {
-        what += L" " + exception.type;
-    }
-    if (exception.code) {
-        what += L", code " + CodeText(*exception.code);
-    }
-    if (!exception.category.empty()) {
-        what += L" (" + exception.category + L")";
-    }
-    return Labelled(L"exception", what) +
-           (exception.text.empty() ? L"" : Labelled(L"", exception.text));
+/// Of a process that was ended by what nobody caught: codes of the system's errors, and those that
+/// run-times and programs raise. -1 is none, for programs end with it.
+bool IsCodeOfException(std::uint32_t code) {
+    const std::uint32_t kind = code >> 28U;
+    return kind == 0xC || kind == 0xE || StructuredExceptionName(code) != nullptr ||
+           CompilerOfException(code) != nullptr;
 }
 
 } // namespace
@@ -89,9 +82,51 @@ std::wstring HexadecimalText(std::uint64_t number) {
 
 ExitCode ExitCodeOf(const Outcome& outcome) {
     if (!outcome.result) {
-        return ExitCode::Exception;
+        const bool overTheLimit = outcome.exception && outcome.exception->kind == kOverTheLimit;
+        return overTheLimit ? ExitCode::OverTheLimit : ExitCode::Exception;
     }
     return *outcome.result == 0 ? ExitCode::Success : ExitCode::OtherResult;
+}
+
+EscapedException EndedProcess(std::uint32_t code) {
+    EscapedException exception;
+    exception.code = code;
+    if (!IsCodeOfException(code)) {
+        exception.kind = L"ended process";
+        exception.text = L"the action ended the process that called it";
+        return exception;
+    }
+    const wchar_t* const name = StructuredExceptionName(code);
+    exception.kind = L"structured exception";
+    exception.type = name == nullptr ? L"" : name;
+    exception.text = L"it ended the process that called the action";
+    return exception;
+}
+
+EscapedException OverTheLimit(std::uint32_t seconds) {
+    EscapedException exception;
+    exception.kind = kOverTheLimit;
+    exception.text = L"the action did not end within " + std::to_wstring(seconds) +
+                     L" s; it was ended, with all that it had started";
+    return exception;
+}
+
+std::wstring StreamLine(Stream stream, const std::wstring& line) {
+    return Labelled(stream == Stream::Output ? L"stdout" : L"stderr", line);
+}
+
+std::wstring ExceptionText(const EscapedException& exception) {
+    std::wstring what = exception.kind;
+    if (!exception.type.empty()) {
+        what += L" " + exception.type;
+    }
+    if (exception.code) {
+        what += L", code " + CodeText(*exception.code);
+    }
+    if (!exception.category.empty()) {
+        what += L" (" + exception.category + L")";
+    }
+    return what;
 }
 
 std::wstring MessageLines(const Message& message) {
@@ -101,7 +136,10 @@ std::wstring MessageLines(const Message& message) {
 std::wstring EndLines(const Outcome& outcome) {
     std::wstring lines;
     if (outcome.exception) {
-        lines += ExceptionLines(*outcome.exception);
+        lines += Labelled(L"exception", ExceptionText(*outcome.exception));
+        if (!outcome.exception->text.empty()) {
+            lines += Labelled(L"", outcome.exception->text);
+        }
     }
     if (outcome.result) {
         const wchar_t* const name = ResultName(*outcome.result);
@@ -133,12 +171,23 @@ std::wstring OutcomeJson(const Arguments& arguments, const std::wstring& library
                {L"properties", JsonObject(properties)},
                {L"log", JsonArray(Chosen(outcome.messages, true), text)},
                {L"messages", JsonArray(Chosen(outcome.messages, false), whole)},
+               {L"standard_output", JsonArray(outcome.standardOutput, JsonString)},
+               {L"standard_error", JsonArray(outcome.standardError, JsonString)},
                {L"result", outcome.result ? std::to_wstring(*outcome.result) : L"null"},
                {L"result_name", JsonStringOrNull(name == nullptr ? L"" : name)},
+               {L"if_checked",
+                outcome.result ? JsonString(ResultEffect(*outcome.result)) : L"null"},
                {L"exception", outcome.exception ? ExceptionJson(*outcome.exception) : L"null"},
                {L"milliseconds", Milliseconds(outcome.milliseconds)},
                {L"exit_code", std::to_wstring(static_cast<int>(ExitCodeOf(outcome)))},
            }) +
+           L"\n";
+}
+
+std::wstring VersionJson(const std::wstring& version) {
+    return JsonObject({{L"program", JsonString(L"halvard_run")},
+                       {L"version", JsonString(version)},
+                       {L"exit_code", L"0"}}) +
            L"\n";
 }
 

@@ -15,6 +15,8 @@ enum class ExitCode {
     NoSuchAction = 5,
     NoSession = 6,
     Exception = 7,
+    OverTheLimit = 8,
+    NotWritten = 9,
 };
 
 /// Why no action was called.
