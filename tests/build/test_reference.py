@@ -16,7 +16,7 @@ import pytest
 
 import generate
 from installer import paths
-from installer.actions import Action, DataKey, Result, actions
+from installer.actions import Action, DataKey, Place, Result, actions
 from installer.package import COMPANION, table
 
 LIBRARY_SOURCES = paths.ROOT / "Utilities/CustomActions/Halvard_CA"
@@ -257,6 +257,7 @@ SHOWN_IN: list[tuple[dict[str, object], set[str]]] = [
     ({"return_attribute": "check"}, {"exports", "section", "runner", *INCLUDES}),
     ({"why": "Other."}, {"runner", *INCLUDES}),
     ({"schedule": "otherwise."}, {"section", "runner"}),
+    ({"place": Place("removal", ("InstallFiles",))}, {"runner"}),
     ({"data": (DataKey("Other", True),)}, {"section", "runner"}),
     ({"whole_data": "other."}, {"section", "runner"}),
     ({"results": (Result(259, "other."),)}, {"exports", "section", "runner"}),
@@ -344,6 +345,7 @@ def test_both_languages_of_packages_declare_the_same(sources):
     [
         {"execution": "defered"},
         {"return_attribute": "ignored"},
+        {"place": Place("upgrade")},
         {"execution": "immediate", "data": (DataKey("A", True),)},
         {"exceptions": ("RegKeyError",)},
         {"results": ()},

@@ -106,6 +106,33 @@ TEST(ParseArguments, TakesTheActionThatTheHelpIsAskedOf) {
     }
 }
 
+TEST(ParseArguments, TakesAPackageToCheck) {
+    const Arguments parsed =
+        ParseArguments({L"--check", L"a b.msi", L"--skip", L"107,703", L"--skip=101", L"--json"});
+    EXPECT_EQ(parsed.request, Request::Check);
+    EXPECT_EQ(parsed.package, L"a b.msi");
+    EXPECT_EQ(parsed.skipped, (std::vector<int>{107, 703, 101}));
+    EXPECT_TRUE(parsed.json);
+    EXPECT_EQ(ParseArguments({L"--check=a.msi"}).package, L"a.msi");
+    ExpectRefusal({L"--check"}, L"--check needs the path of one package");
+    ExpectRefusal({L"--check", L"--json"}, L"--check needs the path of one package");
+    ExpectRefusal({L"--check=a", L"--check=b"}, L"--check needs the path of one package");
+    ExpectRefusal({L"--check=a", L"LaunchPV"}, L"--check takes a package and no action or library");
+    ExpectRefusal({L"--check=a", L"--dll=b"}, L"--check takes a package and no action or library");
+    ExpectRefusal({L"LaunchPV", L"--skip=107"}, L"--skip belongs to --check");
+    for (const wchar_t* const wrong : {L"", L",", L"1,", L"a", L"-1", L"0", L"99999999", L"1 2"}) {
+        ExpectRefusal({L"--check=a", L"--skip", wrong},
+                      L"--skip needs numbers of rules, with commas between them");
+    }
+}
+
+TEST(WantsCheck, SeesTheOptionInBothForms) {
+    using halvard_runner::WantsCheck;
+    EXPECT_TRUE(WantsCheck({L"--json", L"--check"}));
+    EXPECT_TRUE(WantsCheck({L"--check=a"}));
+    EXPECT_FALSE(WantsCheck({L"LaunchPV", L"A=--check"}));
+}
+
 TEST(ParseArguments, RefusesMalformedProperties) {
     ExpectRefusal({L"LaunchPV", L"Name"}, L"\"Name\" is no property: Property=Value is expected");
     for (const wchar_t* const name : {L"", L"9A", L".A", L"A B", L"A-B", L"\u00C4"}) {

@@ -21,6 +21,16 @@ struct ActionResult {
     std::wstring means;
 };
 
+/// The sessions in which an action belongs.
+enum class Session { Installation, Removal, Any };
+
+/// Where an action stands in a sequence: names of the installer's actions and of this table.
+struct Place {
+    Session session;
+    std::vector<std::wstring> behind;
+    std::vector<std::wstring> before;
+};
+
 /// What the table of actions, from which the reference is written too, says of one.
 struct ActionFacts {
     std::wstring name;
@@ -33,6 +43,7 @@ struct ActionFacts {
     bool checked;
     std::wstring why;
     std::wstring schedule;
+    Place place;
     std::vector<DataKey> data;
     /// What the data is where it has no keys.
     std::wstring wholeData;

@@ -21,6 +21,7 @@ constexpr const wchar_t* kHelp = LR"(Calls one action of Halvard_CA.dll without 
   halvard_run ACTION --help [--json]
   halvard_run ACTION [Property=Value...] [--dll PATH] [--limit SECONDS]
                      [--quotes] [--json]
+  halvard_run --check PACKAGE.msi [--skip NUMBER,NUMBER...] [--json]
 
 The action runs for real: on this machine, with the rights of the caller, in the
 system folder as under the installer. It gets an installer session of its own
@@ -40,12 +41,15 @@ closing quote has to be doubled, or the quote becomes part of the value.
                it likes; then it is ended with all that it has started
   --quotes     the quotes in the values are meant; without it a value that holds
                one is refused, for a backslash before a closing quote makes one
+  --check PACKAGE.msi
+               what is wrong with a package that carries the library, by rules,
+               of which --skip leaves out some by their numbers
   --json       exactly one JSON object, for scripts, whatever becomes of the
                action: action, dll, properties, log, messages (kind, type,
                text), standard_output, standard_error, result, result_name,
                if_checked, exception (kind, type, code, category, text),
                milliseconds, exit_code; error and exit_code where nothing was
-               called; list, --help and --version have one as well
+               called; the others have one as well
   -h, --help   this text
   --version    the version of this program
 
@@ -56,6 +60,9 @@ standard output and standard error ("stdout", "stderr"), then the result, or how
 the action ended without one: an exception that left it, a process that it ended
 or that crashed, the limit. What it has started and left running stays, but for
 the limit.
+
+Exit codes of --check: 0 no finding but hints, 1 warnings, 2 errors, 4 nothing
+was checked: the package cannot be read, or the arguments are wrong.
 
 Exit codes:
 )";
@@ -73,6 +80,8 @@ constexpr ExitMeaning kExitMeanings[] = {
 };
 
 constexpr std::uint32_t kGreatestLimit = 1000000;
+constexpr const wchar_t* kCheck = L"--check";
+constexpr int kGreatestRule = 9999;
 
 [[noreturn]] void Refuse(const std::wstring& text) {
     throw RunnerError(ExitCode::WrongArguments, text);
@@ -118,7 +127,8 @@ bool Contains(const std::vector<std::wstring>& arguments, const wchar_t* wanted)
 std::wstring NamedAction(const std::vector<std::wstring>& arguments) {
     for (std::size_t position = 0; position < arguments.size(); ++position) {
         const std::wstring& argument = arguments[position];
-        if (argument == L"--dll" || argument == L"--limit") {
+        if (argument == L"--dll" || argument == L"--limit" || argument == kCheck ||
+            argument == L"--skip") {
             ++position;
         } else if (!argument.empty() && argument.front() != L'-') {
             return argument == L"list" || argument.find(L'=') != std::wstring::npos ? L""
@@ -179,6 +189,33 @@ bool TakeLimit(const std::vector<std::wstring>& arguments, std::size_t& position
     return true;
 }
 
+bool TakeCheck(const std::vector<std::wstring>& arguments, std::size_t& position,
+               Arguments& parsed) {
+    if (const std::optional<std::wstring> package = TakeOption(arguments, position, kCheck)) {
+        if (package->empty() || package->rfind(L"--", 0) == 0 || !parsed.package.empty()) {
+            Refuse(L"--check needs the path of one package");
+        }
+        parsed.package = *package;
+        return true;
+    }
+    const std::optional<std::wstring> numbers = TakeOption(arguments, position, L"--skip");
+    if (!numbers) {
+        return false;
+    }
+    int number = 0;
+    for (const wchar_t c : *numbers + L",") {
+        if (c >= L'0' && c <= L'9' && number <= kGreatestRule) {
+            number = number * 10 + (c - L'0');
+        } else if (c == L',' && number > 0) {
+            parsed.skipped.push_back(number);
+            number = 0;
+        } else {
+            Refuse(L"--skip needs numbers of rules, with commas between them");
+        }
+    }
+    return true;
+}
+
 [[noreturn]] void RefuseQuote(const std::wstring& where, const std::wstring& remedy) {
     Refuse(where +
            L" holds a quote. A backslash right before a closing quote makes one, and takes "
@@ -224,7 +261,7 @@ Arguments ParseArguments(const std::vector<std::wstring>& arguments) {
     for (std::size_t position = 0; position < arguments.size(); ++position) {
         const std::wstring& argument = arguments[position];
         if (argument == L"--json" || TakeLibrary(arguments, position, parsed) ||
-            TakeLimit(arguments, position, parsed)) {
+            TakeLimit(arguments, position, parsed) || TakeCheck(arguments, position, parsed)) {
             continue;
         }
         if (argument == L"--quotes") {
@@ -243,6 +280,16 @@ Arguments ParseArguments(const std::vector<std::wstring>& arguments) {
         }
     }
     CheckQuotes(parsed, quotesAreMeant);
+    if (!parsed.package.empty()) {
+        parsed.request = Request::Check;
+        if (!parsed.action.empty() || !parsed.dll.empty()) {
+            Refuse(L"--check takes a package and no action or library");
+        }
+        return parsed;
+    }
+    if (!parsed.skipped.empty()) {
+        Refuse(L"--skip belongs to --check");
+    }
     if (parsed.action.empty()) {
         Refuse(L"no action is named; halvard_run list shows them");
     }
@@ -253,6 +300,11 @@ Arguments ParseArguments(const std::vector<std::wstring>& arguments) {
         }
     }
     return parsed;
+}
+
+bool WantsCheck(const std::vector<std::wstring>& arguments) {
+    return std::any_of(arguments.begin(), arguments.end(),
+                       [](const std::wstring& argument) { return argument.rfind(kCheck, 0) == 0; });
 }
 
 bool WantsJson(const std::vector<std::wstring>& arguments) {

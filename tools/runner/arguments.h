@@ -6,7 +6,7 @@
 
 namespace halvard_runner {
 
-enum class Request { Help, Version, List, Call };
+enum class Request { Help, Version, List, Call, Check };
 
 struct Property {
     std::wstring name;
@@ -22,6 +22,9 @@ struct Arguments {
     std::vector<Property> properties;
     /// Empty for the library beside the program.
     std::wstring dll;
+    /// The package to check, and the rules that are left out.
+    std::wstring package;
+    std::vector<int> skipped;
     /// Seconds; 0 for none.
     std::uint32_t limit = 600;
     bool json = false;
@@ -34,6 +37,10 @@ struct Arguments {
 /// property without "=", with a name that the installer would not take, or given twice, and for a
 /// value with a quote that is not said to be meant.
 Arguments ParseArguments(const std::vector<std::wstring>& arguments);
+
+/// Whether a package is to be checked, also when the arguments cannot be read: then other exit
+/// codes count.
+bool WantsCheck(const std::vector<std::wstring>& arguments);
 
 /// Whether errors are to be told as JSON: also when the arguments cannot be read, and when a quote
 /// has taken the option into the value before it.

@@ -16,13 +16,6 @@ constexpr const wchar_t* kLibraryName = L"Halvard_CA.dll";
     throw RunnerError(ExitCode::NoLibrary, text);
 }
 
-std::wstring FullPath(const std::wstring& path) {
-    const DWORD size = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
-    std::wstring full(size, L'\0');
-    full.resize(GetFullPathNameW(path.c_str(), size, full.data(), nullptr));
-    return full.empty() ? path : full;
-}
-
 HMODULE Load(const std::wstring& path) {
     const DWORD attributes = GetFileAttributesW(path.c_str());
     if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
@@ -53,6 +46,13 @@ std::wstring ProgramPath() {
     }
     path.resize(length);
     return path;
+}
+
+std::wstring FullPath(const std::wstring& path) {
+    const DWORD size = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
+    std::wstring full(size, L'\0');
+    full.resize(GetFullPathNameW(path.c_str(), size, full.data(), nullptr));
+    return full.empty() ? path : full;
 }
 
 std::wstring LibraryPath(const std::wstring& path) {

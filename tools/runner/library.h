@@ -13,6 +13,9 @@ using Action = UINT(__stdcall*)(MSIHANDLE session);
 /// The full path of this program.
 std::wstring ProgramPath();
 
+/// `path` in full, relative to the current directory.
+std::wstring FullPath(const std::wstring& path);
+
 /// The full path of a library: `path` as the user gave it, relative to the current directory; empty
 /// for Halvard_CA.dll beside this program.
 std::wstring LibraryPath(const std::wstring& path);

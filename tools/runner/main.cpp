@@ -1,8 +1,11 @@
-// halvard_run: calls one action of the library without a package. `halvard_run --help` tells how.
+// halvard_run: calls one action of the library without a package, or checks one. `halvard_run
+// --help` tells how.
 
 #include "action_page.h"
 #include "arguments.h"
 #include "call_process.h"
+#include "check/check_report.h"
+#include "check/package_reader.h"
 #include "library.h"
 #include "names.h"
 #include "report.h"
@@ -69,6 +72,15 @@ ExitCode Call(const Arguments& arguments) {
     return ExitCodeOf(outcome);
 }
 
+int CheckPackage(const Arguments& arguments) {
+    const std::wstring path = FullPath(arguments.package);
+    const std::vector<Finding> findings =
+        Findings(ReadPackage(path), L"" HALVARD_VERSION_TEXT, arguments.skipped);
+    Write(STD_OUTPUT_HANDLE, arguments.json ? CheckJson(path, findings, arguments.skipped)
+                                            : CheckLines(path, findings));
+    return CheckExitCode(findings);
+}
+
 ExitCode Run(const Arguments& arguments) {
     switch (arguments.request) {
     case Request::Help:
@@ -79,6 +91,8 @@ ExitCode Run(const Arguments& arguments) {
         return ExitCode::Success;
     case Request::List:
         return List(arguments);
+    case Request::Check:
+        return static_cast<ExitCode>(CheckPackage(arguments));
     case Request::Call:
         break;
     }
@@ -89,14 +103,15 @@ int RunAndTell(const std::vector<std::wstring>& arguments) {
     try {
         return static_cast<int>(Run(ParseArguments(arguments)));
     } catch (const RunnerError& error) {
+        const ExitCode code = WantsCheck(arguments) ? ExitCode::NoPackage : error.Code();
         const std::wstring hint =
             error.Code() == ExitCode::WrongArguments ? L"halvard_run --help tells how\n" : L"";
         if (WantsJson(arguments)) {
-            Write(STD_OUTPUT_HANDLE, ErrorJson(error));
+            Write(STD_OUTPUT_HANDLE, ErrorJson({code, error.Text()}));
         } else {
             Write(STD_ERROR_HANDLE, L"halvard_run: " + error.Text() + L"\n" + hint);
         }
-        return static_cast<int>(error.Code());
+        return static_cast<int>(code);
     }
 }
 

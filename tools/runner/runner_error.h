@@ -12,6 +12,8 @@ enum class ExitCode {
     OtherResult = 1,
     WrongArguments = 2,
     NoLibrary = 4,
+    /// Of `--check`, whose 1 and 2 tell of findings: nothing was checked.
+    NoPackage = 4,
     NoSuchAction = 5,
     NoSession = 6,
     Exception = 7,
