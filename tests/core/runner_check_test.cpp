@@ -506,6 +506,14 @@ TEST(Check, FindsNothingInWhatAPackageMayDoOtherwise) {
     }
 }
 
+TEST(Check, JudgesNoDeclarationOfWhatNeverRuns) {
+    Package package = Good();
+    Declare(package, L"Undo", 1, L"Dll", L"DeleteAnalyticsKey");
+    EXPECT_EQ(Told(Findings(package, kVersion, {})), "107 \n");
+    Schedule(package, L"Undo", 6005, kFirst);
+    EXPECT_EQ(Told(Findings(package, kVersion, {107, 403})), "102 Undo\n105 Undo\n");
+}
+
 TEST(Check, FindsWhatBreaksOneRuleAndNoOther) {
     for (const Broken& broken : AllBroken()) {
         Package package = Good();

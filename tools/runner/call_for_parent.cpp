@@ -7,6 +7,7 @@
 #include "runtime/owned.h"
 
 #include <cstdint>
+#include <cstring>
 #include <cwchar>
 #include <mutex>
 #include <utility>
@@ -19,8 +20,10 @@ using halvard::OwnedHandle;
 
 /// A handle by its number; nothing that the action starts inherits it.
 OwnedHandle HandleOf(const std::wstring& word) {
-    auto* const handle = reinterpret_cast<HANDLE>(
-        static_cast<std::uintptr_t>(std::wcstoull(word.c_str(), nullptr, 10)));
+    const std::uintptr_t number = std::wcstoull(word.c_str(), nullptr, 10);
+    HANDLE handle = nullptr;
+    static_assert(sizeof handle == sizeof number);
+    std::memcpy(&handle, &number, sizeof handle);
     SetHandleInformation(handle, HANDLE_FLAG_INHERIT, 0);
     return OwnedHandle(handle);
 }
