@@ -213,7 +213,7 @@ public:
     [[nodiscard]] std::string Output() const { return ReadAvailable(output_.get()); }
     [[nodiscard]] std::string Errors() const { return ReadAvailable(errors_.get()); }
 
-    bool EndsWithin(DWORD milliseconds) const {
+    [[nodiscard]] bool EndsWithin(DWORD milliseconds) const {
         return WaitForSingleObject(process_.get(), milliseconds) == WAIT_OBJECT_0;
     }
 
@@ -225,12 +225,12 @@ public:
 
     void End() {
         TerminateProcess(process_.get(), kEndedByLimit);
-        EndsWithin(kEnd);
+        WaitForSingleObject(process_.get(), kEnd);
     }
 
     void EndTree() {
         tree_.EndAll();
-        EndsWithin(kEnd);
+        WaitForSingleObject(process_.get(), kEnd);
     }
 
     void LetTreeLive() { tree_.LetLive(); }

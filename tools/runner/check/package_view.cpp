@@ -200,6 +200,7 @@ std::vector<LibraryAction> PackageView::ScheduledActions(const std::wstring& seq
     std::stable_sort(found.begin(), found.end(),
                      [](const auto& left, const auto& right) { return left.first < right.first; });
     std::vector<LibraryAction> actions;
+    actions.reserve(found.size());
     for (const auto& [number, action] : found) {
         actions.push_back(action);
     }

@@ -67,11 +67,11 @@ public:
     [[nodiscard]] std::uint32_t Machine() const { return image_.Number(start_ + 4, 2); }
 
     [[nodiscard]] std::uint32_t Directory(std::uint32_t number) const {
-        return image_.Number(directories_ + 8 * number, 4);
+        return image_.Number(directories_ + std::size_t{8} * number, 4);
     }
 
     [[nodiscard]] std::uint32_t DirectorySize(std::uint32_t number) const {
-        return image_.Number(directories_ + 8 * number + 4, 4);
+        return image_.Number(directories_ + std::size_t{8} * number + 4, 4);
     }
 
     /// Where in the file an address of the loaded image lies.

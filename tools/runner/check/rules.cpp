@@ -115,14 +115,16 @@ void CheckKeys(const Check& check, const LibraryAction& action, const DataSource
     for (const DataKey& known : action.facts->data) {
         const std::wstring key = known.name + L"=";
         const std::size_t first = data.find(key);
+        std::wstring what = key;
+        what.append(L" in ").append(data);
         if (FirstItem(data, key) == std::wstring::npos) {
             if (known.needed && first == std::wstring::npos) {
-                check.Find(202, source.table, source.row, key + L" in " + data);
+                check.Find(202, source.table, source.row, what);
             } else if (first != std::wstring::npos) {
-                check.Find(203, source.table, source.row, key + L" in " + data);
+                check.Find(203, source.table, source.row, what);
             }
         } else if (first != 0 && data[first - 1] != L';') {
-            check.Find(203, source.table, source.row, key + L" in " + data);
+            check.Find(203, source.table, source.row, what);
         }
     }
 }
@@ -487,8 +489,9 @@ void CheckFolders(const Check& check) {
                     if (!chosen.empty() && action.facts->wholeData.empty() &&
                         !check.view.RefusesSemicolonIn(chosen) &&
                         seenChosen.insert(chosen).second) {
-                        check.Find(504, source.table, source.row,
-                                   L"[" + property + L"], which follows " + chosen);
+                        std::wstring what = L"[";
+                        what.append(property).append(L"], which follows ").append(chosen);
+                        check.Find(504, source.table, source.row, what);
                     }
                 }
             }
