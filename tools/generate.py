@@ -11,8 +11,10 @@ The rest of the reference is written by hand and stays.
 import re
 import sys
 import textwrap
+import tomllib
 from dataclasses import dataclass, replace
 from pathlib import Path
+from typing import Iterable
 
 from installer import package, paths
 from installer.actions import Action, actions
@@ -22,6 +24,10 @@ NOTICE = f"Written by ./run generate from {TABLE}"
 DEFINITION = paths.LIBRARY_EXPORTS
 INCLUDE = paths.PACKAGE_SOURCES / "halvard_actions.wxi"
 INCLUDE_OF_WIX_4 = paths.PACKAGE_SOURCES / "halvard_actions.v4.wxi"
+RULES = paths.ROOT / "tools/runner/check/rules.toml"
+RULE_TABLE = RULES.with_name("rule_table.cpp")
+RULES_DOCUMENT = paths.ROOT / "docs/check.md"
+RUNNER_TABLE = paths.ROOT / "tools/runner/action_table.cpp"
 REFERENCE = paths.ROOT / "docs/actions.md"
 # The width of the documents, in characters.
 WIDTH = 105
@@ -76,6 +82,52 @@ OF_WIXL = """ Where wixl compiles it, schedule by Sequence: it puts actions with
      An immediate action that does not say Impersonate="yes" gets the bit of one without from it."""
 
 
+# Of the rules of --check, by the hundreds of their numbers.
+RULE_GROUPS = {
+    1: "Declaring",
+    2: "Data",
+    3: "Order",
+    4: "Conditions",
+    5: "Properties and folders",
+    6: "Lengths",
+    7: "The library",
+    8: "What the package installs",
+}
+SEVERITIES = ("error", "warning", "hint")
+RULES_NOTICE = f"Written by ./run generate from {RULES.relative_to(paths.ROOT)}"
+RULES_HEAD = """\
+// {notice}.
+
+#include "check/rule_table.h"
+
+namespace halvard_runner {{
+
+// clang-format off
+const std::vector<RuleText>& RuleTable() {{
+    static const std::vector<RuleText> table = {{
+"""
+
+RUNNER_HEAD = """\
+// {notice}.
+
+#include "action_table.h"
+
+namespace halvard_runner {{
+
+// clang-format off
+const std::vector<ActionFacts>& ActionTable() {{
+    static const std::vector<ActionFacts> table = {{
+"""
+RUNNER_END = """\
+    };
+    return table;
+}
+// clang-format on
+
+} // namespace halvard_runner
+"""
+
+
 def main() -> int:
     for file, text in generated().items():
         if not file.exists() or file.read_text(encoding="utf-8") != text:
@@ -91,6 +143,9 @@ def generated() -> dict[Path, str]:
         DEFINITION: definition(table),
         INCLUDE: include(table, WIX_3),
         INCLUDE_OF_WIX_4: include(table, WIX_4),
+        RUNNER_TABLE: runner_table(table),
+        RULE_TABLE: rule_table(rules()),
+        RULES_DOCUMENT: rules_document(rules(), RULES_DOCUMENT.read_text(encoding="utf-8")),
         REFERENCE: reference(table, REFERENCE.read_text(encoding="utf-8")),
     }
 
@@ -161,6 +216,120 @@ def declaration(action: Action, language: Language, name: str = "", execution: s
         f'    <CustomAction Id="{name or action.name}" {language.binary}="Halvard_CA"\n'
         f'                  DllEntry="{action.name}"\n'
         f"                  {declared}/>\n"
+    )
+
+
+def runner_table(table: list[Action]) -> str:
+    """The table that halvard_run knows the actions by, in C++."""
+    return RUNNER_HEAD.format(notice=NOTICE) + "".join(map(runner_row, table)) + RUNNER_END
+
+
+def runner_row(action: Action) -> str:
+    fields = [
+        wide(action.name),
+        wide(action.subsystem),
+        wide(plain(action.does)),
+        f"Execution::{action.execution.capitalize()}",
+        # What runs at once runs as the user whatever is declared.
+        cpp(action.impersonate or action.execution == "immediate"),
+        cpp(action.return_attribute == "check"),
+        wide(plain(action.why)),
+        wide(plain(action.schedule)),
+        braced(
+            [
+                f"Session::{action.place.on.capitalize()}",
+                braced(map(wide, action.place.behind)),
+                braced(map(wide, action.place.before)),
+            ]
+        ),
+        braced(braced([wide(key.name), cpp(key.needed)]) for key in action.data),
+        wide(plain(action.whole_data)),
+        braced(map(wide, action.properties)),
+        braced(map(wide, action.registry)),
+        braced(
+            braced([wide(str(each.value)), wide(each.note), wide(plain(each.means))])
+            for each in action.results
+        ),
+        braced(map(wide, action.exceptions)),
+        wide(plain(action.throws)),
+    ]
+    return "        {" + ",\n         ".join(fields) + "},\n"
+
+
+@dataclass(frozen=True)
+class Rule:
+    """A row of the table of rules, whose file says what its fields are."""
+
+    number: int
+    severity: str
+    rule: str
+    why: str
+    remedy: str
+
+    def __post_init__(self) -> None:
+        if self.severity not in SEVERITIES or self.number // 100 not in RULE_GROUPS:
+            raise ValueError(f"rule {self.number}: no such severity or group")
+
+
+def rules(file: Path = RULES) -> list[Rule]:
+    """The rows of the table of rules. ValueError, TypeError or KeyError for a faulty table."""
+    with open(file, "rb") as table:
+        found = [Rule(**row) for row in tomllib.load(table)["rule"]]
+    numbers = [rule.number for rule in found]
+    if numbers != sorted(set(numbers)):
+        raise ValueError("the rules do not stand by their numbers")
+    return found
+
+
+def rule_table(rows: list[Rule]) -> str:
+    """The texts of the rules, in C++."""
+    text = "".join(
+        f"        {{{row.number}, Severity::{row.severity.capitalize()},\n"
+        f"         {wide(plain(row.rule))},\n"
+        f"         {wide(plain(row.why))},\n"
+        f"         {wide(plain(row.remedy))}}},\n"
+        for row in rows
+    )
+    return RULES_HEAD.format(notice=RULES_NOTICE) + text + RUNNER_END
+
+
+def rules_document(rows: list[Rule], text: str) -> str:
+    """The page of the rules, with what comes from the table renewed in it."""
+    parts = []
+    for hundreds, group in RULE_GROUPS.items():
+        parts.append(f"### {group}\n\n| | | Found | Why | What to do |\n|---|---|---|---|---|")
+        parts[-1] += "".join(
+            f"\n| {row.number} | {row.severity} | {cell(row.rule)} | {cell(row.why)} | {cell(row.remedy)} |"
+            for row in rows
+            if row.number // 100 == hundreds
+        )
+    return _with_part(text, "rules", "\n\n".join(parts))
+
+
+def cell(text: str) -> str:
+    """A text in a cell of a table, in which a sign of the form is none."""
+    return text.replace("|", "\\|").replace("<", "&lt;") if "`" not in text else text
+
+
+def cpp(value: bool) -> str:
+    return "true" if value else "false"
+
+
+def braced(items: Iterable[str]) -> str:
+    return "{" + ", ".join(items) + "}"
+
+
+def wide(text: str) -> str:
+    """A text as a literal of C++."""
+    if not text.isascii() or not text.isprintable():
+        raise ValueError(f"no literal of C++ is made of {text!r}")
+    return 'L"' + text.replace("\\", "\\\\").replace('"', '\\"') + '"'
+
+
+def plain(text: str) -> str:
+    """A text without marks for code, but for quotes where blanks would else be lost."""
+    return re.sub(
+        r"`([^`]*)`", lambda code: code[1] if code[1] == code[1].strip() else f'"{code[1]}"', text
     )
 
 

@@ -24,6 +24,7 @@ WINDOWS_LIBRARIES = {
     "shlwapi.dll",
     "user32.dll",
 }
+IMAGE_BASE = 0x180000000
 # Loaded with the first call: few actions need them, and every action would wait for them.
 DELAYED_LIBRARIES = {"setupapi.dll", "xmllite.dll"}
 
@@ -166,6 +167,29 @@ def test_version_resource_tells_what_the_project_says(file):
         # The value stands behind its key, at the next multiple of four bytes.
         text = content[start + 2 * (len(key) + 1) :][: 2 * len(value) + 4].decode("utf-16-le")
         assert text.lstrip("\0")[: len(value) + 1] == value + "\0"
+
+
+def test_each_function_of_the_standard_library_can_be_unwound():
+    """An exception passes through it: without its data the registers of its callers are lost."""
+    archive = subprocess.run(
+        ["x86_64-w64-mingw32-g++-posix", "-print-file-name=libstdc++.a"],
+        capture_output=True, text=True, check=True,
+    ).stdout.strip()
+    listed = subprocess.run(
+        ["x86_64-w64-mingw32-objdump", "-h", archive], capture_output=True, text=True, check=True
+    ).stdout
+    with_data = set(re.findall(r"\s\.pdata\$(\S+)", listed))
+    unwound = subprocess.run(
+        ["llvm-readobj", "--unwind", str(paths.LIBRARY)], capture_output=True, text=True, check=True
+    ).stdout
+    starts = {int(at, 16) - IMAGE_BASE for at in re.findall(r"StartAddress: .*\(0x(\w+)\)", unwound)}
+    linked = re.findall(
+        r"^(\w{8}) (\w{8}) +\d+ +\S+\.o:\(\.text\$(\S+)\)$",
+        paths.LIBRARY.with_name(paths.LIBRARY.name + ".map").read_text(), re.MULTILINE,
+    )
+    functions = [(int(at, 16), name) for at, size, name in linked if int(size, 16) and name in with_data]
+    assert len(functions) > 300
+    assert [name for at, name in functions if at not in starts] == []
 
 
 def test_two_builds_in_two_folders_give_the_same_bytes(tmp_path):

@@ -16,7 +16,7 @@ import pytest
 
 import generate
 from installer import paths
-from installer.actions import Action, DataKey, Result, actions
+from installer.actions import Action, DataKey, Place, Result, actions
 from installer.package import COMPANION, table
 
 LIBRARY_SOURCES = paths.ROOT / "Utilities/CustomActions/Halvard_CA"
@@ -245,27 +245,28 @@ WRITINGS: dict[str, Callable[[list[Action]], object]] = {
     "index": generate.index,
     "exports": generate.exports,
     "section": lambda rows: [generate.section(row, {}) for row in rows],
+    "runner": generate.runner_table,
 }
 INCLUDES = {"include", "include of WiX 4"}
 # A change of one field, or of some that go together, and the writings that show it.
 SHOWN_IN: list[tuple[dict[str, object], set[str]]] = [
-    ({"name": "Other"}, {"definition", "index", "exports", *INCLUDES}),
-    ({"subsystem": "launch"}, {"definition", "index", *INCLUDES}),
-    ({"does": "Other."}, {"exports", "section"}),
-    ({"execution": "immediate"}, {"exports", "section", *INCLUDES}),
-    ({"impersonate": True}, {"exports", "section", *INCLUDES}),
-    ({"return_attribute": "check"}, {"exports", "section", *INCLUDES}),
-    ({"why": "Other."}, INCLUDES),
-    ({"schedule": "otherwise."}, {"section"}),
-    ({"data": (DataKey("Other", True),)}, {"section"}),
-    ({"whole_data": "other."}, {"section"}),
-    ({"results": (Result(259, "other."),)}, {"exports", "section"}),
+    ({"name": "Other"}, {"definition", "index", "exports", "runner", *INCLUDES}),
+    ({"subsystem": "launch"}, {"definition", "index", "runner", *INCLUDES}),
+    ({"does": "Other."}, {"exports", "section", "runner"}),
+    ({"execution": "immediate"}, {"exports", "section", "runner", *INCLUDES}),
+    ({"impersonate": True}, {"exports", "section", "runner", *INCLUDES}),
+    ({"return_attribute": "check"}, {"exports", "section", "runner", *INCLUDES}),
+    ({"why": "Other."}, {"runner", *INCLUDES}),
+    ({"schedule": "otherwise."}, {"section", "runner"}),
+    ({"place": Place("removal", ("InstallFiles",))}, {"runner"}),
+    ({"data": (DataKey("Other", True),)}, {"section", "runner"}),
+    ({"whole_data": "other."}, {"section", "runner"}),
+    ({"results": (Result(259, "other."),)}, {"exports", "section", "runner"}),
     ({"undone_by": "LaunchPV"}, {"section", *INCLUDES}),
     ({"as_user": "Other."}, {"section", *INCLUDES}),
-    ({"exceptions": ("RegKeyError",), "throws": "`RegKeyError`."}, {"section"}),
-    # These are held against the code.
-    ({"properties": ("OTHER",)}, set()),
-    ({"registry": (r"HKLM\OTHER",)}, set()),
+    ({"exceptions": ("RegKeyError",), "throws": "`RegKeyError`."}, {"section", "runner"}),
+    ({"properties": ("OTHER",)}, {"runner"}),
+    ({"registry": (r"HKLM\OTHER",)}, {"runner"}),
 ]
 
 
@@ -305,6 +306,17 @@ def test_a_section_is_written_anew_from_the_table(sources):
 def test_what_is_written_from_the_table_is_current(file):
     assert file.read_text() == generate.generated()[file], "./run generate writes it anew"
     assert "Written by ./run generate from " in file.read_text().splitlines()[0]
+
+
+@pytest.mark.parametrize("text", ["two\nlines", "caf\u00e9", "\t"])
+def test_a_text_that_is_no_literal_of_a_program_is_refused(text):
+    with pytest.raises(ValueError):
+        generate.wide(text)
+
+
+def test_a_text_for_a_console_has_no_marks_for_code():
+    assert generate.plain("`A` is ` 1` or `b c`.") == 'A is " 1" or b c.'
+    assert generate.wide(r'a\b "c"') == r'L"a\\b \"c\""'
 
 
 def declarations(text: str, namespace: str, binary: str) -> list[dict[str, str]]:
@@ -396,6 +408,7 @@ def test_whoever_sets_data_says_as_whom_and_takes_no_public_folder(file):
     [
         {"execution": "defered"},
         {"return_attribute": "ignored"},
+        {"place": Place("upgrade")},
         {"execution": "immediate", "data": (DataKey("A", True),)},
         {"exceptions": ("RegKeyError",)},
         {"results": ()},

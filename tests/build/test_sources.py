@@ -89,7 +89,7 @@ def test_no_two_files_include_each_other_in_a_circle():
 def portable_sources() -> list[Path]:
     lists = {
         LIBRARY_SOURCES: r"set\(portable_sources\s+(.*?)\)",
-        RUNNER_SOURCES: r"add_library\(halvard_runner_text OBJECT (.*?)\)",
+        RUNNER_SOURCES: r"add_library\(halvard_runner_text OBJECT\s+(.*?)\)",
     }
     return [
         folder / name

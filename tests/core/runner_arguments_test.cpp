@@ -33,6 +33,41 @@ TEST(ParseArguments, TakesAnActionAndItsPropertiesInTheirOrder) {
     EXPECT_EQ(parsed.properties, expected);
     EXPECT_EQ(parsed.dll, L"");
     EXPECT_FALSE(parsed.json);
+    EXPECT_EQ(parsed.limit, 600U);
+}
+
+TEST(ParseArguments, TakesALimitInWholeSeconds) {
+    EXPECT_EQ(ParseArguments({L"LaunchPV", L"--limit", L"0"}).limit, 0U);
+    EXPECT_EQ(ParseArguments({L"--limit=1000000", L"LaunchPV"}).limit, 1000000U);
+    EXPECT_EQ(ParseArguments({L"LaunchPV", L"--limit", L"007"}).limit, 7U);
+    for (const wchar_t* const wrong :
+         {L"", L"1000001", L"99999999999999999999", L"-1", L"1.5", L"1s", L" 1"}) {
+        ExpectRefusal({L"LaunchPV", L"--limit", wrong},
+                      L"--limit needs a whole number of seconds, at most 1000000");
+    }
+    ExpectRefusal({L"LaunchPV", L"--limit"},
+                  L"--limit needs a whole number of seconds, at most 1000000");
+}
+
+TEST(ParseArguments, AsksWhetherAQuoteIsMeant) {
+    const std::wstring remedy = L" holds a quote. A backslash right before a closing quote makes "
+                                L"one, and takes what follows "
+                                L"into the value: double that backslash, as in "
+                                L"\"CustomActionData=InstallDir=C:\\my folder\\\\\"";
+    ExpectRefusal({L"LaunchPV", L"A=1", L"B=c:\\a b\" --json"},
+                  L"the value of B" + remedy + L"; where the quote is meant, add --quotes");
+    ExpectRefusal({L"list", L"--quotes", L"--dll", L"c:\\a b\""}, L"the path of --dll" + remedy);
+    const Arguments meant = ParseArguments({L"LaunchPV", L"B=\"c\"", L"--quotes"});
+    EXPECT_EQ(meant.properties.front().value, L"\"c\"");
+}
+
+TEST(WantsJson, SeesTheOptionThatAQuoteHasTaken) {
+    using halvard_runner::WantsJson;
+    EXPECT_TRUE(WantsJson({L"LaunchPV", L"--json"}));
+    EXPECT_TRUE(WantsJson({L"LaunchPV", L"A=c:\\a b\" --json"}));
+    EXPECT_FALSE(WantsJson({L"LaunchPV", L"A=c:\\a b --json"}));
+    EXPECT_FALSE(WantsJson({L"LaunchPV", L"A= --json \""}));
+    EXPECT_FALSE(WantsJson({L"LaunchPV"}));
 }
 
 TEST(ParseArguments, TakesOptionsWhereverTheyStand) {
@@ -60,6 +95,42 @@ TEST(ParseArguments, KnowsTheRequests) {
 
 TEST(ParseArguments, LetsTheHelpWinOverAllThatIsWrong) {
     EXPECT_EQ(ParseArguments({L"LaunchPV", L"--nonsense", L"=", L"-h"}).request, Request::Help);
+}
+
+TEST(ParseArguments, TakesTheActionThatTheHelpIsAskedOf) {
+    EXPECT_EQ(ParseArguments({L"--dll", L"a.dll", L"--help", L"LaunchPV"}).action, L"LaunchPV");
+    EXPECT_EQ(ParseArguments({L"LaunchPV", L"A=1", L"-h"}).action, L"LaunchPV");
+    for (const Words& words :
+         {Words{L"-h"}, Words{L"list", L"-h"}, Words{L"", L"A=1", L"-h"}, Words{L"-h", L"--dll"}}) {
+        EXPECT_EQ(ParseArguments(words).action, L"");
+    }
+}
+
+TEST(ParseArguments, TakesAPackageToCheck) {
+    const Arguments parsed =
+        ParseArguments({L"--check", L"a b.msi", L"--skip", L"107,703", L"--skip=101", L"--json"});
+    EXPECT_EQ(parsed.request, Request::Check);
+    EXPECT_EQ(parsed.package, L"a b.msi");
+    EXPECT_EQ(parsed.skipped, (std::vector<int>{107, 703, 101}));
+    EXPECT_TRUE(parsed.json);
+    EXPECT_EQ(ParseArguments({L"--check=a.msi"}).package, L"a.msi");
+    ExpectRefusal({L"--check"}, L"--check needs the path of one package");
+    ExpectRefusal({L"--check", L"--json"}, L"--check needs the path of one package");
+    ExpectRefusal({L"--check=a", L"--check=b"}, L"--check needs the path of one package");
+    ExpectRefusal({L"--check=a", L"LaunchPV"}, L"--check takes a package and no action or library");
+    ExpectRefusal({L"--check=a", L"--dll=b"}, L"--check takes a package and no action or library");
+    ExpectRefusal({L"LaunchPV", L"--skip=107"}, L"--skip belongs to --check");
+    for (const wchar_t* const wrong : {L"", L",", L"1,", L"a", L"-1", L"0", L"99999999", L"1 2"}) {
+        ExpectRefusal({L"--check=a", L"--skip", wrong},
+                      L"--skip needs numbers of rules, with commas between them");
+    }
+}
+
+TEST(WantsCheck, SeesTheOptionInBothForms) {
+    using halvard_runner::WantsCheck;
+    EXPECT_TRUE(WantsCheck({L"--json", L"--check"}));
+    EXPECT_TRUE(WantsCheck({L"--check=a"}));
+    EXPECT_FALSE(WantsCheck({L"LaunchPV", L"A=--check"}));
 }
 
 TEST(ParseArguments, RefusesMalformedProperties) {
@@ -92,9 +163,13 @@ TEST(HelpText, TellsEveryExitCode) {
     const std::wstring help = halvard_runner::HelpText();
     for (const ExitCode code :
          {ExitCode::Success, ExitCode::OtherResult, ExitCode::WrongArguments, ExitCode::NoLibrary,
-          ExitCode::NoSuchAction, ExitCode::NoSession, ExitCode::Exception}) {
+          ExitCode::NoSuchAction, ExitCode::NoSession, ExitCode::Exception, ExitCode::OverTheLimit,
+          ExitCode::NotWritten}) {
         const std::wstring line = L"\n  " + std::to_wstring(static_cast<int>(code)) + L"   ";
         EXPECT_NE(help.find(line), std::wstring::npos) << static_cast<int>(code);
+        const std::wstring member =
+            L"{\"code\": " + std::to_wstring(static_cast<int>(code)) + L", ";
+        EXPECT_NE(halvard_runner::HelpJson().find(member), std::wstring::npos);
     }
 }
 

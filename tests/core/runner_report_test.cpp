@@ -1,3 +1,4 @@
+#include "json.h"
 #include "names.h"
 #include "report.h"
 
@@ -86,6 +87,12 @@ TEST(NamesNear, FindsWhatWasMeant) {
     EXPECT_EQ(NamesNear(L"LaunchPV", {}), Names{});
 }
 
+TEST(MeantText, NamesWhatWasMeant) {
+    EXPECT_EQ(halvard_runner::MeantText(L"launchpv", {L"LaunchPV"}), L"; did you mean LaunchPV?");
+    EXPECT_EQ(halvard_runner::MeantText(L"AC", {L"AA", L"AB"}), L"; did you mean AA or AB?");
+    EXPECT_EQ(halvard_runner::MeantText(L"Other", {L"LaunchPV"}), L"; halvard_run list shows them");
+}
+
 TEST(MessageLines, IndentsFurtherLinesAndDropsTheLastEnds) {
     EXPECT_EQ(MessageLines({kLog, L"one\r\n\r\ntwo\n\r\n"}),
               L"log         one\n\n            two\n");
@@ -124,6 +131,37 @@ TEST(ExitCodeOf, TellsSuccessOtherResultsAndExceptionsApart) {
     EXPECT_EQ(ExitCodeOf(Returned(1)), ExitCode::OtherResult);
     EXPECT_EQ(ExitCodeOf(Returned(256)), ExitCode::OtherResult);
     EXPECT_EQ(ExitCodeOf(Left({})), ExitCode::Exception);
+    EXPECT_EQ(ExitCodeOf(Left(halvard_runner::EndedProcess(0))), ExitCode::Exception);
+    EXPECT_EQ(ExitCodeOf(Left(halvard_runner::OverTheLimit(5))), ExitCode::OverTheLimit);
+}
+
+TEST(EndedProcess, TellsACrashFromAnEndOfItsOwn) {
+    using halvard_runner::EndedProcess;
+    for (const std::uint32_t own : {0U, 1U, 259U, 0x7FFFFFFFU, 0x80000001U, 0xFFFFFFFFU}) {
+        EXPECT_EQ(EndedProcess(own).kind, L"ended process") << own;
+        EXPECT_EQ(EndedProcess(own).code, own);
+    }
+    for (const std::uint32_t crash :
+         {0xC0000005U, 0xC0000999U, 0xE06D7363U, 0x20474343U, 0x80000003U, 0xE0000042U}) {
+        EXPECT_EQ(EndedProcess(crash).kind, L"structured exception") << crash;
+        EXPECT_EQ(EndedProcess(crash).code, crash);
+    }
+    EXPECT_EQ(EndedProcess(0xC0000374).type, L"STATUS_HEAP_CORRUPTION");
+    EXPECT_EQ(EndedProcess(0xC0000999).type, L"");
+}
+
+TEST(OverTheLimit, TellsTheLimit) {
+    EXPECT_EQ(EndLines(Left(halvard_runner::OverTheLimit(5))),
+              L"exception   over the limit\n"
+              L"            the action did not end within 5 s; it was ended, with all that it had "
+              L"started\n"
+              L"duration    0.0 ms\n");
+}
+
+TEST(StreamLine, TellsTheStream) {
+    using halvard_runner::Stream;
+    EXPECT_EQ(halvard_runner::StreamLine(Stream::Output, L"a"), L"stdout      a\n");
+    EXPECT_EQ(halvard_runner::StreamLine(Stream::Error, L""), L"stderr\n");
 }
 
 TEST(JsonString, EscapesWhatJsonDoesNotTake) {
@@ -146,27 +184,31 @@ TEST(OutcomeJson, HoldsAllOfACall) {
     arguments.properties = {{L"B", L"\"2\""}, {L"A", L""}};
     Outcome outcome = Returned(1603);
     outcome.messages = {{kLog, L"one"}, {kError, L"two"}, {kLog, L"three"}};
+    outcome.standardOutput = {L"a", L""};
+    outcome.standardError = {L"\"b\""};
     EXPECT_EQ(OutcomeJson(arguments, L"c:\\a.dll", outcome),
               L"{\"action\": \"BlockLaunch\", \"dll\": \"c:\\\\a.dll\", "
               L"\"properties\": {\"B\": \"\\\"2\\\"\", \"A\": \"\"}, "
               L"\"log\": [\"one\", \"three\"], "
               L"\"messages\": [{\"kind\": \"error\", \"type\": 16777232, \"text\": \"two\"}], "
+              L"\"standard_output\": [\"a\", \"\"], \"standard_error\": [\"\\\"b\\\"\"], "
               L"\"result\": 1603, \"result_name\": \"ERROR_INSTALL_FAILURE\", "
+              L"\"if_checked\": \"fails the installation\", "
               L"\"exception\": null, \"milliseconds\": 12.3, \"exit_code\": 1}\n");
 }
 
 TEST(OutcomeJson, HasNullForWhatIsNotKnown) {
     EXPECT_EQ(OutcomeJson({}, L"", Left({L"abort", L"", std::nullopt, L"", L""})),
               L"{\"action\": \"\", \"dll\": \"\", \"properties\": {}, \"log\": [], "
-              L"\"messages\": [], \"result\": null, \"result_name\": null, "
+              L"\"messages\": [], \"standard_output\": [], \"standard_error\": [], "
+              L"\"result\": null, \"result_name\": null, \"if_checked\": null, "
               L"\"exception\": {\"kind\": \"abort\", \"type\": null, \"code\": null, "
               L"\"category\": null, \"text\": \"\"}, \"milliseconds\": 0.0, \"exit_code\": 7}\n");
 }
 
-TEST(ListJson, HoldsTheNames) {
-    EXPECT_EQ(halvard_runner::ListJson(L"a.dll", {L"A", L"B"}),
-              L"{\"dll\": \"a.dll\", \"actions\": [\"A\", \"B\"]}\n");
-    EXPECT_EQ(halvard_runner::ListJson(L"a.dll", {}), L"{\"dll\": \"a.dll\", \"actions\": []}\n");
+TEST(VersionJson, TellsProgramAndVersion) {
+    EXPECT_EQ(halvard_runner::VersionJson(L"1.2.3"),
+              L"{\"program\": \"halvard_run\", \"version\": \"1.2.3\", \"exit_code\": 0}\n");
 }
 
 TEST(ErrorJson, HoldsTextAndExitCode) {

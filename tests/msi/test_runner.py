@@ -14,6 +14,7 @@ from typing import Iterator
 
 import pytest
 
+import generate
 from installer import actions, companion, engines, paths
 from installer.prefix import Prefix
 from processes import processes_of
@@ -22,9 +23,8 @@ from waiting import until
 LIBRARY = ("--dll", paths.windows_path(paths.FAULT_ACTIONS))
 LIMIT = 60.0
 
-SUCCESS, OTHER_RESULT, WRONG_ARGUMENTS, NO_LIBRARY, NO_ACTION, NO_SESSION, EXCEPTION = (
-    0, 1, 2, 4, 5, 6, 7,
-)
+SUCCESS, OTHER_RESULT, WRONG_ARGUMENTS, NO_LIBRARY, NO_ACTION, NO_SESSION = 0, 1, 2, 4, 5, 6
+EXCEPTION, OVER_THE_LIMIT, NOT_WRITTEN = 7, 8, 9
 DURATION = re.compile(r"^duration    \d+\.\d ms\n\Z", re.MULTILINE)
 PIVOT_KEY = r"HKLM\SOFTWARE\Qorta Technologies\Install\Pivot"
 
@@ -91,19 +91,69 @@ def without_duration(output: str) -> str:
     return text
 
 
-def test_the_actions_are_listed(call):
+def told_of(action: actions.Action) -> dict:
+    """What the runner tells scripts of an action."""
+    return {
+        "name": action.name,
+        "subsystem": action.subsystem,
+        "does": generate.plain(action.does),
+        "execution": action.execution,
+        "impersonated": action.impersonate or action.execution == "immediate",
+        "checked": action.return_attribute == "check",
+        "why": generate.plain(action.why),
+        "schedule": generate.plain(action.schedule),
+        "data": [{"key": key.name, "needed": key.needed} for key in action.data],
+        "whole_data": generate.plain(action.whole_data) or None,
+        "properties": list(action.properties),
+        "registry": list(action.registry),
+        "results": [
+            {
+                "value": each.value if each.fixed else None,
+                "note": each.note or None,
+                "means": generate.plain(each.means),
+            }
+            for each in action.results
+        ],
+        "exceptions": list(action.exceptions),
+        "throws": generate.plain(action.throws) or None,
+    }
+
+
+def test_the_actions_are_listed_with_what_they_do(call):
     done = call("list")
     assert (done.code, done.errors) == (SUCCESS, "")
-    assert done.output.splitlines() == exported()
+    assert re.findall(r"^(\w+)\n    ", done.output, re.MULTILINE) == exported()
+    assert "    immediate, Return=\"check\"\n    Stops an installation that" in done.output
 
 
 def test_the_actions_are_listed_for_scripts(call):
     listed = call("list", "--json").json
-    assert listed == {"dll": named_by_runner(paths.LIBRARY), "actions": exported()}
+    by_name = {action.name: told_of(action) for action in actions.actions()}
+    assert listed == {
+        "dll": named_by_runner(paths.LIBRARY),
+        "actions": [by_name[name] for name in exported()],
+        "exit_code": SUCCESS,
+    }
+
+
+def test_one_action_is_told_of(call):
+    (facts,) = [each for each in actions.actions() if each.name == "UnregisterDLL"]
+    assert call("UnregisterDLL", "--help", "--json").json == told_of(facts)
+    done = call("UnregisterDLL", "-h")
+    assert (done.code, done.errors) == (SUCCESS, "")
+    assert done.output.startswith("UnregisterDLL\n    Unregisters a COM server.\n\n")
+    assert "data        InstallDir= (needed), DLLName= (needed)\n" in done.output
+    assert "results     0: unregistered.\n            1603: regsvr32.exe answered" in done.output
+
+
+def test_an_action_outside_of_the_table_cannot_be_told_of(call):
+    done = call("UnregisterDl", "--help")
+    assert (done.code, done.output) == (NO_ACTION, "")
+    assert "has no UnregisterDl; did you mean UnregisterDLL?" in done.errors
 
 
 def test_another_library_is_listed(call):
-    assert "OverflowTheStack" in call("list", *LIBRARY).output.splitlines()
+    assert "OverflowTheStack\n    not in the table" in call("list", *LIBRARY).output
 
 
 def test_an_action_gets_its_properties_and_its_log_lines_are_shown(call):
@@ -150,7 +200,7 @@ def test_every_result_is_told(call, result, name, code):
 
 def test_a_script_gets_all_of_a_call(call):
     data = 'ClientName=J\u00fcrgen "J";Action=;CurrentVersion=1.0 \\'
-    done = call("CheckForClients", f"CustomActionData={data}", "OTHER=", "--json")
+    done = call("CheckForClients", f"CustomActionData={data}", "OTHER=", "--json", "--quotes")
     assert done.code == SUCCESS
     told = done.json
     assert told.pop("milliseconds") > 0
@@ -165,8 +215,11 @@ def test_a_script_gets_all_of_a_call(call):
             "Current Version 1.0 \\",
         ],
         "messages": [],
+        "standard_output": [],
+        "standard_error": [],
         "result": 0,
         "result_name": "ERROR_SUCCESS",
+        "if_checked": "goes on",
         "exception": None,
         "exit_code": 0,
     }
@@ -323,9 +376,116 @@ def test_what_came_before_an_exception_is_told(call):
 
 def test_an_exception_that_may_not_leave_ends_in_an_abort(call):
     done = call("ThrowWhereItIsForbidden", "--json", *LIBRARY)
-    assert done.code == EXCEPTION
-    assert "terminate called after throwing an instance of 'std::out_of_range'" in done.errors
-    assert json.loads(done.output)["exception"]["kind"] == "abort"
+    assert escaped(done)["kind"] == "abort"
+    first = "terminate called after throwing an instance of 'std::out_of_range'"
+    assert done.json["standard_error"][0] == first
+
+
+@pytest.mark.parametrize(
+    "action, code, expected",
+    [
+        ("EndOwnProcess", 0, ("ended process", None)),
+        ("EndOwnProcess", 12, ("ended process", None)),
+        ("EndOwnProcess", 0xFFFFFFFF, ("ended process", None)),
+        ("EndOwnProcessAtOnce", 0xC0000374, ("structured exception", "STATUS_HEAP_CORRUPTION")),
+        ("EndOwnProcessAtOnce", 0xC0000999, ("structured exception", None)),
+        ("EndOwnProcessAtOnce", 0xE0000042, ("structured exception", None)),
+        ("EndOwnProcessAtOnce", 0x80000003, ("structured exception", "EXCEPTION_BREAKPOINT")),
+        ("FailFast", 0xC0000602, ("structured exception", "STATUS_FAIL_FAST_EXCEPTION")),
+    ],
+)
+def test_the_end_of_its_process_is_told(call, action, code, expected):
+    done = call(action, f"CODE={code}", "--json", *LIBRARY)
+    exception = escaped(done)
+    assert (exception["kind"], exception["type"], exception["code"]) == (*expected, code)
+    assert done.json["log"] == (["before"] if action == "EndOwnProcess" else [])
+
+
+def test_an_install_proxy_command_that_does_not_fit_is_told(call, prefix):
+    key = r"HKLM\SOFTWARE\Qorta\Sable\Packages\Core-Static"
+    folder = "t:\\" + "\\".join(["f" * 100] * 2)
+    prefix.host_path("T" + folder[1:]).mkdir(parents=True)
+    assert prefix.run("reg.exe", "add", key, "/v", "Location", "/d", folder, "/f").returncode == 0
+    try:
+        data = "CustomActionData=" + "d" * 259
+        done = call("LaunchInstallProxyPV", data, "--json")
+        plain = call("LaunchInstallProxyPV", data)
+    finally:
+        prefix.run("reg.exe", "delete", key, "/f")
+    assert escaped(done)["kind"] == "structured exception"
+    assert done.json["log"][0].startswith("QUENBY_CA DeleteFolder: ")
+    assert plain.code == EXCEPTION
+    assert "\n            it ended the process that called the action\n" in plain.output
+
+
+def test_what_an_action_writes_belongs_to_what_is_told(call):
+    told = call("WriteToStreams", "--json", *LIBRARY).json
+    assert told["standard_output"] == ["one", "", "two caf\u00e9"]
+    assert told["standard_error"] == ['three "quoted"']
+    assert told["log"] == ["logged"]
+    assert call("WriteWithoutFlushing", "--json", *LIBRARY).json["standard_output"] == ["kept back"]
+    done = call("WriteToStreams", *LIBRARY)
+    assert (done.code, done.errors) == (SUCCESS, "")
+    for line in ("stdout      one\n", "stdout      two caf\u00e9\n", 'stderr      three "quoted"\n'):
+        assert line in done.output
+
+
+def test_what_the_library_itself_writes_is_told(call, prefix):
+    prefix.host_path(r"T:\no_tasks").mkdir()
+    key = [PIVOT_KEY, "/v", "Location", "/d", "t:\\no_tasks\\"]
+    assert prefix.run("reg.exe", "add", *key, "/f").returncode == 0
+    try:
+        told = call("CreateLogonSchTask", "--json").json
+    finally:
+        prefix.run("reg.exe", "delete", PIVOT_KEY, "/f")
+    assert told["result"] == 0
+    assert "Error creating file reader, error is 80070002" in told["standard_output"]
+
+
+def runner_processes(prefix: Prefix) -> list[str]:
+    return [line for line in processes_of(prefix.path) if paths.RUNNER.name in line]
+
+
+@pytest.mark.parametrize("form", [["--limit", "2"], ["--limit=2"]])
+def test_an_action_that_does_not_end_is_ended_with_all_that_it_has_started(call, prefix, form):
+    wait = f"MILLISECONDS={3 * LIMIT * 1000:.0f}"
+    done = call("StartOthersAndWait", wait, *form, "--json", *LIBRARY)
+    assert done.code == OVER_THE_LIMIT
+    told = done.json
+    assert (told["result"], told["exit_code"]) == (None, OVER_THE_LIMIT)
+    assert told["exception"]["kind"] == "over the limit"
+    assert "did not end within 2 s" in told["exception"]["text"]
+    assert 2000 <= told["milliseconds"] < LIMIT * 1000
+    until(lambda: not runner_processes(prefix), LIMIT)
+
+
+def test_what_an_action_has_left_running_goes_on(call, prefix):
+    done = call("StartOthersAndWait", "MILLISECONDS=2000", *LIBRARY)
+    assert done.code == SUCCESS
+    # Of the program that was started, and of the one that this started to call its action.
+    assert len(runner_processes(prefix)) == 2
+    prefix.run("taskkill.exe", "/f", "/im", paths.RUNNER.name)
+    until(lambda: not runner_processes(prefix), LIMIT)
+
+
+def test_the_process_of_the_action_ends_with_the_program(prefix):
+    command = [paths.RUNNER, "LogAndWait", f"MILLISECONDS={3 * LIMIT * 1000:.0f}", *LIBRARY]
+    with running(prefix, *command) as (process, output, _):
+        until(output.read_text, LIMIT)
+        assert len(runner_processes(prefix)) == 2
+        process.kill()
+        process.wait()
+        until(lambda: not runner_processes(prefix), LIMIT)
+
+
+@pytest.mark.parametrize("json_wanted", [[], ["--json"]])
+@pytest.mark.parametrize("command", [["list"], ["--help"], ["LaunchedFromMIM"]])
+def test_a_full_disk_is_noticed(prefix, tmp_path, command, json_wanted):
+    errors = tmp_path / "errors"
+    with open("/dev/full", "wb") as full, errors.open("wb") as told:
+        process = prefix.start(paths.RUNNER, *command, *json_wanted, stdout=full, stderr=told)
+        assert process.wait(LIMIT) == NOT_WRITTEN
+    assert "not all could be written: Win32 error 112" in errors.read_text()
 
 
 @pytest.mark.parametrize(
@@ -337,6 +497,8 @@ def test_an_exception_that_may_not_leave_ends_in_an_abort(call):
         (["LaunchPV", "9=1"], WRONG_ARGUMENTS, '"9" is no name of a property'),
         (["LaunchPV", "A=1", "A=2"], WRONG_ARGUMENTS, "the property A is given twice"),
         (["LaunchPV", "--quiet"], WRONG_ARGUMENTS, "unknown option --quiet"),
+        (["LaunchPV", "--limit", "1.5"], WRONG_ARGUMENTS, "--limit needs a whole number of seconds"),
+        (["LaunchPV", 'A="'], WRONG_ARGUMENTS, "where the quote is meant, add --quotes"),
         (["list", "--dll", r"c:\none.dll"], NO_LIBRARY, r"there is no library c:\none.dll"),
         (["list", "--dll", r"c:\windows"], NO_LIBRARY, r"there is no library c:\windows"),
         (
@@ -373,32 +535,66 @@ def test_the_help_tells_the_exit_codes(call, option):
     listed = re.findall(r"^  (\d)   ", done.output, re.MULTILINE)
     assert [int(code) for code in listed] == [
         SUCCESS, OTHER_RESULT, WRONG_ARGUMENTS, NO_LIBRARY, NO_ACTION, NO_SESSION, EXCEPTION,
+        OVER_THE_LIMIT, NOT_WRITTEN,
     ]
+    documented = re.findall(r"^\| (\d) \| ", (paths.ROOT / "docs/development.md").read_text(), re.MULTILINE)
+    assert documented == listed
+    told = call(option, "--json").json
+    assert told["help"] == done.output
+    assert [str(each["code"]) for each in told["exit_codes"]] == listed
+    assert told["exit_code"] == SUCCESS
 
 
-@pytest.mark.parametrize(
-    "typed, came", [('C:\\my dir\\"', 'C:\\my dir"'), ('C:\\my dir\\\\"', "C:\\my dir\\")]
-)
-def test_a_backslash_before_a_closing_quote_is_doubled(call, prefix, typed, came):
-    runner = paths.windows_path(paths.RUNNER)
-    script = prefix.throwaway / "quoted.cmd"
-    script.write_text(f'@{runner} DeleteDMFTDirectory "CustomActionData=InstallDir={typed}\r\n')
-    done = call("/c", rf"t:\{script.name}", program="cmd.exe")
+def typed(call, prefix: Prefix, words: str) -> Run:
+    """A command line as it is typed."""
+    script = prefix.throwaway / "typed.cmd"
+    script.write_text(f"@{paths.windows_path(paths.RUNNER)} {words}\r\n")
+    return call("/c", rf"t:\{script.name}", program="cmd.exe")
+
+
+def test_a_backslash_before_a_closing_quote_is_doubled(call, prefix):
+    done = typed(call, prefix, r'DeleteDMFTDirectory "CustomActionData=InstallDir=C:\my dir\\"')
     assert (done.code, done.errors) == (SUCCESS, "")
-    assert done.output.startswith(f"log         CustomActionData: InstallDir={came}\n")
+    assert done.output.startswith("log         CustomActionData: InstallDir=C:\\my dir\\\n")
+
+
+def test_a_backslash_before_a_closing_quote_swallows_nothing_in_silence(call, prefix):
+    words = r'DeleteDMFTDirectory "CustomActionData=InstallDir=C:\my dir\"'
+    done = typed(call, prefix, words)
+    assert (done.code, done.output) == (WRONG_ARGUMENTS, "")
+    assert r"double that backslash" in done.errors and "--quotes" in done.errors
+    scripted = typed(call, prefix, f"{words} --json")
+    assert scripted.code == WRONG_ARGUMENTS
+    assert "double that backslash" in scripted.json["error"]
+
+
+def test_a_quote_that_is_meant_is_taken(call, prefix):
+    words = r'DeleteDMFTDirectory --quotes "CustomActionData=InstallDir=C:\my dir\"'
+    done = typed(call, prefix, words)
+    assert done.output.startswith('log         CustomActionData: InstallDir=C:\\my dir"\n')
 
 
 def test_the_version_is_that_of_the_project(call):
     version = re.search(r"VERSION (\d+\.\d+\.\d+)\n", paths.CMAKE_LISTS.read_text())[1]
     done = call("--version")
     assert (done.code, done.output, done.errors) == (SUCCESS, f"halvard_run {version}\n", "")
+    told = call("--version", "--json").json
+    assert told == {"program": "halvard_run", "version": version, "exit_code": SUCCESS}
 
 
-@pytest.mark.parametrize("action", ["LaunchedFromMIM", "DeletePVFolder"])
-def test_nothing_of_the_session_is_left(call, prefix, action):
+@pytest.mark.parametrize(
+    "arguments",
+    [
+        ["LaunchedFromMIM"],
+        ["DeletePVFolder"],
+        ["EndOwnProcessAtOnce", "CODE=1", *LIBRARY],
+        ["LogAndWait", "MILLISECONDS=60000", "--limit", "1", *LIBRARY],
+    ],
+)
+def test_nothing_of_the_session_is_left(call, prefix, arguments):
     folders = prefix.temporary_folders()
     before = [sorted(folder.iterdir()) for folder in folders]
-    call(action)
+    call(*arguments)
     assert folders and [sorted(folder.iterdir()) for folder in folders] == before
 
 
@@ -458,6 +654,13 @@ def test_a_signal_ends_the_prefix_and_its_servers(command, number, prefix_name):
     finally:
         process.kill()
         process.wait()
+
+
+def test_the_script_notices_a_full_disk():
+    with open("/dev/full", "wb") as full:
+        done = action_script("BlockLaunch", stdout=full)
+    assert done.returncode == NOT_WRITTEN
+    assert "No space left on device" in done.stderr
 
 
 def test_a_reader_that_has_gone_changes_no_exit_code():

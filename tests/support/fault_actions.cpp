@@ -5,6 +5,7 @@
 #include <msi.h>
 #include <msiquery.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cwchar>
 #include <new>
@@ -166,6 +167,59 @@ ACTION(EndOwnThread) {
 ACTION(Abort) {
     static_cast<void>(session);
     std::abort();
+}
+
+ACTION(EndOwnProcess) {
+    Send(session, INSTALLMESSAGE_INFO, L"before");
+    ExitProcess(NumberProperty(session, L"CODE"));
+}
+
+ACTION(EndOwnProcessAtOnce) {
+    // Past what a run-time does at the end, as the system does it after damage.
+    TerminateProcess(GetCurrentProcess(), NumberProperty(session, L"CODE"));
+    return ERROR_SUCCESS;
+}
+
+ACTION(FailFast) {
+    static_cast<void>(session);
+    EXCEPTION_RECORD error = {};
+    error.ExceptionCode = kCodeWithoutName;
+    error.ExceptionFlags = EXCEPTION_NONCONTINUABLE;
+    RaiseFailFastException(&error, nullptr, 0);
+    return ERROR_SUCCESS;
+}
+
+ACTION(WriteToStreams) {
+    std::printf("one\r\n\ntwo caf\xC3\xA9");
+    std::fflush(stdout);
+    std::fprintf(stderr, "three \"quoted\"\n");
+    Send(session, INSTALLMESSAGE_INFO, L"logged");
+    return ERROR_SUCCESS;
+}
+
+ACTION(WriteWithoutFlushing) {
+    static_cast<void>(session);
+    std::printf("kept back");
+    return ERROR_SUCCESS;
+}
+
+// Starts this program once more, with an action that waits, which starts a process in its turn.
+ACTION(StartOthersAndWait) {
+    wchar_t program[MAX_PATH] = {};
+    wchar_t library[MAX_PATH] = {};
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    GetModuleFileNameW(GetModuleHandleW(L"fault_actions.dll"), library, MAX_PATH);
+    std::wstring line = std::wstring(L"\"") + program +
+                        L"\" LogAndWait MILLISECONDS=600000 --dll \"" + library + L"\"";
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION started = {};
+    if (CreateProcessW(program, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                       &started) == FALSE) {
+        return GetLastError();
+    }
+    Sleep(NumberProperty(session, L"MILLISECONDS"));
+    return ERROR_SUCCESS;
 }
 
 // Faults that a check of the heap has to report. The result ends the session, which has nothing

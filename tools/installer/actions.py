@@ -8,6 +8,7 @@ from typing import Any
 from installer import paths
 
 OTHER = "other"
+SESSIONS = ("installation", "removal", "any")
 
 
 @dataclass(frozen=True)
@@ -32,6 +33,15 @@ class Result:
 
 
 @dataclass(frozen=True)
+class Place:
+    """Where an action stands in a sequence: in which sessions, and behind and before what."""
+
+    on: str
+    behind: tuple[str, ...] = ()
+    before: tuple[str, ...] = ()
+
+
+@dataclass(frozen=True)
 class Action:
     """A row of the table, whose file says what its fields are."""
 
@@ -42,6 +52,7 @@ class Action:
     return_attribute: str
     why: str
     schedule: str
+    place: Place
     results: tuple[Result, ...]
     impersonate: bool = False
     data: tuple[DataKey, ...] = ()
@@ -71,6 +82,8 @@ class Action:
             raise ValueError(f"{self.name}: no such return")
         if self.execution == "immediate" and (self.data or self.whole_data or self.impersonate):
             raise ValueError(f"{self.name}: what only a deferred action has")
+        if self.place.on not in SESSIONS:
+            raise ValueError(f"{self.name}: no such session")
         if bool(self.exceptions) != bool(self.throws):
             raise ValueError(f"{self.name}: exceptions and when they are thrown go together")
         if self.data and self.whole_data:
@@ -108,6 +121,10 @@ def _action(row: dict[str, Any]) -> Action:
     fields = dict(row)
     fields["return_attribute"] = fields.pop("return")
     fields["results"] = tuple(Result(**each) for each in fields["results"])
+    place = fields["place"]
+    fields["place"] = Place(
+        place["on"], tuple(place.get("behind", ())), tuple(place.get("before", ()))
+    )
     fields["data"] = tuple(DataKey(each["key"], each["needed"]) for each in fields.get("data", ()))
     for name in ("properties", "registry", "exceptions"):
         fields[name] = tuple(fields.get(name, ()))

@@ -1,11 +1,12 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
 namespace halvard_runner {
 
-enum class Request { Help, Version, List, Call };
+enum class Request { Help, Version, List, Call, Check };
 
 struct Property {
     std::wstring name;
@@ -21,19 +22,32 @@ struct Arguments {
     std::vector<Property> properties;
     /// Empty for the library beside the program.
     std::wstring dll;
+    /// The package to check, and the rules that are left out.
+    std::wstring package;
+    std::vector<int> skipped;
+    /// Seconds; 0 for none.
+    std::uint32_t limit = 600;
     bool json = false;
 };
 
-/// Reads the arguments behind the program's name. `--help` and `--version` win over all the rest.
+/// Reads the arguments behind the program's name. `--help` and `--version` win over all the rest;
+/// an action that is named with `--help` is the one to tell of.
 ///
-/// Throws RunnerError (WrongArguments) for an unknown option, a missing action or path, and for a
-/// property without "=", with a name that the installer would not take, or given twice.
+/// Throws RunnerError (WrongArguments) for an unknown option, a missing action or path, for a
+/// property without "=", with a name that the installer would not take, or given twice, and for a
+/// value with a quote that is not said to be meant.
 Arguments ParseArguments(const std::vector<std::wstring>& arguments);
 
-/// Whether errors are to be told as JSON: also when the arguments cannot be read.
+/// Whether a package is to be checked, also when the arguments cannot be read: then other exit
+/// codes count.
+bool WantsCheck(const std::vector<std::wstring>& arguments);
+
+/// Whether errors are to be told as JSON: also when the arguments cannot be read, and when a quote
+/// has taken the option into the value before it.
 bool WantsJson(const std::vector<std::wstring>& arguments);
 
 /// What `--help` prints.
-const wchar_t* HelpText();
+std::wstring HelpText();
+std::wstring HelpJson();
 
 } // namespace halvard_runner

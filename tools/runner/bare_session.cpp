@@ -1,5 +1,6 @@
 #include "bare_session.h"
 
+#include "installer_handle.h"
 #include "text_output.h"
 
 #include <msiquery.h>
@@ -35,20 +36,6 @@ constexpr const wchar_t* kPackageCode = L"{E2B94C71-3A05-4D88-B6F9-71C25D08AE43}
 constexpr int kEngineVersion = 200;
 constexpr int kCompressedSource = 2;
 
-class Handle {
-public:
-    Handle() = default;
-    ~Handle() { MsiCloseHandle(handle_); }
-    Handle(const Handle&) = delete;
-    Handle& operator=(const Handle&) = delete;
-
-    [[nodiscard]] MSIHANDLE Get() const noexcept { return handle_; }
-    MSIHANDLE* Receive() noexcept { return &handle_; }
-
-private:
-    MSIHANDLE handle_ = 0;
-};
-
 void Check(UINT status, const std::wstring& what) {
     if (status != ERROR_SUCCESS) {
         throw RunnerError(ExitCode::NoSession, what + L": " + ErrorText(status));
@@ -56,7 +43,7 @@ void Check(UINT status, const std::wstring& what) {
 }
 
 void Execute(MSIHANDLE database, const wchar_t* statement) {
-    Handle view;
+    InstallerHandle view;
     Check(MsiDatabaseOpenViewW(database, statement, view.Receive()), statement);
     Check(MsiViewExecute(view.Get(), 0), statement);
 }
@@ -64,7 +51,7 @@ void Execute(MSIHANDLE database, const wchar_t* statement) {
 void WriteSummary(MSIHANDLE database) {
     constexpr UINT kProperties = 4;
     const wchar_t* const what = L"the package's summary cannot be written";
-    Handle summary;
+    InstallerHandle summary;
     Check(MsiGetSummaryInformationW(database, nullptr, kProperties, summary.Receive()), what);
     const auto setText = [&](UINT property, const wchar_t* text) {
         Check(MsiSummaryInfoSetPropertyW(summary.Get(), property, VT_LPSTR, 0, nullptr, text),
@@ -82,7 +69,7 @@ void WriteSummary(MSIHANDLE database) {
 }
 
 void WritePackage(const std::wstring& path) {
-    Handle database;
+    InstallerHandle database;
     Check(MsiOpenDatabaseW(path.c_str(), MSIDBOPEN_CREATE, database.Receive()),
           L"no package can be made at " + path);
     for (const wchar_t* const statement : kStatements) {
@@ -114,11 +101,12 @@ TemporaryFile::~TemporaryFile() {
     DeleteFileW(path_.c_str());
 }
 
-BareSession::BareSession(Receiver receiver) : receiver_(std::move(receiver)) {
-    WritePackage(package_.Path());
+BareSession::BareSession(Receiver receiver, const std::wstring& package)
+    : receiver_(std::move(receiver)) {
+    const std::wstring& path = package.empty() ? ownPackage_.emplace().Path() : package;
+    WritePackage(path);
     MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
-    Check(MsiOpenPackageExW(package_.Path().c_str(), MSIOPENPACKAGEFLAGS_IGNOREMACHINESTATE,
-                            &session_),
+    Check(MsiOpenPackageExW(path.c_str(), MSIOPENPACKAGEFLAGS_IGNOREMACHINESTATE, &session_),
           L"no installer session can be opened");
     MsiSetExternalUIW(Receive, kAllMessages, &receiver_);
 }

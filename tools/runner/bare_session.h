@@ -6,6 +6,7 @@
 #include "report.h"
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,8 +35,9 @@ public:
     /// What receives each message as it comes, in the thread of the action.
     using Receiver = std::function<void(const Message&)>;
 
-    /// Throws RunnerError (NoSession).
-    explicit BareSession(Receiver receiver);
+    /// `package` is the file to make the package in, which the caller removes; empty for one of its
+    /// own. Throws RunnerError (NoSession).
+    explicit BareSession(Receiver receiver, const std::wstring& package = {});
     ~BareSession();
     BareSession(const BareSession&) = delete;
     BareSession& operator=(const BareSession&) = delete;
@@ -46,7 +48,7 @@ public:
     void SetProperty(const Property& property) const;
 
 private:
-    TemporaryFile package_;
+    std::optional<TemporaryFile> ownPackage_;
     Receiver receiver_;
     MSIHANDLE session_ = 0;
 };

@@ -16,24 +16,6 @@ constexpr const wchar_t* kLibraryName = L"Halvard_CA.dll";
     throw RunnerError(ExitCode::NoLibrary, text);
 }
 
-std::wstring BesideThisProgram() {
-    std::wstring path(MAX_PATH, L'\0');
-    DWORD length = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
-    while (length == path.size()) {
-        path.resize(path.size() * 2);
-        length = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
-    }
-    path.resize(length);
-    return path.substr(0, path.rfind(L'\\') + 1) + kLibraryName;
-}
-
-std::wstring FullPath(const std::wstring& path) {
-    const DWORD size = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
-    std::wstring full(size, L'\0');
-    full.resize(GetFullPathNameW(path.c_str(), size, full.data(), nullptr));
-    return full.empty() ? path : full;
-}
-
 HMODULE Load(const std::wstring& path) {
     const DWORD attributes = GetFileAttributesW(path.c_str());
     if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
@@ -55,8 +37,33 @@ const Type* At(HMODULE module, DWORD offset) {
 
 } // namespace
 
-Library::Library(const std::wstring& path)
-    : path_(path.empty() ? BesideThisProgram() : FullPath(path)), module_(Load(path_)) {}
+std::wstring ProgramPath() {
+    std::wstring path(MAX_PATH, L'\0');
+    DWORD length = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+    while (length == path.size()) {
+        path.resize(path.size() * 2);
+        length = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+    }
+    path.resize(length);
+    return path;
+}
+
+std::wstring FullPath(const std::wstring& path) {
+    const DWORD size = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
+    std::wstring full(size, L'\0');
+    full.resize(GetFullPathNameW(path.c_str(), size, full.data(), nullptr));
+    return full.empty() ? path : full;
+}
+
+std::wstring LibraryPath(const std::wstring& path) {
+    if (!path.empty()) {
+        return FullPath(path);
+    }
+    const std::wstring program = ProgramPath();
+    return program.substr(0, program.rfind(L'\\') + 1) + kLibraryName;
+}
+
+Library::Library(const std::wstring& path) : path_(LibraryPath(path)), module_(Load(path_)) {}
 
 std::vector<std::wstring> Library::Exports() const {
     const auto* const dosHeader = At<IMAGE_DOS_HEADER>(module_, 0);
@@ -87,13 +94,8 @@ Action Library::Find(const std::wstring& name) const {
             return action;
         }
     }
-    std::wstring text = path_ + L" has no action " + name;
-    const std::vector<std::wstring> meant = NamesNear(name, exports);
-    for (std::size_t i = 0; i < meant.size(); ++i) {
-        text += (i == 0 ? L"; did you mean " : L" or ") + meant[i];
-    }
     throw RunnerError(ExitCode::NoSuchAction,
-                      meant.empty() ? text + L"; halvard_run list shows them" : text + L"?");
+                      path_ + L" has no action " + name + MeantText(name, exports));
 }
 
 } // namespace halvard_runner

@@ -10,12 +10,21 @@ namespace halvard_runner {
 
 using Action = UINT(__stdcall*)(MSIHANDLE session);
 
+/// The full path of this program.
+std::wstring ProgramPath();
+
+/// `path` in full, relative to the current directory.
+std::wstring FullPath(const std::wstring& path);
+
+/// The full path of a library: `path` as the user gave it, relative to the current directory; empty
+/// for Halvard_CA.dll beside this program.
+std::wstring LibraryPath(const std::wstring& path);
+
 /// A loaded custom-action library. It stays loaded to the end of the program: what an exception
 /// that left it tells of itself lies in it.
 class Library {
 public:
-    /// `path` as the user gave it, relative to the current directory; empty for Halvard_CA.dll
-    /// beside this program. Throws RunnerError (NoLibrary).
+    /// `path` as for LibraryPath. Throws RunnerError (NoLibrary).
     explicit Library(const std::wstring& path);
 
     /// The full path.

@@ -1,9 +1,13 @@
-// halvard_run: calls one action of the library without a package. `halvard_run --help` tells how.
+// halvard_run: calls one action of the library without a package, or checks one. `halvard_run
+// --help` tells how.
 
-#include "action_call.h"
+#include "action_page.h"
 #include "arguments.h"
-#include "bare_session.h"
+#include "call_process.h"
+#include "check/check_report.h"
+#include "check/package_reader.h"
 #include "library.h"
+#include "names.h"
 #include "report.h"
 #include "text_output.h"
 #include "version.h"
@@ -25,84 +29,105 @@ std::vector<std::wstring> CommandLineArguments() {
     return arguments;
 }
 
-/// The current directory of an action under the installer. Actions that are given no full path
-/// would else look where the caller happens to be.
-void GoToSystemFolder() {
-    wchar_t folder[MAX_PATH] = {};
-    GetSystemDirectoryW(folder, MAX_PATH);
-    SetCurrentDirectoryW(folder);
-}
-
 ExitCode List(const Arguments& arguments) {
     const Library library(arguments.dll);
     const std::vector<std::wstring> actions = library.Exports();
     if (arguments.json) {
         Write(STD_OUTPUT_HANDLE, ListJson(library.Path(), actions));
-        return ExitCode::Success;
-    }
-    for (const std::wstring& action : actions) {
-        Write(STD_OUTPUT_HANDLE, action + L"\n");
+    } else {
+        Write(STD_OUTPUT_HANDLE, ListLines(actions));
     }
     return ExitCode::Success;
 }
 
-ExitCode Call(const Arguments& arguments) {
-    const Library library(arguments.dll);
-    const Action action = library.Find(arguments.action);
-    GoToSystemFolder();
-
-    std::vector<Message> messages;
-    bool called = false;
-    const BareSession session([&](const Message& message) {
-        if (!called) {
-            return; // of the session's own making
-        }
-        messages.push_back(message);
-        if (!arguments.json) {
-            Write(STD_OUTPUT_HANDLE, MessageLines(message));
-        }
-    });
-    for (const Property& property : arguments.properties) {
-        session.SetProperty(property);
+ExitCode Help(const Arguments& arguments) {
+    if (arguments.action.empty()) {
+        Write(STD_OUTPUT_HANDLE, arguments.json ? HelpJson() : HelpText());
+        return ExitCode::Success;
     }
-    called = true;
-    Outcome outcome = CallAction(action, session.Get());
-    outcome.messages = messages;
-    Write(STD_OUTPUT_HANDLE,
-          arguments.json ? OutcomeJson(arguments, library.Path(), outcome) : EndLines(outcome));
+    const ActionFacts* const facts = FindFacts(arguments.action);
+    if (facts == nullptr) {
+        throw RunnerError(ExitCode::NoSuchAction, L"the table of actions has no " +
+                                                      arguments.action +
+                                                      MeantText(arguments.action, TableNames()));
+    }
+    Write(STD_OUTPUT_HANDLE, arguments.json ? ActionPageJson(*facts) : ActionPage(*facts));
+    return ExitCode::Success;
+}
+
+ExitCode Call(const Arguments& arguments) {
+    const auto tell = [&](const std::wstring& lines) {
+        if (!arguments.json) {
+            Write(STD_OUTPUT_HANDLE, lines);
+        }
+    };
+    const Outcome outcome =
+        CallInProcess(arguments, {[&](const Message& message) { tell(MessageLines(message)); },
+                                  [&](Stream stream, const std::wstring& line) {
+                                      tell(StreamLine(stream, line));
+                                  }});
+    Write(STD_OUTPUT_HANDLE, arguments.json
+                                 ? OutcomeJson(arguments, LibraryPath(arguments.dll), outcome)
+                                 : EndLines(outcome));
     return ExitCodeOf(outcome);
+}
+
+int CheckPackage(const Arguments& arguments) {
+    const std::wstring path = FullPath(arguments.package);
+    const std::vector<Finding> findings =
+        Findings(ReadPackage(path), L"" HALVARD_VERSION_TEXT, arguments.skipped);
+    Write(STD_OUTPUT_HANDLE, arguments.json ? CheckJson(path, findings, arguments.skipped)
+                                            : CheckLines(path, findings));
+    return CheckExitCode(findings);
 }
 
 ExitCode Run(const Arguments& arguments) {
     switch (arguments.request) {
     case Request::Help:
-        Write(STD_OUTPUT_HANDLE, HelpText());
-        return ExitCode::Success;
+        return Help(arguments);
     case Request::Version:
-        Write(STD_OUTPUT_HANDLE, L"halvard_run " HALVARD_VERSION_TEXT "\n");
+        Write(STD_OUTPUT_HANDLE, arguments.json ? VersionJson(L"" HALVARD_VERSION_TEXT)
+                                                : L"halvard_run " HALVARD_VERSION_TEXT "\n");
         return ExitCode::Success;
     case Request::List:
         return List(arguments);
+    case Request::Check:
+        return static_cast<ExitCode>(CheckPackage(arguments));
     case Request::Call:
         break;
     }
     return Call(arguments);
 }
 
-} // namespace
-
-int main() {
-    const std::vector<std::wstring> arguments = CommandLineArguments();
+int RunAndTell(const std::vector<std::wstring>& arguments) {
     try {
         return static_cast<int>(Run(ParseArguments(arguments)));
     } catch (const RunnerError& error) {
+        const ExitCode code = WantsCheck(arguments) ? ExitCode::NoPackage : error.Code();
         const std::wstring hint =
             error.Code() == ExitCode::WrongArguments ? L"halvard_run --help tells how\n" : L"";
         if (WantsJson(arguments)) {
-            Write(STD_OUTPUT_HANDLE, ErrorJson(error));
+            Write(STD_OUTPUT_HANDLE, ErrorJson({code, error.Text()}));
         } else {
             Write(STD_ERROR_HANDLE, L"halvard_run: " + error.Text() + L"\n" + hint);
         }
-        return static_cast<int>(error.Code());
+        return static_cast<int>(code);
     }
+}
+
+} // namespace
+
+int main() {
+    std::vector<std::wstring> arguments = CommandLineArguments();
+    if (!arguments.empty() && arguments.front() == kCallWord) {
+        arguments.erase(arguments.begin());
+        return CallForParent(arguments);
+    }
+    const int code = RunAndTell(arguments);
+    const std::wstring failure = WriteFailure();
+    if (!failure.empty()) {
+        Write(STD_ERROR_HANDLE, L"halvard_run: not all could be written: " + failure + L"\n");
+        return static_cast<int>(ExitCode::NotWritten);
+    }
+    return code;
 }

@@ -1,5 +1,7 @@
 #include "names.h"
 
+#include "text.h"
+
 #include <algorithm>
 #include <numeric>
 
@@ -48,10 +50,19 @@ constexpr Name kMessageKinds[] = {
 };
 
 constexpr Name kStructuredExceptions[] = {
-    {0x80000002, L"EXCEPTION_DATATYPE_MISALIGNMENT"}, {0x80000003, L"EXCEPTION_BREAKPOINT"},
-    {0xC0000005, L"EXCEPTION_ACCESS_VIOLATION"},      {0xC0000006, L"EXCEPTION_IN_PAGE_ERROR"},
-    {0xC000001D, L"EXCEPTION_ILLEGAL_INSTRUCTION"},   {0xC0000094, L"EXCEPTION_INT_DIVIDE_BY_ZERO"},
-    {0xC0000096, L"EXCEPTION_PRIV_INSTRUCTION"},      {0xC00000FD, L"EXCEPTION_STACK_OVERFLOW"},
+    {0x80000002, L"EXCEPTION_DATATYPE_MISALIGNMENT"},
+    {0x80000003, L"EXCEPTION_BREAKPOINT"},
+    {0xC0000005, L"EXCEPTION_ACCESS_VIOLATION"},
+    {0xC0000006, L"EXCEPTION_IN_PAGE_ERROR"},
+    {0xC000001D, L"EXCEPTION_ILLEGAL_INSTRUCTION"},
+    {0xC0000094, L"EXCEPTION_INT_DIVIDE_BY_ZERO"},
+    {0xC0000096, L"EXCEPTION_PRIV_INSTRUCTION"},
+    {0xC00000FD, L"EXCEPTION_STACK_OVERFLOW"},
+    {0xC000013A, L"STATUS_CONTROL_C_EXIT"},
+    {0xC0000374, L"STATUS_HEAP_CORRUPTION"},
+    {0xC0000409, L"STATUS_STACK_BUFFER_OVERRUN"},
+    {0xC0000417, L"STATUS_INVALID_CRUNTIME_PARAMETER"},
+    {0xC0000602, L"STATUS_FAIL_FAST_EXCEPTION"},
 };
 
 constexpr Name kCompilers[] = {
@@ -139,6 +150,12 @@ std::vector<std::wstring> NamesNear(const std::wstring& name,
         }
     }
     return nearest;
+}
+
+std::wstring MeantText(const std::wstring& name, const std::vector<std::wstring>& names) {
+    const std::vector<std::wstring> meant = NamesNear(name, names);
+    return meant.empty() ? L"; halvard_run list shows them"
+                         : L"; did you mean " + Joined(meant, L" or ") + L"?";
 }
 
 } // namespace halvard_runner

@@ -28,4 +28,7 @@ const wchar_t* CompilerOfException(std::uint32_t code);
 std::vector<std::wstring> NamesNear(const std::wstring& name,
                                     const std::vector<std::wstring>& names);
 
+/// What to say behind an action that is none: "; did you mean A or B?", or where they are shown.
+std::wstring MeantText(const std::wstring& name, const std::vector<std::wstring>& names);
+
 } // namespace halvard_runner

@@ -1,38 +1,17 @@
 #include "report.h"
 
 #include "names.h"
+#include "text.h"
 
 #include <algorithm>
 #include <cmath>
-#include <utility>
 
 namespace halvard_runner {
 
 namespace {
 
-std::wstring Hexadecimal(std::uint64_t number, std::size_t leastDigits) {
-    std::wstring text;
-    for (; number > 0 || text.size() < leastDigits; number /= 16) {
-        text.insert(text.begin(), L"0123456789ABCDEF"[number % 16]);
-    }
-    return text;
-}
-
 constexpr std::size_t kLabelWidth = 12;
-
-using Members = std::vector<std::pair<std::wstring, std::wstring>>;
-
-bool IsHighSurrogate(wchar_t c) {
-    return c >= 0xD800 && c <= 0xDBFF;
-}
-
-bool IsLowSurrogate(wchar_t c) {
-    return c >= 0xDC00 && c <= 0xDFFF;
-}
-
-std::wstring Escaped(wchar_t c) {
-    return L"\\u" + Hexadecimal(static_cast<std::uint32_t>(c), 4);
-}
+constexpr const wchar_t* kOverTheLimit = L"over the limit";
 
 std::wstring Labelled(std::wstring label, const std::wstring& text) {
     label.resize(std::max(kLabelWidth, label.size() + 2), L' ');
@@ -54,29 +33,6 @@ std::wstring Labelled(std::wstring label, const std::wstring& text) {
 std::wstring Milliseconds(double milliseconds) {
     const long long tenths = std::llround(milliseconds * 10);
     return std::to_wstring(tenths / 10) + L"." + std::to_wstring(tenths % 10);
-}
-
-std::wstring Object(const Members& members) {
-    std::wstring text;
-    for (const auto& [name, value] : members) {
-        text += text.empty() ? L"{" : L", ";
-        text += JsonString(name) + L": " + value;
-    }
-    return text.empty() ? L"{}" : text + L"}";
-}
-
-template <typename Items, typename Text>
-std::wstring Array(const Items& items, Text text) {
-    std::wstring all;
-    for (const auto& item : items) {
-        all += all.empty() ? L"[" : L", ";
-        all += text(item);
-    }
-    return all.empty() ? L"[]" : all + L"]";
-}
-
-std::wstring StringOrNull(const std::wstring& text) {
-    return text.empty() ? L"null" : JsonString(text);
 }
 
 bool IsLogLine(const Message& message) {
@@ -101,16 +57,65 @@ std::wstring CodeText(std::int64_t code) {
 }
 
 std::wstring ExceptionJson(const EscapedException& exception) {
-    return Object({
+    return JsonObject({
         {L"kind", JsonString(exception.kind)},
-        {L"type", StringOrNull(exception.type)},
+        {L"type", JsonStringOrNull(exception.type)},
         {L"code", exception.code ? std::to_wstring(*exception.code) : L"null"},
-        {L"category", StringOrNull(exception.category)},
+        {L"category", JsonStringOrNull(exception.category)},
         {L"text", JsonString(exception.text)},
     });
 }
 
-std::wstring ExceptionLines(const EscapedException& exception) {
+/// Of a process that was ended by what nobody caught: codes of the system's errors, and those that
+/// run-times and programs raise. -1 is none, for programs end with it.
+bool IsCodeOfException(std::uint32_t code) {
+    const std::uint32_t kind = code >> 28U;
+    return kind == 0xC || kind == 0xE || StructuredExceptionName(code) != nullptr ||
+           CompilerOfException(code) != nullptr;
+}
+
+} // namespace
+
+std::wstring HexadecimalText(std::uint64_t number) {
+    return L"0x" + HexadecimalDigits(number, 1);
+}
+
+ExitCode ExitCodeOf(const Outcome& outcome) {
+    if (!outcome.result) {
+        const bool overTheLimit = outcome.exception && outcome.exception->kind == kOverTheLimit;
+        return overTheLimit ? ExitCode::OverTheLimit : ExitCode::Exception;
+    }
+    return *outcome.result == 0 ? ExitCode::Success : ExitCode::OtherResult;
+}
+
+EscapedException EndedProcess(std::uint32_t code) {
+    EscapedException exception;
+    exception.code = code;
+    if (!IsCodeOfException(code)) {
+        exception.kind = L"ended process";
+        exception.text = L"the action ended the process that called it";
+        return exception;
+    }
+    const wchar_t* const name = StructuredExceptionName(code);
+    exception.kind = L"structured exception";
+    exception.type = name == nullptr ? L"" : name;
+    exception.text = L"it ended the process that called the action";
+    return exception;
+}
+
+EscapedException OverTheLimit(std::uint32_t seconds) {
+    EscapedException exception;
+    exception.kind = kOverTheLimit;
+    exception.text = L"the action did not end within " + std::to_wstring(seconds) +
+                     L" s; it was ended, with all that it had started";
+    return exception;
+}
+
+std::wstring StreamLine(Stream stream, const std::wstring& line) {
+    return Labelled(stream == Stream::Output ? L"stdout" : L"stderr", line);
+}
+
+std::wstring ExceptionText(const EscapedException& exception) {
     std::wstring what = exception.kind;
     if (!exception.type.empty()) {
         what += L" " + exception.type;
@@ -121,21 +126,7 @@ std::wstring ExceptionLines(const EscapedException& exception) {
     if (!exception.category.empty()) {
         what += L" (" + exception.category + L")";
     }
-    return Labelled(L"exception", what) +
-           (exception.text.empty() ? L"" : Labelled(L"", exception.text));
-}
-
-} // namespace
-
-std::wstring HexadecimalText(std::uint64_t number) {
-    return L"0x" + Hexadecimal(number, 1);
-}
-
-ExitCode ExitCodeOf(const Outcome& outcome) {
-    if (!outcome.result) {
-        return ExitCode::Exception;
-    }
-    return *outcome.result == 0 ? ExitCode::Success : ExitCode::OtherResult;
+    return what;
 }
 
 std::wstring MessageLines(const Message& message) {
@@ -145,7 +136,10 @@ std::wstring MessageLines(const Message& message) {
 std::wstring EndLines(const Outcome& outcome) {
     std::wstring lines;
     if (outcome.exception) {
-        lines += ExceptionLines(*outcome.exception);
+        lines += Labelled(L"exception", ExceptionText(*outcome.exception));
+        if (!outcome.exception->text.empty()) {
+            lines += Labelled(L"", outcome.exception->text);
+        }
     }
     if (outcome.result) {
         const wchar_t* const name = ResultName(*outcome.result);
@@ -156,31 +150,9 @@ std::wstring EndLines(const Outcome& outcome) {
     return lines + Labelled(L"duration", Milliseconds(outcome.milliseconds) + L" ms");
 }
 
-std::wstring JsonString(const std::wstring& text) {
-    std::wstring quoted = L"\"";
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const wchar_t c = text[i];
-        const bool pair = IsHighSurrogate(c) && i + 1 < text.size() && IsLowSurrogate(text[i + 1]);
-        if (pair) {
-            quoted += c;
-            quoted += text[++i];
-        } else if (c == L'"' || c == L'\\') {
-            quoted += L'\\';
-            quoted += c;
-        } else if (c == L'\n') {
-            quoted += L"\\n";
-        } else if (c < 0x20 || IsHighSurrogate(c) || IsLowSurrogate(c)) {
-            quoted += Escaped(c);
-        } else {
-            quoted += c;
-        }
-    }
-    return quoted + L'"';
-}
-
 std::wstring OutcomeJson(const Arguments& arguments, const std::wstring& library,
                          const Outcome& outcome) {
-    Members properties;
+    JsonMembers properties;
     for (const Property& property : arguments.properties) {
         properties.emplace_back(property.name, JsonString(property.value));
     }
@@ -189,18 +161,22 @@ std::wstring OutcomeJson(const Arguments& arguments, const std::wstring& library
         return JsonString(message.text);
     };
     const auto whole = [](const Message& message) {
-        return Object({{L"kind", JsonString(MessageKind(message.type))},
-                       {L"type", std::to_wstring(message.type)},
-                       {L"text", JsonString(message.text)}});
+        return JsonObject({{L"kind", JsonString(MessageKind(message.type))},
+                           {L"type", std::to_wstring(message.type)},
+                           {L"text", JsonString(message.text)}});
     };
-    return Object({
+    return JsonObject({
                {L"action", JsonString(arguments.action)},
                {L"dll", JsonString(library)},
-               {L"properties", Object(properties)},
-               {L"log", Array(Chosen(outcome.messages, true), text)},
-               {L"messages", Array(Chosen(outcome.messages, false), whole)},
+               {L"properties", JsonObject(properties)},
+               {L"log", JsonArray(Chosen(outcome.messages, true), text)},
+               {L"messages", JsonArray(Chosen(outcome.messages, false), whole)},
+               {L"standard_output", JsonArray(outcome.standardOutput, JsonString)},
+               {L"standard_error", JsonArray(outcome.standardError, JsonString)},
                {L"result", outcome.result ? std::to_wstring(*outcome.result) : L"null"},
-               {L"result_name", StringOrNull(name == nullptr ? L"" : name)},
+               {L"result_name", JsonStringOrNull(name == nullptr ? L"" : name)},
+               {L"if_checked",
+                outcome.result ? JsonString(ResultEffect(*outcome.result)) : L"null"},
                {L"exception", outcome.exception ? ExceptionJson(*outcome.exception) : L"null"},
                {L"milliseconds", Milliseconds(outcome.milliseconds)},
                {L"exit_code", std::to_wstring(static_cast<int>(ExitCodeOf(outcome)))},
@@ -208,14 +184,16 @@ std::wstring OutcomeJson(const Arguments& arguments, const std::wstring& library
            L"\n";
 }
 
-std::wstring ListJson(const std::wstring& library, const std::vector<std::wstring>& actions) {
-    return Object({{L"dll", JsonString(library)}, {L"actions", Array(actions, JsonString)}}) +
+std::wstring VersionJson(const std::wstring& version) {
+    return JsonObject({{L"program", JsonString(L"halvard_run")},
+                       {L"version", JsonString(version)},
+                       {L"exit_code", L"0"}}) +
            L"\n";
 }
 
 std::wstring ErrorJson(const RunnerError& error) {
-    return Object({{L"error", JsonString(error.Text())},
-                   {L"exit_code", std::to_wstring(static_cast<int>(error.Code()))}}) +
+    return JsonObject({{L"error", JsonString(error.Text())},
+                       {L"exit_code", std::to_wstring(static_cast<int>(error.Code()))}}) +
            L"\n";
 }
 

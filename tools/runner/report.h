@@ -1,6 +1,7 @@
 #pragma once
 
 #include "arguments.h"
+#include "json.h"
 #include "runner_error.h"
 
 #include <cstdint>
@@ -19,7 +20,7 @@ struct Message {
 /// How an action ended that did not return.
 struct EscapedException {
     /// "C++ exception", "foreign C++ exception" (of another compiler), "structured exception",
-    /// "abort" or "ended thread".
+    /// "abort", "ended thread", "ended process" or "over the limit".
     std::wstring kind;
     /// The class of a C++ exception or the name of a structured one; empty when it is not known.
     std::wstring type;
@@ -30,9 +31,14 @@ struct EscapedException {
     std::wstring text;
 };
 
+enum class Stream { Output, Error };
+
 /// What came of a call: a result or an exception.
 struct Outcome {
     std::vector<Message> messages;
+    /// What the action, or what it started, wrote to standard output and standard error, in lines.
+    std::vector<std::wstring> standardOutput;
+    std::vector<std::wstring> standardError;
     std::optional<std::uint32_t> result;
     std::optional<EscapedException> exception;
     double milliseconds = 0.0;
@@ -43,22 +49,30 @@ std::wstring HexadecimalText(std::uint64_t number);
 
 ExitCode ExitCodeOf(const Outcome& outcome);
 
+/// How a call ended whose process has ended with this code and told no more.
+EscapedException EndedProcess(std::uint32_t code);
+
+/// How a call ended that did not end within so many seconds.
+EscapedException OverTheLimit(std::uint32_t seconds);
+
 /// One message for a reader: its kind and its text, without the line ends behind it; further lines
 /// are indented.
 std::wstring MessageLines(const Message& message);
 
+/// A line of a stream of the action, for a reader.
+std::wstring StreamLine(Stream stream, const std::wstring& line);
+
+/// An exception in one line.
+std::wstring ExceptionText(const EscapedException& exception);
+
 /// How the action ended, for a reader.
 std::wstring EndLines(const Outcome& outcome);
-
-/// `text` as a JSON string. A surrogate without its partner is escaped, so that the whole can be
-/// written in UTF-8.
-std::wstring JsonString(const std::wstring& text);
 
 /// A call for scripts: one JSON object, with a line end.
 std::wstring OutcomeJson(const Arguments& arguments, const std::wstring& library,
                          const Outcome& outcome);
 
-std::wstring ListJson(const std::wstring& library, const std::vector<std::wstring>& actions);
+std::wstring VersionJson(const std::wstring& version);
 std::wstring ErrorJson(const RunnerError& error);
 
 } // namespace halvard_runner

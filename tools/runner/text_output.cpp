@@ -1,10 +1,22 @@
 #include "text_output.h"
 
+#include "pipe_bytes.h"
+
 #include <cstring>
 
 namespace halvard_runner {
 
 namespace {
+
+// Of the first write that failed.
+DWORD writeError = ERROR_SUCCESS;
+
+void Remember(DWORD code) {
+    const bool readerHasGone = code == ERROR_BROKEN_PIPE || code == ERROR_NO_DATA;
+    if (writeError == ERROR_SUCCESS && !readerHasGone) {
+        writeError = code;
+    }
+}
 
 std::wstring Decoded(UINT codePage, DWORD flags, const char* text) {
     const int size = static_cast<int>(std::strlen(text));
@@ -38,16 +50,19 @@ void Write(DWORD stream, const std::wstring& text) {
     DWORD written = 0;
     DWORD mode = 0;
     if (GetConsoleMode(handle, &mode) != FALSE) {
-        WriteConsoleW(handle, text.c_str(), static_cast<DWORD>(text.size()), &written, nullptr);
+        if (WriteConsoleW(handle, text.c_str(), static_cast<DWORD>(text.size()), &written,
+                          nullptr) == FALSE) {
+            Remember(GetLastError());
+        }
         return;
     }
-    const std::string bytes = Utf8(text);
-    std::size_t done = 0;
-    while (done < bytes.size() &&
-           WriteFile(handle, bytes.data() + done, static_cast<DWORD>(bytes.size() - done), &written,
-                     nullptr) != FALSE) {
-        done += written;
+    if (!WriteAll(handle, Utf8(text))) {
+        Remember(GetLastError());
     }
+}
+
+std::wstring WriteFailure() {
+    return writeError == ERROR_SUCCESS ? L"" : ErrorText(writeError);
 }
 
 std::wstring ErrorText(DWORD code) {

@@ -13,6 +13,10 @@ std::wstring Widened(const char* text);
 /// pipe.
 void Write(DWORD stream, const std::wstring& text);
 
+/// Whether something could not be written, and why: empty when all of it was. A reader that has
+/// gone wants no more, which is no failure.
+std::wstring WriteFailure();
+
 /// "Win32 error 126 (The specified module could not be found)".
 std::wstring ErrorText(DWORD code);
 

@@ -1,0 +1,97 @@
+#include "action_call.h"
+#include "bare_session.h"
+#include "call_messages.h"
+#include "call_process.h"
+#include "library.h"
+#include "pipe_bytes.h"
+#include "runtime/owned.h"
+
+#include <cstdint>
+#include <cstring>
+#include <cwchar>
+#include <mutex>
+#include <utility>
+
+namespace halvard_runner {
+
+namespace {
+
+using halvard::OwnedHandle;
+
+/// A handle by its number; nothing that the action starts inherits it.
+OwnedHandle HandleOf(const std::wstring& word) {
+    const std::uintptr_t number = std::wcstoull(word.c_str(), nullptr, 10);
+    HANDLE handle = nullptr;
+    static_assert(sizeof handle == sizeof number);
+    std::memcpy(&handle, &number, sizeof handle);
+    SetHandleInformation(handle, HANDLE_FLAG_INHERIT, 0);
+    return OwnedHandle(handle);
+}
+
+/// To the process that asked for the call, from whatever thread.
+class Reporter {
+public:
+    explicit Reporter(OwnedHandle pipe) : pipe_(std::move(pipe)) {}
+
+    void Tell(const CallReport& report) {
+        const std::lock_guard<std::mutex> lock(lock_);
+        // Without a reader there is nobody to tell that nobody was told.
+        WriteAll(pipe_.get(), Encoded(report));
+    }
+
+private:
+    OwnedHandle pipe_;
+    std::mutex lock_;
+};
+
+/// The current directory of an action under the installer. Actions that are given no full path
+/// would else look where the caller happens to be.
+void GoToSystemFolder() {
+    wchar_t folder[MAX_PATH] = {};
+    GetSystemDirectoryW(folder, MAX_PATH);
+    SetCurrentDirectoryW(folder);
+}
+
+void Call(const CallRequest& request, Reporter& reporter) {
+    const Library library(request.dll);
+    const Action action = library.Find(request.action);
+    reporter.Tell(Found{});
+    GoToSystemFolder();
+
+    bool called = false;
+    const BareSession session(
+        [&](const Message& message) {
+            if (called) { // else of the session's own making
+                reporter.Tell(message);
+            }
+        },
+        request.package);
+    for (const Property& property : request.properties) {
+        session.SetProperty(property);
+    }
+    called = true;
+    reporter.Tell(CallAction(action, session.Get()));
+}
+
+} // namespace
+
+int CallForParent(const std::vector<std::wstring>& words) {
+    if (words.size() != 2) {
+        return static_cast<int>(ExitCode::WrongArguments);
+    }
+    OwnedHandle source = HandleOf(words[0]);
+    Reporter reporter(HandleOf(words[1]));
+    const std::optional<CallRequest> request = DecodedRequest(ReadToEnd(source.get()));
+    source.reset();
+    if (!request) {
+        return static_cast<int>(ExitCode::WrongArguments);
+    }
+    try {
+        Call(*request, reporter);
+    } catch (const RunnerError& error) {
+        reporter.Tell(Refusal{error.Code(), error.Text()});
+    }
+    return 0;
+}
+
+} // namespace halvard_runner

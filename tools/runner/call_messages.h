@@ -1,0 +1,55 @@
+#pragma once
+
+#include "arguments.h"
+#include "report.h"
+#include "runner_error.h"
+
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace halvard_runner {
+
+/// What the process that calls an action is told by the one that reports.
+struct CallRequest {
+    std::wstring action;
+    std::vector<Property> properties;
+    /// Empty for the library beside the program.
+    std::wstring dll;
+    /// The file for the package of the session.
+    std::wstring package;
+};
+
+/// The library is loaded, and has the action.
+struct Found {};
+
+/// Why no action was called.
+struct Refusal {
+    ExitCode code;
+    std::wstring text;
+};
+
+/// What that process tells, one after the other. The outcome comes last, without messages.
+using CallReport = std::variant<Found, Message, Refusal, Outcome>;
+
+std::string Encoded(const CallRequest& request);
+
+/// Nothing for bytes that are no request.
+std::optional<CallRequest> DecodedRequest(const std::string& bytes);
+
+std::string Encoded(const CallReport& report);
+
+/// Takes the bytes of reports as they come, and gives the reports.
+class ReportReader {
+public:
+    void Add(const std::string& bytes) { bytes_ += bytes; }
+
+    /// Nothing where no whole report is there, and for bytes that are none.
+    std::optional<CallReport> Next();
+
+private:
+    std::string bytes_;
+};
+
+} // namespace halvard_runner
