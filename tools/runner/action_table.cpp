@@ -605,7 +605,7 @@ const std::vector<ActionFacts>& ActionTable() {
          Execution::Deferred,
          false,
          false,
-         L"Trusts a certificate for the machine; 1603, no context menu, is no reason to fail.",
+         L"Trusts a certificate for the machine; the system may add no package (documented: 0x80073CF9), hence 1603.",
          L"on installation, behind InstallFiles.",
          {Session::Installation, {L"InstallFiles"}, {}},
          {},
