@@ -12,6 +12,8 @@ constexpr const wchar_t* kHelp = LR"(Calls one action of Halvard_CA.dll without 
 
   halvard_run list [--dll PATH] [--json]
   halvard_run ACTION [Property=Value...] [--dll PATH] [--json]
+  halvard_run --verify [--json]
+  halvard_run --verify-installer [--yes] [--json]
 
 The action runs for real: on this machine, with the rights of the caller, in the
 system folder as under the installer. It gets an installer session of its own
@@ -21,6 +23,9 @@ is, and square brackets in it are not replaced. A backslash right before a
 closing quote has to be doubled, or the quote becomes part of the value.
 
   list         the names that the library exports, one a line
+  --verify     checks on this machine what the library relies on, and
+               --verify-installer what it relies on in an installation; --help
+               behind either tells more
   --dll PATH   the library; Halvard_CA.dll beside this program without it
   --json       one JSON object, for scripts: action, dll, properties, log,
                messages (kind, type, text), result, result_name, exception

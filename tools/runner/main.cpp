@@ -6,10 +6,12 @@
 #include "library.h"
 #include "report.h"
 #include "text_output.h"
+#include "verify/verify.h"
 #include "version.h"
 
 #include <shellapi.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -94,6 +96,9 @@ ExitCode Run(const Arguments& arguments) {
 int main() {
     const std::vector<std::wstring> arguments = CommandLineArguments();
     try {
+        if (const std::optional<int> verified = Verify(arguments)) {
+            return *verified;
+        }
         return static_cast<int>(Run(ParseArguments(arguments)));
     } catch (const RunnerError& error) {
         const std::wstring hint =
