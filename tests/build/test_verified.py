@@ -9,13 +9,12 @@ from installer import engines, paths, verified
 from installer.engines import Engine
 
 FACTS = verified.facts()
-BY_NAME = {fact.name: fact for fact in FACTS}
 
 
 def asked_in(subject: str) -> list[str]:
     """The names for which the source of a subject has functions."""
     source = (paths.FACTS.parent / f"{subject}.cpp").read_text()
-    (listed,) = re.findall(r"^std::vector<Fact> \w+Facts\(\) \{\n    return \{\n(.*?)\n    \};", source, re.M | re.S)
+    (listed,) = re.findall(r"^[^\n]*\w+Facts\(\) \{\n[^\n]*\{\n(.*?)\n    \};", source, re.M | re.S)
     return re.findall(r'\{L"([\w-]+)", ', listed)
 
 

@@ -14,6 +14,8 @@ from installer.engines import Engine
 # What stands in the place of an outcome that an engine does not let anyone find out.
 NOT_ASKED = "cannot be asked"
 ASSUMED = "assumed"
+# The subject of what --verify-installer asks for, and --verify does not.
+INSTALLER = "installer"
 
 
 @dataclass(frozen=True)

@@ -176,7 +176,7 @@ std::wstring FactTable(const AskedSystem& system, const std::vector<FactResult>&
     std::wstring explanations;
     for (const FactResult& result : results) {
         rows.push_back(RowOf(result));
-        if (VerdictOf(result) != Verdict::Agrees) {
+        if (VerdictOf(result) != Verdict::Agrees || !result.why.empty()) {
             explanations += L"\n" + Explanation(result);
         }
     }

@@ -5,6 +5,7 @@
 #include "text_output.h"
 #include "verify/child.h"
 #include "verify/fact.h"
+#include "verify/installer.h"
 #include "verify/place.h"
 #include "version.h"
 
@@ -150,9 +151,16 @@ double Seconds() {
     return static_cast<double>(now.QuadPart) / static_cast<double>(frequency.QuadPart);
 }
 
+bool IsOfInstaller(const FactText& text) {
+    return std::wstring(text.subject) == kInstallerSubject;
+}
+
 std::vector<FactResult> AskAll(const Scratch& scratch) {
     std::vector<FactResult> results;
     for (const FactText& text : FactTexts()) {
+        if (IsOfInstaller(text)) {
+            continue;
+        }
         FactResult result;
         result.text = &text;
         const double began = Seconds();
@@ -163,17 +171,61 @@ std::vector<FactResult> AskAll(const Scratch& scratch) {
     return results;
 }
 
-int VerifyFacts(bool json) {
-    const AskedSystem system = ThisSystem();
-    const Scratch scratch;
-    const std::vector<FactResult> results = AskAll(scratch);
-    const std::vector<std::wstring> left = scratch.Remove();
+int Tell(bool json, const AskedSystem& system, const std::vector<FactResult>& results,
+         const std::vector<std::wstring>& left) {
     Write(STD_OUTPUT_HANDLE,
           json ? FactJson(system, results, left) : FactTable(system, results, left));
     return static_cast<int>(ExitOf(results, left));
 }
 
+int VerifyFacts(bool json) {
+    const AskedSystem system = ThisSystem();
+    const Scratch scratch;
+    const std::vector<FactResult> results = AskAll(scratch);
+    const std::vector<std::wstring> left = scratch.Remove();
+    return Tell(json, system, results, left);
+}
+
+int NotCarriedOut(bool json, const std::wstring& why) {
+    const std::wstring code = std::to_wstring(static_cast<int>(VerifyExit::NotCarriedOut));
+    Write(json ? STD_OUTPUT_HANDLE : STD_ERROR_HANDLE,
+          json ? L"{\"error\": " + JsonString(why) + L", \"exit_code\": " + code + L"}\n"
+               : L"halvard_run: " + why + L"\n");
+    return static_cast<int>(VerifyExit::NotCarriedOut);
+}
+
+bool UserAgrees() {
+    Write(STD_ERROR_HANDLE,
+          L"This installs a package of its own on this machine four times, with a service that is\n"
+          L"never started, and removes it each time. Go on? Type yes: ");
+    char answer[16] = {};
+    DWORD read = 0;
+    ReadFile(GetStdHandle(STD_INPUT_HANDLE), answer, sizeof(answer) - 1, &read, nullptr);
+    return std::string(answer, read).rfind("yes", 0) == 0;
+}
+
+int VerifyInstaller(bool json, bool agreed) {
+    const AskedSystem system = ThisSystem();
+    if (!system.elevated) {
+        return NotCarriedOut(json, L"--verify-installer needs elevation");
+    }
+    if (!agreed && !UserAgrees()) {
+        return NotCarriedOut(json, L"nothing was installed");
+    }
+    std::vector<const FactText*> texts;
+    for (const FactText& text : FactTexts()) {
+        if (IsOfInstaller(text)) {
+            texts.push_back(&text);
+        }
+    }
+    const InstallerAnswer answer = AskInstaller(texts);
+    return Tell(json, system, answer.results, answer.left);
+}
+
 int RunChild(const std::vector<std::wstring>& arguments) {
+    if (arguments[0] == kInstallWord) {
+        return RunInstallerSession({arguments.begin() + 1, arguments.end()});
+    }
     const bool asks = arguments[0] == L"fact" && arguments.size() == 4;
     return asks ? AskInChild(arguments[1], arguments[2], arguments[3]) : RunStandIn(arguments);
 }
@@ -194,7 +246,8 @@ std::optional<int> Verify(const std::vector<std::wstring>& arguments) {
         return RunChild({arguments.begin() + 1, arguments.end()});
     }
     std::vector<std::wstring> words = arguments;
-    if (!TakeWord(words, L"--verify")) {
+    const bool installer = TakeWord(words, L"--verify-installer");
+    if (!installer && !TakeWord(words, L"--verify")) {
         return std::nullopt;
     }
     if (TakeWord(words, L"--help") || TakeWord(words, L"-h")) {
@@ -202,10 +255,17 @@ std::optional<int> Verify(const std::vector<std::wstring>& arguments) {
         return 0;
     }
     const bool json = TakeWord(words, L"--json");
+    const bool agreed = installer && TakeWord(words, L"--yes");
     if (!words.empty()) {
-        throw RunnerError(ExitCode::WrongArguments, L"--verify takes no " + words[0]);
+        throw RunnerError(ExitCode::WrongArguments,
+                          (installer ? L"--verify-installer takes no " : L"--verify takes no ") +
+                              words[0]);
     }
-    return VerifyFacts(json);
+    try {
+        return installer ? VerifyInstaller(json, agreed) : VerifyFacts(json);
+    } catch (const CannotBeAsked& reason) {
+        return NotCarriedOut(json, reason.Why());
+    }
 }
 
 } // namespace halvard_runner
