@@ -65,7 +65,10 @@ def listing(facts: list[Fact]) -> str:
 
 def _row(fact: Fact) -> str:
     windows = " or ".join(map(_code, fact.outcomes[Engine.WINDOWS]))
-    basis = fact.basis if fact.basis == verified.ASSUMED else f'documented: "{fact.basis}"'
+    basis = fact.basis
+    if basis != verified.ASSUMED:
+        page, *assumed = basis.split(";", 1)
+        basis = ";".join([f'documented: "{page}"', *assumed])
     wine = list(dict.fromkeys(fact.outcomes[e][0] for e in (Engine.WINE_8, Engine.WINE_10)))
     told = f"**{fact.name}**: {fact.about} Relied on by {fact.relies}."
     return f"| {told} | {windows} ({basis}) | {', '.join(map(_code, wine))} |\n"
