@@ -163,7 +163,7 @@ std::wstring LoadedLibrary(const Place& place) {
         ThisProgram().substr(0, ThisProgram().rfind(L'\\') + 1) + L"Halvard_CA.dll";
     const std::wstring copy = tree + L"\\folder\\library.dll";
     Require(CopyFileW(library.c_str(), copy.c_str(), TRUE) != FALSE, L"copying " + library);
-    const HMODULE loaded = LoadLibraryW(copy.c_str());
+    HMODULE const loaded = LoadLibraryW(copy.c_str());
     Require(loaded != nullptr, L"loading " + copy);
     const std::wstring outcome = Removal(tree);
     FreeLibrary(loaded);

@@ -81,7 +81,7 @@ std::wstring ValueOf(const Report& report, const wchar_t* name) {
 }
 
 void WriteProbe(const std::wstring& path) {
-    const HRSRC found = FindResourceW(nullptr, MAKEINTRESOURCEW(kProbeResource), RT_RCDATA);
+    HRSRC const found = FindResourceW(nullptr, MAKEINTRESOURCEW(kProbeResource), RT_RCDATA);
     Require(found != nullptr, L"finding the probe in this program");
     const auto* const bytes = static_cast<const char*>(LockResource(LoadResource(nullptr, found)));
     MakeFile(path, std::string(bytes, SizeofResource(nullptr, found)));
@@ -240,7 +240,7 @@ struct Sessions {
 };
 
 std::wstring Told(const Report& report, const wchar_t* name) {
-    const std::wstring value = ValueOf(report, name);
+    std::wstring value = ValueOf(report, name);
     if (value.empty()) {
         throw CannotBeAsked(L"the action told nothing of " + std::wstring(name));
     }

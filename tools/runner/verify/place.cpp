@@ -6,6 +6,9 @@ namespace halvard_runner {
 
 namespace {
 
+constexpr int kRemovalTries = 30;
+constexpr DWORD kRetryMilliseconds = 100;
+
 std::wstring TemporaryFolder() {
     wchar_t folder[MAX_PATH + 1] = {};
     const DWORD length = GetTempPathW(MAX_PATH + 1, folder);
@@ -56,7 +59,11 @@ Scratch::~Scratch() {
 }
 
 std::vector<std::wstring> Scratch::Remove() const {
-    RemoveAnything(Extended(folder_));
+    // A process that has just ended, or a scanner, may hold something a little longer.
+    for (int tries = 0; tries < kRemovalTries && IsThere(folder_); ++tries) {
+        Sleep(tries == 0 ? 0 : kRetryMilliseconds);
+        RemoveAnything(Extended(folder_));
+    }
     RegDeleteTreeW(HKEY_CURRENT_USER, key_.c_str());
     const auto& [machine, user] = KeysInBothViews(name_);
     std::vector<std::wstring> left;
@@ -100,7 +107,7 @@ std::pair<ViewedKey, ViewedKey> KeysInBothViews(const std::wstring& scratch) {
 }
 
 void RemoveInBothViews(const ViewedKey& key) {
-    for (const DWORD view : {KEY_WOW64_64KEY, KEY_WOW64_32KEY}) {
+    for (const REGSAM view : {REGSAM{KEY_WOW64_64KEY}, REGSAM{KEY_WOW64_32KEY}}) {
         RegDeleteKeyExW(key.root, key.path.c_str(), view, 0);
     }
 }

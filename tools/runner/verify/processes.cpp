@@ -133,11 +133,11 @@ std::wstring ProgramsByName(const Place& place) {
 
 // What loading with the first call does between the library's own SetLastError and the call.
 std::wstring LastErrorOfDelayedCall(const Place& /*place*/) {
-    const HMODULE held = LoadLibraryExA("setupapi.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
+    HMODULE const held = LoadLibraryExA("setupapi.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
     Require(held != nullptr, L"loading setupapi.dll");
     SetLastError(NO_ERROR);
-    const HMODULE loaded = LoadLibraryExA("setupapi.dll", nullptr, 0);
-    const FARPROC function = GetProcAddress(loaded, "SetupDiGetDeviceRegistryPropertyW");
+    HMODULE const loaded = LoadLibraryExA("setupapi.dll", nullptr, 0);
+    FARPROC const function = GetProcAddress(loaded, "SetupDiGetDeviceRegistryPropertyW");
     const DWORD code = GetLastError();
     FreeLibrary(loaded);
     FreeLibrary(held);

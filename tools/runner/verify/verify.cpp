@@ -125,12 +125,19 @@ int AskInChild(const std::wstring& name, const std::wstring& scratch, const std:
     return 0;
 }
 
+// Where actions run. In the scratch folder whatever a child starts might hold it.
+std::wstring SystemFolder() {
+    wchar_t folder[MAX_PATH] = {};
+    GetSystemDirectoryW(folder, MAX_PATH);
+    return folder;
+}
+
 void Ask(const Scratch& scratch, FactResult& result) {
     const std::wstring name = result.text->name;
     const std::optional<DWORD> code =
         ExitCodeOf(L"\"" + ThisProgram() + L"\" " + kChildWord + L" fact " + name + L" " +
                        scratch.Name() + L" \"" + scratch.Folder() + L"\"",
-                   scratch.Folder(), kFactLimitMilliseconds);
+                   SystemFolder(), kFactLimitMilliseconds);
     const std::wstring file = ResultFile(scratch.Folder(), name);
     if (!code) {
         result.outcome = L"does not end";
