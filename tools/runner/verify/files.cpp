@@ -165,7 +165,7 @@ std::wstring LoadedLibrary(const Place& place) {
     Require(CopyFileW(library.c_str(), copy.c_str(), TRUE) != FALSE, L"copying " + library);
     HMODULE const loaded = LoadLibraryW(copy.c_str());
     Require(loaded != nullptr, L"loading " + copy);
-    const std::wstring outcome = Removal(tree);
+    std::wstring outcome = Removal(tree);
     FreeLibrary(loaded);
     return outcome;
 }

@@ -67,7 +67,8 @@ void TellTime(const Report& report) {
     QueryPerformanceCounter(&now);
     QueryPerformanceFrequency(&frequency);
     wchar_t text[32] = {};
-    std::swprintf(text, 32, L"%lld", now.QuadPart * 1000000 / frequency.QuadPart);
+    static_cast<void>(
+        std::swprintf(text, 32, L"%lld", now.QuadPart * 1000000 / frequency.QuadPart));
     Tell(report, L"time", text);
 }
 

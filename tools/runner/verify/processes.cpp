@@ -40,7 +40,7 @@ std::wstring BareName(const Place& /*place*/) {
 std::wstring DoubledBackslash(const Place& place) {
     ChildAt(place.File(L"child.exe"));
     const std::wstring record = place.File(L"record.txt");
-    const std::wstring outcome =
+    std::wstring outcome =
         ExitCodeOrRefusal(halvard::ProgramInFolder(place.Folder() + L"\\", L"child.exe"),
                           std::wstring(kChildWord) + L" record \"" + record + L"\"");
     if (outcome != L"exit code 0") {
@@ -91,7 +91,7 @@ std::wstring NameInCurrentDirectory(const Place& place) {
     wchar_t former[MAX_PATH] = {};
     GetCurrentDirectoryW(MAX_PATH, former);
     Require(SetCurrentDirectoryW(place.Folder().c_str()) != FALSE, L"entering the folder");
-    const std::wstring outcome =
+    std::wstring outcome =
         CodeOfStart(place.UniqueName() + L" " + kChildWord + L" exit 0", nullptr);
     SetCurrentDirectoryW(former);
     return outcome;

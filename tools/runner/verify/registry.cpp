@@ -5,6 +5,7 @@
 #include "runtime/owned.h"
 #include "runtime/registry.h"
 
+#include <string>
 #include <system_error>
 
 namespace halvard_runner {
@@ -12,6 +13,7 @@ namespace halvard_runner {
 namespace {
 
 using halvard::OwnedKey;
+using namespace std::string_literals;
 
 void SetBytes(HKEY key, const wchar_t* name, DWORD type, const std::wstring& characters,
               DWORD bytes) {
@@ -48,12 +50,12 @@ bool KeyIsThere(const std::wstring& path) {
 }
 
 std::wstring SizeOfText(const Place& place) {
-    SetCharacters(place.Key(), L"Text", REG_SZ, std::wstring(L"abc", 4));
+    SetCharacters(place.Key(), L"Text", REG_SZ, L"abc\0"s);
     return SizeAsked(place, L"Text", RRF_RT_REG_SZ);
 }
 
 std::wstring SizeReadOfText(const Place& place) {
-    SetCharacters(place.Key(), L"Text", REG_SZ, std::wstring(L"abc", 4));
+    SetCharacters(place.Key(), L"Text", REG_SZ, L"abc\0"s);
     wchar_t text[32] = {};
     DWORD size = sizeof(text);
     RequireSuccess(RegGetValueW(place.Key(), L"", L"Text", RRF_RT_REG_SZ, nullptr, text, &size),
@@ -83,7 +85,7 @@ std::wstring OddText(const Place& place) {
 }
 
 std::wstring VariablesInText(const Place& place) {
-    SetCharacters(place.Key(), L"Text", REG_EXPAND_SZ, std::wstring(L"%SystemRoot%\\x", 15));
+    SetCharacters(place.Key(), L"Text", REG_EXPAND_SZ, L"%SystemRoot%\\x\0"s);
     const std::wstring read = halvard::ReadRegistryString(place.Key(), L"", L"Text", false);
     if (read.empty()) {
         return L"not read";
@@ -92,7 +94,7 @@ std::wstring VariablesInText(const Place& place) {
 }
 
 std::wstring SizeOfList(const Place& place) {
-    SetCharacters(place.Key(), L"List", REG_MULTI_SZ, std::wstring(L"a\0b\0", 5));
+    SetCharacters(place.Key(), L"List", REG_MULTI_SZ, L"a\0b\0\0"s);
     return SizeAsked(place, L"List", RRF_RT_REG_MULTI_SZ);
 }
 
@@ -102,7 +104,7 @@ std::wstring EmptyList(const Place& place) {
 }
 
 std::wstring UnterminatedList(const Place& place) {
-    SetCharacters(place.Key(), L"List", REG_MULTI_SZ, std::wstring(L"a\0b", 3));
+    SetCharacters(place.Key(), L"List", REG_MULTI_SZ, L"a\0b"s);
     return std::to_wstring(halvard::ReadMultiString(place.Key(), L"List").size());
 }
 

@@ -55,7 +55,8 @@ std::string Utf8(std::wstring text) {
 
 std::wstring CodeText(HRESULT result) {
     wchar_t text[16] = {};
-    std::swprintf(text, std::size(text), L"0x%08lX", static_cast<unsigned long>(result));
+    static_cast<void>(
+        std::swprintf(text, std::size(text), L"0x%08lX", static_cast<unsigned long>(result)));
     return text;
 }
 
