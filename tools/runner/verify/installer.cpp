@@ -81,7 +81,7 @@ std::wstring ValueOf(const Report& report, const wchar_t* name) {
 }
 
 void WriteProbe(const std::wstring& path) {
-    HRSRC const found = FindResourceW(nullptr, MAKEINTRESOURCEW(kProbeResource), RT_RCDATA);
+    auto* const found = FindResourceW(nullptr, MAKEINTRESOURCEW(kProbeResource), RT_RCDATA);
     Require(found != nullptr, L"finding the probe in this program");
     const auto* const bytes = static_cast<const char*>(LockResource(LoadResource(nullptr, found)));
     MakeFile(path, std::string(bytes, SizeofResource(nullptr, found)));

@@ -48,8 +48,8 @@ void ReadReport(MSIHANDLE session, Report& report) {
 }
 
 void Tell(const Report& report, const wchar_t* what, const wchar_t* value) {
-    HANDLE const file = CreateFileW(report.path.characters, FILE_APPEND_DATA, FILE_SHARE_READ,
-                                    nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    void* const file = CreateFileW(report.path.characters, FILE_APPEND_DATA, FILE_SHARE_READ,
+                                   nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE) {
         return;
     }
