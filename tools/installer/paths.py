@@ -9,6 +9,9 @@ PROGRAMS = BUILD / "mingw-release"
 
 ENGINES = ROOT / "tests/engines.toml"
 ENGINES_DOCUMENT = ROOT / "docs/engines.md"
+FACTS = ROOT / "tools/runner/verify/facts.toml"
+FACT_TABLE = FACTS.with_name("fact_table.cpp")
+FACTS_DOCUMENT = ROOT / "docs/verify.md"
 CMAKE_LISTS = ROOT / "CMakeLists.txt"
 LIBRARY = PROGRAMS / "Utilities/CustomActions/Halvard_CA/Halvard_CA.dll"
 LIBRARY_EXPORTS = ROOT / "Utilities/CustomActions/Halvard_CA/Halvard_CA.def"

@@ -22,6 +22,8 @@ constexpr const wchar_t* kHelp = LR"(Calls one action of Halvard_CA.dll without 
   halvard_run ACTION [Property=Value...] [--dll PATH] [--limit SECONDS]
                      [--quotes] [--json]
   halvard_run --check PACKAGE.msi [--skip NUMBER,NUMBER...] [--json]
+  halvard_run --verify [--json]
+  halvard_run --verify-installer [--yes] [--json]
 
 The action runs for real: on this machine, with the rights of the caller, in the
 system folder as under the installer. It gets an installer session of its own
@@ -35,6 +37,9 @@ closing quote has to be doubled, or the quote becomes part of the value.
   ACTION --help
                what to know of one action: declaration, place, data,
                properties, keys of the registry, results, what it throws
+  --verify     checks on this machine what the library relies on, and
+               --verify-installer what it relies on in an installation; --help
+               behind either tells more
   --dll PATH   the library; Halvard_CA.dll beside this program without it
   --limit SECONDS
                how long the action may take, 600 without it and 0 for as long as

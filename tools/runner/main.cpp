@@ -10,10 +10,12 @@
 #include "names.h"
 #include "report.h"
 #include "text_output.h"
+#include "verify/verify.h"
 #include "version.h"
 
 #include <shellapi.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -101,6 +103,9 @@ ExitCode Run(const Arguments& arguments) {
 
 int RunAndTell(const std::vector<std::wstring>& arguments) {
     try {
+        if (const std::optional<int> verified = Verify(arguments)) {
+            return *verified;
+        }
         return static_cast<int>(Run(ParseArguments(arguments)));
     } catch (const RunnerError& error) {
         const ExitCode code = WantsCheck(arguments) ? ExitCode::NoPackage : error.Code();

@@ -1,0 +1,192 @@
+"""halvard_run --verify and --verify-installer: what every fact comes to here, and that nothing is left."""
+
+import json
+import re
+import tempfile
+from contextlib import contextmanager
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Iterator
+
+import pytest
+
+from installer import machine, paths, verified
+from installer.machine import Snapshot
+from installer.prefix import Prefix
+from installer.verified import Fact
+
+ALL = verified.facts()
+FACTS = [fact for fact in ALL if fact.subject != verified.INSTALLER]
+INSTALLER_FACTS = [fact for fact in ALL if fact.subject == verified.INSTALLER]
+# Seconds, on a machine that is busy with other tests.
+LIMIT = 400.0
+SOME_DIFFER, WRONG_ARGUMENTS, NOT_CARRIED_OUT = 1, 2, 21
+
+
+@dataclass
+class Run:
+    """A run of the program: the two streams apart, for a crash of the engine's is told by one."""
+
+    code: int
+    output: str
+    errors: str
+
+
+def run(prefix: Prefix, *arguments: str, answer: bytes = b"") -> Run:
+    with tempfile.TemporaryDirectory() as folder:
+        typed, output, errors = (Path(folder) / name for name in ("typed", "output", "errors"))
+        typed.write_bytes(answer)
+        with typed.open("rb") as stdin, output.open("wb") as stdout, errors.open("wb") as stderr:
+            process = prefix.start(paths.RUNNER, *arguments, stdin=stdin, stdout=stdout, stderr=stderr)
+            try:
+                code = process.wait(LIMIT)
+            finally:
+                process.kill()
+                process.wait()
+        return Run(code, output.read_text(), errors.read_text(errors="replace"))
+
+
+@dataclass
+class Asked:
+    """A machine that was asked, and what it was before and after."""
+
+    prefix: Prefix
+    code: int
+    output: str
+    before: Snapshot
+    after: Snapshot
+
+    @property
+    def told(self) -> dict:
+        return json.loads(self.output)
+
+
+@contextmanager
+def asking(name: str, *arguments: str) -> Iterator[Asked]:
+    with Prefix(name) as prefix:
+        # What the first program of this kind leaves in a fresh prefix is no work of this one.
+        prefix.run("schtasks.exe", "/query")
+        before = machine.snapshot(prefix)
+        done = run(prefix, *arguments, "--json")
+        yield Asked(prefix, done.code, done.output, before, machine.snapshot(prefix))
+
+
+@pytest.fixture(scope="module")
+def asked() -> Iterator[Asked]:
+    with asking("prefix-msi-verify", "--verify") as answered:
+        yield answered
+
+
+@pytest.fixture(scope="module")
+def installed() -> Iterator[Asked]:
+    with asking("prefix-msi-verify-installer", "--verify-installer", "--yes") as answered:
+        yield answered
+
+
+def fact_of(answered: Asked, fact: Fact) -> dict:
+    (told,) = [each for each in answered.told["facts"] if each["name"] == fact.name]
+    return told
+
+
+def check_nothing_is_left(answered: Asked) -> None:
+    assert answered.told["left_behind"] == []
+    assert machine.difference(answered.before, answered.after).changes == []
+
+
+def test_one_object_tells_all_facts_in_their_order(asked):
+    assert [fact["name"] for fact in asked.told["facts"]] == [fact.name for fact in FACTS]
+    assert asked.told["wine"] and asked.told["elevated"] is True
+
+
+@pytest.mark.parametrize("fact", FACTS, ids=lambda fact: fact.name)
+def test_the_engine_does_what_the_table_says(asked, fact):
+    told = fact_of(asked, fact)
+    assert (told["here"] or told["verdict"]) == fact.expected(), told["why"]
+    assert (told["here"] is None) == bool(told["why"])
+
+
+def test_the_verdicts_are_about_windows(asked):
+    for told in asked.told["facts"]:
+        if told["here"] is not None:
+            agrees = told["here"] in told["windows"].split(" or ")
+            assert told["verdict"] == ("agrees" if agrees else "differs"), told["name"]
+    verdicts = [told["verdict"] for told in asked.told["facts"]]
+    counts = {"agree": "agrees", "differ": "differs", "cannot_be_asked": verified.NOT_ASKED}
+    for name, verdict in counts.items():
+        assert asked.told[name] == verdicts.count(verdict) > 0
+    assert asked.code == asked.told["exit_code"] == SOME_DIFFER
+
+
+def test_nothing_is_left(asked):
+    check_nothing_is_left(asked)
+
+
+def test_the_table_is_for_readers(asked):
+    done = run(asked.prefix, "--verify")
+    assert (done.code, done.errors) == (SOME_DIFFER, "")
+    for fact in FACTS:
+        assert f"\n{fact.name} " in done.output
+    told = asked.told
+    assert done.output.endswith(
+        f"{len(FACTS)} facts: {told['agree']} agree, {told['differ']} differ, "
+        f"{told['cannot_be_asked']} cannot be asked here\n"
+    )
+
+
+@pytest.mark.parametrize(
+    "word, refused",
+    [
+        ("--verify", "LaunchPV"),
+        ("--verify", "--dll"),
+        ("--verify", "--yes"),
+        ("--verify-installer", "LaunchPV"),
+    ],
+)
+def test_what_it_does_not_take_is_refused(asked, word, refused):
+    done = run(asked.prefix, word, refused)
+    assert (done.code, done.output) == (WRONG_ARGUMENTS, "")
+    assert f"{word} takes no {refused}" in done.errors
+    assert json.loads(run(asked.prefix, word, refused, "--json").output)["exit_code"] == done.code
+
+
+@pytest.mark.parametrize("word", ["--verify", "--verify-installer"])
+def test_it_has_a_help_of_its_own(asked, word):
+    done = run(asked.prefix, word, "--help")
+    assert (done.code, done.errors) == (0, "")
+    assert "halvard_run --verify-installer [--yes]" in done.output
+
+
+@pytest.mark.parametrize("answer", [b"no\r\n", b"\r\n", b""])
+def test_nothing_is_installed_without_a_yes(asked, answer):
+    before = machine.snapshot(asked.prefix)
+    done = run(asked.prefix, "--verify-installer", answer=answer)
+    assert (done.code, done.output) == (NOT_CARRIED_OUT, "")
+    assert "Type yes: " in done.errors and "nothing was installed" in done.errors
+    scripted = run(asked.prefix, "--verify-installer", "--json", answer=answer)
+    told = {"error": "nothing was installed", "exit_code": NOT_CARRIED_OUT}
+    assert (scripted.code, json.loads(scripted.output)) == (NOT_CARRIED_OUT, told)
+    assert machine.difference(before, machine.snapshot(asked.prefix)).changes == []
+
+
+def test_the_installer_tells_all_its_facts(installed):
+    told = [fact["name"] for fact in installed.told["facts"]]
+    assert told == [fact.name for fact in INSTALLER_FACTS]
+    assert installed.code == installed.told["exit_code"] == SOME_DIFFER
+
+
+@pytest.mark.parametrize("fact", INSTALLER_FACTS, ids=lambda fact: fact.name)
+def test_the_installer_does_what_the_table_says(installed, fact):
+    told = fact_of(installed, fact)
+    assert told["here"] == fact.expected(), told["why"]
+
+
+def test_durations_and_places_are_told_with_what_they_were_read_from(installed):
+    why = {told["name"]: told["why"] for told in installed.told["facts"]}
+    assert re.fullmatch(r"\d+ ms", why["call-duration"])
+    assert re.match(r"\d+ ms", why["library-duration"])
+    assert why["host-program"].lower() == r"c:\windows\system32\msiexec.exe"
+    assert re.fullmatch(r"C:\\Program Files\\Halvard verify \d+\\probe\.exe", why["service-path"])
+
+
+def test_nothing_of_the_installations_is_left(installed):
+    check_nothing_is_left(installed)
