@@ -38,6 +38,7 @@ TESTS = (
     "tests/run_tests.py",
     "tests/coverage.py",
     "tests/mutants.py",
+    "tools/action_outcomes.py",
     "tools/engine_table.py",
     "tools/installer",
 )

@@ -37,9 +37,11 @@ BESIDE = {
 }
 IN_PLACE = (
     "docs/actions.md",
+    "docs/check.md",
     "docs/engines.md",
     "docs/packaging.md",
     "docs/security.md",
+    "docs/verify.md",
     "docs/when-it-fails.md",
     "docs/worked-example.md",
     "package/Agent.wxi",

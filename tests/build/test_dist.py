@@ -25,9 +25,11 @@ SHIPPED = {
     name: paths.ROOT / name
     for name in (
         "docs/actions.md",
+        "docs/check.md",
         "docs/engines.md",
         "docs/packaging.md",
         "docs/security.md",
+        "docs/verify.md",
         "docs/when-it-fails.md",
         "docs/worked-example.md",
         "package/Agent.wxi",

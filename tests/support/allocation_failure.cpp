@@ -1,6 +1,7 @@
 #include "allocation_failure.h"
 
 #include "heap_check.h"
+#include "import_hook.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -58,7 +59,7 @@ std::size_t LiveBytes::Peak() const {
 } // namespace halvard_tests
 
 void* operator new(std::size_t size) {
-    if (allocationsLeft > 0 && --allocationsLeft == 0) {
+    if (allocationsLeft > 0 && halvard_tests::HookDepth() == 0 && --allocationsLeft == 0) {
         happened = true;
         throw std::bad_alloc();
     }

@@ -11,7 +11,21 @@ Type* InModule(BYTE* module, DWORD offset) {
     return reinterpret_cast<Type*>(module + offset);
 }
 
+thread_local int depth = 0;
+
 } // namespace
+
+HookedCall::HookedCall() {
+    ++depth;
+}
+
+HookedCall::~HookedCall() {
+    --depth;
+}
+
+int HookDepth() {
+    return depth;
+}
 
 void** ImportSlot(const char* function) {
     auto* const module = reinterpret_cast<BYTE*>(GetModuleHandleW(nullptr));

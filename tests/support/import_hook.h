@@ -17,7 +17,9 @@
 //     COUNT_CALLS(opening, RegOpenKeyExW);
 //     EXPECT_EQ(opening.Calls(), closing.Calls());
 //
-// One hook a function at a time.
+// A function may be hooked again: the later hook sees the call first, and its Original is the
+// earlier one. What runs inside of a hooked call is no part of the code under test:
+// AllocationFailure passes it over, and so does a CallTrace.
 
 #define HOOK(variable, function, ...)                                                              \
     ::halvard_tests::ImportHook<&function> variable {                                              \
@@ -44,6 +46,19 @@ void** ImportSlot(const char* function);
 
 void WriteImportSlot(void** slot, void* address);
 
+/// The length of a hooked call.
+class HookedCall {
+public:
+    HookedCall();
+    ~HookedCall();
+    HookedCall(const HookedCall&) = delete;
+    HookedCall& operator=(const HookedCall&) = delete;
+};
+
+/// How many hooked calls this thread is in: 1 for one that the code makes, more for those that a
+/// hook makes itself.
+int HookDepth();
+
 template <auto* Function>
 class ImportHook;
 
@@ -54,17 +69,17 @@ public:
     using FailedResult = std::conditional_t<std::is_void_v<Result>, int, Result>;
 
     ImportHook(const char* name, Handler handler)
-        : slot_(ImportSlot(name)), original_(reinterpret_cast<Pointer>(*slot_)),
+        : slot_(ImportSlot(name)), below_(top_),
+          original_(below_ != nullptr ? below_->original_ : reinterpret_cast<Pointer>(*slot_)),
           handler_(std::move(handler)) {
-        if (active_ != nullptr) {
-            throw std::logic_error(std::string("hooked twice: ") + name);
+        if (below_ == nullptr) {
+            WriteImportSlot(slot_, reinterpret_cast<void*>(&Trampoline));
         }
-        active_ = this;
-        WriteImportSlot(slot_, reinterpret_cast<void*>(&Trampoline));
+        top_ = this;
     }
 
     explicit ImportHook(const char* name)
-        : ImportHook(name, [this](Arguments... arguments) { return original_(arguments...); }) {}
+        : ImportHook(name, [this](Arguments... arguments) { return Original(arguments...); }) {}
 
     ImportHook(const char* name, int nth, FailedResult result, DWORD lastError)
         : ImportHook(name, [this, nth, result, lastError](Arguments... arguments) {
@@ -72,31 +87,45 @@ public:
                   SetLastError(lastError);
                   return result;
               }
-              return original_(arguments...);
+              return Original(arguments...);
           }) {}
 
     ~ImportHook() {
-        WriteImportSlot(slot_, reinterpret_cast<void*>(original_));
-        active_ = nullptr;
+        ImportHook** link = &top_;
+        while (*link != this) {
+            link = &(*link)->below_;
+        }
+        *link = below_;
+        if (top_ == nullptr) {
+            WriteImportSlot(slot_, reinterpret_cast<void*>(original_));
+        }
     }
 
     ImportHook(const ImportHook&) = delete;
     ImportHook& operator=(const ImportHook&) = delete;
 
-    Result Original(Arguments... arguments) const { return original_(arguments...); }
+    Result Original(Arguments... arguments) const {
+        return below_ != nullptr ? below_->Call(arguments...) : original_(arguments...);
+    }
     int Calls() const { return calls_; }
 
 private:
     using Pointer = Result(WINAPI*)(Arguments...);
 
     static Result WINAPI Trampoline(Arguments... arguments) {
-        ++active_->calls_;
-        return active_->handler_(arguments...);
+        const HookedCall call;
+        return top_->Call(arguments...);
     }
 
-    static inline ImportHook* active_ = nullptr;
+    Result Call(Arguments... arguments) {
+        ++calls_;
+        return handler_(arguments...);
+    }
+
+    static inline ImportHook* top_ = nullptr;
 
     void** slot_;
+    ImportHook* below_;
     Pointer original_;
     Handler handler_;
     int calls_ = 0;

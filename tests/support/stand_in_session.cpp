@@ -1,5 +1,7 @@
 #include "stand_in_session.h"
 
+#include "import_hook.h"
+
 #include <msiquery.h>
 
 #include <stdexcept>
@@ -11,6 +13,7 @@ namespace {
 std::vector<SessionMessage> received;
 
 int WINAPI Receive(void* /*context*/, UINT type, LPCWSTR text) {
+    const HookedCall call; // for what is kept is not the code's
     received.push_back({type, text == nullptr ? L"" : text});
     return IDOK;
 }

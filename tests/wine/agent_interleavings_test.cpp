@@ -26,10 +26,10 @@
 
 #include "agent_calls.h"
 #include "agent_machine.h"
+#include "call_trace.h"
 #include "file_system_error.h"
 #include "files.h"
 #include "import_hook.h"
-#include "registry_calls.h"
 #include "restart_renames.h"
 #include "stand_in_session.h"
 
@@ -44,19 +44,19 @@ using halvard::PostInstallUPA;
 using halvard::PreInstallUPA;
 using halvard_tests::AgentCalls;
 using halvard_tests::AgentMachine;
+using halvard_tests::CallTrace;
 using halvard_tests::ExpectFileSystemError;
 using halvard_tests::InstalledService;
 using halvard_tests::IsThere;
 using halvard_tests::kAgentService;
 using halvard_tests::kCountersKey;
 using halvard_tests::kOlderService;
+using halvard_tests::kRegistry;
 using halvard_tests::kTeloKey;
 using halvard_tests::PendingRenames;
-using halvard_tests::RegistryCalls;
 using halvard_tests::RegistryValueAt;
 using halvard_tests::ServiceBehavior;
 using halvard_tests::StandInSession;
-using Lines = std::vector<std::wstring>;
 using namespace std::string_literals;
 
 namespace {
@@ -182,9 +182,9 @@ TEST_F(AgentInterleavings, TwoPostInstallsAtEveryCallToTheRegistry) {
             Begin(agentOfBefore);
             {
                 const AgentCalls calls(machine_);
-                RegistryCalls registry;
-                registry.before = [&](std::size_t number) {
-                    if (number == at) {
+                CallTrace registry(kRegistry);
+                registry.before = [&](const std::wstring&) {
+                    if (registry.Count() == at) {
                         EXPECT_EQ(PostInstall(), 0U);
                     }
                 };
@@ -208,9 +208,9 @@ TEST_F(AgentInterleavings, AClientThatRegistersAtEveryCallToTheRegistry) {
         Begin(false);
         {
             const AgentCalls calls(machine_);
-            RegistryCalls registry;
-            registry.before = [&](std::size_t number) {
-                if (number == at) {
+            CallTrace registry(kRegistry);
+            registry.before = [&](const std::wstring&) {
+                if (registry.Count() == at) {
                     EXPECT_TRUE(halvard::WriteRegistryDword(kTeloKey, L"ClientC_TeloStatus", 1));
                 }
             };
@@ -257,8 +257,8 @@ TEST_F(AgentInterleavings, APreInstallAtEveryCallOfAPostInstall) {
             EXPECT_TRUE(created ? machine_.Service().WaitUntilGone() : machine_.Service().Exists())
                 << where;
         }
-        created = created || met == L"create TeloLauncher";
-        started = started || met == L"start TeloLauncher";
+        created = created || met == L"create service TeloLauncher";
+        started = started || met == L"start service TeloLauncher";
         ExpectIdentity(false, where);
     }
     EXPECT_TRUE(created);
@@ -282,7 +282,7 @@ TEST_F(AgentInterleavings, APostInstallAtEveryCallOfAPreInstall) {
         EXPECT_EQ(machine_.Identity(), kIdentity) << where;
         EXPECT_TRUE(machine_.Task().Exists()) << where;
         // Opened for its deletion, it can only be marked by the next call.
-        deletion = met == L"open TeloLauncher 0x10000" ? at : deletion;
+        deletion = met == L"open service TeloLauncher 0x10000" ? at : deletion;
         const bool deleted = deletion == 0 || at <= deletion + 1;
         EXPECT_EQ(machine_.Service().Exists(), !deleted) << where;
     }
@@ -295,6 +295,7 @@ TEST_F(AgentInterleavings, TwoPreInstallsAtEveryCall) {
     for (std::size_t at = 1;; ++at) {
         Begin(true);
         machine_.CopyAgent();
+        bool isRefused = false;
         const std::wstring met = RunWithin(
             at, [] { EXPECT_EQ(PreInstallUPA(0), 0U); },
             [&] {
@@ -302,9 +303,11 @@ TEST_F(AgentInterleavings, TwoPreInstallsAtEveryCall) {
                     EXPECT_EQ(PreInstallUPA(0), 0U);
                 } catch (const std::filesystem::filesystem_error& error) {
                     EXPECT_EQ(error.code().value(), ERROR_SHARING_VIOLATION);
-                    ++refused;
+                    isRefused = true;
                 }
             });
+        // How often an entry is changed before it is gone is up to the engine.
+        refused += isRefused && met.find(L"change entry") != 0 ? 1 : 0;
         if (met.empty()) {
             EXPECT_GE(at, 28U);
             break;
@@ -500,7 +503,8 @@ TEST_F(AgentInterleavings, AnInstallationOverAnAgentThatNothingEnds) {
         EXPECT_EQ(PreInstallUPA(0), 0U);
         // One look for either service, and eleven for this one: more than 30 seconds.
         EXPECT_EQ(looking.Calls(), 13);
-        EXPECT_EQ(calls.Of({L"delete TeloLauncher"}), Lines{L"delete TeloLauncher"});
+        EXPECT_EQ(calls.Of({L"delete service TeloLauncher"}),
+                  Lines{L"delete service TeloLauncher"});
     }
     EXPECT_EQ(agent.State(), static_cast<DWORD>(SERVICE_RUNNING));
     EXPECT_TRUE(agent.IsBeingDeleted());

@@ -1,12 +1,12 @@
 #include "agent/agent_service.h"
 
 #include "allocation_failure.h"
+#include "call_trace.h"
 #include "current_session.h"
 #include "debugger_output.h"
 #include "files.h"
 #include "import_hook.h"
 #include "installed_service.h"
-#include "registry_calls.h"
 #include "registry_key.h"
 #include "stand_in_clock.h"
 #include "stand_in_session.h"
@@ -24,8 +24,9 @@ using halvard::CreateAgentService;
 using halvard::StartAgentService;
 using halvard::StopServiceWithTimeout;
 using halvard_tests::AllocationFailure;
+using halvard_tests::CallTrace;
 using halvard_tests::InstalledService;
-using halvard_tests::RegistryCalls;
+using halvard_tests::kRegistry;
 using halvard_tests::ScratchFolder;
 using halvard_tests::ScratchKey;
 using halvard_tests::ServiceBehavior;
@@ -1307,19 +1308,19 @@ TEST(CreateAgentService, AStartThatCannotBeDelayedChangesNothing) {
 TEST(CreateAgentService, ReadsTheInstallManagersFolderInThe64BitView) {
     const InstallManager installed;
     const StandInServiceManager manager;
-    const RegistryCalls registry;
+    const CallTrace registry(kRegistry);
     CreateAgentService();
     const std::wstring key = std::wstring(L"HKLM\\") + kInstallManagerKey;
-    EXPECT_EQ(registry.Lines(), (std::vector<std::wstring>{
-                                    L"open " + key + L" 0x20119",
-                                    L"query " + key + L" InstallDir 260 bytes", L"close " + key}));
+    EXPECT_EQ(registry.All(), (std::vector<std::wstring>{L"open " + key + L" 0x20119",
+                                                         L"query " + key + L" InstallDir 260 bytes",
+                                                         L"close " + key}));
 }
 
 TEST(CreateAgentService, AFolderThatCannotBeReadIsEmpty) {
     const InstallManager installed;
     for (const std::size_t failing : {1U, 2U}) {
         for (const LSTATUS code : {ERROR_ACCESS_DENIED, ERROR_MORE_DATA, ERROR_KEY_DELETED}) {
-            const RegistryCalls registry(failing, code);
+            const CallTrace registry(kRegistry, failing, code);
             EXPECT_EQ(CreatedPath(), PathIn(L""));
             EXPECT_EQ(registry.Count(), failing);
         }

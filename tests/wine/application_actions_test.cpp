@@ -2,17 +2,13 @@
 
 #include "runtime/owned.h"
 #include "runtime/registry.h"
-#include "runtime/session.h"
 
-#include "allocation_failure.h"
 #include "child_programs.h"
-#include "current_session.h"
 #include "file_system_error.h"
 #include "files.h"
 #include "import_hook.h"
 #include "open_handles.h"
 #include "pivot_installation.h"
-#include "record_calls.h"
 #include "registry_error.h"
 
 #include <gtest/gtest.h>
@@ -22,17 +18,13 @@
 
 #include <filesystem>
 #include <functional>
-#include <new>
 #include <optional>
 
 using halvard::OwnedHandle;
-using halvard::RegKeyError;
 using halvard::ShutDownDVR;
 using halvard::ShutDownPivotConsole;
 using halvard::TerminateDVRApp;
 using halvard::TerminatePivotApp;
-using halvard_tests::AllocationFailure;
-using halvard_tests::CurrentSessionScope;
 using halvard_tests::EnvironmentVariable;
 using halvard_tests::ExpectRegKeyError;
 using halvard_tests::OpenHandleCount;
@@ -439,29 +431,6 @@ TEST_P(ShutDown, ThrowsForALocationThatCannotBeLookedAt) {
     EXPECT_EQ(starts.All().size(), 0U);
 }
 
-TEST_P(ShutDown, WritesNothingToTheInstallerLogAndStoresNoSession) {
-    const Installation installation(GetParam());
-    const CurrentSessionScope current(17);
-    const halvard_tests::RecordCalls calls;
-    const auto run = [](UINT expected) {
-        EXPECT_EQ(GetParam().run(18), expected);
-    };
-    run(1603);
-    {
-        const RecorderAt tool(installation.Program());
-        run(0);
-        WaitForRecordings(1);
-        FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_ACCESS_DENIED);
-        run(0);
-    }
-    installation.SetLocation(L"T:\\none");
-    run(0);
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, GetParam().key);
-    EXPECT_THROW(GetParam().run(18), RegKeyError);
-    EXPECT_EQ(calls.Lines().size(), 0U);
-    EXPECT_EQ(halvard::CurrentSession(), 17U);
-}
-
 TEST_P(ShutDown, LeavesNoHandleOpen) {
     const Installation installation(GetParam());
     const auto leavesNone = [](const char* what) {
@@ -493,36 +462,6 @@ TEST_P(ShutDown, LeavesNoHandleOpen) {
     leavesNone("no value");
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, GetParam().key);
     leavesNone("no key");
-}
-
-TEST_P(ShutDown, LeavesNoHandleOpenWithoutMemory) {
-    const Installation installation(GetParam());
-    const RecorderAt tool(installation.Program());
-    RunAnyway([](MSIHANDLE) -> UINT { throw std::bad_alloc(); });
-    FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_ACCESS_DENIED);
-    const int before = OpenHandleCount();
-    int reached = 0;
-    for (int nth = 1; nth < 100; ++nth) {
-        bool thrown = false;
-        bool happened = false;
-        {
-            const AllocationFailure failure(nth);
-            try {
-                GetParam().run(0);
-            } catch (const std::bad_alloc&) {
-                thrown = true;
-            }
-            happened = failure.Happened();
-        }
-        EXPECT_EQ(thrown, happened);
-        EXPECT_EQ(OpenHandleCount(), before) << "allocation " << nth;
-        reached += happened ? 1 : 0;
-        if (!happened) {
-            break;
-        }
-    }
-    EXPECT_GT(reached, 3);
-    EXPECT_LT(reached, 99);
 }
 
 namespace {
@@ -748,18 +687,6 @@ TEST_P(Terminate, TakesTheSystemFolderAsItStands) {
         starts.All(),
         (std::vector<Start>{
             {command, pivot ? std::optional<std::wstring>(command) : std::nullopt, true, 0}}));
-}
-
-TEST_P(Terminate, WritesNothingToTheInstallerLogAndStoresNoSession) {
-    const CurrentSessionScope current(17);
-    const halvard_tests::RecordCalls calls;
-    for (const Answer answer : {Answer::Created, Answer::Refused, Answer::OfTheSystem}) {
-        const Starts starts({answer});
-        GetParam()(18);
-        EXPECT_GE(starts.All().size(), 1U);
-    }
-    EXPECT_EQ(calls.Lines().size(), 0U);
-    EXPECT_EQ(halvard::CurrentSession(), 17U);
 }
 
 TEST_P(Terminate, LeavesNoHandleOpen) {

@@ -1,14 +1,11 @@
 #include "registry_actions/branding.h"
 
-#include "runtime/session.h"
-
 #include "allocation_failure.h"
-#include "current_session.h"
+#include "call_trace.h"
 #include "file_system_error.h"
 #include "files.h"
 #include "import_hook.h"
 #include "open_handles.h"
-#include "record_calls.h"
 #include "registry_key.h"
 
 #include <shlwapi.h>
@@ -17,14 +14,18 @@
 
 #include <algorithm>
 #include <cwchar>
-#include <new>
 #include <vector>
 
 using halvard::DeleteandRetainValues;
 using halvard_tests::BytesOf;
+using halvard_tests::CallTrace;
 using halvard_tests::CreateFolders;
 using halvard_tests::ExpectFileSystemError;
 using halvard_tests::IsThere;
+using halvard_tests::kEveryCall;
+using halvard_tests::kFileQuestions;
+using halvard_tests::kRegistry;
+using halvard_tests::kRegistryListing;
 using halvard_tests::OpenHandleCount;
 using halvard_tests::ScratchFolder;
 using halvard_tests::WriteWholeFile;
@@ -482,96 +483,40 @@ TEST_F(DeleteandRetainValuesTest, RaisesWhenTheFolderCannotBeAskedFor) {
 TEST_F(DeleteandRetainValuesTest, MakesItsCallsInThisOrder) {
     MakeFiles({L"a"});
     MakeFolder(L"sub");
-    Names calls;
-    HOOK(opening, RegOpenKeyExW,
-         [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
-             EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
-             EXPECT_EQ(options, 0U);
-             EXPECT_EQ(access, 0x20019U); // KEY_READ
-             calls.push_back(L"key "s + subkey);
-             return opening.Original(root, subkey, options, access, opened);
-         });
-    HOOK(asking, GetFileAttributesW, [&](LPCWSTR path) {
-        if (path == L"\\\\?\\" + Folder()) {
-            calls.emplace_back(L"exists");
-        }
-        return asking.Original(path);
-    });
-    HOOK(testing, PathIsDirectoryW, [&](LPCWSTR path) {
-        calls.push_back(L"is folder "s + path);
-        return testing.Original(path);
-    });
-    HANDLE ofFolder = nullptr;
-    HOOK(listing, FindFirstFileW, [&](LPCWSTR pattern, LPWIN32_FIND_DATAW found) {
-        calls.push_back(L"list "s + pattern);
-        ofFolder = listing.Original(pattern, found);
-        return ofFolder;
-    });
-    HOOK(going, FindNextFileW, [&](HANDLE search, LPWIN32_FIND_DATAW found) {
-        const BOOL more = going.Original(search, found);
-        if (more == FALSE && search == ofFolder) {
-            calls.emplace_back(L"end of list");
-        }
-        return more;
-    });
-    HOOK(closing, FindClose, [&](HANDLE search) {
-        if (search == ofFolder) {
-            calls.emplace_back(L"close");
-            ofFolder = nullptr;
-        }
-        return closing.Original(search);
-    });
-    HOOK(removing, _wremove, [&](const wchar_t* path) {
-        calls.push_back(L"delete "s + path);
-        return removing.Original(path);
-    });
+    const CallTrace trace(kEveryCall);
     EXPECT_EQ(DeleteandRetainValues(0), 0U);
-    EXPECT_EQ(calls,
-              (Names{L"key SOFTWARE\\ZenvoBranding", L"key SOFTWARE\\Zenvo\\PV\\", L"exists",
-                     L"is folder " + Folder(), L"list " + In(L"*.*"), L"end of list", L"close",
-                     L"is folder " + In(L"a"), L"delete " + In(L"a"), L"is folder " + In(L"sub")}));
+    Names calls =
+        WithoutRepeats(trace.Of({L"open HKLM", L"attributes of \\\\?\\" + Folder(), L"is folder",
+                                 L"list ", L"next of", L"close list", L"delete file"}));
+    // What follows is the removal of the subfolder.
+    calls.resize(10);
+    EXPECT_EQ(calls, (Names{L"open HKLM\\SOFTWARE\\ZenvoBranding 0x20019",
+                            L"open HKLM\\SOFTWARE\\Zenvo\\PV\\ 0x20019",
+                            L"attributes of \\\\?\\" + Folder(), L"is folder " + Folder(),
+                            L"list " + In(L"*.*"), L"next of " + In(L"*.*"), L"close list",
+                            L"is folder " + In(L"a"), L"delete file " + In(L"a"),
+                            L"is folder " + In(L"sub")}));
 }
 
 TEST_F(DeleteandRetainValuesTest, AddsNoSlashToAFolderThatEndsInOne) {
     for (const wchar_t slash : {L'\\', L'/'}) {
         SetFolder(REG_SZ, Terminated(Folder() + slash));
-        std::wstring pattern;
-        HOOK(listing, FindFirstFileW, [&](LPCWSTR asked, LPWIN32_FIND_DATAW found) {
-            pattern = asked;
-            return listing.Original(asked, found);
-        });
+        const CallTrace trace(kFileQuestions);
         EXPECT_EQ(DeleteandRetainValues(0), 0U);
-        EXPECT_EQ(pattern, Folder() + slash + L"*.*");
+        EXPECT_EQ(trace.Of({L"list "}), Names{L"list " + Folder() + slash + L"*.*"});
     }
 }
 
 TEST_F(DeleteandRetainValuesTest, EnumeratesAndReadsIntoBuffersOfTheseSizes) {
     RetainSubkey(L"Skins");
     Retain(L"x");
-    HOOK(keys, RegEnumKeyExW,
-         [&](HKEY key, DWORD index, LPWSTR name, LPDWORD length, LPDWORD reserved, LPWSTR className,
-             LPDWORD classLength, PFILETIME written) {
-             EXPECT_EQ(*length, 255U);
-             return keys.Original(key, index, name, length, reserved, className, classLength,
-                                  written);
-         });
-    HOOK(values, RegEnumValueW,
-         [&](HKEY key, DWORD index, LPWSTR name, LPDWORD length, LPDWORD reserved, LPDWORD type,
-             LPBYTE data, LPDWORD size) {
-             EXPECT_EQ(*length, 16383U);
-             EXPECT_EQ(*size, 260U);
-             return values.Original(key, index, name, length, reserved, type, data, size);
-         });
-    HOOK(reading, RegQueryValueExW,
-         [&](HKEY key, LPCWSTR name, LPDWORD reserved, LPDWORD type, LPBYTE data, LPDWORD size) {
-             EXPECT_STREQ(name, kFolderValue);
-             EXPECT_EQ(*size, 260U);
-             return reading.Original(key, name, reserved, type, data, size);
-         });
+    const CallTrace trace(kRegistry | kRegistryListing);
     EXPECT_EQ(DeleteandRetainValues(0), 0U);
-    EXPECT_EQ(keys.Calls(), 1);
-    EXPECT_EQ(values.Calls(), 1);
-    EXPECT_EQ(reading.Calls(), 1);
+    const std::wstring key = L"HKLM\\" + std::wstring(kRetainKey);
+    EXPECT_EQ(trace.Of({L"subkey", L"value", L"query"}),
+              (Names{L"subkey 0 of " + key + L" 255", L"value 0 of " + key + L" 16383 260 bytes",
+                     L"query HKLM\\" + std::wstring(kFolderKey) + L"\\ " + kFolderValue +
+                         L" 260 bytes"}));
 }
 
 TEST_F(DeleteandRetainValuesTest, GoesOnWithWhatItCouldRead) {
@@ -694,38 +639,19 @@ TEST_F(DeleteandRetainValuesTest, ClosesItsKeysAndItsSearchOnEveryPath) {
     EXPECT_EQ(OpenHandleCount(), before);
 }
 
-TEST_F(DeleteandRetainValuesTest, LeavesNothingOpenWhenMemoryRunsOut) {
+TEST_F(DeleteandRetainValuesTest, WithoutMemoryNothingGoesThatIsToStay) {
     RetainSubkey(L"Skins");
     Retain(In(L"kept"));
     MakeFiles({L"kept", L"Skins"});
-    const int before = OpenHandleCount();
-    bool happened = true;
-    int failures = 0;
     int behindADeletion = 0;
-    for (int nth = 1; happened; ++nth) {
-        MakeFiles({L"a"});
-        MakeFolder(L"sub");
-        {
-            const halvard_tests::AllocationFailure failure(nth);
-            try {
-                DeleteandRetainValues(0);
-            } catch (const std::bad_alloc&) {
-                ++failures;
-                behindADeletion += IsThere(In(L"a")) ? 0 : 1;
-            }
-            happened = failure.Happened();
-        }
-        EXPECT_EQ(OpenHandleCount(), before) << "allocation " << nth;
-    }
+    const int failures = halvard_tests::FailEachAllocation(
+        [&] {
+            MakeFiles({L"a"});
+            MakeFolder(L"sub");
+        },
+        [] { DeleteandRetainValues(0); },
+        [&](bool thrown) { behindADeletion += thrown && !IsThere(In(L"a")) ? 1 : 0; });
     EXPECT_GT(failures, 10);
     EXPECT_GT(behindADeletion, 0);
     EXPECT_EQ(Left(), (Names{L"Skins", L"kept"}));
-}
-
-TEST_F(DeleteandRetainValuesTest, LogsNothingAndLeavesTheCurrentSession) {
-    const halvard_tests::CurrentSessionScope current(7);
-    const halvard_tests::RecordCalls calls;
-    EXPECT_EQ(LeftOf({L"a"}), Names{});
-    EXPECT_EQ(calls.Lines(), Names{});
-    EXPECT_EQ(halvard::CurrentSession(), 7U);
 }

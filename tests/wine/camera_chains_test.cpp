@@ -3,28 +3,26 @@
 #include "runtime/session.h"
 
 #include "allocation_failure.h"
+#include "call_trace.h"
 #include "current_session.h"
 #include "import_hook.h"
 #include "open_handles.h"
-#include "record_calls.h"
-#include "registry_calls.h"
 #include "registry_key.h"
 #include "stand_in_session.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <new>
 
 using halvard::CleanCameraTransformChains;
 using halvard::DeleteOptiqCameraGUID;
+using halvard_tests::CallTrace;
 using halvard_tests::KeyExists;
+using halvard_tests::kRegistry;
 using halvard_tests::OpenHandleCount;
-using halvard_tests::RegistryCalls;
 using halvard_tests::RegistryValueAt;
 using halvard_tests::ScratchKey;
 using Bytes = std::vector<BYTE>;
-using Lines = std::vector<std::wstring>;
 using Value = ScratchKey::Value;
 using namespace std::string_literals;
 
@@ -226,7 +224,7 @@ TEST(CleanCameraTransformChains, WorksOnTheValuesInTheOrderFound) {
     Lines found;
     Lines done;
     {
-        const RegistryCalls calls;
+        const CallTrace calls(kRegistry);
         HOOK(listing, RegEnumValueW,
              [&](HKEY key, DWORD index, LPWSTR name, LPDWORD length, LPDWORD reserved, LPDWORD type,
                  LPBYTE data, LPDWORD size) {
@@ -236,7 +234,7 @@ TEST(CleanCameraTransformChains, WorksOnTheValuesInTheOrderFound) {
                  return status;
              });
         EXPECT_EQ(CleanCameraTransformChains(), 0U);
-        for (const std::wstring& line : calls.Lines()) {
+        for (const std::wstring& line : calls.All()) {
             if (startsWith(line, L"size of ")) {
                 done.push_back(line);
             }
@@ -304,9 +302,9 @@ TEST(CleanCameraTransformChains, MakesTheseCalls) {
     camera.device.SetString(L"clsid", kId);
     Lines lines;
     {
-        const RegistryCalls calls;
+        const CallTrace calls(kRegistry);
         EXPECT_EQ(CleanCameraTransformChains(), 0U);
-        lines = calls.Lines();
+        lines = calls.All();
     }
     const std::wstring root = L"HKLM\\" + kClass;
     const std::wstring device = L"HKLM\\" + kDevice;
@@ -365,7 +363,7 @@ TEST(CleanCameraTransformChains, EachCallRefusedInTurn) {
         camera.SetChain(kHooked);
         const int before = OpenHandleCount();
         {
-            const RegistryCalls calls(++number);
+            const CallTrace calls(kRegistry, ++number);
             EXPECT_EQ(CleanCameraTransformChains(), 0U) << refusal.what;
         }
         EXPECT_EQ(OpenHandleCount(), before) << refusal.what;
@@ -481,9 +479,9 @@ TEST(CleanCameraTransformChains, AChangeBetweenTheWalkAndTheRewrite) {
         const Camera camera;
         camera.SetChain(kHooked);
         {
-            RegistryCalls calls;
-            calls.before = [&](std::size_t number) {
-                if (number == change.beforeCall) {
+            CallTrace calls(kRegistry);
+            calls.before = [&](const std::wstring&) {
+                if (calls.Count() == change.beforeCall) {
                     change.apply(camera.device);
                 }
             };
@@ -500,35 +498,22 @@ TEST(CleanCameraTransformChains, AChangeBetweenTheWalkAndTheRewrite) {
 
 TEST(CleanCameraTransformChains, AValueThatCannotBeHeldInMemoryIsDeleted) {
     CleanCameraTransformChains();
+    const Camera camera;
+    const int before = OpenHandleCount();
     int thrown = 0;
     int deleted = 0;
-    int reached = 0;
-    for (int nth = 1; nth == reached + 1; ++nth) {
-        const Camera camera;
-        camera.SetChain(kHooked);
-        const int before = OpenHandleCount();
-        bool happened = false;
-        bool threw = false;
-        {
-            const halvard_tests::AllocationFailure failure(nth);
-            try {
-                EXPECT_EQ(CleanCameraTransformChains(), 0U);
-            } catch (const std::bad_alloc&) {
-                threw = true;
+    const int reached = halvard_tests::FailEachAllocation(
+        [&] { camera.SetChain(kHooked); }, [] { EXPECT_EQ(CleanCameraTransformChains(), 0U); },
+        [&](bool threw) {
+            EXPECT_EQ(OpenHandleCount(), before);
+            thrown += threw ? 1 : 0;
+            deleted += Holds(kDevice, kChain) ? 0 : 1;
+            if (threw) {
+                ExpectChain(kDevice, kHooked);
+                EXPECT_EQ(deleted, 0) << "the walk comes first";
             }
-            happened = failure.Happened();
-        }
-        EXPECT_EQ(OpenHandleCount(), before) << "allocation " << nth;
-        reached += happened ? 1 : 0;
-        thrown += threw ? 1 : 0;
-        deleted += Holds(kDevice, kChain) ? 0 : 1;
-        if (threw) {
-            ExpectChain(kDevice, kHooked);
-            EXPECT_EQ(deleted, 0) << "the walk comes first";
-        } else if (!happened) {
-            ExpectChain(kDevice, kClean);
-        }
-    }
+        });
+    ExpectChain(kDevice, kClean);
     EXPECT_GT(thrown, 0);
     EXPECT_GT(deleted, 0);
     EXPECT_EQ(thrown + deleted, reached);
@@ -570,7 +555,7 @@ TEST(DeleteOptiqCameraGUID, StoresItsSessionBeforeAnythingElseAndLogsNothing) {
     const halvard_tests::CurrentSessionScope current;
     const halvard_tests::StandInSession session;
     {
-        const halvard_tests::RecordCalls records;
+        const halvard_tests::CallTrace records(halvard_tests::kInstaller);
         HOOK(opening, RegOpenKeyExW,
              [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
                  EXPECT_EQ(halvard::CurrentSession(), session.Get());
@@ -581,7 +566,7 @@ TEST(DeleteOptiqCameraGUID, StoresItsSessionBeforeAnythingElseAndLogsNothing) {
         camera.device.SetString(L"CLSID", L"x");
         DeleteOptiqCameraGUID(session.Get());
         EXPECT_GT(opening.Calls(), 0);
-        EXPECT_EQ(records.Lines(), Lines{});
+        EXPECT_EQ(records.All(), Lines{});
     }
     EXPECT_EQ(session.Messages().size(), 0U);
 }

@@ -3,12 +3,14 @@
 #include "runtime/session.h"
 
 #include "allocation_failure.h"
+#include "call_trace.h"
 #include "import_hook.h"
 #include "open_handles.h"
-#include "record_calls.h"
-#include "registry_calls.h"
 #include "registry_key.h"
 #include "stand_in_session.h"
+
+#include <msi.h>
+#include <msiquery.h>
 
 #include <gtest/gtest.h>
 
@@ -18,14 +20,14 @@
 
 using halvard::CheckForClients;
 using halvard::SetClientStatus;
+using halvard_tests::CallTrace;
 using halvard_tests::KeyExists;
+using halvard_tests::kRegistry;
 using halvard_tests::OpenHandleCount;
-using halvard_tests::RegistryCalls;
 using halvard_tests::RegistryValueAt;
 using halvard_tests::ScratchKey;
 using halvard_tests::StandInSession;
 using Bytes = std::vector<BYTE>;
-using Lines = std::vector<std::wstring>;
 using Value = ScratchKey::Value;
 using namespace std::string_literals;
 
@@ -169,11 +171,11 @@ TEST_F(CheckForClientsTest, LogsToItsSessionBeforeItChangesAnything) {
     SetLastClient(L"Last");
     session.SetProperty(L"CustomActionData", Data(L"Foo", L"ALL", L"1.2"));
     halvard::SetCurrentSession(99);
-    const RegistryCalls calls;
+    const CallTrace calls(kRegistry);
     std::vector<std::size_t> callsBefore;
     HOOK(sending, MsiProcessMessage, [&](MSIHANDLE handle, INSTALLMESSAGE type, MSIHANDLE record) {
         EXPECT_EQ(handle, session.Get());
-        callsBefore.push_back(calls.Lines().size());
+        callsBefore.push_back(calls.All().size());
         return sending.Original(handle, type, record);
     });
     EXPECT_EQ(CheckForClients(session.Get()), 0U);
@@ -245,9 +247,9 @@ TEST_F(CheckForClientsTest, DataTooShortForAnAbsentItemLeavesTheAction) {
         SetLastClient(L"Last");
         const StandInSession logging;
         session.SetProperty(L"CustomActionData", data);
-        const RegistryCalls calls;
+        const CallTrace calls(kRegistry);
         EXPECT_THROW(CheckForClients(session.Get()), std::out_of_range) << data;
-        EXPECT_EQ(calls.Lines(), Lines{});
+        EXPECT_EQ(calls.All(), Lines{});
         EXPECT_EQ(logging.LogLines(), Lines{L"CustomActionData: "s + data});
         EXPECT_EQ(halvard::CurrentSession(), session.Get());
         halvard::SetCurrentSession(0);
@@ -256,9 +258,9 @@ TEST_F(CheckForClientsTest, DataTooShortForAnAbsentItemLeavesTheAction) {
 
 TEST_F(CheckForClientsTest, TheFirstClientCreatesItsValues) {
     session.SetProperty(L"CustomActionData", Data(L"Foo", L"", L"1.2"));
-    const RegistryCalls calls;
+    const CallTrace calls(kRegistry);
     EXPECT_EQ(CheckForClients(session.Get()), 0U);
-    EXPECT_EQ(calls.Lines(),
+    EXPECT_EQ(calls.All(),
               (Lines{L"open " + kStatusKey + L" 0x20019", L"open " + kUserKey + L" 0xf003f",
                      L"create " + kUserKey + L" 0x2", L"set " + kUserKey + L" TeloClient 1 8 bytes",
                      L"close " + kUserKey, L"open " + kStatusKey + L" 0xf003f",
@@ -301,11 +303,11 @@ TEST_F(CheckForClientsTest, AnInstallationReadsEveryStatusAndTheVersion) {
     SetInstalledVersion(L"1.2.3");
     SetLastClient(L"Last");
     session.SetProperty(L"CustomActionData", Data(L"Foo", L"", L"1.2.3.4"));
-    const RegistryCalls calls;
+    const CallTrace calls(kRegistry);
     EXPECT_EQ(CheckForClients(session.Get()), 0U);
     const std::wstring status = L"open " + kStatusKey + L" 0xf003f";
     EXPECT_EQ(
-        calls.Lines(),
+        calls.All(),
         (Lines{L"open " + kStatusKey + L" 0x20019", L"close " + kStatusKey,
                L"open " + kUserKey + L" 0xf003f", L"set " + kUserKey + L" TeloClient 1 8 bytes",
                L"close " + kUserKey, status, L"query " + kStatusKey + L" Bar_TeloStatus 4 bytes",
@@ -323,11 +325,11 @@ TEST_F(CheckForClientsTest, ARemovalReadsTheLastClientAndNoVersion) {
     SetInstalledVersion(L"9.9");
     SetLastClient(L"Foo");
     session.SetProperty(L"CustomActionData", Data(L"Bar", L"ALL", L"1.2"));
-    const RegistryCalls calls;
+    const CallTrace calls(kRegistry);
     EXPECT_EQ(CheckForClients(session.Get()), 0U);
     const std::wstring status = L"open " + kStatusKey + L" 0xf003f";
     EXPECT_EQ(
-        calls.Lines(),
+        calls.All(),
         (Lines{L"open " + kUserKey + L" 0xf003f", L"query " + kUserKey + L" TeloClient 260 bytes",
                L"close " + kUserKey, L"open " + kStatusKey + L" 0x20019", L"close " + kStatusKey,
                L"open " + kUserKey + L" 0xf003f", L"set " + kUserKey + L" TeloClient 1 8 bytes",
@@ -642,7 +644,7 @@ TEST_F(CheckForClientsTest, AFirstClientWithEachCallRefusedInTurn) {
             RemoveKeys();
             const int before = OpenHandleCount();
             {
-                const RegistryCalls calls(++number + more);
+                const CallTrace calls(kRegistry, ++number + more);
                 EXPECT_EQ(CheckForClients(session.Get()), 0U) << refusal.what;
                 // A key that cannot be created is not written to.
                 const std::size_t made = number == 3 || number == 6 ? 6 : 7;
@@ -697,7 +699,7 @@ TEST_F(CheckForClientsTest, AnInstallationAmongClientsWithEachCallRefusedInTurn)
                 const UINT expected = barIsSeen || agentIsSeen ? refusal.result : 0U;
                 const int before = OpenHandleCount();
                 {
-                    const RegistryCalls calls(number);
+                    const CallTrace calls(kRegistry, number);
                     EXPECT_EQ(CheckForClients(session.Get()), expected) << refusal.what;
                     if (number == std::size(refusals)) {
                         EXPECT_EQ(calls.Count(), number - 1);
@@ -744,7 +746,7 @@ TEST_F(CheckForClientsTest, ARemovalAmongClientsWithEachCallRefusedInTurn) {
         SetLastClient(L"Last");
         const int before = OpenHandleCount();
         {
-            const RegistryCalls calls(++number);
+            const CallTrace calls(kRegistry, ++number);
             EXPECT_EQ(CheckForClients(session.Get()), refusal.result) << refusal.what;
             if (number == std::size(refusals)) {
                 EXPECT_EQ(calls.Count(), number - 1);
@@ -813,9 +815,9 @@ TEST_F(CheckForClientsTest, AClientThatComesOrGoesMeanwhileKeepsItsOwnStatus) {
     session.SetProperty(L"CustomActionData", Data(L"Foo", L"", L"1.2"));
     {
         // Bar goes behind the listing: its value is there and says so.
-        RegistryCalls calls;
-        calls.before = [](std::size_t number) {
-            if (number == 2) {
+        CallTrace calls(kRegistry);
+        calls.before = [&](const std::wstring&) {
+            if (calls.Count() == 2) {
                 SetStatus(L"Bar_TeloStatus", 2);
             }
         };
@@ -825,9 +827,9 @@ TEST_F(CheckForClientsTest, AClientThatComesOrGoesMeanwhileKeepsItsOwnStatus) {
     EXPECT_EQ(Status(L"Bar_TeloStatus"), Number(2));
     {
         // Zoo comes behind the listing, and its value goes with the next one.
-        RegistryCalls calls;
-        calls.before = [](std::size_t number) {
-            if (number == 2) {
+        CallTrace calls(kRegistry);
+        calls.before = [&](const std::wstring&) {
+            if (calls.Count() == 2) {
                 SetStatus(L"Zoo_TeloStatus", 1);
                 SetLastClient(L"Zoo");
                 RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kTelo.c_str(), L"Bar_TeloStatus");
@@ -860,34 +862,19 @@ TEST_F(CheckForClientsTest, LeavesNoHandleOpenWhenMemoryRunsOut) {
     SetStatus(L"Bar_TeloStatus", 1);
     SetInstalledVersion(L"1.2");
     SetLastClient(L"Last");
-    // The messages are not kept: that takes memory as well.
-    MsiSetExternalUIW(nullptr, 0, nullptr);
     for (const wchar_t* action : {L"", L"ALL"}) {
         session.SetProperty(L"CustomActionData", Data(L"Foo", action, L"1.2.3.4"));
         CheckForClients(session.Get());
         const int before = OpenHandleCount();
-        int reached = 0;
-        for (int nth = 1; nth < 999; ++nth) {
-            bool thrown = false;
-            bool happened = false;
-            {
-                const halvard_tests::AllocationFailure failure(nth);
-                try {
-                    CheckForClients(session.Get());
-                } catch (const std::bad_alloc&) {
-                    thrown = true;
-                }
-                happened = failure.Happened();
-            }
-            EXPECT_EQ(thrown, happened);
-            EXPECT_EQ(OpenHandleCount(), before) << "allocation " << nth;
-            reached += happened ? 1 : 0;
-            if (!happened) {
-                break;
-            }
-        }
+        int thrown = 0;
+        const int reached =
+            halvard_tests::FailEachAllocation([] {}, [&] { CheckForClients(session.Get()); },
+                                              [&](bool threw) {
+                                                  thrown += threw ? 1 : 0;
+                                                  EXPECT_EQ(OpenHandleCount(), before);
+                                              });
+        EXPECT_EQ(thrown, reached);
         EXPECT_GT(reached, 10);
-        EXPECT_LT(reached, 998);
     }
 }
 
@@ -935,14 +922,14 @@ TEST_F(ReadClientsTest, AStatusThatCannotBeReadIsTakenOverFromTheRecordBefore) {
 class SetClientStatusTest : public CheckForClientsTest {};
 
 TEST_F(SetClientStatusTest, WritesTheStatusUnderTheClientsName) {
-    const RegistryCalls calls;
+    const CallTrace calls(kRegistry);
     SetClientStatus(L"Foo", 1);
     EXPECT_EQ(Status(L"Foo_TeloStatus"), Number(1));
     SetClientStatus(L"Foo", 2);
     EXPECT_EQ(Status(L"Foo_TeloStatus"), Number(2));
     SetClientStatus(L"", 1);
     EXPECT_EQ(Status(L"_TeloStatus"), Number(1));
-    EXPECT_EQ(Lines(calls.Lines().begin(), calls.Lines().begin() + 4),
+    EXPECT_EQ(Lines(calls.All().begin(), calls.All().begin() + 4),
               (Lines{L"open " + kStatusKey + L" 0xf003f", L"create " + kStatusKey + L" 0x2",
                      L"set " + kStatusKey + L" Foo_TeloStatus 4 4 bytes", L"close " + kStatusKey}));
 }

@@ -2,7 +2,6 @@
 
 #include "runtime/session.h"
 
-#include "allocation_failure.h"
 #include "child_programs.h"
 #include "current_session.h"
 #include "file_system_error.h"
@@ -21,7 +20,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <new>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -31,7 +29,6 @@ using halvard::ApplyFolderPermissions;
 using halvard::RegisterComServer;
 using halvard::SetPermissionsRegisterDLL;
 using halvard::UnregisterDLL;
-using halvard_tests::AllocationFailure;
 using halvard_tests::CreateFolders;
 using halvard_tests::CurrentDirectoryScope;
 using halvard_tests::CurrentSessionScope;
@@ -803,29 +800,6 @@ TEST(SetPermissionsRegisterDLL, LeavesOpenOnlyTheSecondPipeOfEachCommand) {
     EXPECT_EQ(action.Run(SetPermissionsRegisterDLL), 0U);
     EXPECT_EQ(interpreter.lines.size(), 8U);
     EXPECT_EQ(OpenHandleCount() - before, 2 * 8);
-}
-
-TEST(ApplyFolderPermissions, RunningOutOfMemoryLeavesNoFolderOpen) {
-    const SmallTree tree;
-    const StandInInterpreter interpreter;
-    COUNT_CALLS(piping, CreatePipe);
-    bool happened = true;
-    int failures = 0;
-    const int before = OpenHandleCount();
-    for (int nth = 1; happened; ++nth) {
-        const AllocationFailure failure(nth);
-        try {
-            ApplyFolderPermissions(tree.scratch.Path(), L"u");
-            RegisterComServer(L"x.dll", tree.scratch.Path());
-        } catch (const std::bad_alloc&) {
-            ++failures;
-        }
-        happened = failure.Happened();
-        EXPECT_EQ(happened ? nth : nth - 1, failures);
-    }
-    EXPECT_GT(failures, 20);
-    // Two pipes for a command, one of which stays.
-    EXPECT_EQ(OpenHandleCount() - before, piping.Calls());
 }
 
 TEST(SetPermissionsRegisterDLL, ReachesTheToolsThroughTheRealInterpreter) {

@@ -1,16 +1,17 @@
 #include "registry_actions/consent.h"
 
 #include "runtime/registry.h"
-#include "runtime/session.h"
 
+#include "call_trace.h"
 #include "current_session.h"
 #include "import_hook.h"
 #include "open_handles.h"
-#include "record_calls.h"
-#include "registry_calls.h"
 #include "registry_error.h"
 #include "registry_key.h"
 #include "stand_in_session.h"
+
+#include <msi.h>
+#include <msiquery.h>
 
 #include <gtest/gtest.h>
 
@@ -21,15 +22,15 @@ using halvard::EnableAnalyticsKey;
 using halvard::MarkTeloInstalled;
 using halvard::RegKeyError;
 using halvard::TrackDVRAnalytics;
+using halvard_tests::CallTrace;
 using halvard_tests::CurrentSessionScope;
 using halvard_tests::KeyExists;
+using halvard_tests::kRegistry;
 using halvard_tests::OpenHandleCount;
-using halvard_tests::RegistryCalls;
 using halvard_tests::RegistryValueAt;
 using halvard_tests::ScratchKey;
 using halvard_tests::StandInSession;
 using Bytes = std::vector<BYTE>;
-using Lines = std::vector<std::wstring>;
 using Value = ScratchKey::Value;
 using namespace std::string_literals;
 
@@ -84,9 +85,9 @@ struct Outcome {
 template <class Action>
 Outcome OutcomeOf(Action action, MSIHANDLE session, std::size_t failing) {
     Outcome run;
-    const RegistryCalls calls(failing);
+    const CallTrace calls(kRegistry, failing);
     run.result = action(session);
-    run.calls = calls.Lines();
+    run.calls = calls.All();
     return run;
 }
 
@@ -236,7 +237,7 @@ TEST_F(EnableAnalyticsKeyTest, EachCallRefusedInTurnFromNothing) {
         const int before = OpenHandleCount();
         ++number;
         if (refusal.throws) {
-            const RegistryCalls calls(number);
+            const CallTrace calls(kRegistry, number);
             halvard_tests::ExpectRegKeyError([] { EnableAnalyticsKey(0); },
                                              "Unable to get create registry key",
                                              ERROR_ACCESS_DENIED);
@@ -334,17 +335,17 @@ TEST_F(DeleteAnalyticsKeyTest, LogsToItsOwnSessionBeforeItClosesTheKey) {
     const ScratchKey consent(kConsent);
     const StandInSession session;
     const CurrentSessionScope current(99);
-    const RegistryCalls calls;
+    const CallTrace calls(kRegistry);
     Lines callsBeforeTheLine;
     HOOK(sending, MsiProcessMessage, [&](MSIHANDLE handle, INSTALLMESSAGE type, MSIHANDLE record) {
         EXPECT_EQ(handle, session.Get());
-        callsBeforeTheLine = calls.Lines();
+        callsBeforeTheLine = calls.All();
         return sending.Original(handle, type, record);
     });
     DeleteAnalyticsKey(session.Get());
     EXPECT_EQ(sending.Calls(), 1);
     EXPECT_EQ(callsBeforeTheLine.size(), 2U);
-    EXPECT_EQ(calls.Lines().size(), 3U);
+    EXPECT_EQ(calls.All().size(), 3U);
 }
 
 class TrackDVRAnalyticsTest : public AbsentKeys {};
@@ -496,42 +497,4 @@ TEST_F(DeleteQortaKeyTest, IgnoresAKeyThatIsMissingOrRefused) {
     const ScratchKey qorta(L"SOFTWARE\\Qorta");
     EXPECT_EQ(OutcomeOf(DeleteQortaKey, 0, 1).result, 0U);
     EXPECT_TRUE(KeyExists(L"SOFTWARE\\Qorta"));
-}
-
-class ConsentActions : public AbsentKeys {};
-
-TEST_F(ConsentActions, StoreNoSessionAndOnlyTheDeletionLogs) {
-    const ScratchKey install(kInstall);
-    install.SetBytes(L"ZenvoDVR_Enabled", REG_DWORD, {1, 0, 0, 0});
-    const StandInSession session;
-    session.SetProperty(L"DISABLEANALYTICS", L"YES");
-    const CurrentSessionScope current(99);
-    const halvard_tests::RecordCalls records;
-    for (const auto action :
-         {EnableAnalyticsKey, DisabelAnalyticsKey, TrackDVRAnalytics, DeleteQortaKey}) {
-        action(session.Get());
-        EXPECT_EQ(halvard::CurrentSession(), 99U);
-    }
-    EXPECT_EQ(records.Lines(), Lines{});
-    DeleteAnalyticsKey(session.Get());
-    EXPECT_EQ(halvard::CurrentSession(), 99U);
-    EXPECT_EQ(records.Texts(), Lines{L"UPA Key deleted"});
-}
-
-TEST_F(ConsentActions, LeaveNoHandleOpen) {
-    const ScratchKey install(kInstall);
-    install.SetBytes(L"ZenvoDVR_Enabled", REG_DWORD, {1, 0, 0, 0});
-    const StandInSession session;
-    session.SetProperty(L"DISABLEANALYTICS", L"YES");
-    const auto runAll = [&] {
-        for (const auto action :
-             {EnableAnalyticsKey, EnableAnalyticsKey, DisabelAnalyticsKey, TrackDVRAnalytics,
-              TrackDVRAnalytics, DeleteAnalyticsKey, DeleteAnalyticsKey, DeleteQortaKey}) {
-            action(session.Get());
-        }
-    };
-    runAll();
-    const int before = OpenHandleCount();
-    runAll();
-    EXPECT_EQ(OpenHandleCount(), before);
 }

@@ -2,12 +2,15 @@
 
 #include "runtime/session.h"
 
+#include "call_trace.h"
 #include "child_programs.h"
 #include "current_session.h"
 #include "files.h"
 #include "import_hook.h"
 #include "process_starts.h"
-#include "record_calls.h"
+
+#include <msi.h>
+#include <msiquery.h>
 
 #include <gtest/gtest.h>
 
@@ -20,7 +23,6 @@ using halvard_tests::EnvironmentVariable;
 using halvard_tests::RecorderAt;
 using halvard_tests::Recording;
 using halvard_tests::Recordings;
-using Lines = std::vector<std::wstring>;
 
 namespace {
 
@@ -160,11 +162,11 @@ TEST(InstallContextMenuMSIX, TakesTheNextStepWhenTheOneBeforeHasEnded) {
 
 TEST(InstallContextMenuMSIX, AsksForNoPropertyLogsNothingAndLeavesTheCurrentSession) {
     const halvard_tests::CurrentSessionScope current(7);
-    const halvard_tests::RecordCalls calls;
+    const halvard_tests::CallTrace calls(halvard_tests::kInstaller);
     COUNT_CALLS(reading, MsiGetPropertyW);
     const WatchProcesses processes(Never);
     EXPECT_EQ(InstallContextMenuMSIX(12), 1603U);
-    EXPECT_EQ(calls.Lines(), Lines{});
+    EXPECT_EQ(calls.All(), Lines{});
     EXPECT_EQ(reading.Calls(), 0);
     EXPECT_EQ(halvard::CurrentSession(), 7U);
 }

@@ -1,13 +1,12 @@
 #include "registry_actions/display_log.h"
 
-#include "runtime/session.h"
-
+#include "call_trace.h"
 #include "child_programs.h"
-#include "current_session.h"
+#include "display_adapter.h"
 #include "files.h"
 #include "import_hook.h"
+#include "open_handles.h"
 #include "registry_key.h"
-#include "stand_in_session.h"
 
 #include <setupapi.h>
 #include <shlobj.h>
@@ -23,8 +22,14 @@
 
 using halvard::SetDCLogFileRegistry;
 using halvard_tests::BytesOf;
+using halvard_tests::CallTrace;
+using halvard_tests::DisplayAdapter;
 using halvard_tests::EnvironmentVariable;
 using halvard_tests::IsThere;
+using halvard_tests::kDevices;
+using halvard_tests::kFolders;
+using halvard_tests::kRegistry;
+using halvard_tests::OpenHandleCount;
 using halvard_tests::RegistryValueAt;
 using halvard_tests::ScratchFolder;
 using halvard_tests::ScratchKey;
@@ -35,10 +40,7 @@ namespace {
 using Bytes = std::vector<BYTE>;
 using Value = ScratchKey::Value;
 
-constexpr GUID kDisplayAdapters = {
-    0x4D36E968, 0xE325, 0x11CE, {0xBF, 0xC1, 0x08, 0x00, 0x2B, 0xE1, 0x03, 0x18}};
 const std::wstring kClasses = L"SYSTEM\\CurrentControlSet\\Control\\Class\\";
-const std::wstring kEnumeration = L"SYSTEM\\CurrentControlSet\\Enum\\";
 
 Bytes Terminated(const std::wstring& text) {
     return BytesOf(text + L'\0');
@@ -66,56 +68,6 @@ public:
 
 private:
     std::wstring driver_;
-};
-
-/// A present display adapter for the length of a scope, at first without any property.
-class DisplayAdapter {
-public:
-    DisplayAdapter() : adapters_(SetupDiCreateDeviceInfoList(&kDisplayAdapters, nullptr)) {
-        static int count = 0;
-        instance_ = L"ROOT\\HALVARDTEST\\" + std::to_wstring(1000 + ++count);
-        adapter_.cbSize = sizeof(adapter_);
-        if (SetupDiCreateDeviceInfoW(adapters_, instance_.c_str(), &kDisplayAdapters, nullptr,
-                                     nullptr, 0, &adapter_) == FALSE ||
-            SetupDiRegisterDeviceInfo(adapters_, &adapter_, 0, nullptr, nullptr, nullptr) ==
-                FALSE) {
-            throw std::runtime_error("a display adapter cannot be made");
-        }
-    }
-    DisplayAdapter(const std::wstring& manufacturer, const std::wstring& driver)
-        : DisplayAdapter() {
-        SetManufacturer(manufacturer);
-        SetDriver(driver);
-    }
-    ~DisplayAdapter() {
-        SetupDiRemoveDevice(adapters_, &adapter_);
-        SetupDiDestroyDeviceInfoList(adapters_);
-    }
-    DisplayAdapter(const DisplayAdapter&) = delete;
-    DisplayAdapter& operator=(const DisplayAdapter&) = delete;
-
-    void SetManufacturer(const std::wstring& text) { Set(SPDRP_MFG, Terminated(text)); }
-    void SetDriver(const std::wstring& text) { Set(SPDRP_DRIVER, Terminated(text)); }
-    void Set(DWORD property, const Bytes& bytes) {
-        if (SetupDiSetDeviceRegistryPropertyW(adapters_, &adapter_, property, bytes.data(),
-                                              static_cast<DWORD>(bytes.size())) == FALSE) {
-            throw std::runtime_error("a property of a display adapter cannot be set");
-        }
-    }
-
-    /// Sets a property where the registry keeps it, under any type.
-    void Store(DWORD property, DWORD type, const Bytes& bytes) const {
-        if (RegSetKeyValueW(HKEY_LOCAL_MACHINE, (kEnumeration + instance_).c_str(),
-                            property == SPDRP_MFG ? L"Mfg" : L"Driver", type, bytes.data(),
-                            static_cast<DWORD>(bytes.size())) != ERROR_SUCCESS) {
-            throw std::runtime_error("a property of a display adapter cannot be stored");
-        }
-    }
-
-private:
-    HDEVINFO adapters_;
-    SP_DEVINFO_DATA adapter_ = {};
-    std::wstring instance_;
 };
 
 std::wstring DriverName(int number) {
@@ -235,74 +187,28 @@ TEST_F(SetDCLogFileRegistryTest, ReadersOfTheSizeSeeItsTextWhateverTheLengthOfTh
 TEST_F(SetDCLogFileRegistryTest, MakesItsCallsInThisOrder) {
     const ClassKey key(DriverName(1));
     const DisplayAdapter adapter(L"Zenvo", key.Driver());
-    std::vector<std::wstring> calls;
-    HOOK(asking, GetTempPathW, [&](DWORD capacity, LPWSTR buffer) {
-        calls.push_back(L"temporary folder " + std::to_wstring(capacity));
-        return asking.Original(capacity, buffer);
-    });
-    HOOK(making, SHCreateDirectoryExW,
-         [&](HWND window, LPCWSTR path, const SECURITY_ATTRIBUTES* security) {
-             EXPECT_EQ(window, nullptr);
-             EXPECT_EQ(security, nullptr);
-             calls.push_back(std::wstring(L"folder ") + path);
-             return making.Original(window, path, security);
-         });
-    HOOK(listing, SetupDiGetClassDevsW,
-         [&](const GUID* setupClass, PCWSTR enumerator, HWND window, DWORD flags) {
-             EXPECT_EQ(std::memcmp(setupClass, &kDisplayAdapters, sizeof(GUID)), 0);
-             EXPECT_EQ(enumerator, nullptr);
-             EXPECT_EQ(window, nullptr);
-             calls.push_back(L"list " + std::to_wstring(flags));
-             return listing.Original(setupClass, enumerator, window, flags);
-         });
-    // The adapters that the machine has of its own are passed over.
-    std::vector<DWORD> indices;
-    std::vector<std::wstring> ofAdapter;
-    HOOK(enumerating, SetupDiEnumDeviceInfo,
-         [&](HDEVINFO adapters, DWORD index, PSP_DEVINFO_DATA data) {
-             EXPECT_EQ(data->cbSize, sizeof(SP_DEVINFO_DATA));
-             indices.push_back(index);
-             ofAdapter.clear();
-             return enumerating.Original(adapters, index, data);
-         });
-    HOOK(reading, SetupDiGetDeviceRegistryPropertyW,
-         [&](HDEVINFO adapters, PSP_DEVINFO_DATA data, DWORD property, PDWORD type, PBYTE buffer,
-             DWORD size, PDWORD required) {
-             ofAdapter.push_back(L"property " + std::to_wstring(property) + L" " +
-                                 std::to_wstring(size));
-             return reading.Original(adapters, data, property, type, buffer, size, required);
-         });
-    HOOK(opening, RegOpenKeyExW,
-         [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
-             EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
-             EXPECT_EQ(options, 0U);
-             EXPECT_EQ(access, static_cast<REGSAM>(KEY_ALL_ACCESS));
-             calls.insert(calls.end(), ofAdapter.begin(), ofAdapter.end());
-             calls.push_back(std::wstring(L"key ") + subkey);
-             return opening.Original(root, subkey, options, access, opened);
-         });
-    HOOK(setting, RegSetValueExW,
-         [&](HKEY opened, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* bytes, DWORD size) {
-             calls.push_back(std::wstring(L"value ") + name + L" " + std::to_wstring(type) + L" " +
-                             std::to_wstring(size));
-             return setting.Original(opened, name, reserved, type, bytes, size);
-         });
+    const CallTrace trace(kFolders | kDevices | kRegistry);
     EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
+    // The adapters that the machine has of its own have no manufacturer.
+    Lines calls = WithoutRepeats(
+        trace.Of({L"temporary folder", L"make folder", L"list", L"property", L"open", L"set"}));
+    calls.resize(8);
     const std::wstring size = std::to_wstring(2 * LogFile().size() + 2);
-    const std::vector<std::wstring> expected = {
-        L"temporary folder 1024",
-        L"folder " + LogFolder(),
-        L"list 2",
-        L"property 11 4096",
-        L"property 9 4096",
-        L"key " + key.Path(),
-        L"value DalDCELogFilePath 1 " + size,
-        L"value DalDCEFilePathSize 1 " + size,
-    };
-    EXPECT_EQ(calls, expected);
-    ASSERT_GE(indices.size(), 2U);
-    for (std::size_t index = 0; index < indices.size(); ++index) {
-        EXPECT_EQ(indices[index], index);
+    EXPECT_EQ(calls, (Lines{
+                         L"temporary folder 1024",
+                         L"make folder " + LogFolder(),
+                         L"list devices {4D36E968-E325-11CE-BFC1-08002BE10318} 2",
+                         L"property 11 4096",
+                         L"property 9 4096",
+                         L"open HKLM\\" + key.Path() + L" 0xf003f",
+                         L"set HKLM\\" + key.Path() + L" DalDCELogFilePath 1 " + size + L" bytes",
+                         L"set HKLM\\" + key.Path() + L" DalDCEFilePathSize 1 " + size + L" bytes",
+                     }));
+    const Lines devices = trace.Of({L"device "});
+    ASSERT_GE(devices.size(), 2U);
+    for (std::size_t index = 0; index < devices.size(); ++index) {
+        EXPECT_EQ(devices[index], L"device " + std::to_wstring(index) + L" " +
+                                      std::to_wstring(sizeof(SP_DEVINFO_DATA)) + L" bytes");
     }
 }
 
@@ -311,53 +217,13 @@ TEST_F(SetDCLogFileRegistryTest, LeavesTheKeysAndTheListOpen) {
     const ClassKey second(DriverName(2));
     const DisplayAdapter one(L"Zenvo", first.Driver());
     const DisplayAdapter other(L"Qorta", second.Driver());
-    std::vector<HKEY> keys;
-    HDEVINFO list = INVALID_HANDLE_VALUE;
-    {
-        HOOK(opening, RegOpenKeyExW,
-             [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
-                 const LSTATUS status = opening.Original(root, subkey, options, access, opened);
-                 keys.push_back(*opened);
-                 return status;
-             });
-        HOOK(listing, SetupDiGetClassDevsW,
-             [&](const GUID* setupClass, PCWSTR enumerator, HWND window, DWORD flags) {
-                 list = listing.Original(setupClass, enumerator, window, flags);
-                 return list;
-             });
-        COUNT_CALLS(closing, RegCloseKey);
-        COUNT_CALLS(destroying, SetupDiDestroyDeviceInfoList);
-        EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
-        EXPECT_EQ(closing.Calls(), 0);
-        EXPECT_EQ(destroying.Calls(), 0);
-    }
-    ASSERT_EQ(keys.size(), 2U);
-    for (HKEY key : keys) {
-        EXPECT_EQ(RegCloseKey(key), ERROR_SUCCESS);
-    }
-    EXPECT_TRUE(SetupDiDestroyDeviceInfoList(list));
-}
-
-TEST_F(SetDCLogFileRegistryTest, LogsNothingWhateverHappens) {
-    const halvard_tests::StandInSession session;
-    const halvard_tests::CurrentSessionScope current(session.Get());
-    const ClassKey key(DriverName(1));
-    const DisplayAdapter adapter(L"Zenvo", key.Driver());
-    const DisplayAdapter withoutDriver(L"Zenvo", L"");
-    EXPECT_EQ(SetDCLogFileRegistry(session.Get()), 0U);
-    {
-        FAIL_CALL(opening, RegOpenKeyExW, 0, ERROR_ACCESS_DENIED, NO_ERROR);
-        EXPECT_EQ(SetDCLogFileRegistry(session.Get()), 0U);
-    }
-    FAIL_CALL(listing, SetupDiGetClassDevsW, 1, INVALID_HANDLE_VALUE, ERROR_ACCESS_DENIED);
-    EXPECT_EQ(SetDCLogFileRegistry(session.Get()), 0U);
-    EXPECT_EQ(session.LogLines(), std::vector<std::wstring>{});
-}
-
-TEST_F(SetDCLogFileRegistryTest, StoresNoSession) {
-    const halvard_tests::CurrentSessionScope current(7);
-    EXPECT_EQ(SetDCLogFileRegistry(9), 0U);
-    EXPECT_EQ(halvard::CurrentSession(), 7U);
+    const int before = OpenHandleCount();
+    const CallTrace trace(kDevices | kRegistry);
+    EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
+    EXPECT_EQ(trace.LeftOpen(), (Lines{L"list devices {4D36E968-E325-11CE-BFC1-08002BE10318} 2",
+                                       L"open HKLM\\" + first.Path() + L" 0xf003f",
+                                       L"open HKLM\\" + second.Path() + L" 0xf003f"}));
+    EXPECT_GE(OpenHandleCount() - before, 2);
 }
 
 TEST_F(SetDCLogFileRegistryTest, WritesTheValuesWhateverBecomesOfTheFolder) {

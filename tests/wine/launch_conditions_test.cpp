@@ -3,10 +3,13 @@
 #include "runtime/session.h"
 
 #include "allocation_failure.h"
+#include "call_trace.h"
 #include "current_session.h"
 #include "import_hook.h"
-#include "record_calls.h"
 #include "stand_in_session.h"
+
+#include <msi.h>
+#include <msiquery.h>
 
 #include <gtest/gtest.h>
 
@@ -15,10 +18,10 @@
 
 using halvard::BlockLaunch;
 using halvard::LaunchedFromMIM;
+using halvard_tests::CallTrace;
 using halvard_tests::CurrentSessionScope;
-using halvard_tests::RecordCalls;
+using halvard_tests::kInstaller;
 using halvard_tests::StandInSession;
-using Lines = std::vector<std::wstring>;
 
 namespace {
 
@@ -105,12 +108,13 @@ TEST(LaunchedFromMIM, RefusesWhenThePropertyCannotBeRead) {
 TEST(LaunchedFromMIM, SendsTheMessageInARecordOfTwoFieldsAndClosesIt) {
     const StandInSession session;
     const std::wstring number = std::to_wstring(session.Get());
-    const RecordCalls calls;
+    const CallTrace calls(kInstaller);
     LaunchedFromMIM(session.Get());
-    EXPECT_EQ(calls.Lines(), (Lines{L"create 0", std::wstring(L"set 0 ") + kRefusalLine,
-                                    L"process 0x4000000 in " + number, L"close", L"create 2",
-                                    std::wstring(L"set 0 ") + kRefusalMessage,
-                                    L"process 0x3000000 in " + number, L"close"}));
+    EXPECT_EQ(calls.All(),
+              (Lines{L"create record 0", std::wstring(L"set field 0 ") + kRefusalLine,
+                     L"send 0x4000000 to " + number, L"close record", L"create record 2",
+                     std::wstring(L"set field 0 ") + kRefusalMessage,
+                     L"send 0x3000000 to " + number, L"close record"}));
 }
 
 TEST(LaunchedFromMIM, KeepsItsResultWhateverBecomesOfTheMessages) {

@@ -4,12 +4,12 @@
 #include "runtime/session.h"
 
 #include "allocation_failure.h"
+#include "call_trace.h"
 #include "child_programs.h"
 #include "current_session.h"
 #include "files.h"
 #include "import_hook.h"
 #include "open_handles.h"
-#include "record_calls.h"
 #include "stand_in_session.h"
 
 #include <shellapi.h>
@@ -32,7 +32,6 @@ using halvard_tests::RecorderAt;
 using halvard_tests::Recording;
 using halvard_tests::Recordings;
 using halvard_tests::WaitForRecordings;
-using Lines = std::vector<std::wstring>;
 
 namespace {
 
@@ -535,14 +534,14 @@ TEST(RunCommandLine, ReportsThatTheCommandCannotStart) {
 
 TEST(RunCommandLine, ClosesItsHandlesAndLogsNothing) {
     const RecorderAt tool(kTool);
-    const halvard_tests::RecordCalls calls;
+    const halvard_tests::CallTrace calls(halvard_tests::kInstaller);
     RunsWritable(kTool, L"", true);
     const int before = OpenHandleCount();
     RunsWritable(kTool, L"", true);
     RunsWritable(kTool, L"", false);
     RunsWritable(L"T:\\no_such_program.exe", L"", true);
     EXPECT_EQ(OpenHandleCount(), before);
-    EXPECT_EQ(calls.Lines(), Lines{});
+    EXPECT_EQ(calls.All(), Lines{});
     WaitForRecordings(3);
 }
 
@@ -739,10 +738,10 @@ TEST(LaunchSchtasks, LogsToNoSessionEvenWhenAnActionHasStoredOne) {
             execution->hInstApp = reinterpret_cast<HINSTANCE>(result != FALSE ? 42 : 2);
             return result;
         });
-        const halvard_tests::RecordCalls calls;
+        const halvard_tests::CallTrace calls(halvard_tests::kInstaller);
         EXPECT_EQ(LaunchSchtasks(L"/run"), started != FALSE);
-        EXPECT_EQ(calls.Lines(),
-                  (Lines{L"create 0", L"set 0 " + line, L"process 0x4000000 in 0", L"close"}));
+        EXPECT_EQ(calls.All(), (Lines{L"create record 0", L"set field 0 " + line,
+                                      L"send 0x4000000 to 0", L"close record"}));
     }
     EXPECT_EQ(session.Messages().size(), 0U);
 }
@@ -759,9 +758,10 @@ TEST(LaunchSchtasks, MapsTheCodeOfTheShellToItsMessage) {
             execution->hInstApp = reinterpret_cast<HINSTANCE>(static_cast<INT_PTR>(value));
             return FALSE;
         });
-        const halvard_tests::RecordCalls calls;
+        const halvard_tests::CallTrace calls(halvard_tests::kInstaller);
         EXPECT_FALSE(LaunchSchtasks(L"/run"));
-        EXPECT_EQ(calls.Texts(), Lines{L"Quenby_CA failed to launch the following: " + message});
+        EXPECT_EQ(calls.Rests(L"set field 0 "),
+                  Lines{L"Quenby_CA failed to launch the following: " + message});
     }
 }
 
@@ -772,8 +772,9 @@ TEST(LaunchSchtasks, AMissingProgramIsAFailureWithoutALineInTheLog) {
         execution->fMask |= SEE_MASK_FLAG_NO_UI;
         return executing.Original(execution);
     });
-    const halvard_tests::RecordCalls calls;
+    const halvard_tests::CallTrace calls(halvard_tests::kInstaller);
     EXPECT_FALSE(LaunchSchtasks(L"/run"));
     EXPECT_EQ(session.Messages().size(), 0U);
-    EXPECT_EQ(calls.Texts(), Lines{L"Quenby_CA failed to launch the following: File not found."});
+    EXPECT_EQ(calls.Rests(L"set field 0 "),
+              Lines{L"Quenby_CA failed to launch the following: File not found."});
 }

@@ -8,7 +8,6 @@
 #include "open_handles.h"
 #include "pivot_installation.h"
 #include "process_starts.h"
-#include "record_calls.h"
 #include "registry_error.h"
 
 #include <gtest/gtest.h>
@@ -379,21 +378,6 @@ TEST_P(CreateLogonTask, IgnoresThatSchtasksCannotStartOrFails) {
     const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"1");
     EXPECT_EQ(GetParam().create(0), 0U);
     EXPECT_EQ(WaitForRecordings(2).size(), 2U);
-}
-
-TEST_P(CreateLogonTask, WritesNothingToTheInstallerLog) {
-    const halvard_tests::RecordCalls calls;
-    const PivotInstallation pivot;
-    FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_FILE_NOT_FOUND);
-    GetParam().create(0);
-    GetParam().remove(0);
-    LaunchPV(0);
-    DeleteSchedTaskonBranding(0);
-    SetRegistryString(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey, L"Location", L"T:\\none");
-    EXPECT_EQ(GetParam().create(0), 1603U);
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, halvard_tests::kInstallKey);
-    EXPECT_THROW(GetParam().create(0), RegKeyError);
-    EXPECT_EQ(calls.Lines().size(), 0U);
 }
 
 class RemoveLogonTask : public testing::TestWithParam<LogonTask> {};

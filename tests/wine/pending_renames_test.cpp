@@ -3,26 +3,24 @@
 #include "runtime/registry.h"
 
 #include "allocation_failure.h"
+#include "call_trace.h"
 #include "engine_values.h"
 #include "files.h"
 #include "import_hook.h"
 #include "lines.h"
 #include "open_handles.h"
-#include "restart_renames.h"
-#include "registry_calls.h"
 #include "registry_error.h"
+#include "restart_renames.h"
 
 #include <gtest/gtest.h>
 
-#include <new>
-
 using halvard::CleanPendingRenames;
 using halvard::RegKeyError;
-using halvard_tests::AllocationFailure;
+using halvard_tests::CallTrace;
 using halvard_tests::ExpectRegKeyError;
+using halvard_tests::kRegistry;
 using halvard_tests::OpenHandleCount;
 using halvard_tests::PendingRenames;
-using halvard_tests::RegistryCalls;
 using halvard_tests::ScratchFolder;
 using halvard_tests::WritableKeys;
 using namespace std::string_literals;
@@ -128,16 +126,16 @@ TEST(CleanPendingRenames, ListsOfEveryLengthKeepWhatIsNotTheAgents) {
 // Written anew for the empty string of its terminator alone.
 TEST(CleanPendingRenames, WritesAValueThatNamesNoFileOfTheAgent) {
     const PendingRenames renames(L"C:\\from\0C:\\to\0\0"s);
-    const RegistryCalls calls;
+    const CallTrace calls(kRegistry);
     EXPECT_THROW(CleanPendingRenames(), RegKeyError);
-    EXPECT_EQ(calls.Lines(), kReading + Writing(2 * 15));
+    EXPECT_EQ(calls.All(), kReading + Writing(2 * 15));
 }
 
 TEST(CleanPendingRenames, OpensItsKeyForReadingBothTimesAndClosesIt) {
     const PendingRenames renames(kOurs + L"\0\0\0"s);
-    const RegistryCalls calls;
+    const CallTrace calls(kRegistry);
     EXPECT_THROW(CleanPendingRenames(), RegKeyError);
-    EXPECT_EQ(calls.Lines(), kReading + Writing(2));
+    EXPECT_EQ(calls.All(), kReading + Writing(2));
 }
 
 TEST(CleanPendingRenames, WritesNothingWhenNothingWasDropped) {
@@ -162,9 +160,9 @@ TEST(CleanPendingRenames, WritesNothingWhenNothingWasDropped) {
 TEST(CleanPendingRenames, WithoutTheValueNothingHappens) {
     const PendingRenames renames;
     {
-        const RegistryCalls calls;
+        const CallTrace calls(kRegistry);
         CleanPendingRenames();
-        EXPECT_EQ(calls.Lines(), (Lines{kReading[0], kReading[1], L"close " + kManager}));
+        EXPECT_EQ(calls.All(), (Lines{kReading[0], kReading[1], L"close " + kManager}));
     }
     EXPECT_FALSE(renames.IsThere());
 }
@@ -185,7 +183,7 @@ TEST(CleanPendingRenames, AFirstOpeningOrReadThatFailsChangesNothing) {
         for (const LSTATUS code : {ERROR_ACCESS_DENIED, ERROR_FILE_NOT_FOUND, ERROR_MORE_DATA}) {
             const int before = OpenHandleCount();
             {
-                const RegistryCalls calls(failing, code);
+                const CallTrace calls(kRegistry, failing, code);
                 EXPECT_NO_THROW(CleanPendingRenames());
                 EXPECT_EQ(calls.Count(), failing);
             }
@@ -202,10 +200,10 @@ TEST(CleanPendingRenames, AReadThatFailsBehindItsSizeEndsWithTheRefusedWrite) {
     const PendingRenames renames(stored);
     const int before = OpenHandleCount();
     {
-        const RegistryCalls calls(3);
+        const CallTrace calls(kRegistry, 3);
         ExpectThrown("Unable to write REG_MULTI_SZ value = PendingFileRenameOperations",
                      ERROR_ACCESS_DENIED);
-        EXPECT_EQ(calls.Lines(), kReading + Writing(sizeof(wchar_t)));
+        EXPECT_EQ(calls.All(), kReading + Writing(sizeof(wchar_t)));
     }
     EXPECT_EQ(renames.Read(), stored);
     EXPECT_EQ(OpenHandleCount(), before);
@@ -217,9 +215,9 @@ TEST(CleanPendingRenames, ASecondOpeningThatFailsIsThrown) {
     for (const LSTATUS code : {ERROR_ACCESS_DENIED, ERROR_FILE_NOT_FOUND}) {
         const int before = OpenHandleCount();
         {
-            const RegistryCalls calls(4, code);
+            const CallTrace calls(kRegistry, 4, code);
             ExpectThrown("Unable to open registry key", code);
-            EXPECT_EQ(calls.Lines(), kReading + Lines{kReading[0]});
+            EXPECT_EQ(calls.All(), kReading + Lines{kReading[0]});
         }
         EXPECT_EQ(renames.Read(), stored);
         EXPECT_EQ(OpenHandleCount(), before);
@@ -248,24 +246,22 @@ TEST(CleanPendingRenames, AWriteThatFailsForAnotherReasonIsThrownToo) {
 TEST(CleanPendingRenames, ClosesItsKeyWhenMemoryRunsOut) {
     const std::wstring stored =
         kOurs + L"\0\0\\??\\C:\\a path too long for the string itself\0\0\0"s;
-    int failures = 0;
-    for (bool happened = true; happened; failures += happened ? 1 : 0) {
-        const PendingRenames renames(stored);
-        COUNT_CALLS(opening, RegOpenKeyExW);
-        COUNT_CALLS(closing, RegCloseKey);
-        {
-            const AllocationFailure failure(failures + 1);
-            try {
-                CleanPendingRenames();
-            } catch (const std::bad_alloc&) { // NOLINT(bugprone-empty-catch)
-            } catch (const RegKeyError&) {
-                // The refused write, at last.
-                EXPECT_FALSE(failure.Happened());
-            }
-            happened = failure.Happened();
-        }
-        ASSERT_EQ(closing.Calls(), opening.Calls());
-        EXPECT_EQ(renames.Read(), stored);
-    }
+    const PendingRenames renames(stored);
+    int refused = 0;
+    const CallTrace calls(kRegistry);
+    const int failures = halvard_tests::FailEachAllocation([] {},
+                                                           [&] {
+                                                               try {
+                                                                   CleanPendingRenames();
+                                                               } catch (const RegKeyError&) {
+                                                                   ++refused;
+                                                               }
+                                                           },
+                                                           [&](bool thrown) {
+                                                               // The refused write comes at last.
+                                                               EXPECT_EQ(refused, thrown ? 0 : 1);
+                                                               EXPECT_EQ(calls.LeftOpen(), Lines{});
+                                                               EXPECT_EQ(renames.Read(), stored);
+                                                           });
     EXPECT_GE(failures, 10);
 }

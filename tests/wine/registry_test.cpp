@@ -1,5 +1,6 @@
 #include "runtime/registry.h"
 
+#include "call_trace.h"
 #include "engine_values.h"
 #include "import_hook.h"
 #include "open_handles.h"
@@ -9,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <optional>
 #include <string_view>
 
@@ -16,8 +18,10 @@ using halvard::ReadMultiString;
 using halvard::ReadRegistryString;
 using halvard::RegKeyError;
 using halvard::WriteMultiString;
+using halvard_tests::CallTrace;
 using halvard_tests::ExpectRegKeyError;
 using halvard_tests::Here;
+using halvard_tests::kRegistry;
 using halvard_tests::ScratchKey;
 using halvard_tests::engines::kEmptyList;
 using halvard_tests::engines::kUnterminatedText;
@@ -32,6 +36,23 @@ std::string Composed(const char* message, int code) {
 
 constexpr char kUnableToGet[] = "Unable to get registry value";
 constexpr char kUnableToOpen[] = "Unable to open registry key";
+
+// Changes something behind the question for a value's size.
+class ChangeBeforeTheRead {
+public:
+    explicit ChangeBeforeTheRead(std::function<void()> change) {
+        trace_.before = [this, change = std::move(change)](const std::wstring&) {
+            if (trace_.Count() == 2) {
+                change();
+            }
+        };
+    }
+
+    const CallTrace& Calls() const { return trace_; }
+
+private:
+    CallTrace trace_{kRegistry};
+};
 
 } // namespace
 
@@ -152,14 +173,7 @@ TEST(ReadRegistryString, AValueThatChangesBetweenTheReads) {
         for (const bool throwOnError : {false, true}) {
             const ScratchKey key;
             key.SetString(L"Name", L"abc");
-            HOOK(reading, RegGetValueW,
-                 [&](HKEY handle, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type,
-                     PVOID data, LPDWORD size) {
-                     if (reading.Calls() == 2) {
-                         change.apply(key);
-                     }
-                     return reading.Original(handle, subkey, name, flags, type, data, size);
-                 });
+            const ChangeBeforeTheRead atTheRead([&] { change.apply(key); });
             std::wstring text = L"unset";
             const auto read = [&] {
                 text = ReadRegistryString(key.Get(), L"", L"Name", throwOnError);
@@ -176,16 +190,10 @@ TEST(ReadRegistryString, AValueThatChangesBetweenTheReads) {
 
 TEST(ReadRegistryString, AValueThatAppearsBetweenTheReadsIsEmpty) {
     const ScratchKey key;
-    HOOK(reading, RegGetValueW,
-         [&](HKEY handle, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type, PVOID data,
-             LPDWORD size) {
-             if (reading.Calls() == 2) {
-                 key.SetString(L"Name", L"abc");
-                 EXPECT_EQ(data, nullptr);
-             }
-             return reading.Original(handle, subkey, name, flags, type, data, size);
-         });
+    const ChangeBeforeTheRead atTheRead([&] { key.SetString(L"Name", L"abc"); });
     EXPECT_EQ(ReadRegistryString(key.Get(), L"", L"Name", true), L"");
+    // Without a buffer, both of them.
+    EXPECT_EQ(atTheRead.Calls().Of({L"size of"}).size(), 2U);
 }
 
 TEST(ReadRegistryString, EachCallFailingInTurn) {
@@ -224,16 +232,9 @@ TEST(ReadRegistryString, AnOddByteCountStaysInsideTheBuffer) {
 
 TEST(OpenRegistryKey, OpensBelowTheLocalMachineForReadingAndWriting) {
     const ScratchKey key;
-    HOOK(opening, RegOpenKeyExW,
-         [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
-             EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
-             EXPECT_EQ(subkey, key.Path());
-             EXPECT_EQ(options, 0U);
-             EXPECT_EQ(access, 0x2001FU);
-             return opening.Original(root, subkey, options, access, opened);
-         });
+    const CallTrace trace(kRegistry);
     const halvard::OwnedKey opened = halvard::OpenRegistryKey(key.Path());
-    EXPECT_EQ(opening.Calls(), 1);
+    EXPECT_EQ(trace.All(), Lines{L"open HKLM\\" + key.Path() + L" 0x2001f"});
     ASSERT_TRUE(opened);
     EXPECT_EQ(
         RegSetValueExW(opened.get(), L"Written", 0, REG_SZ, reinterpret_cast<const BYTE*>(L"x"), 4),
@@ -251,21 +252,14 @@ TEST(OpenRegistryKey, ThrowsTheCodeOfTheFailure) {
 }
 
 TEST(OpenRequiredKey, OpensWithTheRootAndTheAccessGiven) {
-    HOOK(opening, RegOpenKeyExW,
-         [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY) {
-             EXPECT_EQ(root, HKEY_CURRENT_USER);
-             EXPECT_EQ(subkey, L"Some\\Key"s);
-             EXPECT_EQ(options, 0U);
-             EXPECT_EQ(access, static_cast<REGSAM>(KEY_ALL_ACCESS | KEY_WOW64_32KEY));
-             return ERROR_ACCESS_DENIED;
-         });
+    const CallTrace trace(kRegistry, 1);
     ExpectRegKeyError(
         [] {
             halvard::OpenRequiredKey(HKEY_CURRENT_USER, L"Some\\Key",
                                      KEY_ALL_ACCESS | KEY_WOW64_32KEY);
         },
         kUnableToOpen, ERROR_ACCESS_DENIED);
-    EXPECT_EQ(opening.Calls(), 1);
+    EXPECT_EQ(trace.All(), Lines{L"open HKCU\\Some\\Key 0xf023f"});
 }
 
 TEST(ReadRequiredString, ReadsTheValueAndClosesTheKey) {
@@ -292,43 +286,18 @@ TEST(ReadRequiredString, ThrowsWithoutTheKeyOrTheValueAndLeavesNothingOpen) {
 }
 
 TEST(OpenKey, PassesThisToTheSystemAndGivesNoneForARefusal) {
-    HOOK(opening, RegOpenKeyExW,
-         [](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) -> LSTATUS {
-             EXPECT_EQ(root, HKEY_USERS);
-             EXPECT_EQ(subkey, std::wstring(L"Key"));
-             EXPECT_EQ(options, 0U);
-             EXPECT_EQ(access, static_cast<REGSAM>(KEY_READ | KEY_WOW64_32KEY));
-             // Nothing to close: the call has failed.
-             *opened = reinterpret_cast<HKEY>(0x100);
-             return ERROR_ACCESS_DENIED;
-         });
-    COUNT_CALLS(closing, RegCloseKey);
+    const CallTrace trace(kRegistry, 1);
     EXPECT_FALSE(halvard::OpenKey(HKEY_USERS, L"Key", KEY_READ | KEY_WOW64_32KEY));
-    EXPECT_EQ(opening.Calls(), 1);
-    EXPECT_EQ(closing.Calls(), 0);
+    // Nothing to close, whatever the call has left: it has failed.
+    EXPECT_EQ(trace.All(), Lines{L"open HKU\\Key 0x20219"});
 }
 
 TEST(CreateKey, PassesThisToTheSystemAndGivesItsCode) {
-    HOOK(creating, RegCreateKeyExW,
-         [](HKEY root, LPCWSTR subkey, DWORD reserved, LPWSTR keyClass, DWORD options,
-            REGSAM access, const LPSECURITY_ATTRIBUTES security, PHKEY created,
-            LPDWORD disposition) -> LSTATUS {
-             EXPECT_EQ(root, HKEY_USERS);
-             EXPECT_EQ(subkey, std::wstring(L"Key"));
-             EXPECT_EQ(reserved, 0U);
-             EXPECT_EQ(keyClass, nullptr);
-             EXPECT_EQ(options, static_cast<DWORD>(REG_OPTION_NON_VOLATILE));
-             EXPECT_EQ(access, static_cast<REGSAM>(KEY_SET_VALUE));
-             EXPECT_EQ(security, nullptr);
-             EXPECT_EQ(disposition, nullptr);
-             *created = reinterpret_cast<HKEY>(0x100);
-             return ERROR_WRITE_PROTECT;
-         });
-    COUNT_CALLS(closing, RegCloseKey);
+    const CallTrace trace(kRegistry, 1, ERROR_WRITE_PROTECT);
     halvard::OwnedKey key;
     EXPECT_EQ(halvard::CreateKey(HKEY_USERS, L"Key", KEY_SET_VALUE, key), ERROR_WRITE_PROTECT);
     EXPECT_FALSE(key);
-    EXPECT_EQ(closing.Calls(), 0);
+    EXPECT_EQ(trace.All(), Lines{L"create HKU\\Key 0x2"});
 }
 
 TEST(SetText, PassesThisToTheSystem) {
@@ -433,14 +402,8 @@ TEST(ReadMultiString, AsksForOneTypeAndCutsToTheSizeThatTheReadReports) {
 TEST(ReadMultiString, AValueThatGrowsBetweenTheCallsGivesEmptyElements) {
     const ScratchKey key;
     key.SetCharacters(L"List", REG_MULTI_SZ, L"a\0\0"s);
-    HOOK(reading, RegGetValueW,
-         [&](HKEY handle, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type, PVOID data,
-             LPDWORD size) {
-             if (reading.Calls() == 2) {
-                 key.SetCharacters(L"List", REG_MULTI_SZ, L"abc\0def\0\0"s);
-             }
-             return reading.Original(handle, subkey, name, flags, type, data, size);
-         });
+    const ChangeBeforeTheRead atTheRead(
+        [&] { key.SetCharacters(L"List", REG_MULTI_SZ, L"abc\0def\0\0"s); });
     const Strings strings = ReadMultiString(key.Get(), L"List");
     EXPECT_EQ(strings, Strings(9));
 }
@@ -467,14 +430,8 @@ TEST(ReadMultiString, AValueThatVanishesBetweenTheCallsGivesEmptyElements) {
 TEST(ReadMultiString, AValueThatChangesItsTypeBetweenTheCallsGivesEmptyElements) {
     const ScratchKey key;
     key.SetCharacters(L"List", REG_MULTI_SZ, L"abc\0\0"s);
-    HOOK(reading, RegGetValueW,
-         [&](HKEY handle, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type, PVOID data,
-             LPDWORD size) {
-             if (reading.Calls() == 2) {
-                 key.SetString(L"List", L"a string of another type");
-             }
-             return reading.Original(handle, subkey, name, flags, type, data, size);
-         });
+    const ChangeBeforeTheRead atTheRead(
+        [&] { key.SetString(L"List", L"a string of another type"); });
     const Strings strings = ReadMultiString(key.Get(), L"List");
     EXPECT_EQ(strings, Strings(strings.size()));
 }

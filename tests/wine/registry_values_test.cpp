@@ -1,7 +1,7 @@
 #include "runtime/registry_values.h"
 
+#include "call_trace.h"
 #include "open_handles.h"
-#include "registry_calls.h"
 #include "registry_key.h"
 
 #include <gtest/gtest.h>
@@ -9,13 +9,13 @@
 using halvard::ReadRegistryDword;
 using halvard::WriteRegistryDword;
 using halvard::WriteRegistryString;
+using halvard_tests::CallTrace;
 using halvard_tests::KeyExists;
+using halvard_tests::kRegistry;
 using halvard_tests::OpenHandleCount;
-using halvard_tests::RegistryCalls;
 using halvard_tests::RegistryValueAt;
 using halvard_tests::ScratchKey;
 using Bytes = std::vector<BYTE>;
-using Lines = std::vector<std::wstring>;
 using Value = ScratchKey::Value;
 
 namespace {
@@ -35,12 +35,12 @@ TEST(ReadRegistryDword, ReadsAValueThroughAKeyOpenedWithAllAccess) {
     const ScratchKey key;
     key.SetBytes(L"Number", REG_DWORD, {0x78, 0x56, 0x34, 0x12});
     DWORD number = kUntouched;
-    const RegistryCalls calls;
+    const CallTrace calls(kRegistry);
     EXPECT_TRUE(ReadRegistryDword(key.Path(), L"Number", number));
     EXPECT_EQ(number, 0x12345678U);
-    EXPECT_EQ(calls.Lines(), (Lines{L"open HKLM\\" + key.Path() + L" 0xf003f",
-                                    L"query HKLM\\" + key.Path() + L" Number 4 bytes",
-                                    L"close HKLM\\" + key.Path()}));
+    EXPECT_EQ(calls.All(), (Lines{L"open HKLM\\" + key.Path() + L" 0xf003f",
+                                  L"query HKLM\\" + key.Path() + L" Number 4 bytes",
+                                  L"close HKLM\\" + key.Path()}));
 }
 
 TEST(ReadRegistryDword, TakesUpTo4BytesOfAnyType) {
@@ -80,20 +80,20 @@ TEST(ReadRegistryDword, LeavesTheVariableWhenItCannotRead) {
              });
         EXPECT_FALSE(ReadRegistryDword(key.Path(), L"Number", number));
     }
-    const RegistryCalls calls(1);
+    const CallTrace calls(kRegistry, 1);
     EXPECT_FALSE(ReadRegistryDword(key.Path(), L"Number", number));
     EXPECT_EQ(number, kUntouched);
-    EXPECT_EQ(calls.Lines().size(), 1U);
+    EXPECT_EQ(calls.All().size(), 1U);
 }
 
 TEST(WriteRegistryDword, WritesIntoAKeyThatIsThereWhateverTheValueWas) {
     const ScratchKey key;
     key.SetString(L"Number", L"a text");
-    const RegistryCalls calls;
+    const CallTrace calls(kRegistry);
     EXPECT_TRUE(WriteRegistryDword(key.Path(), L"Number", 0x12345678));
     EXPECT_EQ(key.Read(L"Number"), (Value{REG_DWORD, {0x78, 0x56, 0x34, 0x12}}));
     EXPECT_EQ(
-        Lines(calls.Lines().begin(), calls.Lines().begin() + 3),
+        Lines(calls.All().begin(), calls.All().begin() + 3),
         (Lines{L"open HKLM\\" + key.Path() + L" 0xf003f",
                L"set HKLM\\" + key.Path() + L" Number 4 4 bytes", L"close HKLM\\" + key.Path()}));
 }
@@ -101,9 +101,9 @@ TEST(WriteRegistryDword, WritesIntoAKeyThatIsThereWhateverTheValueWas) {
 TEST(WriteRegistryDword, CreatesAKeyThatCannotBeOpened) {
     const ScratchKey scratch;
     const std::wstring path = scratch.Path() + L"\\some\\key";
-    const RegistryCalls calls;
+    const CallTrace calls(kRegistry);
     EXPECT_TRUE(WriteRegistryDword(path, L"", 2));
-    EXPECT_EQ(calls.Lines(),
+    EXPECT_EQ(calls.All(),
               (Lines{L"open HKLM\\" + path + L" 0xf003f", L"create HKLM\\" + path + L" 0x2",
                      L"set HKLM\\" + path + L"  4 4 bytes", L"close HKLM\\" + path}));
     EXPECT_EQ(RegistryValueAt(path, L""), (Value{REG_DWORD, {2, 0, 0, 0}}));
@@ -121,12 +121,12 @@ TEST(WriteRegistryString, WritesTheTextWithItsTerminator) {
         EXPECT_EQ(value->bytes.size(), 2 * text.size() + 2);
         EXPECT_EQ(reinterpret_cast<const wchar_t*>(value->bytes.data()), text);
     }
-    const RegistryCalls calls;
+    const CallTrace calls(kRegistry);
     EXPECT_TRUE(WriteRegistryString(path, L"Name", L"0"));
     EXPECT_TRUE(WriteRegistryString(path + L"\\below", L"Name", L"0"));
     const std::wstring key = L"HKLM\\" + path;
     EXPECT_EQ(
-        calls.Lines(),
+        calls.All(),
         (Lines{L"open " + key + L" 0xf003f", L"set " + key + L" Name 1 4 bytes", L"close " + key,
                L"open " + key + L"\\below 0xf003f", L"create " + key + L"\\below 0x2",
                L"set " + key + L"\\below Name 1 4 bytes", L"close " + key + L"\\below"}));
@@ -136,11 +136,11 @@ TEST(WriteRegistryString, WritesBelowAnotherRoot) {
     const std::wstring path = L"SOFTWARE\\HalvardTests";
     RegDeleteTreeW(HKEY_CURRENT_USER, path.c_str());
     {
-        const RegistryCalls calls;
+        const CallTrace calls(kRegistry);
         EXPECT_TRUE(WriteRegistryString(HKEY_CURRENT_USER, path, L"Name", L"text"));
         const std::wstring key = L"HKCU\\" + path;
-        EXPECT_EQ(calls.Lines(), (Lines{L"open " + key + L" 0xf003f", L"create " + key + L" 0x2",
-                                        L"set " + key + L" Name 1 10 bytes", L"close " + key}));
+        EXPECT_EQ(calls.All(), (Lines{L"open " + key + L" 0xf003f", L"create " + key + L" 0x2",
+                                      L"set " + key + L" Name 1 10 bytes", L"close " + key}));
     }
     wchar_t text[5] = {};
     DWORD size = sizeof(text);
@@ -164,22 +164,22 @@ TEST(RegistryWriters, TellWhetherThereWasAKeyAndNotWhetherTheValueWasWritten) {
     const int before = OpenHandleCount();
     {
         // Neither opened, for it is not there, nor created.
-        const RegistryCalls calls(2);
+        const CallTrace calls(kRegistry, 2);
         EXPECT_FALSE(writeNumber());
-        EXPECT_EQ(calls.Lines().size(), 2U);
+        EXPECT_EQ(calls.All().size(), 2U);
     }
     {
-        const RegistryCalls calls(2);
+        const CallTrace calls(kRegistry, 2);
         EXPECT_FALSE(writeText());
-        EXPECT_EQ(calls.Lines().size(), 2U);
+        EXPECT_EQ(calls.All().size(), 2U);
     }
     EXPECT_FALSE(KeyExists(path));
     {
-        const RegistryCalls calls(3);
+        const CallTrace calls(kRegistry, 3);
         EXPECT_TRUE(writeNumber());
     }
     {
-        const RegistryCalls calls(2);
+        const CallTrace calls(kRegistry, 2);
         EXPECT_TRUE(writeText());
     }
     EXPECT_TRUE(KeyExists(path));
@@ -187,11 +187,11 @@ TEST(RegistryWriters, TellWhetherThereWasAKeyAndNotWhetherTheValueWasWritten) {
     EXPECT_EQ(RegistryValueAt(path, L"Text"), std::nullopt);
     {
         // What cannot be opened with all access may still be opened for setting by its creation.
-        const RegistryCalls calls(1);
+        const CallTrace calls(kRegistry, 1);
         EXPECT_TRUE(writeNumber());
     }
     {
-        const RegistryCalls calls(1);
+        const CallTrace calls(kRegistry, 1);
         EXPECT_TRUE(writeText());
     }
     EXPECT_EQ(RegistryValueAt(path, L"Number"), (Value{REG_DWORD, {1, 0, 0, 0}}));

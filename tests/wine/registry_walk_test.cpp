@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <new>
 #include <functional>
 #include <algorithm>
 using halvard::EnumerateKeyTree;
@@ -294,20 +293,12 @@ TEST(RegistryWalk, ClosesItsKeysWhenMemoryRunsOut) {
                                            }};
     for (const auto& walk : walks) {
         const int before = halvard_tests::OpenHandleCount();
-        int reached = 0;
-        for (bool happened = true; happened;) {
-            const halvard_tests::AllocationFailure failure(reached + 1);
-            try {
-                walk();
-                EXPECT_FALSE(failure.Happened());
-            } catch (const std::bad_alloc&) {
-                EXPECT_TRUE(failure.Happened());
-            }
-            happened = failure.Happened();
-            reached += happened ? 1 : 0;
-        }
+        int thrown = 0;
+        const int reached = halvard_tests::FailEachAllocation(
+            [] {}, walk, [&](bool threw) { thrown += threw ? 1 : 0; });
         // Two for each path at the least.
         EXPECT_GE(reached, 14);
+        EXPECT_EQ(thrown, reached);
         EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
     }
 }

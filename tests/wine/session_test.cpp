@@ -1,9 +1,12 @@
 #include "runtime/session.h"
 
 #include "allocation_failure.h"
+#include "call_trace.h"
 #include "import_hook.h"
-#include "record_calls.h"
 #include "stand_in_session.h"
+
+#include <msi.h>
+#include <msiquery.h>
 
 #include <gtest/gtest.h>
 
@@ -12,9 +15,9 @@
 
 using halvard::LogMessage;
 using halvard::ReadCustomActionData;
-using halvard_tests::RecordCalls;
+using halvard_tests::CallTrace;
+using halvard_tests::kInstaller;
 using halvard_tests::StandInSession;
-using Lines = std::vector<std::wstring>;
 
 namespace {
 
@@ -44,18 +47,18 @@ TEST(LogMessage, FormatsAsWsprintfDoes) {
 
 TEST(LogMessage, CreatesSetsSendsAndClosesARecordWithoutFields) {
     const StandInSession session;
-    const RecordCalls calls;
+    const CallTrace calls(kInstaller);
     LogMessage(session.Get(), L"text");
-    EXPECT_EQ(calls.Lines(),
-              (Lines{L"create 0", L"set 0 text",
-                     L"process 0x4000000 in " + std::to_wstring(session.Get()), L"close"}));
+    EXPECT_EQ(calls.All(),
+              (Lines{L"create record 0", L"set field 0 text",
+                     L"send 0x4000000 to " + std::to_wstring(session.Get()), L"close record"}));
 }
 
 TEST(LogMessage, LeavesSquareBracketsToTheEngine) {
     const StandInSession session;
-    const RecordCalls calls;
+    const CallTrace calls(kInstaller);
     LogMessage(session.Get(), L"%s", L"C:\\[ProductName]");
-    EXPECT_EQ(calls.Texts(), Lines{L"C:\\[ProductName]"});
+    EXPECT_EQ(calls.Rests(L"set field 0 "), Lines{L"C:\\[ProductName]"});
     EXPECT_EQ(session.LogLines(), Lines{L"C:\\Stand-in"});
 }
 
@@ -67,9 +70,10 @@ TEST(LogMessage, SendsTextsThatFitAndNeverACutOne) {
     };
     for (const auto& [length, fits] : lengths) {
         const std::wstring text(length, L'x');
-        const RecordCalls calls;
+        const CallTrace calls(kInstaller);
         LogMessage(session.Get(), L"%s", text.c_str());
-        EXPECT_EQ(calls.Texts(), Lines{fits ? text : L"CA buffer overflow\n"}) << length;
+        EXPECT_EQ(calls.Rests(L"set field 0 "), Lines{fits ? text : L"CA buffer overflow\n"})
+            << length;
     }
 }
 
@@ -94,41 +98,29 @@ TEST(LogMessage, HasRoomForAllThatTheFormatterMayWrite) {
 
 TEST(LogMessage, MakesItsCallsButClosesNothingWithoutARecord) {
     const StandInSession session;
-    FAIL_CALL(creating, MsiCreateRecord, 0, 0, ERROR_SUCCESS);
-    COUNT_CALLS(setting, MsiRecordSetStringW);
-    COUNT_CALLS(sending, MsiProcessMessage);
-    COUNT_CALLS(closing, MsiCloseHandle);
+    const CallTrace calls(kInstaller, 1);
     LogMessage(session.Get(), L"text");
-    EXPECT_EQ(setting.Calls(), 1);
-    EXPECT_EQ(sending.Calls(), 1);
-    EXPECT_EQ(closing.Calls(), 0);
+    EXPECT_EQ(calls.All(), (Lines{L"create record 0", L"set field 0 text",
+                                  L"send 0x4000000 to " + std::to_wstring(session.Get())}));
     EXPECT_EQ(session.LogLines(), Lines{});
 }
 
-TEST(LogMessage, IgnoresThatTheTextCannotBeSet) {
+TEST(LogMessage, IgnoresThatTheTextCannotBeSetOrSent) {
     const StandInSession session;
-    FAIL_CALL(setting, MsiRecordSetStringW, 0, ERROR_INVALID_HANDLE, ERROR_SUCCESS);
-    COUNT_CALLS(sending, MsiProcessMessage);
-    COUNT_CALLS(closing, MsiCloseHandle);
-    LogMessage(session.Get(), L"text");
-    EXPECT_EQ(sending.Calls(), 1);
-    EXPECT_EQ(closing.Calls(), 1);
-}
-
-TEST(LogMessage, IgnoresThatTheMessageCannotBeSent) {
-    const StandInSession session;
-    FAIL_CALL(sending, MsiProcessMessage, 0, -1, ERROR_SUCCESS);
-    COUNT_CALLS(closing, MsiCloseHandle);
-    LogMessage(session.Get(), L"text");
-    EXPECT_EQ(closing.Calls(), 1);
+    for (const std::size_t failing : {2U, 3U}) {
+        const CallTrace calls(kInstaller, failing);
+        LogMessage(session.Get(), L"text");
+        EXPECT_EQ(calls.All().size(), 4U);
+        EXPECT_EQ(calls.LeftOpen(), Lines{});
+    }
 }
 
 TEST(LogMessage, LosesTheTextWithoutASession) {
     const StandInSession session;
-    const RecordCalls calls;
+    const CallTrace calls(kInstaller);
     LogMessage(0, L"lost");
-    EXPECT_EQ(calls.Lines(),
-              (Lines{L"create 0", L"set 0 lost", L"process 0x4000000 in 0", L"close"}));
+    EXPECT_EQ(calls.All(), (Lines{L"create record 0", L"set field 0 lost", L"send 0x4000000 to 0",
+                                  L"close record"}));
     EXPECT_EQ(session.Messages().size(), 0U);
 }
 

@@ -14,7 +14,8 @@
 
 namespace halvard_tests {
 
-/// One object of the stand-in scheduler. It lives as long as its owner, whatever is released.
+/// One object of the stand-in scheduler. It lives as long as its owner, whatever is released. What
+/// it does is no part of the code under test.
 template <class Interface>
 class StandInObject : public Interface {
 public:
@@ -23,6 +24,7 @@ public:
     STDMETHODIMP QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
     STDMETHODIMP_(ULONG) AddRef() override { return 2; }
     STDMETHODIMP_(ULONG) Release() override {
+        const HookedCall call;
         released_();
         return 1;
     }
@@ -114,6 +116,7 @@ public:
     STDMETHODIMP RegisterTask(BSTR path, BSTR xml, LONG flags, VARIANT user, VARIANT password,
                               TASK_LOGON_TYPE logonType, VARIANT security,
                               IRegisteredTask** task) override {
+        const HookedCall call;
         return registering_({Describe(path), Describe(xml), flags, Describe(user),
                              Describe(password), logonType, Describe(security)},
                             task);
@@ -149,10 +152,12 @@ public:
           finding_(std::move(finding)) {}
 
     STDMETHODIMP Connect(VARIANT server, VARIANT user, VARIANT domain, VARIANT password) override {
+        const HookedCall call;
         return connecting_(Describe(server) + L" " + Describe(user) + L" " + Describe(domain) +
                            L" " + Describe(password));
     }
     STDMETHODIMP GetFolder(BSTR path, ITaskFolder** folder) override {
+        const HookedCall call;
         return finding_(Describe(path), folder);
     }
 

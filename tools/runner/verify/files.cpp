@@ -32,15 +32,15 @@ std::wstring CodeOfOpening(const std::wstring& path) {
     return opened ? L"opens" : std::to_wstring(GetLastError());
 }
 
-std::wstring MissingFile(const Place& place) {
+std::wstring MissingFile(const ScratchPlace& place) {
     return CodeOfOpening(place.File(L"none"));
 }
 
-std::wstring MissingFolder(const Place& place) {
+std::wstring MissingFolder(const ScratchPlace& place) {
     return CodeOfOpening(place.File(L"none\\none"));
 }
 
-std::wstring MissingDrive(const Place& /*place*/) {
+std::wstring MissingDrive(const ScratchPlace& /*place*/) {
     const DWORD drives = GetLogicalDrives();
     for (wchar_t letter = L'Z'; letter >= L'D'; --letter) {
         if ((drives & (1U << static_cast<unsigned>(letter - L'A'))) == 0) {
@@ -50,38 +50,38 @@ std::wstring MissingDrive(const Place& /*place*/) {
     throw CannotBeAsked(L"there is no letter without a drive");
 }
 
-std::wstring MissingServer(const Place& /*place*/) {
+std::wstring MissingServer(const ScratchPlace& /*place*/) {
     return CodeOfOpening(L"\\\\halvard-verify.invalid\\share\\none");
 }
 
-std::wstring InvalidName(const Place& place) {
+std::wstring InvalidName(const ScratchPlace& place) {
     return CodeOfOpening(place.File(L"a<b"));
 }
 
-std::wstring QuotedFolder(const Place& place) {
+std::wstring QuotedFolder(const ScratchPlace& place) {
     return CodeOfOpening(halvard::ParentFolder(L"\"" + place.File(L"service.exe") + L"\""));
 }
 
-std::wstring BelowAFile(const Place& place) {
+std::wstring BelowAFile(const ScratchPlace& place) {
     MakeFile(place.File(L"file"));
     return CodeOfOpening(place.File(L"file\\none"));
 }
 
-std::wstring EmptyPath(const Place& /*place*/) {
+std::wstring EmptyPath(const ScratchPlace& /*place*/) {
     return CodeOfOpening(L"");
 }
 
-std::wstring FormOfObjectManager(const Place& place) {
+std::wstring FormOfObjectManager(const ScratchPlace& place) {
     return CodeOfOpening(L"\\??\\" + place.Folder());
 }
 
-std::wstring SameFolder(const Place& place) {
+std::wstring SameFolder(const ScratchPlace& place) {
     return halvard::AreEquivalent(place.Folder() + L"\\.\\", L"\\\\?\\" + place.Folder())
                ? L"the same"
                : L"another";
 }
 
-std::wstring LongPath(const Place& place) {
+std::wstring LongPath(const ScratchPlace& place) {
     std::wstring path = Extended(place.Folder());
     while (path.size() < 320) {
         path += L"\\" + std::wstring(40, L'f');
@@ -91,7 +91,7 @@ std::wstring LongPath(const Place& place) {
     return path + L"\\file";
 }
 
-std::wstring LongPathForTheShell(const Place& place) {
+std::wstring LongPathForTheShell(const ScratchPlace& place) {
     const std::wstring path = LongPath(place).substr(4);
     return halvard::ExistsForShell(path) ? L"found" : L"not found";
 }
@@ -105,7 +105,7 @@ std::wstring Removal(const std::wstring& path) {
     return IsThere(Extended(path)) ? L"stays" : L"removed";
 }
 
-std::wstring LongPathInTree(const Place& place) {
+std::wstring LongPathInTree(const ScratchPlace& place) {
     MakeFolder(place.File(L"tree"));
     std::wstring path = Extended(place.File(L"tree"));
     while (path.size() < 320) {
@@ -115,14 +115,14 @@ std::wstring LongPathInTree(const Place& place) {
     return Removal(place.File(L"tree"));
 }
 
-std::wstring Tree(const Place& place) {
+std::wstring Tree(const ScratchPlace& place) {
     MakeFolder(place.File(L"tree"));
     MakeFolder(place.File(L"tree\\folder"));
     MakeFile(place.File(L"tree\\folder\\file"));
     return place.File(L"tree");
 }
 
-std::wstring ReadOnlyFile(const Place& place) {
+std::wstring ReadOnlyFile(const ScratchPlace& place) {
     const std::wstring tree = Tree(place);
     SetFileAttributesW((tree + L"\\folder\\file").c_str(), FILE_ATTRIBUTE_READONLY);
     return Removal(tree);
@@ -136,28 +136,28 @@ OwnedHandle Open(const std::wstring& path, DWORD access, DWORD sharing) {
     return opened;
 }
 
-std::wstring OpenFile(const Place& place) {
+std::wstring OpenFile(const ScratchPlace& place) {
     const std::wstring tree = Tree(place);
     const OwnedHandle held =
         Open(tree + L"\\folder\\file", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
     return Removal(tree);
 }
 
-std::wstring OpenSharedFile(const Place& place) {
+std::wstring OpenSharedFile(const ScratchPlace& place) {
     const std::wstring tree = Tree(place);
     const OwnedHandle held = Open(tree + L"\\folder\\file", GENERIC_READ,
                                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
     return Removal(tree);
 }
 
-std::wstring CurrentDirectoryInTree(const Place& place) {
+std::wstring CurrentDirectoryInTree(const ScratchPlace& place) {
     const std::wstring tree = Tree(place);
     const std::wstring program = ChildAt(place.File(L"child.exe"));
     const WaitingChild child(program, place.File(L"sign"), tree + L"\\folder");
     return Removal(tree);
 }
 
-std::wstring LoadedLibrary(const Place& place) {
+std::wstring LoadedLibrary(const ScratchPlace& place) {
     const std::wstring tree = Tree(place);
     const std::wstring library =
         ThisProgram().substr(0, ThisProgram().rfind(L'\\') + 1) + L"Halvard_CA.dll";
@@ -170,32 +170,32 @@ std::wstring LoadedLibrary(const Place& place) {
     return outcome;
 }
 
-std::wstring RunningProgram(const Place& place) {
+std::wstring RunningProgram(const ScratchPlace& place) {
     const std::wstring tree = Tree(place);
     const std::wstring program = ChildAt(tree + L"\\folder\\child.exe");
     const WaitingChild child(program, place.File(L"sign"), place.Folder());
     return Removal(tree);
 }
 
-std::wstring DotsInTree(const Place& place) {
+std::wstring DotsInTree(const ScratchPlace& place) {
     const std::wstring tree = Tree(place);
     MakeFile(Extended(tree) + L"\\name.");
     MakeFile(Extended(tree) + L"\\blank ");
     return Removal(tree);
 }
 
-std::wstring DotAtTheEnd(const Place& place) {
+std::wstring DotAtTheEnd(const ScratchPlace& place) {
     MakeFile(place.File(L"name"));
     return IsThere(place.File(L"name.")) ? L"the name without it" : L"nothing";
 }
 
-std::wstring ReservedName(const Place& place) {
+std::wstring ReservedName(const ScratchPlace& place) {
     const std::wstring tree = Tree(place);
     MakeFile(Extended(tree) + L"\\nul");
     return Removal(tree);
 }
 
-std::wstring HeldFolderIsRenamed(const Place& place) {
+std::wstring HeldFolderIsRenamed(const ScratchPlace& place) {
     const std::wstring tree = Tree(place);
     halvard::HeldFolder folder;
     SetLastError(folder.OpenTop(halvard::SystemPath(tree), halvard::FolderUse::ListAndDelete));
@@ -205,7 +205,7 @@ std::wstring HeldFolderIsRenamed(const Place& place) {
                : std::to_wstring(GetLastError());
 }
 
-std::wstring FolderAboveIsRenamed(const Place& place) {
+std::wstring FolderAboveIsRenamed(const ScratchPlace& place) {
     const std::wstring tree = Tree(place);
     halvard::HeldFolder folder;
     SetLastError(
@@ -216,7 +216,7 @@ std::wstring FolderAboveIsRenamed(const Place& place) {
                : std::to_wstring(GetLastError());
 }
 
-std::wstring PosixDeletion(const Place& place) {
+std::wstring PosixDeletion(const ScratchPlace& place) {
     MakeFile(place.File(L"file"));
     const OwnedHandle opened =
         Open(place.File(L"file"), DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
@@ -273,7 +273,7 @@ void MakeSymbolicLink(const std::wstring& link, const std::wstring& target) {
 }
 
 // A link at `path` to a folder that holds a file.
-void MakeLink(const Place& place, LinkKind kind, const std::wstring& path) {
+void MakeLink(const ScratchPlace& place, LinkKind kind, const std::wstring& path) {
     const std::wstring target = place.File(L"target");
     MakeFolder(target);
     MakeFile(target + L"\\kept");
@@ -289,20 +289,20 @@ void MakeLink(const Place& place, LinkKind kind, const std::wstring& path) {
     }
 }
 
-std::wstring WithTarget(const Place& place, const std::wstring& outcome) {
+std::wstring WithTarget(const ScratchPlace& place, const std::wstring& outcome) {
     return outcome +
            (IsThere(place.File(L"target\\kept")) ? L", target kept" : L", target emptied");
 }
 
 template <LinkKind Kind>
-std::wstring LinkInTree(const Place& place) {
+std::wstring LinkInTree(const ScratchPlace& place) {
     const std::wstring tree = Tree(place);
     MakeLink(place, Kind, tree + L"\\folder\\link");
     return WithTarget(place, Removal(tree));
 }
 
 template <LinkKind Kind>
-std::wstring LinkAsTop(const Place& place) {
+std::wstring LinkAsTop(const ScratchPlace& place) {
     const std::wstring link = place.File(L"link");
     MakeLink(place, Kind, link);
     try {
@@ -314,7 +314,7 @@ std::wstring LinkAsTop(const Place& place) {
 }
 
 template <LinkKind Kind>
-std::wstring LinkTag(const Place& place) {
+std::wstring LinkTag(const ScratchPlace& place) {
     const std::wstring tree = place.File(L"tree");
     MakeFolder(tree);
     MakeLink(place, Kind, tree + L"\\link");

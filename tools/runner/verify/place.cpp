@@ -84,7 +84,7 @@ std::vector<std::wstring> Scratch::Remove() const {
     return left;
 }
 
-Place::Place(const std::wstring& scratch, const std::wstring& name)
+ScratchPlace::ScratchPlace(const std::wstring& scratch, const std::wstring& name)
     : uniqueName_(scratch), folder_(ScratchFolder(scratch) + L"\\" + name),
       keyPath_(ScratchKey(scratch) + L"\\" + name) {
     MakeFolder(folder_);
@@ -94,7 +94,7 @@ Place::Place(const std::wstring& scratch, const std::wstring& name)
                    L"a key of its own");
 }
 
-Place::~Place() {
+ScratchPlace::~ScratchPlace() {
     RegCloseKey(key_);
     RegDeleteTreeW(HKEY_CURRENT_USER, keyPath_.c_str());
     RemoveAnything(Extended(folder_));

@@ -46,13 +46,13 @@ private:
 
 /// The place of one fact in the scratch folder and the scratch key of that name: a folder and a
 /// key, empty at the start, gone at the end.
-class Place {
+class ScratchPlace {
 public:
     /// Throws CannotBeAsked.
-    Place(const std::wstring& scratch, const std::wstring& name);
-    ~Place();
-    Place(const Place&) = delete;
-    Place& operator=(const Place&) = delete;
+    ScratchPlace(const std::wstring& scratch, const std::wstring& name);
+    ~ScratchPlace();
+    ScratchPlace(const ScratchPlace&) = delete;
+    ScratchPlace& operator=(const ScratchPlace&) = delete;
 
     [[nodiscard]] const std::wstring& Folder() const noexcept { return folder_; }
     [[nodiscard]] std::wstring File(const std::wstring& name) const {
@@ -74,7 +74,7 @@ private:
 /// How a fact is asked: its name, and what finds out its outcome. Throws CannotBeAsked.
 struct Fact {
     const wchar_t* name;
-    std::wstring (*observe)(const Place& place);
+    std::wstring (*observe)(const ScratchPlace& place);
 };
 
 std::vector<Fact> ProcessFacts();

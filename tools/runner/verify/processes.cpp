@@ -29,15 +29,15 @@ std::wstring ExitCodeOrRefusal(const std::wstring& file, const std::wstring& par
     }
 }
 
-std::wstring VariableInFile(const Place& /*place*/) {
+std::wstring VariableInFile(const ScratchPlace& /*place*/) {
     return ExitCodeOrRefusal(L"%SYSTEMROOT%\\System32\\cmd.exe", L"/c exit 7");
 }
 
-std::wstring BareName(const Place& /*place*/) {
+std::wstring BareName(const ScratchPlace& /*place*/) {
     return ExitCodeOrRefusal(L"cmd", L"/c exit 7");
 }
 
-std::wstring DoubledBackslash(const Place& place) {
+std::wstring DoubledBackslash(const ScratchPlace& place) {
     ChildAt(place.File(L"child.exe"));
     const std::wstring record = place.File(L"record.txt");
     std::wstring outcome =
@@ -72,20 +72,20 @@ std::wstring CommandInterpreter() {
            L"\" /c exit 7";
 }
 
-std::wstring CommandAsDirectory(const Place& /*place*/) {
+std::wstring CommandAsDirectory(const ScratchPlace& /*place*/) {
     const std::wstring command = CommandInterpreter();
     return CodeOfStart(command, command.c_str());
 }
 
-std::wstring MissingDirectory(const Place& place) {
+std::wstring MissingDirectory(const ScratchPlace& place) {
     return CodeOfStart(CommandInterpreter(), place.File(L"none").c_str());
 }
 
-std::wstring EmptyDirectory(const Place& /*place*/) {
+std::wstring EmptyDirectory(const ScratchPlace& /*place*/) {
     return std::to_wstring(halvard::RunCmdCommand(L"exit 7", L""));
 }
 
-std::wstring NameInCurrentDirectory(const Place& place) {
+std::wstring NameInCurrentDirectory(const ScratchPlace& place) {
     const std::wstring name = place.UniqueName() + L".exe";
     ChildAt(place.File(name));
     wchar_t former[MAX_PATH] = {};
@@ -97,7 +97,7 @@ std::wstring NameInCurrentDirectory(const Place& place) {
     return outcome;
 }
 
-std::wstring QuotesInCommand(const Place& place) {
+std::wstring QuotesInCommand(const ScratchPlace& place) {
     const std::wstring folder = place.File(L"a folder");
     MakeFolder(folder);
     ChildAt(folder + L"\\child.exe");
@@ -105,17 +105,17 @@ std::wstring QuotesInCommand(const Place& place) {
         L"\"" + folder + L"\\child.exe\" " + kChildWord + L" exit \"7\"", folder.c_str()));
 }
 
-std::wstring VariableInCommand(const Place& /*place*/) {
+std::wstring VariableInCommand(const ScratchPlace& /*place*/) {
     return std::to_wstring(
         halvard::RunCmdCommand(L"\"%SYSTEMROOT%\\System32\\cmd.exe\" \"/c exit 7\"", nullptr));
 }
 
-std::wstring MissingProgram(const Place& place) {
+std::wstring MissingProgram(const ScratchPlace& place) {
     return std::to_wstring(
         halvard::RunCmdCommand(place.UniqueName() + L".exe", place.Folder().c_str()));
 }
 
-std::wstring ProgramsByName(const Place& place) {
+std::wstring ProgramsByName(const ScratchPlace& place) {
     const std::wstring image = place.UniqueName() + L".exe";
     const std::wstring program = ChildAt(place.File(image));
     const WaitingChild first(program, place.File(L"first"), place.Folder());
@@ -132,7 +132,7 @@ std::wstring ProgramsByName(const Place& place) {
 }
 
 // What loading with the first call does between the library's own SetLastError and the call.
-std::wstring LastErrorOfDelayedCall(const Place& /*place*/) {
+std::wstring LastErrorOfDelayedCall(const ScratchPlace& /*place*/) {
     HMODULE const held = LoadLibraryExA("setupapi.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
     Require(held != nullptr, L"loading setupapi.dll");
     SetLastError(NO_ERROR);
@@ -145,7 +145,7 @@ std::wstring LastErrorOfDelayedCall(const Place& /*place*/) {
     return std::to_wstring(code);
 }
 
-std::wstring SystemFolder(const Place& /*place*/) {
+std::wstring SystemFolder(const ScratchPlace& /*place*/) {
     wchar_t folder[MAX_PATH] = {};
     GetSystemDirectoryW(folder, MAX_PATH);
     const std::wstring told = halvard::ShellFolderOrEmpty(CSIDL_SYSTEM);
@@ -153,7 +153,7 @@ std::wstring SystemFolder(const Place& /*place*/) {
     return same ? L"the same" : L"another";
 }
 
-std::wstring TemporaryFolderEnd(const Place& /*place*/) {
+std::wstring TemporaryFolderEnd(const ScratchPlace& /*place*/) {
     wchar_t folder[MAX_PATH] = {};
     const DWORD length = GetTempPathW(MAX_PATH, folder);
     Require(length > 0 && length < MAX_PATH, L"the temporary folder");

@@ -26,7 +26,7 @@ void SetCharacters(HKEY key, const wchar_t* name, DWORD type, const std::wstring
     SetBytes(key, name, type, characters, static_cast<DWORD>(characters.size() * sizeof(wchar_t)));
 }
 
-std::wstring SizeAsked(const Place& place, const wchar_t* name, DWORD flags) {
+std::wstring SizeAsked(const ScratchPlace& place, const wchar_t* name, DWORD flags) {
     DWORD size = 0;
     const LSTATUS status = RegGetValueW(place.Key(), L"", name, flags, nullptr, nullptr, &size);
     return status == ERROR_SUCCESS ? std::to_wstring(size)
@@ -49,12 +49,12 @@ bool KeyIsThere(const std::wstring& path) {
     return static_cast<bool>(halvard::OpenKey(HKEY_CURRENT_USER, path.c_str(), KEY_READ));
 }
 
-std::wstring SizeOfText(const Place& place) {
+std::wstring SizeOfText(const ScratchPlace& place) {
     SetCharacters(place.Key(), L"Text", REG_SZ, L"abc\0"s);
     return SizeAsked(place, L"Text", RRF_RT_REG_SZ);
 }
 
-std::wstring SizeReadOfText(const Place& place) {
+std::wstring SizeReadOfText(const ScratchPlace& place) {
     SetCharacters(place.Key(), L"Text", REG_SZ, L"abc\0"s);
     wchar_t text[32] = {};
     DWORD size = sizeof(text);
@@ -63,7 +63,7 @@ std::wstring SizeReadOfText(const Place& place) {
     return std::to_wstring(size);
 }
 
-std::wstring UnterminatedText(const Place& place) {
+std::wstring UnterminatedText(const ScratchPlace& place) {
     SetCharacters(place.Key(), L"Text", REG_SZ, L"abc");
     try {
         return halvard::ReadRegistryString(place.Key(), L"", L"Text", true) == L"abc" ? L"read"
@@ -73,7 +73,7 @@ std::wstring UnterminatedText(const Place& place) {
     }
 }
 
-std::wstring OddText(const Place& place) {
+std::wstring OddText(const ScratchPlace& place) {
     SetBytes(place.Key(), L"Text", REG_SZ, L"abc", 5);
     try {
         return halvard::ReadRegistryString(place.Key(), L"", L"Text", true).substr(0, 2) == L"ab"
@@ -84,7 +84,7 @@ std::wstring OddText(const Place& place) {
     }
 }
 
-std::wstring VariablesInText(const Place& place) {
+std::wstring VariablesInText(const ScratchPlace& place) {
     SetCharacters(place.Key(), L"Text", REG_EXPAND_SZ, L"%SystemRoot%\\x\0"s);
     const std::wstring read = halvard::ReadRegistryString(place.Key(), L"", L"Text", false);
     if (read.empty()) {
@@ -93,28 +93,28 @@ std::wstring VariablesInText(const Place& place) {
     return read.find(L'%') == std::wstring::npos ? L"expanded" : L"not expanded";
 }
 
-std::wstring SizeOfList(const Place& place) {
+std::wstring SizeOfList(const ScratchPlace& place) {
     SetCharacters(place.Key(), L"List", REG_MULTI_SZ, L"a\0b\0\0"s);
     return SizeAsked(place, L"List", RRF_RT_REG_MULTI_SZ);
 }
 
-std::wstring EmptyList(const Place& place) {
+std::wstring EmptyList(const ScratchPlace& place) {
     SetBytes(place.Key(), L"List", REG_MULTI_SZ, L"", 0);
     return std::to_wstring(halvard::ReadMultiString(place.Key(), L"List").size());
 }
 
-std::wstring UnterminatedList(const Place& place) {
+std::wstring UnterminatedList(const ScratchPlace& place) {
     SetCharacters(place.Key(), L"List", REG_MULTI_SZ, L"a\0b"s);
     return std::to_wstring(halvard::ReadMultiString(place.Key(), L"List").size());
 }
 
-std::wstring ShortNumber(const Place& place) {
+std::wstring ShortNumber(const ScratchPlace& place) {
     SetBytes(place.Key(), L"Number", REG_BINARY, L"\x0102", 2);
     const std::optional<DWORD> number = halvard::ReadNumber(place.Key(), L"Number");
     return number ? std::to_wstring(*number) : L"not read";
 }
 
-std::wstring LongValue(const Place& place) {
+std::wstring LongValue(const ScratchPlace& place) {
     SetCharacters(place.Key(), L"Text", REG_SZ, std::wstring(300, L'x'));
     wchar_t room[130] = {};
     DWORD size = 260;
@@ -122,7 +122,7 @@ std::wstring LongValue(const Place& place) {
                                             reinterpret_cast<BYTE*>(room), &size));
 }
 
-std::wstring KeyOpenForReading(const Place& place) {
+std::wstring KeyOpenForReading(const ScratchPlace& place) {
     const OwnedKey key =
         halvard::OpenRequiredKey(HKEY_CURRENT_USER, place.KeyPath().c_str(), KEY_READ);
     try {
@@ -133,18 +133,18 @@ std::wstring KeyOpenForReading(const Place& place) {
     return L"written";
 }
 
-std::wstring BackslashBehindKey(const Place& place) {
+std::wstring BackslashBehindKey(const ScratchPlace& place) {
     return halvard::OpenKey(HKEY_CURRENT_USER, (place.KeyPath() + L"\\").c_str(), KEY_READ)
                ? L"the same key"
                : L"no key";
 }
 
-std::wstring CaseOfKey(const Place& place) {
+std::wstring CaseOfKey(const ScratchPlace& place) {
     const OwnedKey made = Created(place.KeyPath() + L"\\Telo");
     return KeyIsThere(place.KeyPath() + L"\\TELO") ? L"the same key" : L"no key";
 }
 
-std::wstring LongKeyName(const Place& place) {
+std::wstring LongKeyName(const ScratchPlace& place) {
     const OwnedKey made = Created(place.KeyPath() + L"\\" + std::wstring(255, L'k'));
     std::wstring name(300, L'\0');
     DWORD length = 255;
@@ -152,13 +152,13 @@ std::wstring LongKeyName(const Place& place) {
         RegEnumKeyExW(place.Key(), 0, name.data(), &length, nullptr, nullptr, nullptr, nullptr));
 }
 
-std::wstring KeyWithSubkeys(const Place& place) {
+std::wstring KeyWithSubkeys(const ScratchPlace& place) {
     const OwnedKey made = Created(place.KeyPath() + L"\\key\\below");
     return std::to_wstring(RegDeleteKeyExW(HKEY_CURRENT_USER, (place.KeyPath() + L"\\key").c_str(),
                                            KEY_ALL_ACCESS, 0));
 }
 
-std::wstring KeyTree(const Place& place) {
+std::wstring KeyTree(const ScratchPlace& place) {
     Created(place.KeyPath() + L"\\key\\below\\deeper");
     const std::wstring key = place.KeyPath() + L"\\key";
     RegDeleteTreeW(HKEY_CURRENT_USER, key.c_str());
@@ -169,7 +169,7 @@ std::wstring KeyTree(const Place& place) {
 /// keys are, or without elevation below the classes of the user. Removing the scratch removes it.
 class KeyInBothViews {
 public:
-    explicit KeyInBothViews(const Place& place) {
+    explicit KeyInBothViews(const ScratchPlace& place) {
         const auto& [machine, user] = KeysInBothViews(place.UniqueName());
         key_ = CanBeMade(machine) ? machine : user;
         Make(KEY_WOW64_64KEY);
@@ -213,13 +213,13 @@ private:
     ViewedKey key_;
 };
 
-std::wstring DeletionInAView(const Place& place) {
+std::wstring DeletionInAView(const ScratchPlace& place) {
     const KeyInBothViews key(place);
     RegDeleteKeyExW(key.Key().root, key.Key().path.c_str(), KEY_ALL_ACCESS, 0);
     return key.Gone();
 }
 
-std::wstring ViewInPath(const Place& place) {
+std::wstring ViewInPath(const ScratchPlace& place) {
     const KeyInBothViews key(place);
     RegDeleteKeyW(key.Key().root, key.Key().pathOfNarrowView.c_str());
     return key.Gone();

@@ -49,18 +49,18 @@ std::wstring AccessOfUsers(const std::wstring& path) {
     return isFull ? L"full access" : L"not full access";
 }
 
-std::wstring FolderItself(const Place& place) {
+std::wstring FolderItself(const ScratchPlace& place) {
     halvard::GrantUsersFullAccess(place.Folder());
     return AccessOfUsers(place.Folder());
 }
 
-std::wstring FileThatWasThere(const Place& place) {
+std::wstring FileThatWasThere(const ScratchPlace& place) {
     MakeFile(place.File(L"file"));
     halvard::GrantUsersFullAccess(place.Folder());
     return AccessOfUsers(place.File(L"file"));
 }
 
-std::wstring FileThatComesLater(const Place& place) {
+std::wstring FileThatComesLater(const ScratchPlace& place) {
     halvard::GrantUsersFullAccess(place.Folder());
     MakeFile(place.File(L"file"));
     return AccessOfUsers(place.File(L"file"));

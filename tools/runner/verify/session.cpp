@@ -51,41 +51,41 @@ std::wstring Told(const std::wstring& sent) {
     return line.size() > 40 ? L"cut to " + std::to_wstring(line.size()) : line;
 }
 
-std::wstring Line519(const Place& /*place*/) {
+std::wstring Line519(const ScratchPlace& /*place*/) {
     return Told(std::wstring(519, L'x'));
 }
 
-std::wstring Line520(const Place& /*place*/) {
+std::wstring Line520(const ScratchPlace& /*place*/) {
     return Told(std::wstring(520, L'x'));
 }
 
-std::wstring Line2000(const Place& /*place*/) {
+std::wstring Line2000(const ScratchPlace& /*place*/) {
     return Told(std::wstring(2000, L'x'));
 }
 
-std::wstring PropertyInBrackets(const Place& /*place*/) {
+std::wstring PropertyInBrackets(const ScratchPlace& /*place*/) {
     return LineOf(L"<[ProductVersion]>");
 }
 
-std::wstring MissingPropertyInBrackets(const Place& /*place*/) {
+std::wstring MissingPropertyInBrackets(const ScratchPlace& /*place*/) {
     return LineOf(L"<[NoSuchProperty]>");
 }
 
-std::wstring FieldInBrackets(const Place& /*place*/) {
+std::wstring FieldInBrackets(const ScratchPlace& /*place*/) {
     return LineOf(L"<[1]>");
 }
 
-std::wstring PathInBrackets(const Place& /*place*/) {
+std::wstring PathInBrackets(const ScratchPlace& /*place*/) {
     return LineOf(L"<C:\\[a b]\\c>");
 }
 
-std::wstring NoSession(const Place& /*place*/) {
+std::wstring NoSession(const ScratchPlace& /*place*/) {
     const std::vector<std::wstring> lines = LinesOf(
         [](const BareSession&) { halvard::LogMessage(halvard::kNoSession, L"nobody hears this"); });
     return lines.empty() ? L"nothing comes" : L"it comes";
 }
 
-std::wstring LongData(const Place& /*place*/) {
+std::wstring LongData(const ScratchPlace& /*place*/) {
     const std::wstring data = L"Key=" + std::wstring(5000, L'd');
     std::wstring read;
     LinesOf([&](const BareSession& session) {
@@ -95,7 +95,7 @@ std::wstring LongData(const Place& /*place*/) {
     return read == data ? L"whole" : L"cut to " + std::to_wstring(read.size());
 }
 
-std::wstring LongProperty(const Place& /*place*/) {
+std::wstring LongProperty(const ScratchPlace& /*place*/) {
     UINT status = ERROR_SUCCESS;
     LinesOf([&](const BareSession& session) {
         session.SetProperty({L"LAUNCHED_FROM_MIM", std::wstring(300, L'1')});

@@ -108,39 +108,39 @@ std::wstring WhetherAccepted(const std::wstring& outcome) {
     return outcome == L"accepted" ? outcome : L"refused";
 }
 
-std::wstring ElevatedTemplate(const Place& place) {
+std::wstring ElevatedTemplate(const ScratchPlace& place) {
     return Judged(place.UniqueName(),
                   halvard::ElevatedTaskXml(place.UniqueName(), L"C:\\Windows\\notepad.exe"));
 }
 
-std::wstring AgentTemplate(const Place& place) {
+std::wstring AgentTemplate(const ScratchPlace& place) {
     return Judged(place.UniqueName(),
                   halvard::AgentLogonTaskXml(place.UniqueName(), L"C:\\Windows\\notepad.exe"));
 }
 
-std::wstring MarkupInCommand(const Place& place) {
+std::wstring MarkupInCommand(const ScratchPlace& place) {
     return WhetherAccepted(
         Judged(place.UniqueName(),
                halvard::ElevatedTaskXml(place.UniqueName(), L"C:\\a & b\\notepad.exe")));
 }
 
-std::wstring EmptyCommand(const Place& place) {
+std::wstring EmptyCommand(const ScratchPlace& place) {
     return WhetherAccepted(
         Judged(place.UniqueName(), halvard::ElevatedTaskXml(place.UniqueName(), L"")));
 }
 
-std::wstring MissingTaskDeleted(const Place& place) {
+std::wstring MissingTaskDeleted(const ScratchPlace& place) {
     return EndOf(halvard::DeleteTaskCommand(place.UniqueName()), place.Folder());
 }
 
-std::wstring MissingTaskRun(const Place& place) {
+std::wstring MissingTaskRun(const ScratchPlace& place) {
     return EndOf(halvard::RunTaskCommand(place.UniqueName()), place.Folder());
 }
 
 /// A task of this program's own, gone with the scope.
 class OwnTask {
 public:
-    OwnTask(const Place& place, const wchar_t* principal)
+    OwnTask(const ScratchPlace& place, const wchar_t* principal)
         : name_(place.UniqueName()), folder_(place.Folder()) {
         const std::wstring definition =
             L"\xFEFF<?xml version=\"1.0\" encoding=\"UTF-16\"?><Task version=\"1.2\" "
@@ -175,18 +175,18 @@ private:
     std::wstring folder_;
 };
 
-std::wstring Change(const Place& place, const wchar_t* principal) {
+std::wstring Change(const ScratchPlace& place, const wchar_t* principal) {
     const OwnTask task(place, principal);
     const auto command =
         halvard::ChangeTaskCommand(place.UniqueName(), L"C:\\changed.exe", L"word");
     return EndOf(*command, place.Folder());
 }
 
-std::wstring ChangeOfGroup(const Place& place) {
+std::wstring ChangeOfGroup(const ScratchPlace& place) {
     return Change(place, L"<GroupId>S-1-5-32-545</GroupId>");
 }
 
-std::wstring ChangeOfUser(const Place& place) {
+std::wstring ChangeOfUser(const ScratchPlace& place) {
     return Change(place, L"<LogonType>InteractiveToken</LogonType>");
 }
 

@@ -104,7 +104,7 @@ LONG WINAPI EndAtOnce(EXCEPTION_POINTERS* pointers) {
 
 void AskHere(const std::wstring& scratch, const Fact& fact, FactResult& result) {
     try {
-        const Place place(scratch, fact.name);
+        const ScratchPlace place(scratch, fact.name);
         result.outcome = fact.observe(place);
     } catch (const CannotBeAsked& reason) {
         result.why = reason.Why();

@@ -66,7 +66,7 @@ bool HasElement(const std::wstring& text, const std::wstring& name, const std::w
 }
 
 // Whether the copy is whole but for what was to be replaced.
-std::wstring Judged(const Place& place, HRESULT result, const wchar_t* former,
+std::wstring Judged(const ScratchPlace& place, HRESULT result, const wchar_t* former,
                     const wchar_t* replaced) {
     if (result != S_OK && result != S_FALSE) {
         return CodeText(result);
@@ -82,45 +82,45 @@ std::wstring Judged(const Place& place, HRESULT result, const wchar_t* former,
     return isReplaced ? L"rewritten" : L"not replaced";
 }
 
-std::wstring RewriteDirectory(const Place& place, const std::string& bytes) {
+std::wstring RewriteDirectory(const ScratchPlace& place, const std::string& bytes) {
     MakeFile(place.File(L"task.xml"), bytes);
     const HRESULT result = halvard::RewriteTaskWorkingDirectory(
         place.File(L"task.xml"), place.File(L"rewritten.xml"), L"C:\\new & <next>");
     return Judged(place, result, L"C:\\former", L">C:\\new &amp; &lt;next&gt;<");
 }
 
-std::wstring RewriteStart(const Place& place, const std::string& bytes) {
+std::wstring RewriteStart(const ScratchPlace& place, const std::string& bytes) {
     MakeFile(place.File(L"task.xml"), bytes);
     const HRESULT result =
         halvard::RewriteTaskStartBoundary(place.File(L"task.xml"), place.File(L"rewritten.xml"));
     return Judged(place, result, L"2001-02-03T04:05:06", L":00</StartBoundary>");
 }
 
-std::wstring CompactDirectory(const Place& place) {
+std::wstring CompactDirectory(const ScratchPlace& place) {
     return RewriteDirectory(place, Utf16(Definition(L"")));
 }
 
-std::wstring CompactStart(const Place& place) {
+std::wstring CompactStart(const ScratchPlace& place) {
     return RewriteStart(place, Utf16(Definition(L"")));
 }
 
-std::wstring FormattedDirectory(const Place& place) {
+std::wstring FormattedDirectory(const ScratchPlace& place) {
     return RewriteDirectory(place, Utf16(Definition(L"\r\n")));
 }
 
-std::wstring LongDirectory(const Place& place) {
+std::wstring LongDirectory(const ScratchPlace& place) {
     return RewriteDirectory(place, Utf16(LongDefinition()));
 }
 
-std::wstring LongStart(const Place& place) {
+std::wstring LongStart(const ScratchPlace& place) {
     return RewriteStart(place, Utf16(LongDefinition()));
 }
 
-std::wstring Utf8Definition(const Place& place) {
+std::wstring Utf8Definition(const ScratchPlace& place) {
     return RewriteDirectory(place, Utf8(Definition(L"")));
 }
 
-std::wstring DocumentType(const Place& place) {
+std::wstring DocumentType(const ScratchPlace& place) {
     std::wstring text = Definition(L"");
     text.insert(text.find(L"<Task "), L"<!DOCTYPE Task>");
     return RewriteDirectory(place, Utf16(text)) == L"rewritten" ? L"read" : L"refused";

@@ -25,9 +25,9 @@ DWORD RemoveFolder(const std::wstring& systemPath);
 /// Below the folder nothing is looked up by a path: names are taken as they are listed, whatever
 /// their length and form. What has become another folder since it was listed is not entered, and
 /// ends the removal with ERROR_DIR_NOT_EMPTY, as a folder at work does that has become a link;
-/// what has become one before its turn is not entered and goes as that link. A folder that another process has open for its deletion ends it with
-/// ERROR_SHARING_VIOLATION. docs/security.md tells what this keeps out. Memory grows with the depth
-/// of the tree, not with the number of entries.
+/// what has become one before its turn is not entered and goes as that link. A folder that another
+/// process has open for its deletion ends it with ERROR_SHARING_VIOLATION. docs/security.md tells
+/// what this keeps out. Memory grows with the depth of the tree, not with the number of entries.
 std::uintmax_t RemoveAll(const std::wstring& path, DWORD& code);
 
 /// Removes a folder with all it holds. What does not exist or is not a folder is left alone; a link

@@ -22,8 +22,8 @@ std::uint64_t KnownFileId(LARGE_INTEGER fileId) {
     return fileId.QuadPart == -1 ? 0 : static_cast<std::uint64_t>(fileId.QuadPart);
 }
 
-// Its volume is not asked for: a name that is opened in a folder that is no link is on the volume of
-// the folder, and under Wine the question takes as long as removing several files.
+// Its volume is not asked for: a name that is opened in a folder that is no link is on the volume
+// of the folder, and under Wine the question takes as long as removing several files.
 std::uint64_t ReadFileId(HANDLE opened) {
     InternalInformation info = {};
     IO_STATUS_BLOCK result = {};

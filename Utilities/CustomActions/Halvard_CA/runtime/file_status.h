@@ -36,8 +36,9 @@ DWORD ReadAttributes(HANDLE opened, DWORD& attributes);
 DWORD ReadReparseTag(HANDLE opened, DWORD& tag);
 
 /// The kind of what a path leads to when links are followed. Attributes are asked for by path,
-/// which a folder that grants nothing itself allows too; only a reparse point is opened. A separator behind
-/// the name of a file makes it missing. Throws filesystem_error under the name `operation` for codes that do not mean missing.
+/// which a folder that grants nothing itself allows too; only a reparse point is opened. A
+/// separator behind the name of a file makes it missing. Throws filesystem_error under the name
+/// `operation` for codes that do not mean missing.
 FileKind QueryKind(const std::wstring& path, const char* operation);
 
 /// Whether a path leads to something when links are followed. Throws filesystem_error ("exists")

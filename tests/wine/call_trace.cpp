@@ -1,0 +1,88 @@
+#include "call_trace.h"
+
+#include <algorithm>
+
+namespace halvard_tests {
+
+CallTrace::CallTrace(unsigned groups, std::size_t failing, DWORD code)
+    : failing_(failing), code_(code) {
+    for (const DescribedCall& call : DescribedCalls()) {
+        if ((call.group & groups) != 0) {
+            hooks_.push_back(call.hook(*this));
+        }
+    }
+}
+
+void CallTrace::Fail(const std::wstring& start, DWORD code, std::size_t nth) {
+    failStart_ = start;
+    failNth_ = nth;
+    failSeen_ = 0;
+    code_ = code;
+}
+
+Lines CallTrace::Of(const Lines& starts) const {
+    Lines found;
+    for (const std::wstring& line : lines_) {
+        if (std::any_of(starts.begin(), starts.end(), [&](const std::wstring& start) {
+                return line.compare(0, start.size(), start) == 0;
+            })) {
+            found.push_back(line);
+        }
+    }
+    return found;
+}
+
+Lines CallTrace::Rests(const std::wstring& start) const {
+    Lines rests = Of({start});
+    for (std::wstring& line : rests) {
+        line.erase(0, start.size());
+    }
+    return rests;
+}
+
+Lines CallTrace::LeftOpen() const {
+    Lines left;
+    for (const auto& [handle, opening] : open_) {
+        left.push_back(opening.line);
+    }
+    std::sort(left.begin(), left.end());
+    return left;
+}
+
+int CallTrace::KernelHandlesLeft() const {
+    return static_cast<int>(std::count_if(open_.begin(), open_.end(), [](const auto& each) {
+        return each.first.first == Resource::kernel;
+    }));
+}
+
+std::wstring CallTrace::Name(Resource kind, const void* handle) const {
+    const auto found = open_.find({kind, handle});
+    return found != open_.end()           ? found->second.name
+           : handle == HKEY_LOCAL_MACHINE ? std::wstring(L"HKLM")
+           : handle == HKEY_CURRENT_USER  ? std::wstring(L"HKCU")
+           : handle == HKEY_USERS         ? std::wstring(L"HKU")
+                                          : std::wstring(L"unknown");
+}
+
+bool CallTrace::Comes(const std::wstring& line) {
+    lines_.push_back(line);
+    ++count_;
+    const bool fails = count_ == failing_ ||
+                       (failNth_ != 0 && line.compare(0, failStart_.size(), failStart_) == 0 &&
+                        ++failSeen_ == failNth_);
+    if (before) {
+        before(line);
+    }
+    return !fails;
+}
+
+void CallTrace::Closes(const std::wstring& line, Resource kind, const void* handle) {
+    lines_.push_back(line);
+    open_.erase({kind, handle});
+}
+
+void CallTrace::Opened(Resource kind, const void* handle, const std::wstring& name) {
+    open_[{kind, handle}] = {lines_.back(), name};
+}
+
+} // namespace halvard_tests
