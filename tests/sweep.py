@@ -489,6 +489,7 @@ def canaries() -> Subject:
             return_attribute="check",
             why="",
             schedule="",
+            place=actions.Place("installation"),
             results=results,
         )
         for scene in scenes

@@ -21,6 +21,7 @@ ACTION = actions.Action(
     return_attribute="check",
     why="",
     schedule="",
+    place=actions.Place("installation"),
     results=(actions.Result(0, "done"), actions.Result(1603, "failed")),
     exceptions=("RegKeyError", "std::filesystem::filesystem_error"),
     throws="now and then",
