@@ -18,8 +18,7 @@ LIMIT = 60.0
 # What the sample packages mean to show. Built here, the library is not signed; and the second product
 # includes all declarations for the few actions that it needs.
 SHOWN = {
-    package.COMPANION: {(504, "SetDeleteServiceIfBinaryIsInDirectory"), (703, "Halvard_CA"),
-                        (801, "SetDeleteServiceIfBinaryIsInDirectory")},
+    package.COMPANION: {(703, "Halvard_CA")},
     package.SECOND_CLIENT: {(107, None), (703, "Halvard_CA")},
 }
 
@@ -107,9 +106,9 @@ def test_a_mistake_is_found(prefix, number, row, queries):
 
 def test_findings_are_told_to_a_reader(prefix):
     done = prefix.run(paths.RUNNER, "--check", paths.windows_path(package.build()), limit=LIMIT)
-    assert done.returncode == WARNINGS
+    assert done.returncode == NOTHING
     assert "hint    703  Binary, Halvard_CA\n            A library without a signature.\n" in done.stdout
-    assert done.stdout.endswith("Companion.msi: 0 errors, 2 warnings, 1 hint\n")
+    assert done.stdout.endswith("Companion.msi: 0 errors, 0 warnings, 1 hint\n")
 
 
 def test_rules_are_left_out_by_their_numbers(prefix):

@@ -48,6 +48,8 @@ def test_a_service_that_runs_from_elsewhere_stays(clean_machine, companion_packa
         "service-elsewhere",
         f"UPDATE CustomAction SET Target='ServiceName={companion.SERVICE};"
         "DirectoryOfBinary=[SlimFolder]' WHERE Action='SetDeleteServiceIfBinaryIsInDirectory'",
+        # The installer's own removal would take it.
+        "DELETE FROM ServiceControl",
     )
     assert clean_machine.install(elsewhere, "LAUNCHED_FROM_MIM=1").exit_code == 0
     result = clean_machine.remove(elsewhere)

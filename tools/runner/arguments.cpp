@@ -209,7 +209,7 @@ bool TakeCheck(const std::vector<std::wstring>& arguments, std::size_t& position
     }
     int number = 0;
     for (const wchar_t c : *numbers + L",") {
-        if (c >= L'0' && c <= L'9' && number <= kGreatestRule) {
+        if (c >= L'0' && c <= L'9' && number < (kGreatestRule + 1) / 10) {
             number = number * 10 + (c - L'0');
         } else if (c == L',' && number > 0) {
             parsed.skipped.push_back(number);

@@ -3,6 +3,7 @@
 #include "arguments.h"
 #include "runner_error.h"
 
+#include <algorithm>
 #include <map>
 #include <optional>
 
@@ -23,72 +24,171 @@ bool IsName(const std::wstring& name) {
            name.find_first_not_of(letters + L"0123456789.") == std::wstring::npos;
 }
 
+// The options that take a value, and those without.
+const Texts kWithValue = {L"--dll", L"--limit", L"--check", L"--skip"};
+const Texts kAlone = {L"--json", L"--quotes"};
+
+bool Holds(const Texts& texts, const std::wstring& text) {
+    return std::find(texts.begin(), texts.end(), text) != texts.end();
+}
+
+// What stands behind each option that takes a value, and the words that belong to none.
+struct Sorted {
+    std::map<std::wstring, Texts> values;
+    Texts words;
+    bool known = true;
+};
+
+Sorted SortedOf(const Texts& given) {
+    Sorted sorted;
+    for (std::size_t index = 0; index < given.size(); ++index) {
+        const std::wstring& each = given[index];
+        const std::size_t equals = each.find(L'=');
+        if (Holds(kWithValue, each)) {
+            sorted.values[each].push_back(++index < given.size() ? given[index] : L"");
+        } else if (equals != std::wstring::npos && Holds(kWithValue, each.substr(0, equals))) {
+            sorted.values[each.substr(0, equals)].push_back(each.substr(equals + 1));
+        } else if (!Begins(each, L"-")) {
+            sorted.words.push_back(each);
+        } else {
+            sorted.known = sorted.known && Holds(kAlone, each);
+        }
+    }
+    return sorted;
+}
+
+// At most a million.
+std::optional<std::uint32_t> Seconds(const std::wstring& text) {
+    const bool isNumber =
+        !text.empty() && text.find_first_not_of(L"0123456789") == std::wstring::npos;
+    const std::size_t digits = text.size() - std::min(text.size(), text.find_first_not_of(L'0'));
+    if (!isNumber || digits > 9 || std::stoul(text) > 1000000) {
+        return std::nullopt;
+    }
+    return std::stoul(text);
+}
+
+// Numbers of one to four digits that are not 0, cut by commas.
+std::optional<std::vector<int>> Rules(const std::wstring& text) {
+    std::vector<int> rules;
+    std::wstring rest = text + L",";
+    while (!rest.empty()) {
+        const std::wstring number = rest.substr(0, rest.find(L','));
+        rest = rest.substr(number.size() + 1);
+        const std::size_t zeros = std::min(number.size(), number.find_first_not_of(L'0'));
+        const std::wstring digits = number.substr(zeros);
+        if (digits.empty() || digits.find_first_not_of(L"0123456789") != std::wstring::npos ||
+            digits.size() > 4) {
+            return std::nullopt;
+        }
+        rules.push_back(std::stoi(digits));
+    }
+    return rules;
+}
+
+// The action that --help is to tell of: the first word, also where an option's value is missing.
+std::wstring HelpedAction(const Texts& given) {
+    for (std::size_t index = 0; index < given.size(); ++index) {
+        if (Holds(kWithValue, given[index])) {
+            ++index;
+        } else if (!given[index].empty() && given[index][0] != L'-') {
+            const bool isAction =
+                given[index] != L"list" && given[index].find(L'=') == std::wstring::npos;
+            return isAction ? given[index] : L"";
+        }
+    }
+    return L"";
+}
+
+bool WantsJson(const Texts& given) {
+    return std::any_of(given.begin(), given.end(), [](const std::wstring& each) {
+        const std::size_t quote = each.find(L'"');
+        return each == L"--json" || (quote != std::wstring::npos &&
+                                     each.substr(quote).find(L" --json") != std::wstring::npos);
+    });
+}
+
 // What the arguments mean, by the rules that `--help` and the header tell; nothing when they are
 // refused.
 std::optional<Arguments> Meaning(const Texts& given) {
     Arguments meaning;
-    for (const std::wstring& each : given) {
-        meaning.json |= each == L"--json";
-        if (each == L"--help" || each == L"-h") {
-            meaning.request = Request::Help;
-        } else if (each == L"--version" && meaning.request != Request::Help) {
-            meaning.request = Request::Version;
-        }
-    }
-    if (meaning.request != Request::Call) {
+    meaning.json = WantsJson(given);
+    if (Holds(given, L"--help") || Holds(given, L"-h")) {
+        meaning.request = Request::Help;
+        meaning.action = HelpedAction(given);
         return meaning;
     }
-    Texts libraries;
-    Texts words;
-    for (auto each = given.begin(); each != given.end(); ++each) {
-        if (*each == L"--dll") {
-            if (++each == given.end()) {
-                return std::nullopt;
-            }
-            libraries.push_back(*each);
-        } else if (Begins(*each, L"--dll=")) {
-            libraries.push_back(each->substr(6));
-        } else if (Begins(*each, L"-") && *each != L"--json") {
-            return std::nullopt;
-        } else if (*each != L"--json") {
-            words.push_back(*each);
-        }
+    if (Holds(given, L"--version")) {
+        meaning.request = Request::Version;
+        return meaning;
     }
-    const bool namesAction =
-        !words.empty() && !words[0].empty() && words[0].find(L'=') == std::wstring::npos;
-    if (libraries.size() > 1 || (libraries.size() == 1 && libraries[0].empty()) || !namesAction) {
+    Sorted sorted = SortedOf(given);
+    Texts& libraries = sorted.values[L"--dll"];
+    Texts& packages = sorted.values[L"--check"];
+    if (!sorted.known || libraries.size() > 1 || packages.size() > 1 || Holds(libraries, L"") ||
+        Holds(packages, L"")) {
         return std::nullopt;
     }
-    meaning.dll = libraries.empty() ? L"" : libraries[0];
-    meaning.action = words[0];
-    std::map<std::wstring, int> times;
-    for (auto each = words.begin() + 1; each != words.end(); ++each) {
-        const std::size_t equals = each->find(L'=');
-        const std::wstring name = each->substr(0, equals);
-        if (equals == std::wstring::npos || !IsName(name) || ++times[name] > 1) {
+    for (const std::wstring& text : sorted.values[L"--limit"]) {
+        const std::optional<std::uint32_t> seconds = Seconds(text);
+        if (!seconds) {
             return std::nullopt;
         }
-        meaning.properties.push_back({name, each->substr(equals + 1)});
+        meaning.limit = *seconds;
+    }
+    for (const std::wstring& text : sorted.values[L"--skip"]) {
+        const std::optional<std::vector<int>> rules = Rules(text);
+        if (!rules) {
+            return std::nullopt;
+        }
+        meaning.skipped.insert(meaning.skipped.end(), rules->begin(), rules->end());
+    }
+    meaning.dll = libraries.empty() ? L"" : libraries[0];
+    meaning.package = packages.empty() ? L"" : packages[0];
+    const Texts& words = sorted.words;
+    if (!words.empty() && (words[0].empty() || words[0].find(L'=') != std::wstring::npos)) {
+        return std::nullopt;
+    }
+    meaning.action = words.empty() ? L"" : words[0];
+    std::map<std::wstring, int> times;
+    for (std::size_t index = 1; index < words.size(); ++index) {
+        const std::size_t equals = words[index].find(L'=');
+        const std::wstring name = words[index].substr(0, equals);
+        const bool isQuoted = words[index].find(L'"') != std::wstring::npos;
+        if (equals == std::wstring::npos || !IsName(name) || ++times[name] > 1 ||
+            (isQuoted && !Holds(given, L"--quotes"))) {
+            return std::nullopt;
+        }
+        meaning.properties.push_back({name, words[index].substr(equals + 1)});
+    }
+    if (meaning.dll.find(L'"') != std::wstring::npos) {
+        return std::nullopt;
+    }
+    if (!meaning.package.empty()) {
+        meaning.request = Request::Check;
+        const bool isAlone = words.empty() && libraries.empty();
+        return isAlone && !Begins(meaning.package, L"--") ? std::optional(meaning) : std::nullopt;
+    }
+    if (words.empty() || !meaning.skipped.empty()) {
+        return std::nullopt;
     }
     if (meaning.action == L"list") {
         meaning.request = Request::List;
-        if (!meaning.properties.empty()) {
-            return std::nullopt;
-        }
+        return meaning.properties.empty() ? std::optional(meaning) : std::nullopt;
     }
     return meaning;
 }
 
 void Check(const Texts& given) {
     const std::optional<Arguments> expected = Meaning(given);
-    Require(halvard_runner::WantsJson(given) ==
-            (std::find(given.begin(), given.end(), L"--json") != given.end()));
+    Require(halvard_runner::WantsJson(given) == WantsJson(given));
     try {
         const Arguments parsed = halvard_runner::ParseArguments(given);
         Require(expected.has_value());
         Require(parsed.request == expected->request && parsed.action == expected->action);
         Require(parsed.properties == expected->properties && parsed.dll == expected->dll);
-        Require(parsed.json == expected->json);
+        Require(parsed.package == expected->package && parsed.skipped == expected->skipped);
+        Require(parsed.limit == expected->limit && parsed.json == expected->json);
     } catch (const halvard_runner::RunnerError& error) {
         Require(!expected.has_value());
         Require(error.Code() == halvard_runner::ExitCode::WrongArguments && !error.Text().empty());
@@ -100,8 +200,10 @@ void Check(const Texts& given) {
 // A command line, without the program's name.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
     static const Texts words = {
-        L"--json ", L"--dll ", L"--dll=", L"LaunchPV ", L"list ", L"Name=", L" A=1 ",
-        L"--help ", L"-h",     L" \"\" ", L"--version", L"=",     L" A=2 ", L"_b.9=\"x y\" ",
+        L"--json ", L"--dll ",        L"--dll=",   L"LaunchPV ",     L"list ",     L"Name=",
+        L" A=1 ",   L"--help ",       L"-h",       L" \"\" ",        L"--version", L"=",
+        L" A=2 ",   L"_b.9=\"x y\" ", L"--limit ", L"--quotes ",     L"--check ",  L"--skip ",
+        L"P.msi ",  L"1000000 ",      L"101,702 ", L"B=\\\" --json",
     };
     Check(halvard_tests::ArgumentWords(halvard_tests::Text(bytes, size, words)));
     return 0;

@@ -1,5 +1,6 @@
 #include "json_reading.h"
 
+#include "action_page.h"
 #include "names.h"
 #include "report.h"
 
@@ -48,6 +49,13 @@ void RequireText(const Json& json, const std::wstring& text) {
 void RequireTextOrNull(const Json& json, const std::wstring& text) {
     Require(text.empty() ? json.kind == Json::Null
                          : json.kind == Json::String && json.text == text);
+}
+
+void RequireTexts(const Json& json, const Texts& texts) {
+    Require(json.kind == Json::Array && json.items.size() == texts.size());
+    for (std::size_t index = 0; index < texts.size(); ++index) {
+        RequireText(json.items[index], texts[index]);
+    }
 }
 
 void RequireNumber(const Json& json, std::int64_t number) {
@@ -115,11 +123,13 @@ void CheckOutcome(const Texts& texts, std::uint32_t seed) {
         arguments.properties.push_back({L"P" + std::to_wstring(index), texts[index]});
         const std::uint32_t kind = (seed >> index % 8U) % 8;
         outcome.messages.push_back({kind << 24U | (seed & 0x40U), texts[index]});
+        (kind % 2 == 0 ? outcome.standardOutput : outcome.standardError).push_back(texts[index]);
     }
 
     const Json json = Read(OutcomeJson(arguments, TextAt(texts, 5), outcome));
-    RequireNames(json, {L"action", L"dll", L"properties", L"log", L"messages", L"result",
-                        L"result_name", L"exception", L"milliseconds", L"exit_code"});
+    RequireNames(json, {L"action", L"dll", L"properties", L"log", L"messages", L"standard_output",
+                        L"standard_error", L"result", L"result_name", L"if_checked", L"exception",
+                        L"milliseconds", L"exit_code"});
     RequireText(json.items[0], arguments.action);
     RequireText(json.items[1], TextAt(texts, 5));
     const Json& properties = json.items[2];
@@ -129,27 +139,36 @@ void CheckOutcome(const Texts& texts, std::uint32_t seed) {
         RequireText(properties.items[index], texts[index]);
     }
     CheckMessages(json.items[3], json.items[4], outcome);
+    RequireTexts(json.items[5], outcome.standardOutput);
+    RequireTexts(json.items[6], outcome.standardError);
     if (outcome.result) {
-        RequireNumber(json.items[5], *outcome.result);
+        RequireNumber(json.items[7], *outcome.result);
     } else {
-        Require(json.items[5].kind == Json::Null);
+        Require(json.items[7].kind == Json::Null);
     }
     const bool isNamed = outcome.result && halvard_runner::ResultName(*outcome.result) != nullptr;
-    RequireTextOrNull(json.items[6], isNamed ? halvard_runner::ResultName(*outcome.result) : L"");
-    CheckException(json.items[7], outcome);
-    Require(json.items[8].kind == Json::Number);
-    Require(std::abs(std::stod(json.items[8].text) - outcome.milliseconds) <= 0.0501);
-    RequireNumber(json.items[9], !outcome.result ? 7 : *outcome.result == 0 ? 0 : 1);
+    RequireTextOrNull(json.items[8], isNamed ? halvard_runner::ResultName(*outcome.result) : L"");
+    RequireTextOrNull(json.items[9],
+                      outcome.result ? halvard_runner::ResultEffect(*outcome.result) : L"");
+    CheckException(json.items[10], outcome);
+    Require(json.items[11].kind == Json::Number);
+    Require(std::abs(std::stod(json.items[11].text) - outcome.milliseconds) <= 0.0501);
+    RequireNumber(json.items[12], !outcome.result ? 7 : *outcome.result == 0 ? 0 : 1);
 }
 
 void CheckOthers(const Texts& texts) {
     const Json list = Read(halvard_runner::ListJson(TextAt(texts, 0), texts));
-    RequireNames(list, {L"dll", L"actions"});
+    RequireNames(list, {L"dll", L"actions", L"exit_code"});
     RequireText(list.items[0], TextAt(texts, 0));
     Require(list.items[1].kind == Json::Array && list.items[1].items.size() == texts.size());
     for (std::size_t index = 0; index < texts.size(); ++index) {
-        RequireText(list.items[1].items[index], texts[index]);
+        const Json& action = list.items[1].items[index];
+        const bool isKnown = halvard_runner::FindFacts(texts[index]) != nullptr;
+        Require(action.kind == Json::Object && action.names[0] == L"name");
+        RequireText(action.items[0], texts[index]);
+        Require((action.items.size() > 1) == isKnown);
     }
+    RequireNumber(list.items[2], 0);
     const Json error =
         Read(halvard_runner::ErrorJson({halvard_runner::ExitCode::NoSession, TextAt(texts, 0)}));
     RequireNames(error, {L"error", L"exit_code"});

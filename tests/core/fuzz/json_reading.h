@@ -9,7 +9,7 @@ namespace halvard_tests {
 
 /// A value of a JSON text: the characters of a string, or a number as it is written.
 struct Json {
-    enum Kind { Null, Number, String, Array, Object };
+    enum Kind { Null, True, False, Number, String, Array, Object };
     Kind kind = Null;
     std::wstring text;
     /// Of an object's members, in their order.
@@ -17,8 +17,7 @@ struct Json {
     std::vector<Json> items;
 };
 
-/// Reads JSON as RFC 8259 has it, without "true" and "false". A surrogate may stand alone in an
-/// escape.
+/// Reads JSON as RFC 8259 has it. A surrogate may stand alone in an escape.
 class JsonReading {
 public:
     explicit JsonReading(const std::wstring& text) : text_(text) {}
@@ -30,6 +29,9 @@ public:
     }
 
 private:
+    inline static const std::vector<std::pair<std::wstring, Json::Kind>> kWords = {
+        {L"null", Json::Null}, {L"true", Json::True}, {L"false", Json::False}};
+
     bool Take(wchar_t character) {
         SkipBlanks();
         const bool taken = at_ < text_.size() && text_[at_] == character;
@@ -42,9 +44,12 @@ private:
     std::optional<Json> Value() {
         SkipBlanks();
         Json json;
-        if (text_.compare(at_, 4, L"null") == 0) {
-            at_ += 4;
-            return json;
+        for (const auto& [word, kind] : kWords) {
+            if (text_.compare(at_, word.size(), word) == 0) {
+                at_ += word.size();
+                json.kind = kind;
+                return json;
+            }
         }
         if (at_ < text_.size() && text_[at_] == L'"') {
             json.kind = Json::String;
