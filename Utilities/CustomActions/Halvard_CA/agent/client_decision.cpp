@@ -1,6 +1,7 @@
 #include "agent/client_decision.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cwchar>
 #include <iterator>
 #include <stdexcept>
@@ -21,10 +22,18 @@ bool HasDigitsOnly(const std::wstring& piece) {
 
 // The locale of the process changes nothing: it decides about signs, separators and other scripts'
 // digits, and a component of a valid version has none of them.
+double NumberOf(const std::wstring& digits) {
+#ifdef _WIN32
+    // MinGW has a std::wcstod of its own, which writes through a null pointer when memory runs out.
+    return _wtof(digits.c_str());
+#else
+    return std::wcstod(digits.c_str(), nullptr);
+#endif
+}
+
 std::array<double, 4> NumbersOf(const VersionParts& version) {
     std::array<double, 4> numbers = {};
-    std::transform(version.components.begin(), version.components.end(), numbers.begin(),
-                   [](const std::wstring& digits) { return std::wcstod(digits.c_str(), nullptr); });
+    std::transform(version.components.begin(), version.components.end(), numbers.begin(), NumberOf);
     return numbers;
 }
 
