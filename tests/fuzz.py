@@ -27,7 +27,7 @@ ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tools"))
 
 import progress  # noqa: E402
-from installer import ending  # noqa: E402
+from installer import ending, repeats  # noqa: E402
 from installer.paths import BUILD  # noqa: E402
 from installer.prefix import Prefix  # noqa: E402
 
@@ -44,6 +44,9 @@ GRACE = 120.0
 # usual size costs two thirds of its time.
 SANITIZER_OPTIONS = "quarantine_size_mb=8:malloc_context_size=4"
 SEED_LIMIT = 2**31
+# Seconds of one input from which on libFuzzer keeps it as if it were a finding; a machine that stands
+# still for a while is none.
+SLOW_INPUT = 100
 
 
 @dataclass(frozen=True)
@@ -156,16 +159,23 @@ def run(
         folder.mkdir(parents=True, exist_ok=True)
     before = set(found.iterdir())
     start = time.monotonic()
-    with open(log, "wb") as output:
-        process = begin(fuzzer, limits, found, grown, prefix, suffix, environment or {}, output)
-        limit = (limits.seconds or USUAL_TIME) + GRACE
-        try:
-            ended = f"exit code {process.wait(limit)}"
-        except subprocess.TimeoutExpired:
-            ended = f"no end within {limit:g} s"
-        finally:
-            process.kill()
-            process.wait()
+
+    def to_its_end() -> str:
+        with open(log, "wb") as output:
+            process = begin(fuzzer, limits, found, grown, prefix, suffix, environment or {}, output)
+            limit = (limits.seconds or USUAL_TIME) + GRACE
+            try:
+                return f"exit code {process.wait(limit)}"
+            except subprocess.TimeoutExpired:
+                return f"no end within {limit:g} s"
+            finally:
+                process.kill()
+                process.wait()
+
+    ended = to_its_end()
+    if ended.startswith("no end") and log.stat().st_size == 0:
+        repeats.tell(f"{fuzzer.name} did not say a word")
+        ended = to_its_end()
     text = log.read_text(errors="replace")
     new = sorted(file for file in set(found.iterdir()) - before if f"{fuzzer.name}-" in file.name)
     done = re.search(r"^#(\d+)\s+DONE", text, re.MULTILINE)
@@ -198,6 +208,7 @@ def begin(
             [
                 str(BUILD / "native/tests/core" / program),
                 *options,
+                f"-report_slow_units={SLOW_INPUT}",
                 f"-artifact_prefix={found}/{fuzzer.name}-",
                 # Where there are several, new inputs go to the first.
                 str(grown),

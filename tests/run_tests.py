@@ -14,6 +14,7 @@ it did anything.
 
 import contextlib
 import io
+import math
 import os
 import re
 import signal
@@ -54,7 +55,8 @@ PYTEST_LETTERS = re.compile(r"^(?:tests/\S+ )?([.FEsxX]+)(?: +\[ *\d+%\])?$", re
 # Plug-ins that happen to be on a machine change nothing.
 PYTEST_ENVIRONMENT = {"NO_COLOR": "1", "COLUMNS": "100", "PYTEST_DISABLE_PLUGIN_AUTOLOAD": "1"}
 
-# What ends the run of a fuzzer, always of the same inputs, and the least number of them.
+# What ends the run of a fuzzer over a fixed sequence of inputs, and the least number of them, which
+# a machine that is too slow for it comes to without a limit of time.
 FUZZ_LIMITS = fuzz.Limits(runs=200_000, seconds=8)
 FUZZ_LEAST = 200
 # A planted fault comes sooner or later.
@@ -82,9 +84,11 @@ FUZZ_CANARIES = {
     "property": "ERROR: libFuzzer: deadly signal",
 }
 WINE_FUZZ_CANARIES = {"property": "ERROR: a property does not hold"}
-CANARY_LIMIT = 60.0
-TESTS_LIMIT = 480.0
-PYTEST_LIMIT = 1800.0
+# Seconds without output, while one test is at work: the engine's debugger may take long to report a
+# planted fault.
+TEST_SILENCE = 300.0
+# Seconds.
+PROGRAM_LIMIT = PYTEST_LIMIT = 1800.0
 # Programs of the system folder that copies of the recorder may stand in for.
 RECORDED = ("icacls", "powershell", "regsvr32", "schtasks", "taskkill")
 WINE_OVERRIDES = "mscoree,mshtml,winemenubuilder.exe=;" + ";".join(
@@ -112,6 +116,7 @@ PARTS_THAT_TELL = ("", OWN_PREFIX, SHARED_PREFIX)
 # Not run by a ring: another test starts it as a program beside itself.
 STARTED_BY_TESTS = {"AgentInstallation.DISABLED_SetsUpTheAgent"}
 # Seconds.
+LISTING_SILENCE = 60.0
 LISTING_LIMIT = 60.0
 ENDING_LIMIT = 60.0
 PROGRESS_POLL = 0.5
@@ -228,6 +233,8 @@ def _run_ring(name: str, arguments: list[str]) -> Outcome:
     if not arguments and outcome.reached == 0:
         print(f"ring {name} has no test")
         outcome.failed.append(f"./run test {name}")
+    for reason in repeats.reasons(RESULTS / f"repeated-{name}.txt"):
+        print(f"   once more: {reason}")
     duration = time.monotonic() - start
     print(f"   {outcome.closing_line()}, {duration:.0f} s", flush=True)
     return outcome
@@ -290,10 +297,15 @@ def _sweep_canaries() -> Outcome:
     """The sweep of a library of planted faults, each of which it has to find."""
     subject = sweep.canaries()
     rows = sweep.sweep(subject, subject.table.scenes, first=True, name="prefix-sweep-canaries")
-    if missed := sweep.missed_faults(rows):
-        print("\n".join(missed), flush=True)
-        return Outcome(failed=["./run test wine"])
-    return Outcome(passed=len(rows))
+    missed = sweep.missed_faults(rows)
+    for scene, told in missed.items():
+        print(f"{scene}: {told}", flush=True)
+    return Outcome(len(rows) - len(missed), [repeat_of("wine", f"sweep of {each}") for each in missed])
+
+
+def repeat_of(ring: str, what: str) -> str:
+    """The command that repeats what can only be run with its ring."""
+    return f"./run test {ring} # {what}"
 
 
 def run_time(arguments: list[str]) -> Outcome:
@@ -378,14 +390,13 @@ def _google_tests(
     ring: str,
     command: list[str],
     start=subprocess.Popen,
-    limit: float = TESTS_LIMIT,
     part: str = "",
 ) -> Outcome:
     """Runs a GoogleTest program, shows the failed tests and counts from its lines, so that a
-    program which crashes or hangs half-way is counted too. `limit` is in seconds; a part of a ring
-    has files of its own for what it prints."""
+    program which crashes or hangs half-way is counted too. A part of a ring has files of its own
+    for what it prints."""
     listing = RESULTS / f"{ring}{part}-tests.txt"
-    ended = run_to_file([*command, LIST_TESTS], listing, start, LISTING_LIMIT)
+    ended = run_aloud([*command, LIST_TESTS], listing, start, LISTING_SILENCE)
     if ended != "exit code 0":
         raise RuntimeError(f"it does not list its tests ({ended}): {_text(listing)}")
     listed = read_google_test_list(_text(listing))
@@ -398,7 +409,7 @@ def _google_tests(
         done = len(re.findall(r"^\[ RUN      \]", _text(log), re.MULTILINE))
         progress_file(ring).write_text(f"{done} of {len(listed)}")
 
-    ended = run_to_file(command, log, start, limit, tell)
+    ended = run_aloud(command, log, start, TEST_SILENCE, tell)
     return read_google_test_log(ring, _text(log), ended, listed)
 
 
@@ -412,21 +423,44 @@ def run_to_file(
     start: Callable[..., "subprocess.Popen[bytes]"],
     limit: float,
     tell: Callable[[], None] = lambda: None,
+    silence: float = math.inf,
 ) -> str:
-    """Runs a program with its output in a file and says how it ended."""
-    end = time.monotonic() + limit
+    """Runs a program with its output in a file and says how it ended. `limit` and `silence` are in
+    seconds: in all, and without output."""
+    now = time.monotonic
     # A file and not a pipe: what a test leaves running would hold a pipe open.
     with open(file, "wb") as output:
         process = start(command, stdout=output)
+        begin = heard = now()
+        size = 0
         try:
-            while time.monotonic() < end:
+            while now() < begin + limit and now() < heard + silence:
                 with suppress(subprocess.TimeoutExpired):
                     return f"exit code {process.wait(PROGRESS_POLL)}"
                 tell()
+                if file.stat().st_size != size:
+                    size, heard = file.stat().st_size, now()
+            if now() < begin + limit:
+                return f"silent for {silence:g} s"
             return f"no end within {limit:g} s"
         finally:
             process.kill()
             process.wait()
+
+
+def run_aloud(
+    command: list[str],
+    file: Path,
+    start: Callable[..., "subprocess.Popen[bytes]"],
+    silence: float,
+    tell: Callable[[], None] = lambda: None,
+) -> str:
+    """The same for a program that begins with a word, and is started once more where it does not."""
+    ended = run_to_file(command, file, start, PROGRAM_LIMIT, tell, silence)
+    if not ended.startswith("exit code") and not _text(file):
+        repeats.tell(f"{command[0]} did not say a word")
+        ended = run_to_file(command, file, start, PROGRAM_LIMIT, tell, silence)
+    return ended
 
 
 def _text(file: Path) -> str:
@@ -500,7 +534,6 @@ def _google_canaries(
                 start=lambda command, **options: start(
                     command, stderr=subprocess.STDOUT, **options
                 ),
-                limit=CANARY_LIMIT,
                 part=part,
             )
         text = _text(google_test_log(ring, part)) + shown.getvalue()
@@ -515,7 +548,7 @@ def judge_canary(name: str, has_failed: bool, text: str, report: str) -> Outcome
         return Outcome(passed=1)
     print(text[-4000:])
     print(f"canary {name}: the planted fault is not reported as '{report}'")
-    return Outcome(failed=[f"./run test {name.split()[0]}"])
+    return Outcome(failed=[repeat_of(*name.split(maxsplit=1))])
 
 
 def _fuzzers(ring: str, canaries: Mapping[str, str], prefix: Prefix | None = None) -> Outcome:
@@ -530,7 +563,10 @@ def _fuzzers(ring: str, canaries: Mapping[str, str], prefix: Prefix | None = Non
 
 def _fuzz(ring: str, fuzzer: Fuzzer, prefix: Prefix | None) -> Outcome:
     """One run of a fuzzer over a fixed sequence of inputs, beginning with the seeds that are kept."""
-    return judge_fuzzer(ring, _run_fuzzer(fuzzer, FUZZ_LIMITS, prefix))
+    result = _run_fuzzer(fuzzer, FUZZ_LIMITS, prefix)
+    if not result.problem and result.inputs < FUZZ_LEAST:
+        result = _run_fuzzer(fuzzer, fuzz.Limits(runs=FUZZ_LEAST), prefix)
+    return judge_fuzzer(ring, result)
 
 
 def judge_fuzzer(ring: str, result: fuzz.Result) -> Outcome:
@@ -538,7 +574,7 @@ def judge_fuzzer(ring: str, result: fuzz.Result) -> Outcome:
         return Outcome(passed=1)
     print(result.problem[-4000:])
     print(f"fuzz_{result.fuzzer.name}: {result.inputs} inputs, found {result.found}")
-    return Outcome(failed=[f"./run test {ring}"])
+    return Outcome(failed=[repeat_of(ring, f"fuzz_{result.fuzzer.name}")])
 
 
 def _fuzz_canaries(

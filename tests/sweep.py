@@ -223,18 +223,20 @@ def sweep(
     def lane(number: int) -> None:
         with Prefix(f"{name}-{number}") as prefix:
             before = machine.snapshot(prefix)
+            last: Row | None = None
             with suppress(Empty):
                 while True:
                     scene = waiting.get_nowait()
                     row = rows[scene.name] = Row(scene.name)
+                    last = row
                     try:
                         sweep_scene(prefix, subject, scene, first, row)
-                    except RuntimeError as failure:
+                        if not first:
+                            left_behind(before, prefix, row)
+                    except (RuntimeError, OSError) as failure:
                         row.findings.append(f"not swept: {failure}")
-                    if not first:
-                        left_behind(before, prefix, row)
-            if first and rows:
-                left_behind(before, prefix, rows[next(reversed(rows))])
+            if first and last is not None:
+                left_behind(before, prefix, last)
 
     lanes = min(LANES, len(scenes))
     with progress.shown(told) if shown else nullcontext(), ThreadPoolExecutor(lanes) as pool:
@@ -332,8 +334,9 @@ def _of_one_process(
             kind, *words = line.split("\t")
             if kind == "call":
                 called, limit = True, LIMIT
-            elif kind == "run":
+            elif kind == "ended":
                 called, limit = False, PREPARING_LIMIT
+            elif kind == "run":
                 if int(words[0]) != number:
                     raise RuntimeError(f"{scene.name}: run {words[0]} in place of {number}")
                 yield read_run(failures[number], words)
@@ -346,7 +349,8 @@ def _of_one_process(
                 return
     except TimeoutError:
         if not called:
-            raise RuntimeError(f"{scene.name}: the machine of a run cannot be made") from None
+            told = f"{scene.name}: the machine of a run cannot be made or looked at"
+            raise RuntimeError(told) from None
         yield Run(failures[number], True, NO_END)
         return
     finally:
@@ -512,19 +516,20 @@ def import_names(library: Path) -> list[str]:
     return re.findall(r"^\t[0-9a-f]+\t +\d+  (\w+)$", listed.stdout, re.MULTILINE)
 
 
-def missed_faults(rows: Sequence[Row]) -> list[str]:
-    """The planted faults that were not found, and what was found where none is."""
+def missed_faults(rows: Sequence[Row]) -> dict[str, str]:
+    """By their scenes the planted faults that were not found, and what was found where none is."""
     by_name = {row.scene: row.findings for row in rows}
     everything = [finding for findings in by_name.values() for finding in findings]
-    missed = []
+    missed = {}
     for name, finding in expected_findings().items():
-        # What all scenes together have left is found behind the last of them.
+        # What all scenes of a lane have left is found behind the last of them.
         found = everything if finding.startswith(LEFT) else by_name[name]
         if finding not in found:
-            missed.append(f"{name}: not found: {finding}")
-    return missed + [
-        f"{FAULTLESS}: {finding}" for finding in by_name[FAULTLESS] if not finding.startswith(LEFT)
-    ]
+            missed[name] = f"not found: {finding}, but {'; '.join(by_name[name]) or 'nothing'}"
+    wrong = [finding for finding in by_name[FAULTLESS] if not finding.startswith(LEFT)]
+    if wrong:
+        missed[FAULTLESS] = "; ".join(wrong)
+    return missed
 
 
 def table(rows: Sequence[Row]) -> str:

@@ -8,7 +8,7 @@ import pytest
 
 import fuzz
 import run_tests
-from installer import paths
+from installer import paths, repeats
 
 NAMES = [fuzzer.name for fuzzer in fuzz.fuzzers()]
 
@@ -28,6 +28,18 @@ def run_made(folder: Path, script: str, monkeypatch) -> fuzz.Result:
     fuzzer = made_fuzzer(folder, script, monkeypatch)
     limits = fuzz.Limits(runs=1000)
     return fuzz.run(fuzzer, limits, folder / "log.txt", folder / "found", folder / "grown")
+
+
+@pytest.mark.parametrize("begins, inputs", [("exit 0", 9), ("exec sleep 60", 0)])
+@pytest.mark.filterwarnings("ignore:once more")
+def test_one_that_hung_before_its_first_word_is_started_again(begins, inputs, monkeypatch, tmp_path):
+    monkeypatch.setattr(fuzz, "USUAL_TIME", 1)
+    monkeypatch.setattr(fuzz, "GRACE", 1)
+    begun = tmp_path / "begun"
+    script = f"[ -e {begun} ] || {{ touch {begun}; exec sleep 60; }}; [ {inputs} = 0 ] || echo '#9 DONE'; {begins}"
+    with repeats.counted(tmp_path / "repeated.txt") as count:
+        result = run_made(tmp_path, script, monkeypatch)
+        assert (result.inputs, bool(result.problem), count()) == (inputs, inputs == 0, 1)
 
 
 def test_every_fuzzer_has_a_name_of_its_own_and_seeds():
@@ -81,12 +93,12 @@ def test_a_finding_or_another_end_fails(script, inputs, found, tmp_path, monkeyp
     result = run_made(tmp_path, script, monkeypatch)
     assert result.inputs == inputs and [file.name for file in result.found] == found
     assert result.problem
-    assert run_tests.judge_fuzzer("core", result).failed == ["./run test core"]
+    assert run_tests.judge_fuzzer("core", result).failed == ["./run test core # fuzz_made"]
 
 
 def test_too_few_inputs_fail(tmp_path, monkeypatch):
     result = run_made(tmp_path, "echo '#3 DONE'", monkeypatch)
-    assert run_tests.judge_fuzzer("core", result).failed == ["./run test core"]
+    assert run_tests.judge_fuzzer("core", result).failed == ["./run test core # fuzz_made"]
 
 
 @pytest.mark.parametrize("script, code", [("echo '#5 DONE'", 0), ("echo >${artifacts}crash-1", 1)])

@@ -11,7 +11,10 @@ from typing import Callable
 
 import pytest
 
+import fuzz
 import run_tests
+from fuzz import Fuzzer, Limits, Result
+from installer import repeats
 from run_tests import (
     PYTEST_ENVIRONMENT,
     ROOT,
@@ -24,7 +27,11 @@ from run_tests import (
     read_google_test_log,
     read_pytest_report,
     read_ring_log,
+    run_aloud,
+    run_to_file,
 )
+
+FUZZER = Fuzzer("made", fuzz.NATIVE)
 
 TWO_PASSED = """\
 [==========] Running 2 tests from 1 test suite.
@@ -191,14 +198,93 @@ def test_ring_logs(log, code, outcome):
     "has_failed, text, passed, failed",
     [
         (True, "ERROR: overflow at 0x10\n", 1, []),
-        (False, "ERROR: overflow at 0x10\n", 0, ["./run test core"]),
-        (True, "ERROR: no memory\n", 0, ["./run test core"]),
-        (True, "", 0, ["./run test core"]),
+        (False, "ERROR: overflow at 0x10\n", 0, ["./run test core # Fault"]),
+        (True, "ERROR: no memory\n", 0, ["./run test core # Fault"]),
+        (True, "", 0, ["./run test core # Fault"]),
     ],
 )
 def test_a_planted_fault_has_to_fail_its_run_and_to_be_reported(has_failed, text, passed, failed):
     outcome = judge_canary("core Fault", has_failed, text, "ERROR: overflow")
     assert (outcome.passed, outcome.failed) == (passed, failed)
+
+
+def in_shell(script: str, run: Callable[..., str], folder: Path, **limits: float) -> tuple[str, str]:
+    """How a script ended, and what it printed."""
+    log = folder / "log.txt"
+    ended = run(["sh", "-c", f"cd '{folder}'; {script}"], log, subprocess.Popen, **limits)
+    return ended, log.read_text()
+
+
+@pytest.mark.parametrize(
+    "script, limit, silence, ended",
+    [
+        ("echo a; exit 3", 30, 30, ("exit code 3", "a\n")),
+        ("for each in 1 2 3 4 5 6; do printf a; sleep 0.5; done", 30, 2.5, ("exit code 0", "aaaaaa")),
+        ("printf a; exec sleep 60", 30, 1, ("silent for 1 s", "a")),
+        ("while :; do printf a; sleep 0.1; done", 1, 30, ("no end within 1 s", None)),
+    ],
+)
+def test_a_program_may_be_silent_for_a_while(script, limit, silence, ended, tmp_path):
+    how, printed = in_shell(script, run_to_file, tmp_path, limit=limit, silence=silence)
+    assert how == ended[0] and printed == (ended[1] or printed) and printed
+
+
+SILENT_AT_FIRST = "if [ -e begun ]; then echo a; else touch begun; exec sleep 60; fi"
+
+
+@pytest.mark.parametrize(
+    "script, ended, repeated",
+    [
+        (SILENT_AT_FIRST, ("exit code 0", "a\n"), 1),
+        ("exec sleep 60", ("silent for 1 s", ""), 1),
+        ("exit 5", ("exit code 5", ""), 0),
+        ("printf a; exec sleep 60", ("silent for 1 s", "a"), 0),
+    ],
+)
+@pytest.mark.filterwarnings("ignore:once more")
+def test_only_a_program_that_hung_before_its_first_word_is_started_again(
+    script, ended, repeated, tmp_path
+):
+    with repeats.counted(tmp_path / "repeated.txt") as count:
+        assert in_shell(script, run_aloud, tmp_path, silence=1) == ended
+        assert count() == repeated
+
+
+@pytest.mark.filterwarnings("ignore:once more")
+def test_a_ring_tells_what_it_did_once_more(monkeypatch, tmp_path, capsys):
+    def ring(arguments: list[str]) -> Outcome:
+        repeats.tell("it hung")
+        return Outcome(1)
+
+    monkeypatch.setattr(run_tests, "RESULTS", tmp_path)
+    monkeypatch.setitem(run_tests.RINGS, "core", ring)
+    assert run_tests.main(["core"]) == 0
+    printed = capsys.readouterr().out
+    assert "once more: it hung\n" in printed and printed.endswith("0 skipped; 1 repeated\n")
+
+
+@pytest.mark.parametrize(
+    "first, second, passed, failed",
+    [
+        (Result(FUZZER, run_tests.FUZZ_LEAST), None, 1, []),
+        (Result(FUZZER, 3), Result(FUZZER, run_tests.FUZZ_LEAST), 1, []),
+        (Result(FUZZER, 3), Result(FUZZER, 4), 0, ["./run test core # fuzz_made"]),
+        (Result(FUZZER, 3, problem="a fault"), None, 0, ["./run test core # fuzz_made"]),
+    ],
+)
+def test_a_fuzzer_on_a_slow_machine_runs_until_it_has_the_least_of_inputs(
+    first, second, passed, failed, monkeypatch
+):
+    runs = []
+
+    def run(fuzzer: Fuzzer, limits: Limits, prefix: None) -> Result:
+        runs.append(limits)
+        return second if len(runs) == 2 else first
+
+    monkeypatch.setattr(run_tests, "_run_fuzzer", run)
+    assert run_tests._fuzz("core", FUZZER, None) == Outcome(passed, failed)
+    expected = [run_tests.FUZZ_LIMITS, Limits(runs=run_tests.FUZZ_LEAST)]
+    assert runs == expected[: 2 if second else 1]
 
 
 @pytest.mark.parametrize(

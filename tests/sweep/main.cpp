@@ -8,6 +8,7 @@
 // from 0. Standard output tells each run when its action is called and when it has ended:
 //
 //     call <tab> number
+//     ended <tab> number
 //     run <tab> number <tab> whether the call was reached <tab> how it ended <tab> what is kept
 //         <tab> what changed <tab> programs started
 //     calls <tab> function <tab> how often, behind a run in which nothing fails
@@ -167,6 +168,8 @@ void Run(const std::wstring& path, const Scene& scene, const FunctionTable& func
     std::printf("\ncall\t%zu\n", number);
     std::fflush(stdout);
     const halvard_runner::Outcome outcome = halvard_runner::CallAction(CallCounted, session);
+    std::printf("\nended\t%zu\n", number);
+    std::fflush(stdout);
     const std::map<std::string, int> kept = WatchedImports::TakeKept();
     if (!WatchedImports::Unknown().empty()) {
         throw std::runtime_error("the table does not know how it fails: " +

@@ -23,7 +23,7 @@ def counted(file: Path) -> Iterator[Callable[[], int]]:
     former = os.environ.get(COUNTED_IN)
     os.environ[COUNTED_IN] = str(file)
     try:
-        yield lambda: len(file.read_text().splitlines())
+        yield lambda: len(reasons(file))
     finally:
         del os.environ[COUNTED_IN]
         if former is not None:
@@ -33,6 +33,11 @@ def counted(file: Path) -> Iterator[Callable[[], int]]:
 def behind(count: int) -> str:
     """What stands behind the last line of a run with so many repeats."""
     return f"; {count} repeated" if count else ""
+
+
+def reasons(counted_in: Path) -> list[str]:
+    """What was said of each, in such a file."""
+    return counted_in.read_text().splitlines()
 
 
 def tell(reason: str) -> None:
