@@ -15,8 +15,8 @@ from dataclasses import dataclass
 from datetime import datetime
 from typing import Callable
 
-from installer import companion, ending, facts, machine, package, page, paths, repeats, report, session
-from installer.facts import Expectation, Report, SessionFacts
+from installer import checking, companion, ending, facts, machine, package, page, paths, repeats, report, session
+from installer.facts import Expectation, PackageCheck, Report, SessionFacts
 from installer.log import ActionDefinition, ActionRun, ExportCall, action_runs, inner_calls
 from installer.machine import Area, Difference, Kind
 from installer.prefix import Prefix
@@ -75,8 +75,13 @@ def _run_demo(repeated: Callable[[], int]) -> int:
     progress.say("making a fresh Wine prefix")
     made = datetime.now().isoformat(timespec="seconds")
     sessions: list[SessionFacts] = []
+    checks: list[PackageCheck] = []
     failure = ""
     try:
+        progress.say("checking the packages")
+        checks += checking.checked([companion_package, newer_package, second_package])
+        for each in checks:
+            _say(f"    {each.package}: {page.severities(each.findings)}")
         try:
             failures = _run_steps(steps, definitions, progress, sessions)
         except session.NothingDone as hanging:
@@ -89,7 +94,7 @@ def _run_demo(repeated: Callable[[], int]) -> int:
         raise
     finally:
         version = package.project_identity().version
-        _write(Report(TITLE, made, version, len(steps), sessions, failure))
+        _write(Report(TITLE, made, version, len(steps), sessions, failure, checks))
     return _conclude(failures, len(steps), repeated())
 
 

@@ -1,9 +1,10 @@
 """Made-up sessions for the tests of the report, with every outcome and every kind of change."""
 
 from collections import Counter
+from typing import Sequence
 
 from installer import paths
-from installer.facts import Expectation, Report, SessionFacts
+from installer.facts import Expectation, Finding, PackageCheck, Report, SessionFacts
 from installer.log import ActionDefinition, ActionRun, Call, Execution
 from installer.machine import Area, Change, Difference, Kind
 from installer.session import SessionResult
@@ -88,7 +89,29 @@ def good_session(title: str = "Install") -> SessionFacts:
     )
 
 
-def report(*sessions: SessionFacts, planned: int | None = None, failure: str = "") -> Report:
+def checks() -> list[PackageCheck]:
+    return [
+        PackageCheck(
+            "Companion.msi",
+            [
+                Finding(
+                    304, "error", "InstallExecuteSequence", "DeletePVFolder", "An action too late.",
+                    "DeletePVFolder behind RemoveFiles", "It finds nothing.", "Schedule it before.",
+                ),
+                Finding(703, "hint", "Binary", "", "No signature.", "", "It warns.", "Sign it."),
+                Finding(107, "hint", "CustomAction", "", "Not called.", "", "It waits.", "Call it."),
+            ],
+        ),
+        PackageCheck("Second.msi", []),
+    ]
+
+
+def report(
+    *sessions: SessionFacts,
+    planned: int | None = None,
+    failure: str = "",
+    checks: Sequence[PackageCheck] = (),
+) -> Report:
     return Report(
         "Installer sessions",
         "2026-11-21T13:01:47",
@@ -96,4 +119,5 @@ def report(*sessions: SessionFacts, planned: int | None = None, failure: str = "
         len(sessions) if planned is None else planned,
         list(sessions),
         failure,
+        list(checks),
     )

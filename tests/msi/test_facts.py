@@ -5,7 +5,7 @@ import re
 import shutil
 
 import pytest
-from report_samples import DATA, HOSTILE, every_outcome, good_session, report, session
+from report_samples import DATA, HOSTILE, checks, every_outcome, good_session, report, session
 
 import demo
 from installer import facts, package, page, paths
@@ -27,6 +27,7 @@ def names(value: object) -> set[str]:
 def test_the_document_tells_the_facts():
     shown = facts.document(report(session(), planned=2))
     (told,) = shown.pop("sessions")
+    assert shown.pop("checks") == []
     assert shown == {
         "format": 1,
         "title": "Installer sessions",
@@ -71,6 +72,22 @@ def test_the_document_tells_the_facts():
         "name": r"HKLM\Software\Zenvo : Mode",
         "before": '"<a>"',
         "after": '"&b;"',
+    }
+
+
+def test_what_the_checks_found_is_in_the_document():
+    first, second = facts.document(report(checks=checks()))["checks"]
+    assert second == {"package": "Second.msi", "findings": []}
+    assert [each["number"] for each in first["findings"]] == [304, 703, 107]
+    assert first["findings"][0] == {
+        "number": 304,
+        "severity": "error",
+        "table": "InstallExecuteSequence",
+        "row": "DeletePVFolder",
+        "rule": "An action too late.",
+        "found": "DeletePVFolder behind RemoveFiles",
+        "why": "It finds nothing.",
+        "remedy": "Schedule it before.",
     }
 
 
@@ -175,7 +192,7 @@ def test_a_demo_that_is_cut_short_tells_what_it_has_and_why(monkeypatch):
 
 def test_the_documentation_names_the_fields_that_there_are():
     documented = re.findall(r"^\| `(\w+)` \|", DOCUMENTATION.read_text(), re.MULTILINE)
-    assert set(documented) == names(facts.document(report(session())))
+    assert set(documented) == names(facts.document(report(session(), checks=checks())))
 
 
 def test_the_documentation_names_the_words_that_outcomes_have():

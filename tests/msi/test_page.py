@@ -10,10 +10,20 @@ from typing import Iterator
 
 import pytest
 from jinja2 import UndefinedError
-from report_samples import DATA, HOSTILE, changes, every_outcome, good_session, report, run, session
+from report_samples import (
+    DATA,
+    HOSTILE,
+    changes,
+    checks,
+    every_outcome,
+    good_session,
+    report,
+    run,
+    session,
+)
 
 from installer import page
-from installer.facts import Expectation, Report, SessionFacts
+from installer.facts import Expectation, Finding, PackageCheck, Report, SessionFacts
 from installer.log import ActionRun, Outcome
 from installer.machine import Area, Change, Difference, Kind
 from installer.page import visible
@@ -169,9 +179,32 @@ def test_no_text_of_the_facts_becomes_markup():
         expectations=[Expectation(text, text, "else"), Expectation(text, text, text)],
     )
     hostile.result.arguments.append(text)
+    checks = [PackageCheck(text, [Finding(1, text, text, text, text, text, text, text)])]
     places = ["failure", "title", "title", "argument", "note", "what", "expected", "what", "came"]
     places += ["name", "data", "line", "told", "item", "before", "after", "noise"]
-    assert tree(hostile, planned=2, failure=text).text.count(visible(text)) == len(places)
+    places += ["package", "sum", "severity", "table", "row", "rule", "found", "why", "remedy"]
+    document = tree(hostile, planned=2, failure=text, checks=checks)
+    assert document.text.count(visible(text)) == len(places)
+
+
+def test_what_the_checks_found_stands_before_the_sessions():
+    document = tree(session(), checks=checks())
+    first, second = document.one("main").one("section").all("details")
+    assert first.one("summary").text.strip() == "Companion.msi: 1 error, 2 hints"
+    assert second.one("summary").text.strip() == "Second.msi: nothing found"
+    error, hint, _ = first.all("div", "finding")
+    assert error.one("p").text == (
+        "error 304, InstallExecuteSequence, DeletePVFolder: An action too late."
+    )
+    assert {term: node.text for term, node in facts_of(error).items()} == {
+        "Found": "DeletePVFolder behind RemoveFiles",
+        "Why": "It finds nothing.",
+        "Do": "Schedule it before.",
+    }
+    assert hint.one("p").text == "hint 703, Binary: No signature."
+    assert list(facts_of(hint)) == ["Why", "Do"]
+    assert "#packages" in [node.attributes.get("href") for node in document.all("a")]
+    assert "checked" not in tree(session()).text
 
 
 class Without:
@@ -190,7 +223,7 @@ class Without:
     "kind, missing",
     [
         (kind, each.name)
-        for kind in (Report, SessionFacts, ActionRun, Change, Expectation)
+        for kind in (Report, PackageCheck, Finding, SessionFacts, ActionRun, Change, Expectation)
         for each in fields(kind)
     ],
     ids=lambda value: value if isinstance(value, str) else value.__name__,
@@ -205,7 +238,11 @@ def test_a_missing_field_is_an_error_and_no_empty_text(kind, missing):
             difference=Difference([lacking(each) for each in changes()]),
             expectations=[lacking(each) for each in session().expectations],
         )
-        return page.page(lacking(report(lacking(given), planned=2)))
+        shown = [
+            lacking(PackageCheck(each.package, [lacking(finding) for finding in each.findings]))
+            for each in checks()
+        ]
+        return page.page(lacking(report(lacking(given), planned=2, checks=shown)))
 
     assert shown("what is never asked for")
     with pytest.raises((UndefinedError, AttributeError, TypeError)):

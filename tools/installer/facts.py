@@ -4,7 +4,7 @@ Pure: nothing here looks at a machine or a file. `document` gives the facts as t
 report.json; docs/demo-report.md names its fields.
 """
 
-from dataclasses import dataclass, field
+from dataclasses import asdict, dataclass, field
 from typing import Any
 
 from installer import paths
@@ -27,6 +27,28 @@ class Expectation:
     @property
     def met(self) -> bool:
         return self.expected == self.came
+
+
+@dataclass(frozen=True)
+class Finding:
+    """What a rule says of a package; `found` and `row` are empty where the table says it all."""
+
+    number: int
+    severity: str
+    table: str
+    row: str
+    rule: str
+    found: str
+    why: str
+    remedy: str
+
+
+@dataclass(frozen=True)
+class PackageCheck:
+    """What `halvard_run --check` says of a package, which is named by its file."""
+
+    package: str
+    findings: list[Finding]
 
 
 @dataclass(frozen=True)
@@ -71,7 +93,7 @@ class SessionFacts:
 
 @dataclass(frozen=True)
 class Report:
-    """Sessions in the order of their runs.
+    """Sessions in the order of their runs, and the packages that they are about.
 
     `made` is a date and time in ISO 8601; `planned` is the number of sessions that there should be,
     and `failure` says what kept the others from their end, where that is known.
@@ -83,6 +105,7 @@ class Report:
     planned: int
     sessions: list[SessionFacts]
     failure: str = ""
+    checks: list[PackageCheck] = field(default_factory=list)
 
     @property
     def complete(self) -> bool:
@@ -103,7 +126,15 @@ def document(report: Report) -> dict[str, Any]:
         "planned_sessions": report.planned,
         "failure": report.failure,
         "as_expected": report.as_expected,
+        "checks": [_check(check) for check in report.checks],
         "sessions": [_session(session) for session in report.sessions],
+    }
+
+
+def _check(check: PackageCheck) -> dict[str, Any]:
+    return {
+        "package": check.package,
+        "findings": [asdict(finding) for finding in check.findings],
     }
 
 

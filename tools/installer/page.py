@@ -9,6 +9,7 @@ import base64
 import hashlib
 import math
 import re
+from collections import Counter
 from dataclasses import dataclass
 from functools import cache
 from pathlib import Path
@@ -18,7 +19,7 @@ from jinja2 import Environment, FileSystemLoader, StrictUndefined, Template
 from markupsafe import Markup
 
 from installer import paths
-from installer.facts import Report, SessionFacts
+from installer.facts import Finding, Report, SessionFacts
 from installer.log import ActionRun, Call, Outcome
 from installer.machine import Area, Change, Difference, Kind
 from installer.session import shown_exit_code
@@ -161,6 +162,12 @@ def _kinds(changes: Sequence[Change]) -> str:
     return ", ".join(f"{kinds.count(kind)} {kind.value}" for kind in Kind if kind in kinds)
 
 
+def severities(findings: Sequence[Finding]) -> str:
+    counts = Counter(finding.severity for finding in findings)
+    told = [f"{number} {severity}{'' if number == 1 else 's'}" for severity, number in counts.items()]
+    return ", ".join(told) or "nothing found"
+
+
 def _seconds(session: SessionFacts) -> str:
     return f"{session.result.seconds:.1f} s"
 
@@ -222,6 +229,7 @@ def _template() -> Template:
         time=_time,
         by_area=_by_area,
         kinds=_kinds,
+        severities=severities,
         words=_WORDS.split,
         items=_ITEMS.split,
         count=_count,
