@@ -377,4 +377,4 @@ def test_a_signal_interrupts_both_parts(endless_parts, tmp_path):
 def test_what_has_to_pass_before_a_change_is_taken():
     script = (ROOT / ".ci/run").read_text()
     words = re.findall(r"^\./run (.*)$", script, re.MULTILINE)
-    assert words == ["test --no-skips", "lint", "coverage", "demo"] and "set -eu" in script
+    assert words == ["test --no-skips", "lint", "coverage", "sweep", "demo"] and "set -eu" in script
