@@ -252,6 +252,8 @@ def runner_row(action: Action) -> str:
         ),
         braced(map(wide, action.exceptions)),
         wide(plain(action.throws)),
+        wide(action.undone_by),
+        cpp(bool(action.as_user)),
     ]
     return "        {" + ",\n         ".join(fields) + "},\n"
 

@@ -155,7 +155,7 @@ def test_version_resource_tells_what_the_project_says(file):
         "FileDescription": (
             re.search(r'DESCRIPTION "(.*)"', lists)[1]
             if file == paths.LIBRARY
-            else "Calls one action of Halvard_CA without a package"
+            else "Tries actions of Halvard_CA, checks packages and asks machines"
         ),
         "FileVersion": re.search(r"VERSION (\d+\.\d+\.\d+)\n", lists)[1],
         "LegalCopyright": "Copyright (C) " + re.search(r'HALVARD_COMPANY "(.*)"', lists)[1],

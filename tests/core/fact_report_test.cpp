@@ -4,6 +4,7 @@
 
 #include <set>
 
+using halvard_runner::AnswerText;
 using halvard_runner::AskedSystem;
 using halvard_runner::ExitOf;
 using halvard_runner::FactJson;
@@ -11,6 +12,7 @@ using halvard_runner::FactResult;
 using halvard_runner::FactTable;
 using halvard_runner::FactText;
 using halvard_runner::FactTexts;
+using halvard_runner::TakeAnswer;
 using halvard_runner::Verdict;
 using halvard_runner::VerdictOf;
 using halvard_runner::VerifyExit;
@@ -51,9 +53,33 @@ TEST(FactVerdict, AgreesWithEachOutcomeOfWindows) {
 }
 
 TEST(FactExit, TellsFirstOfWhatIsLeft) {
-    EXPECT_EQ(ExitOf({Found(L"5"), NotFound(L"no right")}, {}), VerifyExit::AllAgree);
+    EXPECT_EQ(ExitOf({Found(L"5"), NotFound(L"no right")}, {}), VerifyExit::NoneDiffers);
     EXPECT_EQ(ExitOf({Found(L"5"), Found(L"3")}, {}), VerifyExit::SomeDiffer);
     EXPECT_EQ(ExitOf({Found(L"3")}, {L"a folder"}), VerifyExit::SomethingIsLeft);
+    EXPECT_EQ(ExitOf({NotFound(L"no right")}, {L"a folder"}), VerifyExit::SomethingIsLeft);
+}
+
+TEST(FactExit, TellsThatNothingCouldBeAsked) {
+    EXPECT_EQ(ExitOf({NotFound(L"no right"), NotFound(L"")}, {}), VerifyExit::NotCarriedOut);
+    EXPECT_EQ(ExitOf({}, {}), VerifyExit::NotCarriedOut);
+}
+
+TEST(FactAnswer, IsTakenAsItWasToldOf) {
+    for (const FactResult& told : {Found(L"5"), Found(L"-"), NotFound(L"no right")}) {
+        FactResult taken = Found(L"");
+        TakeAnswer(AnswerText(told), taken);
+        EXPECT_EQ(taken.outcome, told.outcome);
+        EXPECT_EQ(taken.why, told.why);
+    }
+}
+
+TEST(FactAnswer, MayBeNone) {
+    for (const wchar_t* const answer : {L"", L"+", L"-", L"5"}) {
+        FactResult taken = Found(L"");
+        TakeAnswer(answer, taken);
+        EXPECT_EQ(taken.outcome, L"");
+        EXPECT_EQ(taken.why, L"it told nothing");
+    }
 }
 
 TEST(FactTable, ExplainsWhatDoesNotAgree) {

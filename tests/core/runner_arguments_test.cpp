@@ -131,6 +131,7 @@ TEST(WantsCheck, SeesTheOptionInBothForms) {
     EXPECT_TRUE(WantsCheck({L"--json", L"--check"}));
     EXPECT_TRUE(WantsCheck({L"--check=a"}));
     EXPECT_FALSE(WantsCheck({L"LaunchPV", L"A=--check"}));
+    EXPECT_FALSE(WantsCheck({L"LaunchPV", L"--checked"}));
 }
 
 TEST(ParseArguments, RefusesMalformedProperties) {
@@ -164,8 +165,9 @@ TEST(HelpText, TellsEveryExitCode) {
     for (const ExitCode code :
          {ExitCode::Success, ExitCode::OtherResult, ExitCode::WrongArguments, ExitCode::NoLibrary,
           ExitCode::NoSuchAction, ExitCode::NoSession, ExitCode::Exception, ExitCode::OverTheLimit,
-          ExitCode::NotWritten}) {
-        const std::wstring line = L"\n  " + std::to_wstring(static_cast<int>(code)) + L"   ";
+          ExitCode::NotWritten, ExitCode::RunnerFailed}) {
+        std::wstring line = L"\n  " + std::to_wstring(static_cast<int>(code));
+        line.resize(7, L' ');
         EXPECT_NE(help.find(line), std::wstring::npos) << static_cast<int>(code);
         const std::wstring member =
             L"{\"code\": " + std::to_wstring(static_cast<int>(code)) + L", ";

@@ -292,6 +292,11 @@ const std::vector<Broken>& AllBroken() {
          [](P p) {
              Action(p, L"SetUnregisterDLL").target = L"InstallDir=C:\\A;DLLName=Server.dll";
          }},
+        {209, L"SetUnregisterDLL",
+         [](P p) {
+             Action(p, L"SetUnregisterDLL").target =
+                 L"InstallDir=[PartFolder][#Server];DLLName=Server.dll";
+         }},
         {301, L"DelInstallProxyKey",
          [](P p) {
              InSequence(p, L"DelInstallProxyKey").number = 1490;
@@ -324,7 +329,7 @@ const std::vector<Broken>& AllBroken() {
          }},
         {306, L"ShutDownDVR",
          [](P p) {
-             InSequence(p, L"ShutDownDVR").number = 1995;
+             InSequence(p, L"ShutDownDVR").number = 1675;
          }},
         {306, L"TerminatePivotApp",
          [](P p) {
@@ -482,6 +487,13 @@ TEST(Check, FindsNothingInWhatAPackageMayDoOtherwise) {
             p.properties[L"LaunchInstallProxyPV"] = L"C:\\A;B";
         },
         [](P p) { Action(p, L"SetUnregisterDLL").target = L"InstallDir=C:\\A\\;DLLName=a.dll;"; },
+        // Neither files nor components nor the environment are properties, and a component stands
+        // for its directory.
+        [](P p) { Action(p, L"SetUnregisterDLL").target = L"InstallDir=[$SERVER];DLLName=a.dll"; },
+        [](P p) {
+            Action(p, L"SetPostInstallUPA").target =
+                L"TaskName=Task;CommandToLaunch=[#TOOL][!TOOL][%TOOLS][~][\\[];Username=x";
+        },
         [](P p) {
             p.serviceControls.push_back({L"TeloLauncher", 0x2});
             LeaveOut(p, L"StopAgent");
@@ -572,9 +584,10 @@ TEST(CheckReport, TellsAScript) {
 }
 
 TEST(CheckReport, TellsTheWorstByTheExitCode) {
+    using halvard_runner::CheckExit;
     using halvard_runner::CheckExitCode;
-    EXPECT_EQ(CheckExitCode({}), 0);
-    EXPECT_EQ(CheckExitCode({{703, L"", L"", L""}}), 0);
-    EXPECT_EQ(CheckExitCode({{703, L"", L"", L""}, {702, L"", L"", L""}}), 1);
-    EXPECT_EQ(CheckExitCode({{702, L"", L"", L""}, {701, L"", L"", L""}}), 2);
+    EXPECT_EQ(CheckExitCode({}), CheckExit::NoFindings);
+    EXPECT_EQ(CheckExitCode({{703, L"", L"", L""}}), CheckExit::NoFindings);
+    EXPECT_EQ(CheckExitCode({{703, L"", L"", L""}, {702, L"", L"", L""}}), CheckExit::Warnings);
+    EXPECT_EQ(CheckExitCode({{702, L"", L"", L""}, {701, L"", L"", L""}}), CheckExit::Errors);
 }

@@ -36,6 +36,13 @@ TEST(Condition, ComparesTexts) {
                           L"Text>>\"c\"", L"Installed", L"\"\"", L"NOT Path >< \";\""});
 }
 
+TEST(Condition, TakesANumberAndATextThatIsNoneForDifferent) {
+    Expect(Truth::True, {L"Text<>5", L"5<>Text", L"Installed<>0", L"\"b\"<>5", L"Text~<>5"});
+    Expect(Truth::False,
+           {L"Text=5", L"Text>5", L"Text<5", L"Text>=5", L"Installed<5", L"Installed<=0",
+            L"5>Installed", L"Text><5", L"Text<<5", L"Text>>5", L"\"b\">5", L"5<\"b\""});
+}
+
 TEST(Condition, JoinsWhatIsKnown) {
     Expect(Truth::True, {L"", L" ", L"NOT Installed", L"not Installed", L"NOT NOT Text",
                          L"Text AND REMOVE=\"ALL\"", L"Installed OR Text", L"Installed XOR Text",

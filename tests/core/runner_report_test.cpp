@@ -212,6 +212,6 @@ TEST(VersionJson, TellsProgramAndVersion) {
 }
 
 TEST(ErrorJson, HoldsTextAndExitCode) {
-    EXPECT_EQ(halvard_runner::ErrorJson({ExitCode::NoSuchAction, L"no \"X\""}),
+    EXPECT_EQ(halvard_runner::ErrorJson(L"no \"X\"", 5),
               L"{\"error\": \"no \\\"X\\\"\", \"exit_code\": 5}\n");
 }

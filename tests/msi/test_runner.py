@@ -24,7 +24,7 @@ LIBRARY = ("--dll", paths.windows_path(paths.FAULT_ACTIONS))
 LIMIT = 60.0
 
 SUCCESS, OTHER_RESULT, WRONG_ARGUMENTS, NO_LIBRARY, NO_ACTION, NO_SESSION = 0, 1, 2, 4, 5, 6
-EXCEPTION, OVER_THE_LIMIT, NOT_WRITTEN = 7, 8, 9
+EXCEPTION, OVER_THE_LIMIT, NOT_WRITTEN, RUNNER_FAILED = 7, 8, 9, 10
 DURATION = re.compile(r"^duration    \d+\.\d ms\n\Z", re.MULTILINE)
 PIVOT_KEY = r"HKLM\SOFTWARE\Qorta Technologies\Install\Pivot"
 
@@ -138,7 +138,8 @@ def test_the_actions_are_listed_for_scripts(call):
 
 def test_one_action_is_told_of(call):
     (facts,) = [each for each in actions.actions() if each.name == "UnregisterDLL"]
-    assert call("UnregisterDLL", "--help", "--json").json == told_of(facts)
+    expected = told_of(facts) | {"exit_code": SUCCESS}
+    assert call("UnregisterDLL", "--help", "--json").json == expected
     done = call("UnregisterDLL", "-h")
     assert (done.code, done.errors) == (SUCCESS, "")
     assert done.output.startswith("UnregisterDLL\n    Unregisters a COM server.\n\n")
@@ -488,6 +489,29 @@ def test_a_full_disk_is_noticed(prefix, tmp_path, command, json_wanted):
     assert "not all could be written: Win32 error 112" in errors.read_text()
 
 
+@pytest.mark.parametrize("words", [["list"], ["--json", "list"]])
+def test_a_reader_that_has_gone_is_no_failure_of_the_program(prefix, tmp_path, words):
+    read_end, write_end = os.pipe()
+    os.close(read_end)
+    errors = tmp_path / "errors"
+    with errors.open("wb") as told:
+        process = prefix.start(paths.RUNNER, *words, stdout=write_end, stderr=told)
+        os.close(write_end)
+        assert process.wait(LIMIT) == SUCCESS
+    assert errors.read_text() == ""
+
+
+def test_there_is_an_answer_also_without_memory(call):
+    library = ("--dll", paths.windows_path(paths.STARVING_LIBRARY))
+    text = "halvard_run itself failed, as for want of memory"
+    plain = call("list", *library)
+    assert plain.errors == f"halvard_run: {text}\n"
+    assert (plain.code, plain.output) == (RUNNER_FAILED, "")
+    scripted = call("list", "--json", *library)
+    assert scripted.code == RUNNER_FAILED
+    assert scripted.json == {"error": text, "exit_code": RUNNER_FAILED}
+
+
 @pytest.mark.parametrize(
     "arguments, code, text",
     [
@@ -532,12 +556,12 @@ def test_the_help_tells_the_exit_codes(call, option):
     done = call(option)
     assert (done.code, done.errors) == (SUCCESS, "")
     assert "halvard_run ACTION [Property=Value...]" in done.output
-    listed = re.findall(r"^  (\d)   ", done.output, re.MULTILINE)
+    listed = re.findall(r"^  (\d+) {2,3}\w", done.output, re.MULTILINE)
     assert [int(code) for code in listed] == [
         SUCCESS, OTHER_RESULT, WRONG_ARGUMENTS, NO_LIBRARY, NO_ACTION, NO_SESSION, EXCEPTION,
-        OVER_THE_LIMIT, NOT_WRITTEN,
+        OVER_THE_LIMIT, NOT_WRITTEN, RUNNER_FAILED,
     ]
-    documented = re.findall(r"^\| (\d) \| ", (paths.ROOT / "docs/development.md").read_text(), re.MULTILINE)
+    documented = re.findall(r"^\| (\d+) \| ", (paths.ROOT / "docs/development.md").read_text(), re.MULTILINE)
     assert documented == listed
     told = call(option, "--json").json
     assert told["help"] == done.output

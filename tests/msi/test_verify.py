@@ -1,12 +1,16 @@
 """halvard_run --verify and --verify-installer: what every fact comes to here, and that nothing is left."""
 
 import json
+import os
 import re
+import shutil
+import signal
 import tempfile
-from contextlib import contextmanager
-from dataclasses import dataclass
+import time
+from contextlib import contextmanager, suppress
+from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Iterator
+from typing import Callable, Iterator
 
 import pytest
 
@@ -14,13 +18,14 @@ from installer import machine, paths, verified
 from installer.machine import Snapshot
 from installer.prefix import Prefix
 from installer.verified import Fact
+from processes import running_in
 
 ALL = verified.facts()
 FACTS = [fact for fact in ALL if fact.subject != verified.INSTALLER]
 INSTALLER_FACTS = [fact for fact in ALL if fact.subject == verified.INSTALLER]
 # Seconds, on a machine that is busy with other tests.
 LIMIT = 400.0
-SOME_DIFFER, WRONG_ARGUMENTS, NOT_CARRIED_OUT = 1, 2, 21
+SOME_DIFFER, WRONG_ARGUMENTS, SOMETHING_IS_LEFT, NOT_CARRIED_OUT = 1, 2, 20, 21
 
 
 @dataclass
@@ -32,13 +37,23 @@ class Run:
     errors: str
 
 
-def run(prefix: Prefix, *arguments: str, answer: bytes = b"") -> Run:
+def run(
+    prefix: Prefix,
+    *arguments: str,
+    answer: bytes = b"",
+    program: str | Path = paths.RUNNER,
+    meanwhile: Callable[[], object] | None = None,
+) -> Run:
+    """Runs the program to its end; `meanwhile` is called again and again until then."""
     with tempfile.TemporaryDirectory() as folder:
         typed, output, errors = (Path(folder) / name for name in ("typed", "output", "errors"))
         typed.write_bytes(answer)
         with typed.open("rb") as stdin, output.open("wb") as stdout, errors.open("wb") as stderr:
-            process = prefix.start(paths.RUNNER, *arguments, stdin=stdin, stdout=stdout, stderr=stderr)
+            process = prefix.start(program, *arguments, stdin=stdin, stdout=stdout, stderr=stderr)
             try:
+                end = time.monotonic() + LIMIT
+                while meanwhile and process.poll() is None and time.monotonic() < end:
+                    meanwhile()
                 code = process.wait(LIMIT)
             finally:
                 process.kill()
@@ -154,6 +169,8 @@ def test_it_has_a_help_of_its_own(asked, word):
     done = run(asked.prefix, word, "--help")
     assert (done.code, done.errors) == (0, "")
     assert "halvard_run --verify-installer [--yes]" in done.output
+    scripted = run(asked.prefix, word, "--help", "--json")
+    assert json.loads(scripted.output) == {"help": done.output, "exit_code": 0}
 
 
 @pytest.mark.parametrize("answer", [b"no\r\n", b"\r\n", b""])
@@ -190,3 +207,107 @@ def test_durations_and_places_are_told_with_what_they_were_read_from(installed):
 
 def test_nothing_of_the_installations_is_left(installed):
     check_nothing_is_left(installed)
+
+
+def copied_runner(prefix: Prefix) -> Path:
+    """The program and the library once more, at t:\\runner, where they can be taken away."""
+    folder = prefix.throwaway / "runner"
+    folder.mkdir()
+    for file in (paths.RUNNER, paths.LIBRARY):
+        shutil.copy(file, folder)
+    return folder / paths.RUNNER.name
+
+
+COPIED_RUNNER = rf"t:\runner\{paths.RUNNER.name}"
+
+
+@dataclass
+class Disturbance:
+    """Ends what works on one of the facts, and takes the program away before the last ones."""
+
+    prefix: Prefix
+    program: Path
+    session_files: set[str] = field(default_factory=set)
+
+    def __call__(self) -> None:
+        if self.tasks():
+            self._end(" fact change-of-user-task ")
+        for folder in self.prefix.temporary_folders():
+            self.session_files |= {file.name for file in folder.glob("hrn*")}
+            if any(folder.glob("halvard_verify_*/line-of-2000.result")):
+                self.program.unlink(missing_ok=True)
+
+    def tasks(self) -> list[Path]:
+        return list(self.prefix.host_path(r"C:\windows\system32\tasks").glob("halvard_verify_*"))
+
+    def _end(self, words: str) -> None:
+        for process, line in running_in(self.prefix.path):
+            if words in line:
+                with suppress(ProcessLookupError):
+                    os.kill(process, signal.SIGKILL)
+
+
+@dataclass
+class Disturbed:
+    disturbance: Disturbance
+    code: int
+    told: dict
+
+    def fact(self, name: str) -> dict:
+        (told,) = [each for each in self.told["facts"] if each["name"] == name]
+        return told
+
+
+@pytest.fixture(scope="module")
+def disturbed() -> Iterator[Disturbed]:
+    with Prefix("prefix-msi-verify-disturbed") as prefix:
+        disturbance = Disturbance(prefix, copied_runner(prefix))
+        done = run(prefix, "--verify", "--json", program=COPIED_RUNNER, meanwhile=disturbance)
+        yield Disturbed(disturbance, done.code, json.loads(done.output))
+
+
+def test_a_fact_that_cannot_be_asked_keeps_no_other_from_being_told(disturbed):
+    assert [fact["name"] for fact in disturbed.told["facts"]] == [fact.name for fact in FACTS]
+    assert disturbed.code == disturbed.told["exit_code"] == SOME_DIFFER
+    last = disturbed.told["facts"][-1]
+    assert last["here"] is None and re.fullmatch(r"starting .* failed with \d+", last["why"])
+
+
+def test_the_task_of_a_fact_that_was_ended_is_removed(disturbed):
+    assert disturbed.fact("change-of-user-task")["here"] == "ends its process"
+    assert disturbed.told["left_behind"] == []
+    assert disturbed.disturbance.tasks() == []
+
+
+def test_the_sessions_lie_in_the_scratch_folder(disturbed):
+    assert disturbed.disturbance.session_files == set()
+
+
+def test_what_installations_that_break_off_have_left_is_named():
+    with Prefix("prefix-msi-verify-broken-off") as prefix:
+        program = copied_runner(prefix)
+        programs = prefix.host_path(r"C:\Program Files")
+
+        def take_the_program_away() -> None:
+            if any(programs.glob("Halvard verify *")):
+                program.unlink(missing_ok=True)
+
+        arguments = ("--verify-installer", "--yes", "--json")
+        done = run(prefix, *arguments, program=COPIED_RUNNER, meanwhile=take_the_program_away)
+        told = json.loads(done.output)
+        assert done.code == told["exit_code"] == SOMETHING_IS_LEFT
+        (product,) = told["left_behind"]
+        assert re.fullmatch(r"the product \{[0-9A-F-]{36}\}", product)
+        assert [fact["name"] for fact in told["facts"]] == [fact.name for fact in INSTALLER_FACTS]
+        for fact in told["facts"]:
+            assert fact["here"] is None and fact["why"].startswith("starting ")
+
+
+def test_a_package_that_cannot_be_made_answers_nothing():
+    with Prefix("prefix-msi-verify-no-package") as prefix:
+        copied_runner(prefix).with_name(paths.LIBRARY.name).unlink()
+        done = run(prefix, "--verify-installer", "--yes", "--json", program=COPIED_RUNNER)
+        told = json.loads(done.output)
+        assert done.code == told["exit_code"] == NOT_CARRIED_OUT
+        assert told["left_behind"] == [] and told["cannot_be_asked"] == len(INSTALLER_FACTS)
+        assert all("Halvard_CA.dll" in fact["why"] for fact in told["facts"])

@@ -28,6 +28,7 @@ STAND_INS = {
 }
 # A library for tests of the runner, whose actions end in every way.
 FAULT_ACTIONS = PROGRAMS / "tests/support/fault_actions.dll"
+STARVING_LIBRARY = PROGRAMS / "tests/support/starving.dll"
 MAKE_PREFIX = ROOT / "tests/support/make_prefix.sh"
 
 PACKAGE_SOURCES = ROOT / "package"

@@ -111,7 +111,9 @@ std::wstring ActionPage(const ActionFacts& facts) {
 }
 
 std::wstring ActionPageJson(const ActionFacts& facts) {
-    return JsonObject(FactMembers(facts)) + L"\n";
+    JsonMembers members = FactMembers(facts);
+    members.emplace_back(L"exit_code", L"0");
+    return JsonObject(members) + L"\n";
 }
 
 std::wstring ListLines(const std::vector<std::wstring>& actions) {

@@ -52,6 +52,10 @@ struct ActionFacts {
     std::vector<ActionResult> results;
     std::vector<std::wstring> exceptions;
     std::wstring throws;
+    /// The action that takes back what this one does; empty without one.
+    std::wstring undoneBy;
+    /// Whether a package may have it once more, with the rights of the user who installs.
+    bool asUserToo;
 };
 
 /// In the order of the reference.

@@ -67,7 +67,8 @@ or that crashed, the limit. What it has started and left running stays, but for
 the limit.
 
 Exit codes of --check: 0 no finding but hints, 1 warnings, 2 errors, 4 nothing
-was checked: the package cannot be read, or the arguments are wrong.
+was checked: the package cannot be read, or the arguments are wrong; 9 and 10 as
+below.
 
 Exit codes:
 )";
@@ -82,6 +83,7 @@ constexpr ExitMeaning kExitMeanings[] = {
     {ExitCode::Exception, L"the action ended without a result: exception, abort, crash"},
     {ExitCode::OverTheLimit, L"the action did not end within the limit"},
     {ExitCode::NotWritten, L"something could not be written to standard output"},
+    {ExitCode::RunnerFailed, L"this program itself failed, as for want of memory"},
 };
 
 constexpr std::uint32_t kGreatestLimit = 1000000;
@@ -194,15 +196,21 @@ bool TakeLimit(const std::vector<std::wstring>& arguments, std::size_t& position
     return true;
 }
 
-bool TakeCheck(const std::vector<std::wstring>& arguments, std::size_t& position,
-               Arguments& parsed) {
-    if (const std::optional<std::wstring> package = TakeOption(arguments, position, kCheck)) {
-        if (package->empty() || package->rfind(L"--", 0) == 0 || !parsed.package.empty()) {
-            Refuse(L"--check needs the path of one package");
-        }
-        parsed.package = *package;
-        return true;
+bool TakePackage(const std::vector<std::wstring>& arguments, std::size_t& position,
+                 Arguments& parsed) {
+    const std::optional<std::wstring> package = TakeOption(arguments, position, kCheck);
+    if (!package) {
+        return false;
     }
+    if (package->empty() || package->rfind(L"--", 0) == 0 || !parsed.package.empty()) {
+        Refuse(L"--check needs the path of one package");
+    }
+    parsed.package = *package;
+    return true;
+}
+
+bool TakeSkipped(const std::vector<std::wstring>& arguments, std::size_t& position,
+                 Arguments& parsed) {
     const std::optional<std::wstring> numbers = TakeOption(arguments, position, L"--skip");
     if (!numbers) {
         return false;
@@ -266,7 +274,8 @@ Arguments ParseArguments(const std::vector<std::wstring>& arguments) {
     for (std::size_t position = 0; position < arguments.size(); ++position) {
         const std::wstring& argument = arguments[position];
         if (argument == L"--json" || TakeLibrary(arguments, position, parsed) ||
-            TakeLimit(arguments, position, parsed) || TakeCheck(arguments, position, parsed)) {
+            TakeLimit(arguments, position, parsed) || TakePackage(arguments, position, parsed) ||
+            TakeSkipped(arguments, position, parsed)) {
             continue;
         }
         if (argument == L"--quotes") {
@@ -308,8 +317,9 @@ Arguments ParseArguments(const std::vector<std::wstring>& arguments) {
 }
 
 bool WantsCheck(const std::vector<std::wstring>& arguments) {
-    return std::any_of(arguments.begin(), arguments.end(),
-                       [](const std::wstring& argument) { return argument.rfind(kCheck, 0) == 0; });
+    return std::any_of(arguments.begin(), arguments.end(), [](const std::wstring& argument) {
+        return argument == kCheck || argument.rfind(kCheck + std::wstring(L"="), 0) == 0;
+    });
 }
 
 bool WantsJson(const std::vector<std::wstring>& arguments) {
@@ -325,7 +335,9 @@ bool WantsJson(const std::vector<std::wstring>& arguments) {
 std::wstring HelpText() {
     std::wstring text = kHelp;
     for (const ExitMeaning& exit : kExitMeanings) {
-        text += L"  " + std::to_wstring(static_cast<int>(exit.code)) + L"   " + exit.means + L"\n";
+        std::wstring code = std::to_wstring(static_cast<int>(exit.code));
+        code.resize(4, L' ');
+        text += L"  " + code + exit.means + L"\n";
     }
     return text;
 }

@@ -4,8 +4,6 @@
 #include "text_output.h"
 
 #include <msiquery.h>
-#include <msidefs.h>
-#include <wtypes.h>
 
 #include <utility>
 
@@ -30,53 +28,25 @@ constexpr const wchar_t* kStatements[] = {
     L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('ProductLanguage', '1033')",
     L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('Manufacturer', 'halvard_run')",
 };
-constexpr const wchar_t* kPlatformAndLanguage = L"x64;1033";
 constexpr const wchar_t* kPackageCode = L"{E2B94C71-3A05-4D88-B6F9-71C25D08AE43}";
-// The least version of the engine, times 100, that takes 64-bit packages.
-constexpr int kEngineVersion = 200;
 constexpr int kCompressedSource = 2;
 
-void Check(UINT status, const std::wstring& what) {
+void RequireSession(UINT status, const std::wstring& what) {
     if (status != ERROR_SUCCESS) {
         throw RunnerError(ExitCode::NoSession, what + L": " + ErrorText(status));
     }
 }
 
-void Execute(MSIHANDLE database, const wchar_t* statement) {
-    InstallerHandle view;
-    Check(MsiDatabaseOpenViewW(database, statement, view.Receive()), statement);
-    Check(MsiViewExecute(view.Get(), 0), statement);
-}
-
-void WriteSummary(MSIHANDLE database) {
-    constexpr UINT kProperties = 4;
-    const wchar_t* const what = L"the package's summary cannot be written";
-    InstallerHandle summary;
-    Check(MsiGetSummaryInformationW(database, nullptr, kProperties, summary.Receive()), what);
-    const auto setText = [&](UINT property, const wchar_t* text) {
-        Check(MsiSummaryInfoSetPropertyW(summary.Get(), property, VT_LPSTR, 0, nullptr, text),
-              what);
-    };
-    const auto setNumber = [&](UINT property, int number) {
-        Check(MsiSummaryInfoSetPropertyW(summary.Get(), property, VT_I4, number, nullptr, nullptr),
-              what);
-    };
-    setText(PID_TEMPLATE, kPlatformAndLanguage);
-    setText(PID_REVNUMBER, kPackageCode);
-    setNumber(PID_PAGECOUNT, kEngineVersion);
-    setNumber(PID_WORDCOUNT, kCompressedSource);
-    Check(MsiSummaryInfoPersist(summary.Get()), what);
-}
-
 void WritePackage(const std::wstring& path) {
     InstallerHandle database;
-    Check(MsiOpenDatabaseW(path.c_str(), MSIDBOPEN_CREATE, database.Receive()),
-          L"no package can be made at " + path);
+    RequireSession(MsiOpenDatabaseW(path.c_str(), MSIDBOPEN_CREATE, database.Receive()),
+                   L"no package can be made at " + path);
     for (const wchar_t* const statement : kStatements) {
-        Execute(database.Get(), statement);
+        RequireSession(Execute(database.Get(), statement), statement);
     }
-    WriteSummary(database.Get());
-    Check(MsiDatabaseCommit(database.Get()), L"the package cannot be written to " + path);
+    RequireSession(WriteSummary(database.Get(), kPackageCode, kCompressedSource),
+                   L"the package's summary cannot be written");
+    RequireSession(MsiDatabaseCommit(database.Get()), L"the package cannot be written to " + path);
 }
 
 int WINAPI Receive(void* context, UINT type, const wchar_t* text) {
@@ -106,8 +76,9 @@ BareSession::BareSession(Receiver receiver, const std::wstring& package)
     const std::wstring& path = package.empty() ? ownPackage_.emplace().Path() : package;
     WritePackage(path);
     MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
-    Check(MsiOpenPackageExW(path.c_str(), MSIOPENPACKAGEFLAGS_IGNOREMACHINESTATE, &session_),
-          L"no installer session can be opened");
+    RequireSession(
+        MsiOpenPackageExW(path.c_str(), MSIOPENPACKAGEFLAGS_IGNOREMACHINESTATE, &session_),
+        L"no installer session can be opened");
     MsiSetExternalUIW(Receive, kAllMessages, &receiver_);
 }
 
@@ -117,8 +88,8 @@ BareSession::~BareSession() {
 }
 
 void BareSession::SetProperty(const Property& property) const {
-    Check(MsiSetPropertyW(session_, property.name.c_str(), property.value.c_str()),
-          L"the session does not take the property " + property.name);
+    RequireSession(MsiSetPropertyW(session_, property.name.c_str(), property.value.c_str()),
+                   L"the session does not take the property " + property.name);
 }
 
 } // namespace halvard_runner

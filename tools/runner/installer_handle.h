@@ -20,4 +20,11 @@ private:
     MSIHANDLE handle_ = 0;
 };
 
+/// Carries out a statement on a database, with the values of a record in the place of its question
+/// marks. The installer's status.
+UINT Execute(MSIHANDLE database, const wchar_t* statement, MSIHANDLE record = 0);
+
+/// Writes the summary of a 64-bit package; `source` is its PID_WORDCOUNT. The installer's status.
+UINT WriteSummary(MSIHANDLE database, const wchar_t* packageCode, int source);
+
 } // namespace halvard_runner

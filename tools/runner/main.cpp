@@ -1,5 +1,5 @@
-// halvard_run: calls one action of the library without a package, or checks one. `halvard_run
-// --help` tells how.
+// halvard_run: calls one action of the library without a package, checks a package, or asks a
+// machine for what the library relies on. `halvard_run --help` tells how.
 
 #include "action_page.h"
 #include "arguments.h"
@@ -15,17 +15,24 @@
 
 #include <shellapi.h>
 
+#include <cwchar>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace {
 
 using namespace halvard_runner;
 
+constexpr int kNotChecked = static_cast<int>(CheckExit::NotChecked);
+
 std::vector<std::wstring> CommandLineArguments() {
     int count = 0;
     wchar_t** const words = CommandLineToArgvW(GetCommandLineW(), &count);
+    if (words == nullptr) {
+        throw std::system_error(static_cast<int>(GetLastError()), std::system_category());
+    }
     std::vector<std::wstring> arguments(words + 1, words + count);
     LocalFree(words);
     return arguments;
@@ -74,7 +81,7 @@ ExitCode Call(const Arguments& arguments) {
     return ExitCodeOf(outcome);
 }
 
-int CheckPackage(const Arguments& arguments) {
+CheckExit CheckPackage(const Arguments& arguments) {
     const std::wstring path = FullPath(arguments.package);
     const std::vector<Finding> findings =
         Findings(ReadPackage(path), L"" HALVARD_VERSION_TEXT, arguments.skipped);
@@ -83,22 +90,31 @@ int CheckPackage(const Arguments& arguments) {
     return CheckExitCode(findings);
 }
 
-ExitCode Run(const Arguments& arguments) {
+int Run(const Arguments& arguments) {
     switch (arguments.request) {
     case Request::Help:
-        return Help(arguments);
+        return static_cast<int>(Help(arguments));
     case Request::Version:
         Write(STD_OUTPUT_HANDLE, arguments.json ? VersionJson(L"" HALVARD_VERSION_TEXT)
                                                 : L"halvard_run " HALVARD_VERSION_TEXT "\n");
-        return ExitCode::Success;
+        return static_cast<int>(ExitCode::Success);
     case Request::List:
-        return List(arguments);
+        return static_cast<int>(List(arguments));
     case Request::Check:
-        return static_cast<ExitCode>(CheckPackage(arguments));
+        return static_cast<int>(CheckPackage(arguments));
     case Request::Call:
         break;
     }
-    return Call(arguments);
+    return static_cast<int>(Call(arguments));
+}
+
+int TellError(bool json, int code, const std::wstring& text, const wchar_t* hint = L"") {
+    if (json) {
+        Write(STD_OUTPUT_HANDLE, ErrorJson(text, code));
+    } else {
+        Write(STD_ERROR_HANDLE, L"halvard_run: " + text + L"\n" + hint);
+    }
+    return code;
 }
 
 int RunAndTell(const std::vector<std::wstring>& arguments) {
@@ -106,23 +122,18 @@ int RunAndTell(const std::vector<std::wstring>& arguments) {
         if (const std::optional<int> verified = Verify(arguments)) {
             return *verified;
         }
-        return static_cast<int>(Run(ParseArguments(arguments)));
+        return Run(ParseArguments(arguments));
+    } catch (const PackageError& error) {
+        return TellError(WantsJson(arguments), kNotChecked, error.Text());
     } catch (const RunnerError& error) {
-        const ExitCode code = WantsCheck(arguments) ? ExitCode::NoPackage : error.Code();
-        const std::wstring hint =
+        const int code = WantsCheck(arguments) ? kNotChecked : static_cast<int>(error.Code());
+        const wchar_t* const hint =
             error.Code() == ExitCode::WrongArguments ? L"halvard_run --help tells how\n" : L"";
-        if (WantsJson(arguments)) {
-            Write(STD_OUTPUT_HANDLE, ErrorJson({code, error.Text()}));
-        } else {
-            Write(STD_ERROR_HANDLE, L"halvard_run: " + error.Text() + L"\n" + hint);
-        }
-        return static_cast<int>(code);
+        return TellError(WantsJson(arguments), code, error.Text(), hint);
     }
 }
 
-} // namespace
-
-int main() {
+int RunWhole() {
     std::vector<std::wstring> arguments = CommandLineArguments();
     if (!arguments.empty() && arguments.front() == kCallWord) {
         arguments.erase(arguments.begin());
@@ -135,4 +146,28 @@ int main() {
         return static_cast<int>(ExitCode::NotWritten);
     }
     return code;
+}
+
+// What it failed for may be memory: nothing here asks for any.
+int TellFailure() noexcept {
+    static_assert(static_cast<int>(ExitCode::RunnerFailed) == 10);
+    if (std::wcsstr(GetCommandLineW(), L"--json") != nullptr) {
+        WriteAsItIs(STD_OUTPUT_HANDLE,
+                    "{\"error\": \"halvard_run itself failed, as for want of memory\", "
+                    "\"exit_code\": 10}\n");
+    } else {
+        WriteAsItIs(STD_ERROR_HANDLE,
+                    "halvard_run: halvard_run itself failed, as for want of memory\n");
+    }
+    return static_cast<int>(ExitCode::RunnerFailed);
+}
+
+} // namespace
+
+int main() {
+    try {
+        return RunWhole();
+    } catch (...) {
+        return TellFailure();
+    }
 }

@@ -86,13 +86,6 @@ const wchar_t* FindName(const Name (&names)[size], std::uint32_t number) {
     return found == std::end(names) ? nullptr : found->text;
 }
 
-std::wstring LowerCase(std::wstring text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](wchar_t c) {
-        return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c;
-    });
-    return text;
-}
-
 /// How many characters have to be added, removed or replaced to make one text of the other.
 std::size_t Distance(const std::wstring& left, const std::wstring& right) {
     std::vector<std::size_t> row(right.size() + 1);

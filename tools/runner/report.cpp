@@ -10,11 +10,10 @@ namespace halvard_runner {
 
 namespace {
 
-constexpr std::size_t kLabelWidth = 12;
 constexpr const wchar_t* kOverTheLimit = L"over the limit";
 
-std::wstring Labelled(std::wstring label, const std::wstring& text) {
-    label.resize(std::max(kLabelWidth, label.size() + 2), L' ');
+std::wstring Labelled(const std::wstring& name, const std::wstring& text) {
+    std::wstring label = Padded(name);
     const std::wstring shown = text.substr(0, text.find_last_not_of(L"\r\n") + 1);
     std::wstring lines;
     std::size_t start = 0;
@@ -191,9 +190,8 @@ std::wstring VersionJson(const std::wstring& version) {
            L"\n";
 }
 
-std::wstring ErrorJson(const RunnerError& error) {
-    return JsonObject({{L"error", JsonString(error.Text())},
-                       {L"exit_code", std::to_wstring(static_cast<int>(error.Code()))}}) +
+std::wstring ErrorJson(const std::wstring& error, int exitCode) {
+    return JsonObject({{L"error", JsonString(error)}, {L"exit_code", std::to_wstring(exitCode)}}) +
            L"\n";
 }
 

@@ -73,6 +73,6 @@ std::wstring OutcomeJson(const Arguments& arguments, const std::wstring& library
                          const Outcome& outcome);
 
 std::wstring VersionJson(const std::wstring& version);
-std::wstring ErrorJson(const RunnerError& error);
+std::wstring ErrorJson(const std::wstring& error, int exitCode);
 
 } // namespace halvard_runner

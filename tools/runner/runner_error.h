@@ -12,13 +12,13 @@ enum class ExitCode {
     OtherResult = 1,
     WrongArguments = 2,
     NoLibrary = 4,
-    /// Of `--check`, whose 1 and 2 tell of findings: nothing was checked.
-    NoPackage = 4,
     NoSuchAction = 5,
     NoSession = 6,
     Exception = 7,
     OverTheLimit = 8,
     NotWritten = 9,
+    /// Of whatever was asked for: this program could not go on.
+    RunnerFailed = 10,
 };
 
 /// Why no action was called.

@@ -37,9 +37,20 @@ std::vector<std::wstring> Wrapped(const std::wstring& text, std::size_t width) {
     return lines;
 }
 
+std::wstring LowerCase(std::wstring text) {
+    std::transform(text.begin(), text.end(), text.begin(), [](wchar_t c) {
+        return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c;
+    });
+    return text;
+}
+
+std::wstring Padded(std::wstring label) {
+    label.resize(std::max(kLabelWidth, label.size() + 2), L' ');
+    return label;
+}
+
 std::wstring Described(const std::wstring& label, const std::wstring& text) {
-    std::wstring margin = label;
-    margin.resize(std::max(kLabelWidth, label.size() + 2), L' ');
+    std::wstring margin = Padded(label);
     std::wstring lines;
     for (const std::wstring& line : Wrapped(text, kConsoleWidth - margin.size())) {
         lines += margin + line + L"\n";

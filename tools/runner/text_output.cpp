@@ -11,9 +11,8 @@ namespace {
 // Of the first write that failed.
 DWORD writeError = ERROR_SUCCESS;
 
-void Remember(DWORD code) {
-    const bool readerHasGone = code == ERROR_BROKEN_PIPE || code == ERROR_NO_DATA;
-    if (writeError == ERROR_SUCCESS && !readerHasGone) {
+void Remember(HANDLE file, DWORD code) {
+    if (writeError == ERROR_SUCCESS && !ReaderHasGone(file, code)) {
         writeError = code;
     }
 }
@@ -47,18 +46,14 @@ std::wstring Widened(const char* text) {
 
 void Write(DWORD stream, const std::wstring& text) {
     void* const handle = GetStdHandle(stream);
-    DWORD written = 0;
     DWORD mode = 0;
-    if (GetConsoleMode(handle, &mode) != FALSE) {
-        if (WriteConsoleW(handle, text.c_str(), static_cast<DWORD>(text.size()), &written,
-                          nullptr) == FALSE) {
-            Remember(GetLastError());
-        }
-        return;
-    }
-    if (!WriteAll(handle, Utf8(text))) {
-        Remember(GetLastError());
-    }
+    const bool isConsole = GetConsoleMode(handle, &mode) != FALSE;
+    Remember(handle, isConsole ? WriteAllToConsole(handle, text) : WriteAll(handle, Utf8(text)));
+}
+
+void WriteAsItIs(DWORD stream, const char* text) noexcept {
+    DWORD written = 0;
+    WriteFile(GetStdHandle(stream), text, static_cast<DWORD>(std::strlen(text)), &written, nullptr);
 }
 
 std::wstring WriteFailure() {

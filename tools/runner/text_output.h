@@ -13,6 +13,10 @@ std::wstring Widened(const char* text);
 /// pipe.
 void Write(DWORD stream, const std::wstring& text);
 
+/// Writes ASCII text that is at hand, and does without memory of its own. Nobody is told of a
+/// failure.
+void WriteAsItIs(DWORD stream, const char* text) noexcept;
+
 /// Whether something could not be written, and why: empty when all of it was. A reader that has
 /// gone wants no more, which is no failure.
 std::wstring WriteFailure();

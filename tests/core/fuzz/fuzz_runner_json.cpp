@@ -169,8 +169,7 @@ void CheckOthers(const Texts& texts) {
         Require((action.items.size() > 1) == isKnown);
     }
     RequireNumber(list.items[2], 0);
-    const Json error =
-        Read(halvard_runner::ErrorJson({halvard_runner::ExitCode::NoSession, TextAt(texts, 0)}));
+    const Json error = Read(halvard_runner::ErrorJson(TextAt(texts, 0), 6));
     RequireNames(error, {L"error", L"exit_code"});
     RequireText(error.items[0], TextAt(texts, 0));
     RequireNumber(error.items[1], 6);

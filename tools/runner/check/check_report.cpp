@@ -50,11 +50,11 @@ std::wstring FindingLines(const Finding& finding) {
 
 } // namespace
 
-int CheckExitCode(const std::vector<Finding>& findings) {
+CheckExit CheckExitCode(const std::vector<Finding>& findings) {
     if (Count(findings, Severity::Error) > 0) {
-        return 2;
+        return CheckExit::Errors;
     }
-    return Count(findings, Severity::Warning) > 0 ? 1 : 0;
+    return Count(findings, Severity::Warning) > 0 ? CheckExit::Warnings : CheckExit::NoFindings;
 }
 
 std::wstring CheckLines(const std::wstring& package, const std::vector<Finding>& findings) {
@@ -83,13 +83,14 @@ std::wstring CheckJson(const std::wstring& package, const std::vector<Finding>& 
     const auto number = [](int each) {
         return std::to_wstring(each);
     };
-    return JsonObject({{L"package", JsonString(package)},
-                       {L"findings", JsonArray(findings, object)},
-                       {L"errors", std::to_wstring(Count(findings, Severity::Error))},
-                       {L"warnings", std::to_wstring(Count(findings, Severity::Warning))},
-                       {L"hints", std::to_wstring(Count(findings, Severity::Hint))},
-                       {L"skipped", JsonArray(skipped, number)},
-                       {L"exit_code", std::to_wstring(CheckExitCode(findings))}}) +
+    return JsonObject(
+               {{L"package", JsonString(package)},
+                {L"findings", JsonArray(findings, object)},
+                {L"errors", std::to_wstring(Count(findings, Severity::Error))},
+                {L"warnings", std::to_wstring(Count(findings, Severity::Warning))},
+                {L"hints", std::to_wstring(Count(findings, Severity::Hint))},
+                {L"skipped", JsonArray(skipped, number)},
+                {L"exit_code", std::to_wstring(static_cast<int>(CheckExitCode(findings)))}}) +
            L"\n";
 }
 

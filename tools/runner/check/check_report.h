@@ -8,8 +8,19 @@
 
 namespace halvard_runner {
 
-/// 0 without findings but hints, 1 with warnings, 2 with errors.
-int CheckExitCode(const std::vector<Finding>& findings);
+/// What a script may rely on, besides the exit codes of the program for what is not written and for
+/// its own failure.
+enum class CheckExit {
+    /// Hints aside.
+    NoFindings = 0,
+    Warnings = 1,
+    Errors = 2,
+    /// The package cannot be read, or the arguments are wrong.
+    NotChecked = 4,
+};
+
+/// That of the worst finding.
+CheckExit CheckExitCode(const std::vector<Finding>& findings);
 
 /// The findings for a reader.
 std::wstring CheckLines(const std::wstring& package, const std::vector<Finding>& findings);

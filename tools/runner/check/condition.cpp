@@ -248,14 +248,14 @@ private:
     }
 
     Truth Comparison() {
-        const bool isText = Next().kind != Kind::Number;
+        const bool leftIsNumber = Next().kind == Kind::Number;
         const std::wstring name = Next().kind == Kind::Word ? Next().text : L"";
         const Value left = TakeValue();
         if (Next().kind != Kind::Operator || Next().text == L"(" || Next().text == L")") {
             if (!left) {
                 return Truth::Unknown;
             }
-            return Of(isText ? !left->empty() : NumberOf(*left) != 0);
+            return Of(leftIsNumber ? NumberOf(*left) != 0 : !left->empty());
         }
         std::wstring sign = tokens_[position_++].text;
         const bool anyCase = sign.front() == L'~';
@@ -263,6 +263,7 @@ private:
         if (!IsComparison(sign)) {
             throw Malformed();
         }
+        const bool rightIsNumber = Next().kind == Kind::Number;
         const Value right = TakeValue();
         if (IsLeftOut(name) && sign == L"=" && right && *right != kAbsent && *right != kUnchanged) {
             return Truth::False;
@@ -274,6 +275,9 @@ private:
         const std::optional<long> rightNumber = NumberOf(*right);
         if (leftNumber && rightNumber) {
             return Of(ComparedNumbers(*leftNumber, sign, *rightNumber));
+        }
+        if (leftIsNumber != rightIsNumber) {
+            return Of(sign == L"<>"); // a number and a text that is none
         }
         return Of(anyCase ? ComparedTexts(UpperCase(*left), sign, UpperCase(*right))
                           : ComparedTexts(*left, sign, *right));

@@ -2,7 +2,6 @@
 
 #include "check/pe_file.h"
 #include "installer_handle.h"
-#include "runner_error.h"
 #include "text_output.h"
 
 #include <windows.h>
@@ -19,16 +18,24 @@ namespace halvard_runner {
 
 namespace {
 
-void Check(UINT status, const std::wstring& what) {
+void RequireRead(UINT status, const std::wstring& what) {
     if (status != ERROR_SUCCESS) {
-        throw RunnerError(ExitCode::NoPackage, what + L": " + ErrorText(status));
+        throw PackageError(what + L": " + ErrorText(status));
     }
 }
 
 using TakeRecord = std::function<void(MSIHANDLE)>;
 
 bool HasTable(MSIHANDLE database, const std::wstring& table) {
-    return MsiDatabaseIsTablePersistentW(database, table.c_str()) == MSICONDITION_TRUE;
+    switch (MsiDatabaseIsTablePersistentW(database, table.c_str())) {
+    case MSICONDITION_TRUE:
+        return true;
+    case MSICONDITION_FALSE:
+    case MSICONDITION_NONE:
+        return false;
+    default:
+        throw PackageError(L"the table " + table + L" cannot be looked for");
+    }
 }
 
 /// Gives each row of a table; none where the package has no such table.
@@ -40,15 +47,15 @@ void EachRow(MSIHANDLE database, const std::wstring& table, const std::wstring& 
     const std::wstring what = L"the table " + table + L" cannot be read";
     const std::wstring query = L"SELECT " + columns + L" FROM `" + table + L"`";
     InstallerHandle view;
-    Check(MsiDatabaseOpenViewW(database, query.c_str(), view.Receive()), what);
-    Check(MsiViewExecute(view.Get(), 0), what);
+    RequireRead(MsiDatabaseOpenViewW(database, query.c_str(), view.Receive()), what);
+    RequireRead(MsiViewExecute(view.Get(), 0), what);
     for (;;) {
         InstallerHandle record;
         const UINT status = MsiViewFetch(view.Get(), record.Receive());
         if (status == ERROR_NO_MORE_ITEMS) {
             return;
         }
-        Check(status, what);
+        RequireRead(status, what);
         take(record.Get());
     }
 }
@@ -59,7 +66,8 @@ std::wstring Text(MSIHANDLE record, UINT field) {
     MsiRecordGetStringW(record, field, none, &length);
     std::wstring text(std::size_t{length} + 1, L'\0');
     length = static_cast<DWORD>(text.size());
-    Check(MsiRecordGetStringW(record, field, text.data(), &length), L"a value cannot be read");
+    RequireRead(MsiRecordGetStringW(record, field, text.data(), &length),
+                L"a value cannot be read");
     text.resize(length);
     return text;
 }
@@ -76,7 +84,8 @@ std::string Bytes(MSIHANDLE record, UINT field) {
     std::array<char, 65536> block = {};
     for (;;) {
         auto size = static_cast<DWORD>(block.size());
-        Check(MsiRecordReadStream(record, field, block.data(), &size), L"a binary cannot be read");
+        RequireRead(MsiRecordReadStream(record, field, block.data(), &size),
+                    L"a binary cannot be read");
         if (size == 0) {
             return bytes;
         }
@@ -135,13 +144,13 @@ void ReadInstalled(MSIHANDLE database, Package& package) {
 std::wstring Platform(MSIHANDLE database) {
     InstallerHandle summary;
     const wchar_t* const what = L"the summary cannot be read";
-    Check(MsiGetSummaryInformationW(database, nullptr, 0, summary.Receive()), what);
+    RequireRead(MsiGetSummaryInformationW(database, nullptr, 0, summary.Receive()), what);
     std::array<wchar_t, 256> text = {};
     auto length = static_cast<DWORD>(text.size());
     UINT type = 0;
-    Check(MsiSummaryInfoGetPropertyW(summary.Get(), PID_TEMPLATE, &type, nullptr, nullptr,
-                                     text.data(), &length),
-          what);
+    RequireRead(MsiSummaryInfoGetPropertyW(summary.Get(), PID_TEMPLATE, &type, nullptr, nullptr,
+                                           text.data(), &length),
+                what);
     const std::wstring platform = text.data();
     return platform.substr(0, platform.find(L';'));
 }
@@ -150,10 +159,10 @@ std::wstring Platform(MSIHANDLE database) {
 
 Package ReadPackage(const std::wstring& path) {
     InstallerHandle database;
-    Check(MsiOpenDatabaseW(path.c_str(), MSIDBOPEN_READONLY, database.Receive()),
-          path + L" cannot be read");
+    RequireRead(MsiOpenDatabaseW(path.c_str(), MSIDBOPEN_READONLY, database.Receive()),
+                path + L" cannot be read");
     if (!HasTable(database.Get(), L"Property")) {
-        throw RunnerError(ExitCode::NoPackage, path + L" is no package: it has no properties");
+        throw PackageError(path + L" is no package: it has no properties");
     }
     Package package;
     package.platform = Platform(database.Get());

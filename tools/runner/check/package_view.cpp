@@ -1,14 +1,13 @@
 #include "check/package_view.h"
 
 #include "action_page.h"
+#include "text.h"
 
 #include <algorithm>
 
 namespace halvard_runner {
 
 namespace {
-
-constexpr const wchar_t* kExecute = L"InstallExecuteSequence";
 
 // Bits of the type of a custom action.
 constexpr std::uint32_t kSource = 0x3F;
@@ -20,17 +19,15 @@ constexpr std::uint32_t kRollback = 0x100;
 constexpr std::uint32_t kInScript = 0x400;
 constexpr std::uint32_t kNoImpersonation = 0x800;
 
+// What a name in square brackets begins with that is none of a property; a component stands for
+// its directory.
+constexpr const wchar_t* kNoProperty = L"#$!%\\~";
+constexpr const wchar_t* kComponent = L"$";
+
 constexpr int kDeepest = 64;
 
 bool IsSetter(const CustomActionRow& row, const std::wstring& property) {
     return (row.type & kSource) == kSetProperty && row.source == property;
-}
-
-std::wstring LowerCase(std::wstring text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](wchar_t c) {
-        return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c;
-    });
-    return text;
 }
 
 std::vector<std::wstring> Split(const std::wstring& text, wchar_t separator) {
@@ -88,7 +85,7 @@ bool LibraryAction::IsAsynchronous() const {
     return (type & kAsync) != 0;
 }
 
-const std::vector<KnownSession>& Sessions() {
+const std::vector<KnownSession>& KnownSessions() {
     static const std::vector<KnownSession> sessions = {
         {L"on installation", Known(L"", L"", L"", L""), false, false},
         {L"on repair", Known(L"00:00:00", L"", L"ALL", L""), true, false},
@@ -99,8 +96,8 @@ const std::vector<KnownSession>& Sessions() {
     return sessions;
 }
 
-const KnownSession& UpgradedSession() {
-    return Sessions().back();
+const KnownSession& RemovalByNewerVersion() {
+    return KnownSessions().back();
 }
 
 std::vector<DataItem> ItemsOf(const std::wstring& data) {
@@ -138,10 +135,22 @@ std::vector<std::wstring> PropertiesIn(const std::wstring& value) {
         if (close == std::wstring::npos) {
             break;
         }
-        names.push_back(value.substr(open + 1, close - open - 1));
+        const std::wstring name = value.substr(open + 1, close - open - 1);
+        if (name.find_first_of(kNoProperty) != 0) {
+            names.push_back(name);
+        }
         open = value.find(L'[', close);
     }
     return names;
+}
+
+std::vector<std::wstring> FolderProperties(const ActionFacts& facts, const std::wstring& data) {
+    std::vector<std::wstring> all;
+    for (const DataItem& item : FoldersOf(facts, data)) {
+        const std::vector<std::wstring> own = PropertiesIn(item.value);
+        all.insert(all.end(), own.begin(), own.end());
+    }
+    return all;
 }
 
 bool IsPublic(const std::wstring& property) {
@@ -308,9 +317,10 @@ bool PackageView::RefusesSemicolonIn(const std::wstring& property) const {
 }
 
 bool PackageView::EndsInBackslash(const std::wstring& value) const {
-    if (!value.empty() && value.back() == L']') {
-        const std::vector<std::wstring> properties = PropertiesIn(value);
-        return !properties.empty() && FindDirectory(properties.back()) != nullptr;
+    const std::size_t open = value.rfind(L'[');
+    if (open != std::wstring::npos && value.back() == L']') {
+        const std::wstring name = value.substr(open + 1, value.size() - open - 2);
+        return name.rfind(kComponent, 0) == 0 || FindDirectory(name) != nullptr;
     }
     return !value.empty() && value.back() == L'\\';
 }
@@ -364,9 +374,10 @@ std::wstring PackageView::FolderOf(const DirectoryRow& directory, int depth) con
 }
 
 bool RunsOnRemoval(const PackageView& view, const std::wstring& action) {
-    return std::any_of(Sessions().begin(), Sessions().end(), [&](const KnownSession& session) {
-        return session.isRemoval && view.Runs(action, session) != Truth::False;
-    });
+    return std::any_of(KnownSessions().begin(), KnownSessions().end(),
+                       [&](const KnownSession& session) {
+                           return session.isRemoval && view.Runs(action, session) != Truth::False;
+                       });
 }
 
 } // namespace halvard_runner

@@ -10,6 +10,8 @@
 
 namespace halvard_runner {
 
+inline constexpr const wchar_t* kExecute = L"InstallExecuteSequence";
+
 /// A custom action of the package that calls an export which the table of actions has.
 struct LibraryAction {
     std::wstring id;
@@ -33,9 +35,9 @@ struct KnownSession {
 };
 
 /// First installation, repair, change of features, removal, and removal by a newer version.
-const std::vector<KnownSession>& Sessions();
+const std::vector<KnownSession>& KnownSessions();
 
-const KnownSession& UpgradedSession();
+const KnownSession& RemovalByNewerVersion();
 
 /// Where the data of a deferred action is set, and to what.
 struct DataSource {
@@ -56,8 +58,12 @@ std::vector<DataItem> ItemsOf(const std::wstring& data);
 /// The items that name folders; the whole where the data is taken whole.
 std::vector<DataItem> FoldersOf(const ActionFacts& facts, const std::wstring& data);
 
-/// The names in square brackets.
+/// The names of properties in square brackets, where files, components, variables of the
+/// environment and single characters may stand too.
 std::vector<std::wstring> PropertiesIn(const std::wstring& value);
+
+/// Those in the items that name folders.
+std::vector<std::wstring> FolderProperties(const ActionFacts& facts, const std::wstring& data);
 
 /// Whether a command line may set a property of that name.
 bool IsPublic(const std::wstring& property);

@@ -11,7 +11,6 @@ namespace halvard_runner {
 
 namespace {
 
-constexpr const wchar_t* kExecute = L"InstallExecuteSequence";
 constexpr const wchar_t* kActions = L"CustomAction";
 
 using Names = std::vector<std::wstring>;
@@ -53,8 +52,7 @@ void CheckDeclarations(const Check& check) {
         } else if (!action.IsDeferred() && facts.execution == Execution::Deferred) {
             check.Find(102, kActions, action.id, declared);
         } else if (action.IsDeferred() && action.IsImpersonated() != facts.impersonated &&
-                   // Its certificate is for the machine, and its package for the user.
-                   facts.name != L"InstallContextMenuMSIX") {
+                   !facts.asUserToo) {
             check.Find(104, kActions, action.id, declared);
         }
         if (action.IsAsynchronous()) {
@@ -96,7 +94,7 @@ void CheckWhetherDataIsSet(const Check& check) {
             check.Find(201, kActions, action.id, L"nothing sets the property " + action.id);
             continue;
         }
-        for (const KnownSession& session : Sessions()) {
+        for (const KnownSession& session : KnownSessions()) {
             if (check.view.Runs(action.id, session) != Truth::False &&
                 !check.view.IsSetIn(action.id, session)) {
                 check.Find(208, kActions, action.id, L"not set: " + session.name);
@@ -157,13 +155,12 @@ std::wstring WithoutProperties(const std::wstring& value) {
 }
 
 void CheckNames(const Check& check, const LibraryAction& action, const DataSource& source) {
-    static const Names names = {L"TaskName", L"ServiceName", L"DLLName", L"Username"};
+    static const Names names = {L"TaskName", L"DLLName", L"Username"};
     for (const DataItem& item : ItemsOf(source.value)) {
         const std::wstring text = WithoutProperties(item.value);
         const bool isCommand = item.key == L"CommandToLaunch";
         const wchar_t* const bad = isCommand ? L"\"&<>" : L" \"&<>";
-        // A service may have blanks in its name.
-        const bool isName = Holds(names, item.key) && item.key != L"ServiceName";
+        const bool isName = Holds(names, item.key);
         if ((isName || isCommand) && text.find_first_of(bad) != std::wstring::npos) {
             check.Find(206, source.table, source.row, item.key + L"=" + item.value);
         }
@@ -214,16 +211,18 @@ bool Meet(const PackageView& view, const std::wstring& one, const std::wstring& 
     const auto meetIn = [&](const KnownSession& session) {
         return view.Runs(one, session) != Truth::False && view.Runs(other, session) != Truth::False;
     };
-    return std::any_of(Sessions().begin(), Sessions().end(), meetIn);
+    return std::any_of(KnownSessions().begin(), KnownSessions().end(), meetIn);
 }
 
 bool RemovesToolsFolder(const std::wstring& action) {
     return action == L"DeletePVFolder" || action == L"DeletePVINSTALLDIRFolder";
 }
 
+using SeenPairs = std::set<std::pair<std::wstring, std::wstring>>;
+
 /// Two actions of the library that stand the wrong way round; each pair once.
 void CheckPair(const Check& check, const LibraryAction& first, const LibraryAction& second,
-               std::set<std::pair<std::wstring, std::wstring>>& seen) {
+               SeenPairs& seen) {
     if (*check.view.NumberOf(first.id) < *check.view.NumberOf(second.id) ||
         !Meet(check.view, first.id, second.id) || !seen.emplace(first.id, second.id).second) {
         return;
@@ -234,86 +233,87 @@ void CheckPair(const Check& check, const LibraryAction& first, const LibraryActi
                first.id + L" belongs before " + second.id);
 }
 
-void CheckOrder(const Check& check) {
-    std::set<std::pair<std::wstring, std::wstring>> seen;
-    const std::vector<LibraryAction> scheduled = check.view.ScheduledActions(kExecute);
+/// Those that call the export of that name.
+std::vector<LibraryAction> Calls(const std::vector<LibraryAction>& scheduled,
+                                 const std::wstring& name) {
+    std::vector<LibraryAction> calls;
     for (const LibraryAction& action : scheduled) {
-        if (action.IsRollback()) {
-            continue;
+        if (action.facts->name == name && !action.IsRollback()) {
+            calls.push_back(action);
         }
-        const int number = *check.view.NumberOf(action.id);
-        const Place& place = action.facts->place;
-        const auto eachOther = [&](const Names& names, const auto& standard, const auto& own) {
-            for (const std::wstring& name : names) {
-                if (FindFacts(name) == nullptr) {
-                    if (const std::optional<int> other = check.view.NumberOf(name)) {
-                        standard(name, *other);
-                    }
-                    continue;
-                }
-                for (const LibraryAction& each : scheduled) {
-                    if (each.facts->name == name && !each.IsRollback()) {
-                        own(each);
-                    }
-                }
-            }
-        };
-        eachOther(
-            place.behind,
-            [&](const std::wstring& name, int other) {
-                if (number < other) {
-                    check.Find(303, kExecute, action.id, action.id + L" belongs behind " + name);
-                }
-            },
-            [&](const LibraryAction& other) { CheckPair(check, other, action, seen); });
-        eachOther(
-            place.before,
-            [&](const std::wstring& name, int other) {
-                if (number > other && RunsOnRemoval(check.view, action.id)) {
-                    check.Find(304, kExecute, action.id, action.id + L" belongs before " + name);
-                }
-            },
-            [&](const LibraryAction& other) { CheckPair(check, action, other, seen); });
+    }
+    return calls;
+}
+
+/// The number of an action of the installer's own.
+std::optional<int> StandardNumber(const PackageView& view, const std::wstring& name) {
+    return FindFacts(name) == nullptr ? view.NumberOf(name) : std::nullopt;
+}
+
+void CheckWhatIsBefore(const Check& check, const LibraryAction& action,
+                       const std::vector<LibraryAction>& scheduled, SeenPairs& seen) {
+    for (const std::wstring& name : action.facts->place.behind) {
+        const std::optional<int> number = StandardNumber(check.view, name);
+        if (number && *check.view.NumberOf(action.id) < *number) {
+            check.Find(303, kExecute, action.id, action.id + L" belongs behind " + name);
+        }
+        for (const LibraryAction& other : Calls(scheduled, name)) {
+            CheckPair(check, other, action, seen);
+        }
     }
 }
 
-struct Pair {
-    const wchar_t* action;
-    const wchar_t* undo;
-};
+void CheckWhatIsBehind(const Check& check, const LibraryAction& action,
+                       const std::vector<LibraryAction>& scheduled, SeenPairs& seen) {
+    for (const std::wstring& name : action.facts->place.before) {
+        const std::optional<int> number = StandardNumber(check.view, name);
+        if (number && *check.view.NumberOf(action.id) > *number &&
+            RunsOnRemoval(check.view, action.id)) {
+            check.Find(304, kExecute, action.id, action.id + L" belongs before " + name);
+        }
+        for (const LibraryAction& other : Calls(scheduled, name)) {
+            CheckPair(check, action, other, seen);
+        }
+    }
+}
 
-constexpr Pair kTasks[] = {
-    {L"CreateLogonSchTask", L"RemovePVSchedularTask"},
-    {L"CreateDVRLogonSchTask", L"RemoveDVRSchedularTask"},
-    {L"CreateBenchMarkRunOnceSchTask", L"RemoveBenchMarkRunOnceSchedularTask"},
-};
-constexpr Pair kCounterparts[] = {
-    {L"CreateLogonSchTask", L"RemovePVSchedularTask"},
-    {L"CreateDVRLogonSchTask", L"RemoveDVRSchedularTask"},
-    {L"CreateBenchMarkRunOnceSchTask", L"RemoveBenchMarkRunOnceSchedularTask"},
-    {L"SetPermissionsRegisterDLL", L"UnregisterDLL"},
-    {L"EnableAnalyticsKey", L"DeleteAnalyticsKey"},
-};
+void CheckOrder(const Check& check) {
+    SeenPairs seen;
+    const std::vector<LibraryAction> scheduled = check.view.ScheduledActions(kExecute);
+    for (const LibraryAction& action : scheduled) {
+        if (!action.IsRollback()) {
+            CheckWhatIsBefore(check, action, scheduled, seen);
+            CheckWhatIsBehind(check, action, scheduled, seen);
+        }
+    }
+}
+
+bool MakesTask(const ActionFacts& facts) {
+    return facts.subsystem == L"tasks" && !facts.undoneBy.empty();
+}
+
+/// An action and what takes it back, in one session and in this order.
+void CheckCounterpart(const Check& check, const LibraryAction& action, const LibraryAction& undo) {
+    if (action.IsRollback() || *check.view.NumberOf(undo.id) < *check.view.NumberOf(action.id) ||
+        !Meet(check.view, action.id, undo.id)) {
+        return;
+    }
+    const std::wstring what = undo.id + L" is behind " + action.id;
+    if (undo.IsRollback()) {
+        check.Find(310, kExecute, undo.id, what);
+    } else if (MakesTask(*action.facts)) {
+        check.Find(305, kExecute, undo.id, what);
+    }
+}
 
 void CheckUndoing(const Check& check) {
     const std::vector<LibraryAction> scheduled = check.view.ScheduledActions(kExecute);
-    const auto eachPair = [&](const Pair& pair, bool rollback, int number) {
-        for (const LibraryAction& action : scheduled) {
-            for (const LibraryAction& undo : scheduled) {
-                if (action.facts->name == pair.action && undo.facts->name == pair.undo &&
-                    undo.IsRollback() == rollback && !action.IsRollback() &&
-                    *check.view.NumberOf(undo.id) > *check.view.NumberOf(action.id) &&
-                    Meet(check.view, action.id, undo.id)) {
-                    check.Find(number, kExecute, undo.id, undo.id + L" is behind " + action.id);
-                }
+    for (const LibraryAction& action : scheduled) {
+        for (const LibraryAction& undo : scheduled) {
+            if (action.facts->undoneBy == undo.facts->name) {
+                CheckCounterpart(check, action, undo);
             }
         }
-    };
-    for (const Pair& pair : kTasks) {
-        eachPair(pair, false, 305);
-    }
-    for (const Pair& pair : kCounterparts) {
-        eachPair(pair, true, 310);
     }
 }
 
@@ -363,7 +363,7 @@ void CheckLaunchConditions(const Check& check) {
                        places.front()->table + L" and " + places.back()->table);
         }
         for (const SequenceRow* const place : places) {
-            for (const KnownSession& session : Sessions()) {
+            for (const KnownSession& session : KnownSessions()) {
                 if (action.facts->name == L"BlockLaunch" && session.isInstalled &&
                     Evaluated(place->condition, session.known).value_or(Truth::False) !=
                         Truth::False) {
@@ -379,11 +379,8 @@ void CheckLaunchConditions(const Check& check) {
 /// rule's.
 bool RemovesTaskThatIsMade(const std::vector<LibraryAction>& scheduled,
                            const std::wstring& action) {
-    return std::any_of(std::begin(kTasks), std::end(kTasks), [&](const Pair& pair) {
-        return action == pair.undo &&
-               std::any_of(scheduled.begin(), scheduled.end(), [&](const LibraryAction& each) {
-                   return each.facts->name == pair.action;
-               });
+    return std::any_of(scheduled.begin(), scheduled.end(), [&](const LibraryAction& each) {
+        return MakesTask(*each.facts) && each.facts->undoneBy == action;
     });
 }
 
@@ -396,7 +393,7 @@ void CheckSessions(const Check& check) {
             RemovesTaskThatIsMade(scheduled, action.facts->name)) {
             continue;
         }
-        for (const KnownSession& session : Sessions()) {
+        for (const KnownSession& session : KnownSessions()) {
             const bool removes = belongs == Session::Removal;
             if (session.isRemoval != removes &&
                 check.view.Runs(action.id, session) != Truth::False) {
@@ -447,7 +444,7 @@ void CheckSyntax(const Check& check) {
 void CheckForgottenChoice(const Check& check) {
     for (const LibraryAction& action : check.view.ScheduledActions(kExecute)) {
         if (action.facts->name == L"DeleteAnalyticsKey" && !action.IsRollback() &&
-            check.view.Runs(action.id, UpgradedSession()) != Truth::False &&
+            check.view.Runs(action.id, RemovalByNewerVersion()) != Truth::False &&
             !check.view.SetsBeforeRemoval(L"DISABLEANALYTICS")) {
             check.Find(407, kExecute, action.id, L"");
         }
@@ -465,35 +462,44 @@ void CheckSecureProperties(const Check& check) {
     }
 }
 
+/// What has been told of folders, each once.
+struct ToldFolders {
+    std::set<std::wstring> secure;
+    std::set<std::wstring> chosen;
+};
+
+void CheckFolder(const Check& check, const ActionFacts& facts, const DataSource& source,
+                 const std::wstring& property, ToldFolders& told) {
+    const std::wstring chosen = check.view.ChosenBy(property);
+    const std::wstring& named = chosen.empty() ? property : chosen;
+    const bool isSecure = Holds(check.view.SecureProperties(), property) ||
+                          Holds(check.view.SecureProperties(), named);
+    if (isSecure && told.secure.insert(named).second) {
+        check.Find(502, L"Property", named, source.row);
+    }
+    if (!facts.wholeData.empty()) {
+        return;
+    }
+    if (IsPublic(property)) {
+        check.Find(503, source.table, source.row, L"[" + property + L"]");
+    }
+    if (!chosen.empty() && !check.view.RefusesSemicolonIn(chosen) &&
+        told.chosen.insert(chosen).second) {
+        std::wstring what = L"[";
+        what.append(property).append(L"], which follows ").append(chosen);
+        check.Find(504, source.table, source.row, what);
+    }
+}
+
 void CheckFolders(const Check& check) {
-    std::set<std::wstring> seenSecure;
-    std::set<std::wstring> seenChosen;
+    ToldFolders told;
     for (const LibraryAction& action : check.view.ScheduledActions(kExecute)) {
         if (!action.IsDeferred() || !WantsData(*action.facts)) {
             continue;
         }
         for (const DataSource& source : check.view.DataOf(action.id)) {
-            for (const DataItem& item : FoldersOf(*action.facts, source.value)) {
-                for (const std::wstring& property : PropertiesIn(item.value)) {
-                    const std::wstring chosen = check.view.ChosenBy(property);
-                    if (Holds(check.view.SecureProperties(), property) ||
-                        (!chosen.empty() && Holds(check.view.SecureProperties(), chosen))) {
-                        const std::wstring& secure = chosen.empty() ? property : chosen;
-                        if (seenSecure.insert(secure).second) {
-                            check.Find(502, L"Property", secure, source.row);
-                        }
-                    }
-                    if (IsPublic(property) && action.facts->wholeData.empty()) {
-                        check.Find(503, source.table, source.row, L"[" + property + L"]");
-                    }
-                    if (!chosen.empty() && action.facts->wholeData.empty() &&
-                        !check.view.RefusesSemicolonIn(chosen) &&
-                        seenChosen.insert(chosen).second) {
-                        std::wstring what = L"[";
-                        what.append(property).append(L"], which follows ").append(chosen);
-                        check.Find(504, source.table, source.row, what);
-                    }
-                }
+            for (const std::wstring& property : FolderProperties(*action.facts, source.value)) {
+                CheckFolder(check, *action.facts, source, property, told);
             }
         }
     }

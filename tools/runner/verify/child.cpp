@@ -1,5 +1,7 @@
 #include "verify/child.h"
 
+#include "library.h"
+
 #include "runtime/owned.h"
 
 #include <cwchar>
@@ -39,7 +41,7 @@ int RunStandIn(const std::vector<std::wstring>& arguments) {
 }
 
 std::wstring ChildAt(const std::wstring& path) {
-    Require(CopyFileW(ThisProgram().c_str(), path.c_str(), TRUE) != FALSE,
+    Require(CopyFileW(ProgramPath().c_str(), path.c_str(), TRUE) != FALSE,
             L"copying this program to " + path);
     return path;
 }
@@ -49,25 +51,32 @@ WaitingChild::WaitingChild(const std::wstring& program, const std::wstring& sign
     const PROCESS_INFORMATION child =
         Start(L"\"" + program + L"\" " + kChildWord + L" wait \"" + sign + L"\"", directory, 0);
     CloseHandle(child.hThread);
-    process_ = child.hProcess;
+    process_.reset(child.hProcess);
     for (DWORD waited = 0; waited < kStartLimitMilliseconds && !IsThere(sign) && !HasEnded();
          waited += kPollMilliseconds) {
         Sleep(kPollMilliseconds);
     }
+    if (!IsThere(sign) || HasEnded()) {
+        End();
+        throw CannotBeAsked(L"the program that was to wait does not run: " + program);
+    }
 }
 
 WaitingChild::~WaitingChild() {
-    TerminateProcess(process_, 0);
-    WaitForSingleObject(process_, kEndLimitMilliseconds);
-    CloseHandle(process_);
+    End();
+}
+
+void WaitingChild::End() {
+    TerminateProcess(process_.get(), 0);
+    WaitForSingleObject(process_.get(), kEndLimitMilliseconds);
 }
 
 bool WaitingChild::HasEnded() const {
-    return WaitForSingleObject(process_, 0) == WAIT_OBJECT_0;
+    return WaitForSingleObject(process_.get(), 0) == WAIT_OBJECT_0;
 }
 
-std::optional<DWORD> ExitCodeOf(const std::wstring& commandLine, const std::wstring& directory,
-                                DWORD limitMilliseconds) {
+std::optional<DWORD> RunToItsEnd(const std::wstring& commandLine, const std::wstring& directory,
+                                 DWORD limitMilliseconds) {
     // A job takes along what the program has started.
     const halvard::OwnedHandle job(CreateJobObjectW(nullptr, nullptr));
     const PROCESS_INFORMATION child = Start(commandLine, directory, CREATE_SUSPENDED);

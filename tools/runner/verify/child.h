@@ -2,6 +2,8 @@
 
 #include "verify/place.h"
 
+#include "runtime/owned.h"
+
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,7 +25,7 @@ std::wstring ChildAt(const std::wstring& path);
 /// scope.
 class WaitingChild {
 public:
-    /// Throws CannotBeAsked.
+    /// Throws CannotBeAsked where it has not begun to wait in time, or has ended.
     WaitingChild(const std::wstring& program, const std::wstring& sign,
                  const std::wstring& directory);
     ~WaitingChild();
@@ -33,13 +35,15 @@ public:
     [[nodiscard]] bool HasEnded() const;
 
 private:
-    HANDLE process_ = nullptr;
+    void End();
+
+    halvard::OwnedHandle process_;
 };
 
 /// Starts a command line without a window in a folder and waits for its end. Nothing after that
 /// time, when it is ended with all that it has started. Throws CannotBeAsked.
-std::optional<DWORD> ExitCodeOf(const std::wstring& commandLine, const std::wstring& directory,
-                                DWORD limitMilliseconds);
+std::optional<DWORD> RunToItsEnd(const std::wstring& commandLine, const std::wstring& directory,
+                                 DWORD limitMilliseconds);
 
 /// A text file of this program's own.
 void WriteText(const std::wstring& path, const std::wstring& text);

@@ -12,28 +12,8 @@ namespace halvard_runner {
 namespace {
 
 constexpr wchar_t kAlternative[] = L" or ";
-using Members = std::vector<std::pair<const wchar_t*, std::wstring>>;
-
-std::wstring Object(const Members& members) {
-    std::wstring text;
-    for (const auto& [name, value] : members) {
-        text += (text.empty() ? L"{" : L", ") + JsonString(name) + L": " + value;
-    }
-    return text + L"}";
-}
-
-template <typename Items, typename Text>
-std::wstring Array(const Items& items, Text text) {
-    std::wstring all;
-    for (const auto& item : items) {
-        all += (all.empty() ? L"" : L",\n ") + text(item);
-    }
-    return L"[" + all + L"]";
-}
-
-std::wstring StringOrNull(const std::wstring& text) {
-    return text.empty() ? L"null" : JsonString(text);
-}
+constexpr wchar_t kFound = L'+';
+constexpr wchar_t kNotFound = L'-';
 
 bool IsOneOf(const std::wstring& outcome, const std::wstring& alternatives) {
     const std::size_t length = std::size(kAlternative) - 1;
@@ -138,7 +118,7 @@ std::wstring Milliseconds(double milliseconds) {
 
 std::wstring ResultJson(const FactResult& result) {
     const FactText& text = *result.text;
-    return Object({
+    return JsonObject({
         {L"name", JsonString(text.name)},
         {L"subject", JsonString(text.subject)},
         {L"fact", JsonString(text.about)},
@@ -147,8 +127,8 @@ std::wstring ResultJson(const FactResult& result) {
         {L"basis", JsonString(text.basis)},
         {L"wine8", JsonString(text.wine8)},
         {L"wine10", JsonString(text.wine10)},
-        {L"here", StringOrNull(result.outcome)},
-        {L"why", StringOrNull(result.why)},
+        {L"here", JsonStringOrNull(result.outcome)},
+        {L"why", JsonStringOrNull(result.why)},
         {L"verdict", JsonString(VerdictText(VerdictOf(result)))},
         {L"milliseconds", Milliseconds(result.milliseconds)},
     });
@@ -163,11 +143,29 @@ Verdict VerdictOf(const FactResult& result) {
     return IsOneOf(result.outcome, result.text->windows) ? Verdict::Agrees : Verdict::Differs;
 }
 
+std::wstring AnswerText(const FactResult& result) {
+    return result.outcome.empty() ? kNotFound + result.why : kFound + result.outcome;
+}
+
+void TakeAnswer(const std::wstring& answer, FactResult& result) {
+    if (answer.size() > 1 && answer.front() == kFound) {
+        result.outcome = answer.substr(1);
+    } else if (answer.size() > 1 && answer.front() == kNotFound) {
+        result.why = answer.substr(1);
+    } else {
+        result.why = L"it told nothing";
+    }
+}
+
 VerifyExit ExitOf(const std::vector<FactResult>& results, const std::vector<std::wstring>& left) {
     if (!left.empty()) {
         return VerifyExit::SomethingIsLeft;
     }
-    return CountOf(results, Verdict::Differs) > 0 ? VerifyExit::SomeDiffer : VerifyExit::AllAgree;
+    if (CountOf(results, Verdict::NotAsked) == results.size()) {
+        return VerifyExit::NotCarriedOut;
+    }
+    return CountOf(results, Verdict::Differs) > 0 ? VerifyExit::SomeDiffer
+                                                  : VerifyExit::NoneDiffers;
 }
 
 std::wstring FactTable(const AskedSystem& system, const std::vector<FactResult>& results,
@@ -200,16 +198,16 @@ std::wstring FactJson(const AskedSystem& system, const std::vector<FactResult>& 
     const auto number = [](std::size_t count) {
         return std::to_wstring(count);
     };
-    return Object({
+    return JsonObject({
                {L"program", JsonString(system.program)},
                {L"windows", JsonString(system.windows)},
-               {L"wine", StringOrNull(system.wine)},
-               {L"elevated", system.elevated ? L"true" : L"false"},
-               {L"facts", Array(results, ResultJson)},
+               {L"wine", JsonStringOrNull(system.wine)},
+               {L"elevated", JsonBool(system.elevated)},
+               {L"facts", JsonArray(results, ResultJson)},
                {L"agree", number(CountOf(results, Verdict::Agrees))},
                {L"differ", number(CountOf(results, Verdict::Differs))},
                {L"cannot_be_asked", number(CountOf(results, Verdict::NotAsked))},
-               {L"left_behind", Array(left, JsonString)},
+               {L"left_behind", JsonArray(left, JsonString)},
                {L"exit_code", std::to_wstring(static_cast<int>(ExitOf(results, left)))},
            }) +
            L"\n";

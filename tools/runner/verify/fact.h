@@ -50,13 +50,18 @@ Verdict VerdictOf(const FactResult& result);
 
 /// What a script may rely on, besides the exit codes of the program for wrong arguments.
 enum class VerifyExit {
-    AllAgree = 0,
+    NoneDiffers = 0,
     SomeDiffer = 1,
     SomethingIsLeft = 20,
     NotCarriedOut = 21,
 };
 
-/// 20 when something is left, whatever the facts; 1 when a fact differs.
+/// How the process in which a fact is asked hands on what it found, and what is made of it.
+std::wstring AnswerText(const FactResult& result);
+void TakeAnswer(const std::wstring& answer, FactResult& result);
+
+/// 20 when something is left, whatever the facts; 21 when no fact could be asked; 1 when one
+/// differs.
 VerifyExit ExitOf(const std::vector<FactResult>& results, const std::vector<std::wstring>& left);
 
 /// For a reader: a table, and below it what differs and what could not be asked.

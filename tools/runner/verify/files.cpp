@@ -4,6 +4,8 @@
 #include "verify/child.h"
 #include "verify/place.h"
 
+#include "library.h"
+
 #include "cleanup/directory_tree.h"
 #include "cleanup/held_folder.h"
 #include "runtime/file_paths.h"
@@ -81,12 +83,18 @@ std::wstring SameFolder(const ScratchPlace& place) {
                : L"another";
 }
 
-std::wstring LongPath(const ScratchPlace& place) {
-    std::wstring path = Extended(place.Folder());
+// Folders in each other below a folder, down to one whose path is longer than 260 characters.
+std::wstring LongFolder(const std::wstring& folder) {
+    std::wstring path = Extended(folder);
     while (path.size() < 320) {
         path += L"\\" + std::wstring(40, L'f');
         MakeFolder(path);
     }
+    return path;
+}
+
+std::wstring LongPath(const ScratchPlace& place) {
+    const std::wstring path = LongFolder(place.Folder());
     MakeFile(path + L"\\file");
     return path + L"\\file";
 }
@@ -107,11 +115,7 @@ std::wstring Removal(const std::wstring& path) {
 
 std::wstring LongPathInTree(const ScratchPlace& place) {
     MakeFolder(place.File(L"tree"));
-    std::wstring path = Extended(place.File(L"tree"));
-    while (path.size() < 320) {
-        path += L"\\" + std::wstring(40, L'f');
-        MakeFolder(path);
-    }
+    LongFolder(place.File(L"tree"));
     return Removal(place.File(L"tree"));
 }
 
@@ -160,7 +164,7 @@ std::wstring CurrentDirectoryInTree(const ScratchPlace& place) {
 std::wstring LoadedLibrary(const ScratchPlace& place) {
     const std::wstring tree = Tree(place);
     const std::wstring library =
-        ThisProgram().substr(0, ThisProgram().rfind(L'\\') + 1) + L"Halvard_CA.dll";
+        ProgramPath().substr(0, ProgramPath().rfind(L'\\') + 1) + L"Halvard_CA.dll";
     const std::wstring copy = tree + L"\\folder\\library.dll";
     Require(CopyFileW(library.c_str(), copy.c_str(), TRUE) != FALSE, L"copying " + library);
     HMODULE const loaded = LoadLibraryW(copy.c_str());

@@ -4,9 +4,11 @@
 #include "verify/package.h"
 #include "verify/place.h"
 
+#include "library.h"
+#include "text.h"
+
 #include "runtime/launch.h"
 #include "runtime/owned.h"
-#include "runtime/service_manager.h"
 
 #include <shlobj.h>
 
@@ -94,6 +96,11 @@ DWORD SizeOfFile(const std::wstring& path) {
     return data.nFileSizeLow;
 }
 
+halvard::OwnedService OpenManager() {
+    return halvard::OwnedService(
+        OpenSCManagerW(nullptr, SERVICES_ACTIVE_DATABASEW, SC_MANAGER_CONNECT));
+}
+
 halvard::OwnedService OpenOwnService(const halvard::OwnedService& manager, const std::wstring& name,
                                      DWORD access) {
     return halvard::OwnedService(OpenServiceW(manager.get(), name.c_str(), access));
@@ -101,7 +108,7 @@ halvard::OwnedService OpenOwnService(const halvard::OwnedService& manager, const
 
 // Empty where there is no such service.
 std::wstring StoredPath(const std::wstring& service) {
-    const halvard::OwnedService manager = halvard::OpenServiceManager(SERVICES_ACTIVE_DATABASEW);
+    const halvard::OwnedService manager = OpenManager();
     const halvard::OwnedService opened = OpenOwnService(manager, service, SERVICE_QUERY_CONFIG);
     alignas(QUERY_SERVICE_CONFIGW) BYTE buffer[8192] = {};
     auto* const config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer);
@@ -114,19 +121,19 @@ std::wstring StoredPath(const std::wstring& service) {
 }
 
 bool ServiceIsThere(const std::wstring& name) {
-    const halvard::OwnedService manager = halvard::OpenServiceManager(SERVICES_ACTIVE_DATABASEW);
+    const halvard::OwnedService manager = OpenManager();
     return static_cast<bool>(OpenOwnService(manager, name, SERVICE_QUERY_STATUS));
 }
 
 void DeleteOwnService(const std::wstring& name) {
-    const halvard::OwnedService manager = halvard::OpenServiceManager(SERVICES_ACTIVE_DATABASEW);
+    const halvard::OwnedService manager = OpenManager();
     const halvard::OwnedService service = OpenOwnService(manager, name, DELETE);
     if (service) {
         DeleteService(service.get());
     }
 }
 
-/// The product of this program's own, away again at the end.
+/// The product of this program's own. Whoever installs it takes it away again.
 class OwnProduct {
 public:
     explicit OwnProduct(const Scratch& scratch)
@@ -142,21 +149,11 @@ public:
         parts_.programSize = SizeOfFile(program);
         const std::wstring probe = scratch.Folder() + L"\\probe.dll";
         WriteProbe(probe);
-        const std::wstring self = ThisProgram();
+        const std::wstring self = ProgramPath();
         parts_.binaries = {{kProbe, probe},
                            {kLibrary, self.substr(0, self.rfind(L'\\') + 1) + L"Halvard_CA.dll"}};
         WritePackage(package_, parts_);
     }
-    ~OwnProduct() {
-        try {
-            TakeAway();
-        } catch (const CannotBeAsked&) {
-            return; // what is left has been told, or the reason why nothing was asked
-        }
-    }
-    OwnProduct(const OwnProduct&) = delete;
-    OwnProduct& operator=(const OwnProduct&) = delete;
-
     struct Session {
         UINT result = 0;
         Report report;
@@ -170,16 +167,28 @@ public:
         session.servicePath = StoredPath(parts_.service);
         session.report = ReadReport(report);
         TakeAway();
+        if (IsInstalled()) {
+            throw CannotBeAsked(L"what was installed could not be removed");
+        }
         return session;
     }
 
-    /// What a removal leaves under some engines goes as well.
+    /// What a removal leaves under some engines goes as well, also where the removal itself cannot
+    /// be carried out; then throws CannotBeAsked.
     void TakeAway() const {
-        if (IsInstalled()) {
-            static_cast<void>(RunSession({L"REMOVE", L"ALL"}));
+        std::optional<CannotBeAsked> failure;
+        try {
+            if (IsInstalled()) {
+                static_cast<void>(RunSession({L"REMOVE", L"ALL"}));
+            }
+        } catch (const CannotBeAsked& error) {
+            failure = error;
         }
         DeleteOwnService(parts_.service);
         RemoveAnything(Extended(Folder()));
+        if (failure) {
+            throw CannotBeAsked(*failure);
+        }
     }
 
     [[nodiscard]] std::vector<std::wstring> Left() const {
@@ -204,12 +213,12 @@ private:
     // In a process of its own: after an exception in an action some engines are good for nothing in
     // the process that began the session.
     [[nodiscard]] UINT RunSession(const std::vector<std::wstring>& namesAndValues) const {
-        std::wstring command = L"\"" + ThisProgram() + L"\" " + kChildWord + L" " + kInstallWord +
+        std::wstring command = L"\"" + ProgramPath() + L"\" " + kChildWord + L" " + kInstallWord +
                                L" \"" + package_ + L"\"";
         for (const std::wstring& each : namesAndValues) {
             command += L" \"" + each + L"\"";
         }
-        const std::optional<DWORD> code = ExitCodeOf(
+        const std::optional<DWORD> code = RunToItsEnd(
             command, halvard::ShellFolderOrEmpty(CSIDL_SYSTEM), kSessionLimitMilliseconds);
         if (!code) {
             throw CannotBeAsked(L"an installation did not end");
@@ -304,11 +313,7 @@ std::wstring RollbackActions(const Sessions& sessions) {
 }
 
 std::wstring FileNameOf(const std::wstring& path) {
-    std::wstring name = path.substr(path.rfind(L'\\') + 1);
-    std::transform(name.begin(), name.end(), name.begin(), [](wchar_t c) {
-        return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c;
-    });
-    return name;
+    return LowerCase(path.substr(path.rfind(L'\\') + 1));
 }
 
 std::wstring HostProgram(const Sessions& sessions) {
@@ -401,48 +406,71 @@ std::wstring LibraryDuration(const Sessions& sessions) {
 }
 
 // What stands behind an outcome, for those who read it elsewhere.
-std::wstring Detail(const Sessions& sessions, const std::wstring& name) {
-    const Report& report = sessions.plain.report;
-    const std::map<std::wstring, std::wstring> details = {
-        {L"rollback-actions",
-         L"the installation ended with " + std::to_wstring(sessions.rollback.result)},
-        {L"service-path", sessions.plain.servicePath},
-        {L"host-program", ValueOf(report, L"LookDeferred.host")},
-        {L"host-directory", ValueOf(report, L"LookDeferred.directory")},
-        {L"host-temporary", ValueOf(report, L"LookDeferred.temporary")},
-        {L"user-temporary", ValueOf(report, L"LookAsUser.temporary")},
-        {L"extracted-to", ValueOf(report, L"LookDeferred.library")},
-        {L"call-duration", std::to_wstring(TimeOfProbe(sessions)) + L" ms"},
-        {L"library-duration",
-         std::to_wstring(TimeOfLibrary(sessions)) + L" ms with the action that measures"},
-    };
-    const auto found = details.find(name);
-    return found == details.end() ? L"" : found->second;
+
+std::wstring PathOfService(const Sessions& sessions) {
+    return sessions.plain.servicePath;
+}
+
+std::wstring EndOfRollback(const Sessions& sessions) {
+    return L"the installation ended with " + std::to_wstring(sessions.rollback.result);
+}
+
+std::wstring PathOfHost(const Sessions& sessions) {
+    return ValueOf(sessions.plain.report, L"LookDeferred.host");
+}
+
+std::wstring PathOfDirectory(const Sessions& sessions) {
+    return ValueOf(sessions.plain.report, L"LookDeferred.directory");
+}
+
+std::wstring PathOfTemporary(const Sessions& sessions) {
+    return ValueOf(sessions.plain.report, L"LookDeferred.temporary");
+}
+
+std::wstring PathOfUserTemporary(const Sessions& sessions) {
+    return ValueOf(sessions.plain.report, L"LookAsUser.temporary");
+}
+
+std::wstring PathOfLibrary(const Sessions& sessions) {
+    return ValueOf(sessions.plain.report, L"LookDeferred.library");
+}
+
+std::wstring MillisecondsOfProbe(const Sessions& sessions) {
+    return std::to_wstring(TimeOfProbe(sessions)) + L" ms";
+}
+
+std::wstring MillisecondsOfLibrary(const Sessions& sessions) {
+    return std::to_wstring(TimeOfLibrary(sessions)) + L" ms with the action that measures";
+}
+
+std::wstring NoDetail(const Sessions& /*sessions*/) {
+    return {};
 }
 
 struct InstallerFact {
     const wchar_t* name;
     std::wstring (*observe)(const Sessions& sessions);
+    std::wstring (*detail)(const Sessions& sessions);
 };
 
 const std::vector<InstallerFact>& InstallerFacts() {
     static const std::vector<InstallerFact> facts = {
-        {L"no-more-items", Skipped},
-        {L"behind-exception", BehindException},
-        {L"service-path", ServicePath},
-        {L"ordinary-property", OrdinaryProperty},
-        {L"deferred-properties", DeferredProperties},
-        {L"rollback-actions", RollbackActions},
-        {L"host-program", HostProgram},
-        {L"host-directory", HostDirectory},
-        {L"host-temporary", HostTemporary},
-        {L"user-temporary", UserTemporary},
-        {L"deferred-user", DeferredUser},
-        {L"impersonated-user", ImpersonatedUser},
-        {L"extracted-to", ExtractedTo},
-        {L"extracted-anew", ExtractedAnew},
-        {L"call-duration", ProbeDuration},
-        {L"library-duration", LibraryDuration},
+        {L"no-more-items", Skipped, NoDetail},
+        {L"behind-exception", BehindException, NoDetail},
+        {L"service-path", ServicePath, PathOfService},
+        {L"ordinary-property", OrdinaryProperty, NoDetail},
+        {L"deferred-properties", DeferredProperties, NoDetail},
+        {L"rollback-actions", RollbackActions, EndOfRollback},
+        {L"host-program", HostProgram, PathOfHost},
+        {L"host-directory", HostDirectory, PathOfDirectory},
+        {L"host-temporary", HostTemporary, PathOfTemporary},
+        {L"user-temporary", UserTemporary, PathOfUserTemporary},
+        {L"deferred-user", DeferredUser, NoDetail},
+        {L"impersonated-user", ImpersonatedUser, NoDetail},
+        {L"extracted-to", ExtractedTo, PathOfLibrary},
+        {L"extracted-anew", ExtractedAnew, NoDetail},
+        {L"call-duration", ProbeDuration, MillisecondsOfProbe},
+        {L"library-duration", LibraryDuration, MillisecondsOfLibrary},
     };
     return facts;
 }
@@ -454,13 +482,49 @@ FactResult ResultOf(const FactText& text, const Sessions& sessions) {
         if (std::wstring(fact.name) == text.name) {
             try {
                 result.outcome = fact.observe(sessions);
-                result.why = Detail(sessions, text.name);
+                result.why = fact.detail(sessions);
             } catch (const CannotBeAsked& reason) {
                 result.why = reason.Why();
             }
         }
     }
     return result;
+}
+
+using FactList = std::vector<const FactText*>;
+
+std::vector<FactResult> NotAsked(const FactList& texts, const std::wstring& why) {
+    std::vector<FactResult> results;
+    for (const FactText* const text : texts) {
+        results.emplace_back();
+        results.back().text = text;
+        results.back().why = why;
+    }
+    return results;
+}
+
+// What cannot be taken away is looked for afterwards.
+void TryToTakeAway(const OwnProduct& product) {
+    try {
+        product.TakeAway();
+    } catch (const CannotBeAsked&) {
+        return;
+    }
+}
+
+// Whatever breaks the sessions off, the product is taken away.
+std::vector<FactResult> AskProduct(const FactList& texts, const OwnProduct& product) {
+    try {
+        const Sessions sessions(product);
+        std::vector<FactResult> results;
+        for (const FactText* const text : texts) {
+            results.push_back(ResultOf(*text, sessions));
+        }
+        return results;
+    } catch (const std::exception& error) {
+        TryToTakeAway(product);
+        return NotAsked(texts, ReasonText(error));
+    }
 }
 
 } // namespace
@@ -477,14 +541,12 @@ int RunInstallerSession(const std::vector<std::wstring>& arguments) {
 InstallerAnswer AskInstaller(const std::vector<const FactText*>& texts) {
     const Scratch scratch;
     InstallerAnswer answer;
-    {
+    try {
         const OwnProduct product(scratch);
-        const Sessions sessions(product);
-        for (const FactText* const text : texts) {
-            answer.results.push_back(ResultOf(*text, sessions));
-        }
-        product.TakeAway();
+        answer.results = AskProduct(texts, product);
         answer.left = product.Left();
+    } catch (const std::exception& error) {
+        answer.results = NotAsked(texts, ReasonText(error));
     }
     const std::vector<std::wstring> left = scratch.Remove();
     answer.left.insert(answer.left.end(), left.begin(), left.end());

@@ -24,7 +24,8 @@ inline constexpr const wchar_t* kInstallWord = L"install";
 int RunInstallerSession(const std::vector<std::wstring>& arguments);
 
 /// Installs the package of this program's own four times, each time with other actions, and removes
-/// it each time. Throws CannotBeAsked where it cannot be made.
+/// it each time. Where that breaks off, no fact is asked, for that reason, and what is left is told
+/// all the same. Throws CannotBeAsked where there is no place for it.
 InstallerAnswer AskInstaller(const std::vector<const FactText*>& texts);
 
 } // namespace halvard_runner

@@ -1,5 +1,6 @@
 #include "verify/package.h"
 
+#include "installer_handle.h"
 #include "verify/place.h"
 
 #include <msiquery.h>
@@ -9,15 +10,8 @@ namespace halvard_runner {
 
 namespace {
 
-// The least version of the engine, times 100, that takes 64-bit packages; long file names, and a
-// source that is not compressed.
-constexpr int kEngineVersion = 200;
+// Long file names, and a source that is not compressed.
 constexpr int kPlainSource = 0;
-constexpr UINT kSummaryProperties = 4;
-constexpr UINT kTemplate = 7;
-constexpr UINT kRevision = 9;
-constexpr UINT kPageCount = 14;
-constexpr UINT kWordCount = 15;
 
 constexpr const wchar_t* kTables[] = {
     L"CREATE TABLE `Property` (`Property` CHAR(72) NOT NULL, `Value` LONGCHAR NOT NULL LOCALIZABLE "
@@ -67,57 +61,36 @@ constexpr StandardAction kStandardActions[] = {
     {L"PublishProduct", 6400},    {L"InstallFinalize", 6600},
 };
 
-class Handle {
-public:
-    Handle() = default;
-    ~Handle() { MsiCloseHandle(handle_); }
-    Handle(const Handle&) = delete;
-    Handle& operator=(const Handle&) = delete;
-
-    [[nodiscard]] MSIHANDLE Get() const noexcept { return handle_; }
-    MSIHANDLE* Receive() noexcept { return &handle_; }
-
-private:
-    MSIHANDLE handle_ = 0;
-};
-
-void Check(UINT status, const std::wstring& what) {
+void RequireStatus(UINT status, const std::wstring& what) {
     RequireSuccess(static_cast<LSTATUS>(status), what);
-}
-
-void Execute(const Handle& database, const std::wstring& statement, MSIHANDLE record = 0) {
-    Handle view;
-    Check(MsiDatabaseOpenViewW(database.Get(), statement.c_str(), view.Receive()), statement);
-    Check(MsiViewExecute(view.Get(), record), statement);
 }
 
 std::wstring Quoted(const std::wstring& text) {
     return L"'" + text + L"'";
 }
 
-void Insert(const Handle& database, const wchar_t* tableAndColumns, const std::wstring& values) {
-    Execute(database,
-            L"INSERT INTO " + std::wstring(tableAndColumns) + L" VALUES (" + values + L")");
+void Insert(MSIHANDLE database, const wchar_t* tableAndColumns, const std::wstring& values) {
+    const std::wstring statement =
+        L"INSERT INTO " + std::wstring(tableAndColumns) + L" VALUES (" + values + L")";
+    RequireStatus(Execute(database, statement.c_str()), statement);
 }
 
-void AddBinary(const Handle& database, const std::wstring& name, const std::wstring& path) {
-    const MSIHANDLE record = MsiCreateRecord(1);
-    const UINT status = MsiRecordSetStreamW(record, 1, path.c_str());
-    if (status == ERROR_SUCCESS) {
-        Execute(database,
-                L"INSERT INTO `Binary` (`Name`, `Data`) VALUES (" + Quoted(name) + L", ?)", record);
-    }
-    MsiCloseHandle(record);
-    Check(status, L"reading " + path);
+void AddBinary(MSIHANDLE database, const std::wstring& name, const std::wstring& path) {
+    const std::wstring statement =
+        L"INSERT INTO `Binary` (`Name`, `Data`) VALUES (" + Quoted(name) + L", ?)";
+    InstallerHandle record;
+    *record.Receive() = MsiCreateRecord(1);
+    RequireStatus(MsiRecordSetStreamW(record.Get(), 1, path.c_str()), L"reading " + path);
+    RequireStatus(Execute(database, statement.c_str(), record.Get()), statement);
 }
 
-void AddSequence(const Handle& database, const std::wstring& action, const std::wstring& condition,
+void AddSequence(MSIHANDLE database, const std::wstring& action, const std::wstring& condition,
                  int sequence) {
     Insert(database, L"`InstallExecuteSequence` (`Action`, `Condition`, `Sequence`)",
            Quoted(action) + L", " + Quoted(condition) + L", " + std::to_wstring(sequence));
 }
 
-void AddAction(const Handle& database, const PackagedAction& action) {
+void AddAction(MSIHANDLE database, const PackagedAction& action) {
     constexpr int kSetsProperty = 51;
     constexpr int kInScript = 0x400;
     constexpr const wchar_t* kColumns = L"`CustomAction` (`Action`, `Type`, `Source`, `Target`)";
@@ -136,7 +109,7 @@ void AddAction(const Handle& database, const PackagedAction& action) {
     AddSequence(database, L"Set" + name, condition, action.sequence - 1);
 }
 
-void AddProduct(const Handle& database, const PackageParts& parts) {
+void AddProduct(MSIHANDLE database, const PackageParts& parts) {
     const std::pair<const wchar_t*, std::wstring> properties[] = {
         {L"ProductCode", parts.productCode},
         {L"ProductName", parts.folder},
@@ -172,7 +145,7 @@ void AddProduct(const Handle& database, const PackageParts& parts) {
     Insert(database, L"`Media` (`DiskId`, `LastSequence`)", L"1, 1");
 }
 
-void AddService(const Handle& database, const PackageParts& parts) {
+void AddService(MSIHANDLE database, const PackageParts& parts) {
     Insert(database,
            L"`ServiceInstall` (`ServiceInstall`, `Name`, `DisplayName`, `ServiceType`, "
            L"`StartType`, `ErrorControl`, `Component_`)",
@@ -183,48 +156,29 @@ void AddService(const Handle& database, const PackageParts& parts) {
            L"'Service', " + Quoted(parts.service) + L", 160, 1, 'Program'");
 }
 
-void WriteSummary(const Handle& database, const std::wstring& packageCode) {
-    const std::wstring what = L"writing the package's summary";
-    Handle summary;
-    Check(MsiGetSummaryInformationW(database.Get(), nullptr, kSummaryProperties, summary.Receive()),
-          what);
-    const auto setText = [&](UINT property, const wchar_t* text) {
-        Check(MsiSummaryInfoSetPropertyW(summary.Get(), property, VT_LPSTR, 0, nullptr, text),
-              what);
-    };
-    const auto setNumber = [&](UINT property, int number) {
-        Check(MsiSummaryInfoSetPropertyW(summary.Get(), property, VT_I4, number, nullptr, nullptr),
-              what);
-    };
-    setText(kTemplate, L"x64;1033");
-    setText(kRevision, packageCode.c_str());
-    setNumber(kPageCount, kEngineVersion);
-    setNumber(kWordCount, kPlainSource);
-    Check(MsiSummaryInfoPersist(summary.Get()), what);
-}
-
 } // namespace
 
 void WritePackage(const std::wstring& path, const PackageParts& parts) {
-    Handle database;
-    Check(MsiOpenDatabaseW(path.c_str(), MSIDBOPEN_CREATE, database.Receive()),
-          L"making the package " + path);
+    InstallerHandle database;
+    RequireStatus(MsiOpenDatabaseW(path.c_str(), MSIDBOPEN_CREATE, database.Receive()),
+                  L"making the package " + path);
     for (const wchar_t* const table : kTables) {
-        Execute(database, table);
+        RequireStatus(Execute(database.Get(), table), table);
     }
-    AddProduct(database, parts);
-    AddService(database, parts);
+    AddProduct(database.Get(), parts);
+    AddService(database.Get(), parts);
     for (const StandardAction& action : kStandardActions) {
-        AddSequence(database, action.name, L"", action.sequence);
+        AddSequence(database.Get(), action.name, L"", action.sequence);
     }
     for (const auto& [name, file] : parts.binaries) {
-        AddBinary(database, name, file);
+        AddBinary(database.Get(), name, file);
     }
     for (const PackagedAction& action : parts.actions) {
-        AddAction(database, action);
+        AddAction(database.Get(), action);
     }
-    WriteSummary(database, parts.packageCode);
-    Check(MsiDatabaseCommit(database.Get()), L"writing the package " + path);
+    RequireStatus(WriteSummary(database.Get(), parts.packageCode.c_str(), kPlainSource),
+                  L"writing the package's summary");
+    RequireStatus(MsiDatabaseCommit(database.Get()), L"writing the package " + path);
 }
 
 std::wstring NewCode() {

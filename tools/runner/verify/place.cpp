@@ -1,5 +1,9 @@
 #include "verify/place.h"
 
+#include "runner_error.h"
+#include "text.h"
+#include "text_output.h"
+
 #include "runtime/owned.h"
 
 namespace halvard_runner {
@@ -81,6 +85,9 @@ std::vector<std::wstring> Scratch::Remove() const {
     if (KeyIsThere(HKEY_CURRENT_USER, key_)) {
         left.push_back(L"HKEY_CURRENT_USER\\" + key_);
     }
+    if (TaskIsLeft(name_)) {
+        left.push_back(L"the scheduled task " + name_);
+    }
     return left;
 }
 
@@ -112,6 +119,16 @@ void RemoveInBothViews(const ViewedKey& key) {
     }
 }
 
+std::wstring ReasonText(const std::exception& error) {
+    if (const auto* const reason = dynamic_cast<const CannotBeAsked*>(&error)) {
+        return reason->Why();
+    }
+    if (const auto* const refusal = dynamic_cast<const RunnerError*>(&error)) {
+        return refusal->Text();
+    }
+    return Widened(error.what());
+}
+
 void Require(bool done, const std::wstring& what) {
     if (!done) {
         const DWORD code = GetLastError();
@@ -122,6 +139,10 @@ void Require(bool done, const std::wstring& what) {
 void RequireSuccess(LSTATUS status, const std::wstring& what) {
     SetLastError(static_cast<DWORD>(status));
     Require(status == ERROR_SUCCESS, what);
+}
+
+std::wstring CodeText(HRESULT result) {
+    return L"0x" + HexadecimalDigits(static_cast<std::uint32_t>(result), 8);
 }
 
 std::wstring Extended(const std::wstring& path) {
@@ -161,17 +182,6 @@ void RemoveAnything(const std::wstring& path) {
         RemoveContents(path);
     }
     RemoveDirectoryW(path.c_str());
-}
-
-std::wstring ThisProgram() {
-    std::wstring path(MAX_PATH, L'\0');
-    DWORD length = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
-    while (length == path.size()) {
-        path.resize(path.size() * 2);
-        length = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
-    }
-    path.resize(length);
-    return path;
 }
 
 } // namespace halvard_runner

@@ -22,8 +22,9 @@ private:
 };
 
 /// A folder below the temporary one and a key below HKEY_CURRENT_USER\Software, both with a name of
-/// their own, in which everything happens. Both are removed at the end, whatever became of the
-/// processes that worked in them.
+/// their own, in which everything happens but what has that name elsewhere: a scheduled task, and
+/// keys in both views. All are removed at the end, whatever became of the processes that worked
+/// with them.
 class Scratch {
 public:
     /// Throws CannotBeAsked.
@@ -35,7 +36,7 @@ public:
     [[nodiscard]] const std::wstring& Name() const noexcept { return name_; }
     [[nodiscard]] const std::wstring& Folder() const noexcept { return folder_; }
 
-    /// Removes both; what is still there then.
+    /// Removes them; what is still there then.
     [[nodiscard]] std::vector<std::wstring> Remove() const;
 
 private:
@@ -96,9 +97,18 @@ struct ViewedKey {
 std::pair<ViewedKey, ViewedKey> KeysInBothViews(const std::wstring& scratch);
 void RemoveInBothViews(const ViewedKey& key);
 
+/// Removes the scheduled task of a scratch, where there is one. Whether it is still there.
+bool TaskIsLeft(const std::wstring& scratch);
+
+/// Why something that this program does was not done.
+std::wstring ReasonText(const std::exception& error);
+
 /// Throws CannotBeAsked: that this step before the question was refused, and with which code.
 void Require(bool done, const std::wstring& what);
 void RequireSuccess(LSTATUS status, const std::wstring& what);
+
+/// A result of COM: "0x" and eight digits.
+std::wstring CodeText(HRESULT result);
 
 /// The extended-length form, in which any name can be made.
 std::wstring Extended(const std::wstring& path);
@@ -110,8 +120,5 @@ bool IsThere(const std::wstring& path);
 /// Removes a file, a folder with all it holds or a link, which goes alone; what cannot be removed
 /// stays.
 void RemoveAnything(const std::wstring& path);
-
-/// The runner's own path.
-std::wstring ThisProgram();
 
 } // namespace halvard_runner

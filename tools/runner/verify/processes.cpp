@@ -125,7 +125,8 @@ std::wstring ProgramsByName(const ScratchPlace& place) {
     const auto ended = [&] {
         return (first.HasEnded() ? 1 : 0) + (second.HasEnded() ? 1 : 0);
     };
-    for (DWORD waited = 0; waited < 1000 && ended() < 2; waited += kPollMilliseconds) {
+    for (DWORD waited = 0; waited < kLimitMilliseconds && ended() < 2;
+         waited += kPollMilliseconds) {
         Sleep(kPollMilliseconds);
     }
     return std::to_wstring(ended()) + L" of 2";

@@ -11,8 +11,6 @@
 
 #include <taskschd.h>
 
-#include <cstdio>
-
 namespace halvard_runner {
 
 namespace {
@@ -36,13 +34,6 @@ public:
 private:
     HRESULT entered_;
 };
-
-std::wstring CodeText(HRESULT result) {
-    wchar_t text[16] = {};
-    static_cast<void>(
-        std::swprintf(text, std::size(text), L"0x%08lX", static_cast<unsigned long>(result)));
-    return text;
-}
 
 void RequireResult(HRESULT result, const std::wstring& what) {
     if (FAILED(result)) {
@@ -70,13 +61,12 @@ VARIANT TextVariant(const OwnedAutomationString& text) {
 }
 
 std::wstring EndOf(const std::wstring& command, const std::wstring& directory) {
-    const std::optional<DWORD> code = ExitCodeOf(command, directory, kSchtasksLimitMilliseconds);
+    const std::optional<DWORD> code = RunToItsEnd(command, directory, kSchtasksLimitMilliseconds);
     return code ? std::to_wstring(*code) : L"does not end";
 }
 
-// As the library registers a task, but for the flag: it is judged and not kept.
-std::wstring Judged(const std::wstring& name, const std::wstring& definition) {
-    const Apartment apartment;
+// To be called inside of an apartment.
+OwnedInterface<ITaskFolder> FolderOfAllTasks() {
     void* made = nullptr;
     RequireResult(CoCreateInstance(CLSID_TaskScheduler, nullptr, CLSCTX_INPROC_SERVER,
                                    IID_ITaskService, &made),
@@ -87,8 +77,14 @@ std::wstring Judged(const std::wstring& name, const std::wstring& definition) {
     const OwnedAutomationString root(SysAllocString(L"\\"));
     ITaskFolder* opened = nullptr;
     RequireResult(service->GetFolder(root.get(), &opened), L"the folder of all tasks");
-    const OwnedInterface<ITaskFolder> folder(opened);
+    return OwnedInterface<ITaskFolder>(opened);
+}
 
+// As the library registers a task, but for the flag: it is judged and not kept.
+std::wstring Judged(const std::wstring& name, const std::wstring& definition) {
+    const Apartment apartment;
+    const OwnedInterface<ITaskFolder> folder = FolderOfAllTasks();
+    const VARIANT none = {};
     const OwnedAutomationString path(SysAllocString(name.c_str()));
     const OwnedAutomationString xml(SysAllocString(definition.c_str()));
     const OwnedAutomationString user(SysAllocString(ThisUser().c_str()));
@@ -199,6 +195,21 @@ std::vector<Fact> TaskFacts() {
         {L"missing-task-deleted", MissingTaskDeleted}, {L"missing-task-run", MissingTaskRun},
         {L"change-of-group-task", ChangeOfGroup},      {L"change-of-user-task", ChangeOfUser},
     };
+}
+
+bool TaskIsLeft(const std::wstring& scratch) {
+    try {
+        const Apartment apartment;
+        const OwnedInterface<ITaskFolder> folder = FolderOfAllTasks();
+        const OwnedAutomationString path(SysAllocString(scratch.c_str()));
+        folder->DeleteTask(path.get(), 0);
+        IRegisteredTask* task = nullptr;
+        const bool isLeft = SUCCEEDED(folder->GetTask(path.get(), &task));
+        const OwnedInterface<IRegisteredTask> given(task);
+        return isLeft;
+    } catch (const CannotBeAsked&) {
+        return false; // a Task Scheduler that is not reached has taken no task either
+    }
 }
 
 } // namespace halvard_runner

@@ -1,5 +1,6 @@
 #include "verify/verify.h"
 
+#include "library.h"
 #include "report.h"
 #include "runner_error.h"
 #include "text_output.h"
@@ -38,11 +39,11 @@ elevation, and asks before it begins; --yes answers that.
   --json       one JSON object, for scripts
 
 Exit codes:
-  0    this machine does everything as expected of Windows
+  0    nothing that could be asked differs from what is expected of Windows
   1    something differs
   2    the arguments are wrong
   20   something that was made could not be removed; it is named
-  21   it could not be carried out, or was not wanted
+  21   it could not be carried out, no fact could be asked, or it was not wanted
 )";
 
 bool IsElevated() {
@@ -106,12 +107,8 @@ void AskHere(const std::wstring& scratch, const Fact& fact, FactResult& result) 
     try {
         const ScratchPlace place(scratch, fact.name);
         result.outcome = fact.observe(place);
-    } catch (const CannotBeAsked& reason) {
-        result.why = reason.Why();
-    } catch (const RunnerError& error) {
-        result.why = error.Text();
     } catch (const std::exception& error) {
-        result.why = Widened(error.what());
+        result.why = ReasonText(error);
     }
 }
 
@@ -120,8 +117,7 @@ int AskInChild(const std::wstring& name, const std::wstring& scratch, const std:
     SetUnhandledExceptionFilter(EndAtOnce);
     FactResult result;
     AskHere(scratch, AllFacts().at(name), result);
-    WriteText(ResultFile(folder, name),
-              result.outcome.empty() ? L"-" + result.why : L"+" + result.outcome);
+    WriteText(ResultFile(folder, name), AnswerText(result));
     return 0;
 }
 
@@ -132,12 +128,12 @@ std::wstring SystemFolder() {
     return folder;
 }
 
-void Ask(const Scratch& scratch, FactResult& result) {
+void AskInProcess(const Scratch& scratch, FactResult& result) {
     const std::wstring name = result.text->name;
     const std::optional<DWORD> code =
-        ExitCodeOf(L"\"" + ThisProgram() + L"\" " + kChildWord + L" fact " + name + L" " +
-                       scratch.Name() + L" \"" + scratch.Folder() + L"\"",
-                   SystemFolder(), kFactLimitMilliseconds);
+        RunToItsEnd(L"\"" + ProgramPath() + L"\" " + kChildWord + L" fact " + name + L" " +
+                        scratch.Name() + L" \"" + scratch.Folder() + L"\"",
+                    SystemFolder(), kFactLimitMilliseconds);
     const std::wstring file = ResultFile(scratch.Folder(), name);
     if (!code) {
         result.outcome = L"does not end";
@@ -145,8 +141,16 @@ void Ask(const Scratch& scratch, FactResult& result) {
         result.outcome = L"ends its process";
         result.why = L"exit code " + HexadecimalText(*code);
     } else {
-        const std::wstring text = ReadText(file);
-        (text[0] == L'+' ? result.outcome : result.why) = text.substr(1);
+        TakeAnswer(ReadText(file), result);
+    }
+}
+
+// What keeps one fact from being asked keeps no other.
+void Ask(const Scratch& scratch, FactResult& result) {
+    try {
+        AskInProcess(scratch, result);
+    } catch (const CannotBeAsked& reason) {
+        result.why = reason.Why();
     }
 }
 
@@ -194,11 +198,10 @@ int VerifyFacts(bool json) {
 }
 
 int NotCarriedOut(bool json, const std::wstring& why) {
-    const std::wstring code = std::to_wstring(static_cast<int>(VerifyExit::NotCarriedOut));
+    constexpr int kCode = static_cast<int>(VerifyExit::NotCarriedOut);
     Write(json ? STD_OUTPUT_HANDLE : STD_ERROR_HANDLE,
-          json ? L"{\"error\": " + JsonString(why) + L", \"exit_code\": " + code + L"}\n"
-               : L"halvard_run: " + why + L"\n");
-    return static_cast<int>(VerifyExit::NotCarriedOut);
+          json ? ErrorJson(why, kCode) : L"halvard_run: " + why + L"\n");
+    return kCode;
 }
 
 bool UserAgrees() {
@@ -257,11 +260,12 @@ std::optional<int> Verify(const std::vector<std::wstring>& arguments) {
     if (!installer && !TakeWord(words, L"--verify")) {
         return std::nullopt;
     }
+    const bool json = TakeWord(words, L"--json");
     if (TakeWord(words, L"--help") || TakeWord(words, L"-h")) {
-        Write(STD_OUTPUT_HANDLE, kHelp);
+        const JsonMembers help = {{L"help", JsonString(kHelp)}, {L"exit_code", L"0"}};
+        Write(STD_OUTPUT_HANDLE, json ? JsonObject(help) + L"\n" : kHelp);
         return 0;
     }
-    const bool json = TakeWord(words, L"--json");
     const bool agreed = installer && TakeWord(words, L"--yes");
     if (!words.empty()) {
         throw RunnerError(ExitCode::WrongArguments,

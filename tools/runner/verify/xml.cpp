@@ -5,9 +5,6 @@
 
 #include "tasks/task_xml_rewriter.h"
 
-#include <cstdio>
-#include <cwchar>
-
 namespace halvard_runner {
 
 namespace {
@@ -51,13 +48,6 @@ std::string Utf16(const std::wstring& text) {
 std::string Utf8(std::wstring text) {
     text.replace(text.find(L"UTF-16"), 6, L"UTF-8");
     return {text.begin(), text.end()};
-}
-
-std::wstring CodeText(HRESULT result) {
-    wchar_t text[16] = {};
-    static_cast<void>(
-        std::swprintf(text, std::size(text), L"0x%08lX", static_cast<unsigned long>(result)));
-    return text;
 }
 
 bool HasElement(const std::wstring& text, const std::wstring& name, const std::wstring& value) {
