@@ -79,7 +79,13 @@ Package Good() {
          L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Zenvo Meridian Install Manager",
          L"InstallDir", L"[INSTALLDIR]"},
         {L"Brand", 2, L"SOFTWARE\\Zenvo\\PV", L"PVBrandingInstallDir", L"[PartFolder]"},
-        {L"Kept", 2, L"software\\ZenvoBranding", L"Licence", L"[PartFolder]licence.txt"}};
+        {L"Kept", 2, L"software\\ZenvoBranding", L"Licence", L"[PartFolder]licence.txt"},
+        {L"Recorder", 2, L"SOFTWARE\\Qorta Technologies\\Install\\XVR64", L"InstallDir",
+         L"[PartFolder]"},
+        // Of the keys that are read in both views, and of no key that is read.
+        {L"Framework", 2, L"SOFTWARE\\Qorta\\Sable\\Packages\\Core-Static", L"Location",
+         L"[PartFolder]", true},
+        {L"Own", 2, L"SOFTWARE\\Zenvo\\Own", L"Location", L"[PartFolder]", true}};
 
     const std::wstring server = L"InstallDir=[PartFolder];DLLName=Server.dll";
     const std::wstring task =
@@ -98,11 +104,14 @@ Package Good() {
         Declare(package, std::wstring(L"Set") + action, kSetter, action, value);
     }
     Declare(package, L"StopAgent", 0x22 | kDeferred, L"TARGETDIR", L"net stop TeloLauncher");
+    Declare(package, L"RemoveTask", 0x22 | kDeferred, L"TARGETDIR",
+            L"schtasks /Delete /TN \"my task\" /F");
     Declare(package, L"KeepRefusal", kSetter, L"DISABLEANALYTICS", L"YES");
     Declare(package, L"UndoTask", 1 | kRollback | kSystem | kIgnored, L"Dll",
             L"RemovePVSchedularTask");
 
     Schedule(package, L"KeepRefusal", 60);
+    Schedule(package, L"CostFinalize", 1000);
     Schedule(package, L"RemoveExistingProducts", 1450);
     Schedule(package, L"InstallInitialize", 1500);
     Schedule(package, L"RemoveRegistryValues", 2600);
@@ -297,6 +306,10 @@ const std::vector<Broken>& AllBroken() {
              Action(p, L"SetUnregisterDLL").target =
                  L"InstallDir=[PartFolder][#Server];DLLName=Server.dll";
          }},
+        {210, L"SetUnregisterDLL",
+         [](P p) {
+             InSequence(p, L"SetUnregisterDLL").number = 999;
+         }},
         {301, L"DelInstallProxyKey",
          [](P p) {
              InSequence(p, L"DelInstallProxyKey").number = 1490;
@@ -355,6 +368,11 @@ const std::vector<Broken>& AllBroken() {
          [](P p) {
              InSequence(p, L"UndoTask").number = 6400;
          }},
+        {311, L"CreateTriggerlessElevatedScheduleTask",
+         [](P p) {
+             Action(p, L"SetCreateTriggerlessElevatedScheduleTask").target =
+                 L"TaskName=Other;CommandToLaunch=a.exe;Username=x";
+         }},
         {401, L"BlockLaunch",
          [](P p) {
              InSequence(p, L"BlockLaunch").condition = L"";
@@ -394,6 +412,17 @@ const std::vector<Broken>& AllBroken() {
         {407, L"DeleteAnalyticsKey",
          [](P p) {
              LeaveOut(p, L"KeepRefusal");
+         }},
+        // A name within another word is no name.
+        {311, L"PostInstallUPA",
+         [](P p) {
+             Action(p, L"SetPostInstallUPA").target =
+                 L"TaskName=tas;CommandToLaunch=a.exe;Username=x";
+         }},
+        {408, L"SetPermissionsRegisterDLL",
+         [](P p) {
+             InSequence(p, L"SetPermissionsRegisterDLL").condition = L"NOT REMOVE=\"ALL\"";
+             InSequence(p, L"SetSetPermissionsRegisterDLL").condition = L"NOT REMOVE=\"ALL\"";
          }},
         {501, L"DISABLEANALYTICS",
          [](P p) {
@@ -456,6 +485,14 @@ const std::vector<Broken>& AllBroken() {
          [](P p) {
              Value(p, L"Kept").value = L"[PartFolder]a\\b.txt";
          }},
+        {803, L"Recorder",
+         [](P p) {
+             Value(p, L"Recorder").value = L"[PartFolder]Recorder";
+         }},
+        {804, L"Location",
+         [](P p) {
+             Value(p, L"Location").is32Bit = true;
+         }},
     };
     return all;
 }
@@ -487,6 +524,13 @@ TEST(Check, FindsNothingInWhatAPackageMayDoOtherwise) {
             p.properties[L"LaunchInstallProxyPV"] = L"C:\\A;B";
         },
         [](P p) { Action(p, L"SetUnregisterDLL").target = L"InstallDir=C:\\A\\;DLLName=a.dll;"; },
+        // Known from the start.
+        [](P p) {
+            Action(p, L"SetUnregisterDLL").target =
+                L"InstallDir=[ProgramFiles64Folder]A\\;DLLName=a.dll";
+            InSequence(p, L"SetUnregisterDLL").number = 20;
+        },
+        [](P p) { InSequence(p, L"SetCheckForClients").number = 20; },
         // Neither files nor components nor the environment are properties, and a component stands
         // for its directory.
         [](P p) { Action(p, L"SetUnregisterDLL").target = L"InstallDir=[$SERVER];DLLName=a.dll"; },

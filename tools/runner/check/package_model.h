@@ -37,6 +37,8 @@ struct RegistryRow {
     std::wstring key;
     std::wstring name;
     std::wstring value;
+    /// Whether its component is one of 32 bits.
+    bool is32Bit = false;
 };
 
 struct ServiceControlRow {

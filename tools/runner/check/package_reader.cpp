@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <functional>
+#include <set>
 
 namespace halvard_runner {
 
@@ -122,10 +123,17 @@ void ReadProperties(MSIHANDLE database, Package& package) {
 }
 
 void ReadInstalled(MSIHANDLE database, Package& package) {
-    EachRow(database, L"Registry", L"`Registry`, `Root`, `Key`, `Name`, `Value`",
+    std::set<std::wstring> components64;
+    EachRow(database, L"Component", L"`Component`, `Attributes`", [&](MSIHANDLE record) {
+        if ((Number(record, 2).value_or(0) & msidbComponentAttributes64bit) != 0) {
+            components64.insert(Text(record, 1));
+        }
+    });
+    EachRow(database, L"Registry", L"`Registry`, `Root`, `Key`, `Name`, `Value`, `Component_`",
             [&](MSIHANDLE record) {
                 package.registry.push_back({Text(record, 1), Number(record, 2).value_or(0),
-                                            Text(record, 3), Text(record, 4), Text(record, 5)});
+                                            Text(record, 3), Text(record, 4), Text(record, 5),
+                                            components64.count(Text(record, 6)) == 0});
             });
     EachRow(database, L"ServiceInstall", L"`Name`",
             [&](MSIHANDLE record) { package.services.push_back(Text(record, 1)); });

@@ -167,6 +167,34 @@ bool IsKey(const RegistryRow& row, const std::wstring& key) {
     return row.root == kLocalMachine && IsName(row.key, key);
 }
 
+// By their usual places. The installer knows them from the start.
+const KnownProperties& StandardFolders() {
+    static const KnownProperties folders = {
+        {L"TARGETDIR", L"C:\\"},
+        {L"ProgramFiles64Folder", L"C:\\Program Files\\"},
+        {L"ProgramFilesFolder", L"C:\\Program Files (x86)\\"},
+        {L"CommonAppDataFolder", L"C:\\ProgramData\\"},
+        {L"System64Folder", L"C:\\Windows\\System32\\"},
+        {L"WindowsFolder", L"C:\\Windows\\"},
+    };
+    return folders;
+}
+
+bool IsInWord(wchar_t c) {
+    return (c >= L'a' && c <= L'z') || (c >= L'0' && c <= L'9') || c == L'_';
+}
+
+/// Whether a text has another one that is not part of a longer word.
+bool HasWord(const std::wstring& text, const std::wstring& word) {
+    for (std::size_t at = text.find(word); at != std::wstring::npos; at = text.find(word, at + 1)) {
+        const std::size_t end = at + word.size();
+        if ((at == 0 || !IsInWord(text[at - 1])) && (end == text.size() || !IsInWord(text[end]))) {
+            return true;
+        }
+    }
+    return false;
+}
+
 PackageView::PackageView(const Package& package) : package_(package) {
     std::size_t most = ActionTable().size() / 2;
     for (const LibraryFacts& library : package.libraries) {
@@ -346,6 +374,20 @@ std::wstring PackageView::DefaultText(const std::wstring& text) const {
     return filled;
 }
 
+bool PackageView::IsOwnDirectory(const std::wstring& property) const {
+    return FindDirectory(property) != nullptr && StandardFolders().count(property) == 0;
+}
+
+bool PackageView::DeletesTask(const std::wstring& task) const {
+    const auto& actions = package_.customActions;
+    return std::any_of(actions.begin(), actions.end(), [&](const CustomActionRow& row) {
+        const std::wstring command = LowerCase(row.target);
+        const bool deletes = command.find(L"/delete") != std::wstring::npos ||
+                             command.find(L"unregister-scheduledtask") != std::wstring::npos;
+        return deletes && HasWord(command, LowerCase(task));
+    });
+}
+
 const DirectoryRow* PackageView::FindDirectory(const std::wstring& directory) const {
     const auto found =
         std::find_if(package_.directories.begin(), package_.directories.end(),
@@ -354,16 +396,8 @@ const DirectoryRow* PackageView::FindDirectory(const std::wstring& directory) co
 }
 
 std::wstring PackageView::FolderOf(const DirectoryRow& directory, int depth) const {
-    static const KnownProperties standard = {
-        {L"TARGETDIR", L"C:\\"},
-        {L"ProgramFiles64Folder", L"C:\\Program Files\\"},
-        {L"ProgramFilesFolder", L"C:\\Program Files (x86)\\"},
-        {L"CommonAppDataFolder", L"C:\\ProgramData\\"},
-        {L"System64Folder", L"C:\\Windows\\System32\\"},
-        {L"WindowsFolder", L"C:\\Windows\\"},
-    };
-    const auto known = standard.find(directory.directory);
-    if (known != standard.end()) {
+    const auto known = StandardFolders().find(directory.directory);
+    if (known != StandardFolders().end()) {
         return known->second;
     }
     const DirectoryRow* const parent = FindDirectory(directory.parent);

@@ -122,6 +122,12 @@ public:
     /// Whether a launch condition looks for a semicolon in the property.
     [[nodiscard]] bool RefusesSemicolonIn(const std::wstring& property) const;
 
+    /// Whether a property is a directory of the package's own, known from CostFinalize on.
+    [[nodiscard]] bool IsOwnDirectory(const std::wstring& property) const;
+
+    /// Whether a command of the package deletes a task.
+    [[nodiscard]] bool DeletesTask(const std::wstring& task) const;
+
     /// Whether a value ends in a backslash, as each directory does.
     [[nodiscard]] bool EndsInBackslash(const std::wstring& value) const;
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <set>
+#include <string_view>
 
 namespace halvard_runner {
 
@@ -188,6 +189,24 @@ void CheckData(const Check& check) {
     }
 }
 
+void CheckTimeOfData(const Check& check) {
+    const std::optional<int> known = check.view.NumberOf(L"CostFinalize");
+    for (const LibraryAction& action : check.view.ScheduledActions(kExecute)) {
+        for (const DataSource& source : check.view.DataOf(action.id)) {
+            const std::optional<int> set = check.view.NumberOf(source.row);
+            if (!action.IsDeferred() || !known || !set || *set > *known) {
+                continue;
+            }
+            for (const std::wstring& property : PropertiesIn(source.value)) {
+                if (check.view.IsOwnDirectory(property)) {
+                    check.Find(210, source.table, source.row, L"[" + property + L"]");
+                    break;
+                }
+            }
+        }
+    }
+}
+
 void CheckScript(const Check& check) {
     const std::optional<int> begin = check.view.NumberOf(L"InstallInitialize");
     const std::optional<int> end = check.view.NumberOf(L"InstallFinalize");
@@ -327,6 +346,22 @@ void CheckStopOfAgent(const Check& check) {
     }
 }
 
+void CheckEndOfTasks(const Check& check) {
+    for (const LibraryAction& action : check.view.ScheduledActions(kExecute)) {
+        const std::wstring& name = action.facts->name;
+        if (name != L"CreateTriggerlessElevatedScheduleTask" && name != L"PostInstallUPA") {
+            continue;
+        }
+        for (const DataSource& source : check.view.DataOf(action.id)) {
+            for (const DataItem& item : ItemsOf(source.value)) {
+                if (item.key == L"TaskName" && !check.view.DeletesTask(item.value)) {
+                    check.Find(311, kExecute, action.id, item.value);
+                }
+            }
+        }
+    }
+}
+
 void CheckUpgrade(const Check& check) {
     constexpr const wchar_t* kRemoval = L"RemoveExistingProducts";
     const std::optional<int> removal = check.view.NumberOf(kRemoval);
@@ -398,6 +433,22 @@ void CheckSessions(const Check& check) {
             if (session.isRemoval != removes &&
                 check.view.Runs(action.id, session) != Truth::False) {
                 check.Find(removes ? 403 : 404, kExecute, action.id, session.name);
+                break;
+            }
+        }
+    }
+}
+
+/// By the session that it is only sure to run in: a change of features may bring the folder anew.
+void CheckRepair(const Check& check) {
+    for (const LibraryAction& action : check.view.ScheduledActions(kExecute)) {
+        if (action.facts->name != L"SetPermissionsRegisterDLL" || action.IsRollback()) {
+            continue;
+        }
+        for (const KnownSession& session : KnownSessions()) {
+            if (session.isInstalled && !session.isRemoval &&
+                check.view.Runs(action.id, session) == Truth::True) {
+                check.Find(408, kExecute, action.id, session.name);
                 break;
             }
         }
@@ -526,6 +577,45 @@ void CheckValueLengths(const Check& check) {
     }
 }
 
+void CheckRecordersFolder(const Check& check) {
+    for (const RegistryRow& row : check.view.Rows().registry) {
+        if (IsKey(row, L"SOFTWARE\\Qorta Technologies\\Install\\XVR64") &&
+            IsName(row.name, L"InstallDir") && !check.view.EndsInBackslash(row.value)) {
+            check.Find(803, L"Registry", row.row, row.value);
+        }
+    }
+}
+
+/// Whether a scheduled action looks for a key of the machine in the 64-bit view alone.
+bool IsReadIn64BitView(const Check& check, const RegistryRow& row) {
+    constexpr std::wstring_view machine = L"HKLM\\";
+    constexpr std::wstring_view software = L"SOFTWARE\\";
+    constexpr std::wstring_view software32 = L"SOFTWARE\\Wow6432Node\\";
+    bool isRead = false;
+    for (const LibraryAction& action : check.view.ScheduledActions(kExecute)) {
+        for (const std::wstring& key : action.facts->registry) {
+            const std::wstring path = key.substr(std::min(machine.size(), key.size()));
+            if (path.rfind(software32, 0) == 0) {
+                const std::wstring seen = std::wstring(software) + path.substr(software32.size());
+                if (IsKey(row, seen)) {
+                    return false;
+                }
+            } else if (key.rfind(machine, 0) == 0 && path.rfind(software, 0) == 0) {
+                isRead = isRead || IsKey(row, path);
+            }
+        }
+    }
+    return isRead;
+}
+
+void CheckViews(const Check& check) {
+    for (const RegistryRow& row : check.view.Rows().registry) {
+        if (row.is32Bit && IsReadIn64BitView(check, row)) {
+            check.Find(804, L"Registry", row.row, row.key);
+        }
+    }
+}
+
 void CheckWholeData(const Check& check) {
     constexpr std::size_t kWhole = 259;
     for (const LibraryAction& action : check.view.Actions()) {
@@ -622,13 +712,16 @@ std::vector<Finding> Findings(const Package& package, const std::wstring& versio
                                 CheckUnused,
                                 CheckWhetherDataIsSet,
                                 CheckData,
+                                CheckTimeOfData,
                                 CheckScript,
                                 CheckOrder,
                                 CheckUndoing,
                                 CheckStopOfAgent,
+                                CheckEndOfTasks,
                                 CheckUpgrade,
                                 CheckLaunchConditions,
                                 CheckSessions,
+                                CheckRepair,
                                 CheckBehindClients,
                                 CheckForgottenChoice,
                                 CheckSecureProperties,
@@ -637,6 +730,8 @@ std::vector<Finding> Findings(const Package& package, const std::wstring& versio
                                 CheckWholeData,
                                 CheckLibrary,
                                 CheckServices,
+                                CheckRecordersFolder,
+                                CheckViews,
                                 CheckBranding}) {
             rule(check);
         }

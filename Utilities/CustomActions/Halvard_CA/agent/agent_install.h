@@ -39,8 +39,8 @@ UINT __stdcall PreInstallUPA(MSIHANDLE session);
 ///
 /// Deferred action, result checked. Inputs: the items TaskName=, CommandToLaunch= and Username= of
 /// CustomActionData. The command is a whole command line. Name and command go into the task's XML
-/// as they are and must not hold "&", "<" or "]]>"; a name with blanks is registered but not run. An
-/// absent item is not detected: its value is then the data from index 8 onward, for the command
+/// as they are and must not hold "&", "<" or "]]>"; a name with blanks is registered but not run.
+/// An absent item is not detected: its value is then the data from index 8 onward, for the command
 /// from index 15. HKLM "SOFTWARE\Telo", "GUID" of any type: it is kept, unless it cannot be read,
 /// as one of more than 520 bytes cannot. Stores its session as the current session, and logs
 /// CustomActionData and the three items.
