@@ -103,7 +103,7 @@ TEST(ReadPackage, SaysThatATableCannotBeLookedFor) {
 }
 
 TEST(WaitingChild, IsNoneWhereTheProgramEnds) {
-    const std::wstring folder = L"t:\\waiting_child";
+    const std::wstring folder = L"T:\\waiting_child";
     halvard_tests::CreateFolders(folder);
     const std::wstring program = halvard_tests::BesideTestProgram(L"..\\support\\recorder.exe");
     std::wstring why;

@@ -39,50 +39,76 @@ std::wstring UpperCase(std::wstring text) {
     return text;
 }
 
+bool IsBlank(wchar_t c) {
+    return c == L' ' || c == L'\t' || c == L'\r' || c == L'\n';
+}
+
+/// Of a feature's or component's state, and of a variable of the environment.
+bool IsMark(wchar_t c) {
+    return c == L'$' || c == L'?' || c == L'&' || c == L'!' || c == L'%';
+}
+
+std::size_t Behind(const std::wstring& text, std::size_t start, bool (*belongs)(wchar_t)) {
+    while (start < text.size() && belongs(text[start])) {
+        ++start;
+    }
+    return start;
+}
+
+bool BeginsNumber(const std::wstring& text, std::size_t start) {
+    const std::size_t digit = text[start] == L'-' ? start + 1 : start;
+    return digit < text.size() && IsDigit(text[digit]);
+}
+
+std::size_t BehindSign(const std::wstring& text, std::size_t start) {
+    const std::size_t sign = text[start] == L'~' ? start + 1 : start;
+    std::size_t end = sign;
+    while (end < text.size() && std::wcschr(L"<>=", text[end]) != nullptr && end - sign < 2) {
+        ++end;
+    }
+    if (end == sign) {
+        throw Malformed();
+    }
+    return end;
+}
+
+Token TakeText(const std::wstring& text, std::size_t& position) {
+    const std::size_t start = position + 1;
+    const std::size_t end = text.find(L'"', start);
+    if (end == std::wstring::npos) {
+        throw Malformed();
+    }
+    position = end + 1;
+    return {Kind::Text, text.substr(start, end - start)};
+}
+
+Token TakeToken(const std::wstring& text, std::size_t& position) {
+    const std::size_t start = position;
+    const wchar_t c = text[start];
+    Kind kind = Kind::Operator;
+    if (c == L'"') {
+        return TakeText(text, position);
+    }
+    if (BeginsNumber(text, start)) {
+        kind = Kind::Number;
+        position = Behind(text, start + 1, IsDigit);
+    } else if (IsWordCharacter(c) || IsMark(c)) {
+        kind = Kind::Word;
+        position = Behind(text, start + 1, IsWordCharacter);
+    } else if (c == L'(' || c == L')') {
+        ++position;
+    } else {
+        position = BehindSign(text, start);
+    }
+    return {kind, text.substr(start, position - start)};
+}
+
 std::vector<Token> Tokens(const std::wstring& text) {
     std::vector<Token> tokens;
-    std::size_t i = 0;
-    while (i < text.size()) {
-        const wchar_t c = text[i];
-        const std::size_t start = i;
-        if (c == L' ' || c == L'\t' || c == L'\r' || c == L'\n') {
-            ++i;
-        } else if (c == L'"') {
-            const std::size_t end = text.find(L'"', i + 1);
-            if (end == std::wstring::npos) {
-                throw Malformed();
-            }
-            tokens.push_back({Kind::Text, text.substr(i + 1, end - i - 1)});
-            i = end + 1;
-        } else if (IsDigit(c) || (c == L'-' && i + 1 < text.size() && IsDigit(text[i + 1]))) {
-            ++i;
-            while (i < text.size() && IsDigit(text[i])) {
-                ++i;
-            }
-            tokens.push_back({Kind::Number, text.substr(start, i - start)});
-        } else if (IsWordCharacter(c) || c == L'$' || c == L'?' || c == L'&' || c == L'!' ||
-                   c == L'%') {
-            ++i;
-            while (i < text.size() && IsWordCharacter(text[i])) {
-                ++i;
-            }
-            tokens.push_back({Kind::Word, text.substr(start, i - start)});
-        } else if (c == L'(' || c == L')') {
-            tokens.push_back({Kind::Operator, std::wstring(1, c)});
-            ++i;
-        } else {
-            if (c == L'~') {
-                ++i;
-            }
-            const std::size_t sign = i;
-            while (i < text.size() && std::wcschr(L"<>=", text[i]) != nullptr && i - sign < 2) {
-                ++i;
-            }
-            if (i == sign) {
-                throw Malformed();
-            }
-            tokens.push_back({Kind::Operator, text.substr(start, i - start)});
-        }
+    std::size_t position = Behind(text, 0, IsBlank);
+    while (position < text.size()) {
+        tokens.push_back(TakeToken(text, position));
+        position = Behind(text, position, IsBlank);
     }
     tokens.push_back({Kind::End, L""});
     return tokens;
