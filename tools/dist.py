@@ -13,12 +13,14 @@ Exit code 0, 1 when a file is missing or cannot be signed, 2 for wrong arguments
 import argparse
 import hashlib
 import os
+import re
 import subprocess
 import sys
 import tempfile
 import zipfile
 from dataclasses import dataclass
 from pathlib import Path
+from urllib.parse import urlsplit
 
 from installer import package, paths
 from installer.package import Identity
@@ -40,6 +42,7 @@ IN_PLACE = (
     "docs/check.md",
     "docs/engines.md",
     "docs/packaging.md",
+    "docs/recipes.md",
     "docs/security.md",
     "docs/verify.md",
     "docs/when-it-fails.md",
@@ -60,6 +63,17 @@ MODE = 0o100644
 PKCS12 = (".pfx", ".p12")
 # How the version resource names the version, with the commit behind it.
 PRODUCT_VERSION = "ProductVersion"
+# What the README says of this archive alone.
+IS_SIGNED = (
+    "Both programs of this archive are signed: the tab Digital Signatures of their Properties\n"
+    "tells by whom."
+)
+IS_NOT_SIGNED = "The programs of this archive are not signed."
+IS_PLACEHOLDER = (
+    " That is a placeholder of a reserved domain and leads nowhere,\n"
+    "until the maker puts the own address into `CMakeLists.txt` (`HALVARD_FAULTS`). Tell whoever gave\n"
+    "you this archive till then."
+)
 # What OpenSSL reaches a token through.
 PKCS11_ENGINE = "/usr/lib/x86_64-linux-gnu/engines-3/pkcs11.so"
 TOKEN = "pkcs11:"
@@ -144,10 +158,13 @@ def files() -> dict[str, Path]:
     return BESIDE | {name: paths.ROOT / name for name in IN_PLACE}
 
 
-def readme(identity: Identity) -> str:
+def readme(identity: Identity, signed: bool) -> str:
     """The README of the archive."""
     text = README.read_text(encoding="utf-8")
     told = {
+        "@SIGNED@": IS_SIGNED if signed else IS_NOT_SIGNED,
+        "@COMPILER@": compiler(files()["Halvard_CA.dll.debug"]),
+        "@PLACEHOLDER@": IS_PLACEHOLDER if is_reserved(identity.faults) else "",
         "@VERSION@": identity.version,
         "@BUILD@": product_version(paths.LIBRARY),
         "@COMPANY@": identity.company,
@@ -156,6 +173,16 @@ def readme(identity: Identity) -> str:
     for mark, value in told.items():
         text = text.replace(mark, value)
     return text
+
+
+def is_reserved(address: str) -> bool:
+    """Whether an address lies in the domain that is kept for examples, and leads nowhere."""
+    return f".{urlsplit(address).hostname}".endswith(".example")
+
+
+def compiler(debug: Path) -> str:
+    """The compiler that its debug information names."""
+    return f"GCC {re.search(rb'GNU C[+][+]17 ([0-9]+(?:[.][0-9]+)*)', debug.read_bytes())[1].decode()}"
 
 
 def product_version(file: Path) -> str:
@@ -167,7 +194,7 @@ def product_version(file: Path) -> str:
 
 
 def _contents(signer: Signer | None, folder: Path, identity: Identity) -> dict[str, bytes]:
-    contents = {README.name: readme(identity).encode()}
+    contents = {README.name: readme(identity, signer is not None).encode()}
     for name, file in files().items():
         if signer is not None and file in SIGNED:
             signer.sign(file, folder / name, identity)

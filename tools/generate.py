@@ -299,7 +299,7 @@ def rules_document(rows: list[Rule], text: str) -> str:
     """The page of the rules, with what comes from the table renewed in it."""
     parts = []
     for hundreds, group in RULE_GROUPS.items():
-        parts.append(f"### {group}\n\n| | | Found | Why | What to do |\n|---|---|---|---|---|")
+        parts.append(f"### {group}\n\n| Rule | Severity | Found | Why | What to do |\n|---|---|---|---|---|")
         parts[-1] += "".join(
             f"\n| {row.number} | {row.severity} | {cell(row.rule)} | {cell(row.why)} | {cell(row.remedy)} |"
             for row in rows

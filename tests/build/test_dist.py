@@ -7,6 +7,7 @@ import subprocess
 import sys
 import threading
 import zipfile
+from dataclasses import replace
 from pathlib import Path
 from typing import Iterator
 
@@ -28,6 +29,7 @@ SHIPPED = {
         "docs/check.md",
         "docs/engines.md",
         "docs/packaging.md",
+        "docs/recipes.md",
         "docs/security.md",
         "docs/verify.md",
         "docs/when-it-fails.md",
@@ -99,6 +101,26 @@ def test_the_readme_of_the_archive_is_filled_in(folder, tmp_path):
     assert f"This is build {dist.product_version(paths.LIBRARY)}:" in text
     assert f"<{identity.faults}>" in text
     assert "No licence has been chosen yet" in text
+    assert "\nThe programs of this archive are not signed.\n" in text
+    asked = run("x86_64-w64-mingw32-g++-posix", "-dumpversion").stdout
+    assert f"mingw-w64,\nGCC {asked.partition('-')[0].strip()};" in text
+
+
+@pytest.mark.parametrize(
+    "address, placeholder",
+    [
+        ("https://support.maker.example/faults", True),
+        ("https://example/", True),
+        ("https://www.zenvo.com/support.example", False),
+        ("https://www.myexample/", False),
+    ],
+)
+def test_the_readme_says_when_its_address_is_a_placeholder(address, placeholder):
+    identity = replace(package.project_identity(), faults=address)
+    text = dist.readme(identity, signed=True)
+    assert (f"<{address}>. That is a placeholder of a reserved domain" in text) == placeholder
+    assert (f"<{address}>.\n[What to send]" in text) != placeholder
+    assert "Both programs of this archive are signed" in text
 
 
 def test_both_programs_tell_the_commit_with_their_version():

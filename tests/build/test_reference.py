@@ -574,6 +574,34 @@ def test_the_order_that_the_reference_advises_is_the_one_of_the_sample_package(s
     assert advised == sources.sections.keys()
 
 
+# On Windows, assumed: the sections say why. With what the order of the installer puts behind them.
+THROWING_AS_A_RULE = {
+    "DeletePVINSTALLDIRFolder": {"DeleteQortaKey", "DeleteServiceIfBinaryIsInDirectory"},
+    "DeleteServiceIfBinaryIsInDirectory": set(),
+    "AfterInstallUPA": set(),
+}
+
+
+@pytest.mark.parametrize("name", THROWING_AS_A_RULE)
+def test_nothing_that_has_to_run_stands_behind_what_throws_as_a_rule(sources, name):
+    sequence = {
+        custom["Action"]: int(custom["Sequence"])
+        for file in (COMPANION, COMPANION.with_name("Agent.wxi"))
+        for custom in scheduled_in([ElementTree.parse(file).getroot()])
+    }
+    session = {"AfterInstallUPA": "installation"}.get(name, "removal")
+    behind = {
+        action.name
+        for action in sources.table
+        if action.place.on == session
+        and action.execution == "deferred"
+        and sequence[action.name] > sequence[name]
+    }
+    assert behind == THROWING_AS_A_RULE[name]
+    exceptions = sources.reference.partition("- **Exceptions.**")[2].partition("\n- **")[0]
+    assert f"`{name}`" in exceptions.partition("throw as a rule")[2]
+
+
 def test_the_reference_names_the_numbers_that_the_compiler_gives(sources, tmp_path):
     numbers = re.findall(r"`(\w+)` (\d{4})\b", sources.reference)
     assert len(numbers) >= 7

@@ -116,6 +116,14 @@ def test_whoever_begins_from_an_example_gets_the_launch_condition(name):
     assert CONDITION in (paths.ROOT / name).read_text()
 
 
+def test_who_runs_names_every_declaration_that_runs_as_the_user():
+    table = (paths.ROOT / "docs/security.md").read_text().partition("## Who runs\n")[2].partition("\n\n|")[0]
+    as_user = [each.name for each in actions() if each.execution == "deferred" and each.impersonate]
+    as_user += [each.once_more for each in actions() if each.as_user]
+    assert len(as_user) == 2
+    assert [name for name in as_user if f"`{name}`" not in table] == []
+
+
 # What public documentation names, and where the reader of the action finds it.
 TRAPS = {
     "InstallContextMenuMSIX": ["0x80073CF9", "InstallContextMenuMSIXAsUser", "for rollback"],

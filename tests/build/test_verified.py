@@ -50,6 +50,14 @@ def test_a_fact_about_a_difference_of_the_engines_agrees_with_it():
             assert fact.differs(engine) != same, (fact.name, engine)
 
 
+def test_what_a_difference_means_is_told_of_facts_that_are_asked_for():
+    page = paths.FACTS_DOCUMENT.read_text()
+    part = page.partition("## What a difference means for a package\n")[2].partition("\n## ")[0]
+    named = re.findall(r"`([\w-]+)`", " ".join(re.findall(r"^\| (`.*?) \| ", part, re.MULTILINE)))
+    assert len(named) > 40 and len(named) == len(set(named))
+    assert set(named) - {fact.name for fact in FACTS} == set()
+
+
 def test_the_program_and_the_page_are_made_of_the_table():
     assert paths.FACT_TABLE.read_text() == fact_table.source(FACTS), "./run generate writes it anew"
     page = paths.FACTS_DOCUMENT.read_text()

@@ -173,7 +173,7 @@ def permissions(folder: str = FOLDER) -> list[str]:
     return [
         f'icacls "{place}" {change}'
         for place in (server, rf"{server}\CompanionServer.dll")
-        for change in (f"/setowner {USER}", "/grant Users:F")
+        for change in (f"/setowner *{companion.USER_SID}", "/grant Users:F")
     ]
 
 
@@ -326,7 +326,7 @@ DRIVER_LOG = {
 }
 MISSING_SERVER = (
     "UPDATE CustomAction SET Target='InstallDir=[ServerFolder];DLLName=missing.dll;"
-    "Username=[LogonUser]' WHERE Action='SetSetPermissionsRegisterDLL'"
+    "Username=*[UserSID]' WHERE Action='SetSetPermissionsRegisterDLL'"
 )
 
 

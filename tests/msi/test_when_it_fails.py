@@ -100,6 +100,15 @@ def test_the_addresses_of_an_exception_become_the_lines_that_are_told(thrown):
     assert "ReadPivotLocation()" in text
 
 
+def test_the_debugger_is_asked_for_the_first_address_of_the_stack():
+    ((address, start),) = re.findall(r"^\? ([0-9a-f]+)-([0-9a-f]+)$", DOCUMENT.read_text(), re.MULTILINE)
+    offset = int(address, 16) - int(start, 16)
+    (stack,) = [block.split() for block in blocks("text") if block.startswith("18")]
+    assert offset == int(stack[0], 16) - 0x180000000
+    assert f"gives `{offset:x}`" in DOCUMENT.read_text()
+    assert f" {offset - 1:#x} " in told("llvm-symbolizer ")[0]
+
+
 def test_an_address_outside_of_the_code_becomes_no_line():
     program = told("llvm-symbolizer ")[0].partition(" 0x")[0]
     assert OWN not in symbolized(f"{program} 0x10")

@@ -64,8 +64,11 @@ def trimmed(text: str) -> str:
 def folder(tmp_path_factory: pytest.TempPathFactory) -> Path:
     """The source with what the document says lies beside it."""
     folder = tmp_path_factory.mktemp("example")
-    (text,) = blocks("xml")
+    text, _ = blocks("xml")
     (folder / SOURCE).write_text(text)
+    (command,) = [command for command, _ in commands("$") if command.startswith("sed ")]
+    subprocess.run(["bash", "-c", command], cwd=folder, check=True)
+    assert "SecureCustomProperties" in (folder / SOURCE).read_text()
     (folder / "Transform.ini").write_text("[Transform]\n")
     shutil.copy(paths.LIBRARY, folder)
     shutil.copy(paths.PACKAGE_SOURCES / "halvard_actions.wxi", folder)
@@ -109,7 +112,7 @@ def test_the_calls_of_the_runner_print_what_the_example_shows(unused_prefix):
 
 def test_the_build_prints_what_the_example_shows(folder):
     steps = commands("$")
-    assert len(steps) == 2
+    assert len(steps) == 3
     for command, output in steps:
         done = subprocess.run(
             ["bash", "-o", "pipefail", "-c", command], cwd=folder, capture_output=True, text=True

@@ -56,6 +56,9 @@ VALUES = {
     f"{KEY} : Version": f'"{VERSION}"',
 }
 
+# Of the only user that a prefix has.
+USER_SID = "S-1-5-21-0-0-0-1000"
+
 SERVICE = f"{_IDENTITY.company}Companion"
 SERVER_VALUE = r"HKLM\Software\HalvardComServer : Path"
 TASKS = ["StartDVR", "StartPV", "StartPVBM", "ZenvoElevated"]
@@ -187,7 +190,7 @@ def install_rows(
         elevated_task_row(user, folder),
         _checked("DeleteSchedTaskonBranding"),
         _ignored("LaunchPV", 1),
-        _server_row("SetPermissionsRegisterDLL", folder, user),
+        _server_row("SetPermissionsRegisterDLL", folder, f"*{USER_SID}"),
         _checked("EnableAnalyticsKey"),
         _ignored("TrackDVRAnalytics", tracked),
         _ignored("SetDCLogFileRegistry", 0),
@@ -224,15 +227,11 @@ def remove_rows(
         _ignored("TerminatePivotApp", session.INSTALL_FAILURE),
         _ignored("ShutDownDVR", 0),
         _ignored("TerminateDVRApp", 0),
-        _ignored(
-            "DeleteServiceIfBinaryIsInDirectory", 0, service, [f"CustomActionData: {service}"]
-        ),
         _server_row("UnregisterDLL", folder),
         _ignored("DeleteXVRFolder", 0),
         _ignored("DeleteDMFTDirectory", 0, transform, [f"CustomActionData: {transform}"]),
         _ignored("DeletePVSlimINSTALLDIRFolder", 0),
         _ignored("DeletePVFolder", 0),
-        _ignored("DeletePVINSTALLDIRFolder", 0),
         _ignored("DeleteandRetainValues", 0),
         # Reversed: this is a clean run.
         _ignored("DeleteOptiqCameraGUID", session.INSTALL_FAILURE),
@@ -247,7 +246,11 @@ def remove_rows(
                 "QUENBY_CA: DelInstallProxyKey successfully  ",
             ],
         ),
+        _ignored("DeletePVINSTALLDIRFolder", 0),
         _ignored("DeleteQortaKey", 0),
+        _ignored(
+            "DeleteServiceIfBinaryIsInDirectory", 0, service, [f"CustomActionData: {service}"]
+        ),
         *clients_removal_rows(CLIENT, last_client, version, answer, agent),
     ]
 

@@ -85,6 +85,8 @@ def build(
         "Description": identity.description,
         "UpgradeCode": str(upgrade_code).upper(),
         "ProductCode": str(product_code).upper(),
+        # What the source has for this compiler alone.
+        "Wixl": "yes",
     }
     files = {"Library": library} | paths.STAND_INS
     # wixl takes a path that begins with a slash for a missing file.
