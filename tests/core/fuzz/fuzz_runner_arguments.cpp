@@ -231,15 +231,15 @@ void Check(const Texts& given) {
 // A command line, without the program's name.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
     static const Texts words = {
-        L"--json ",       L"--dll ",        L"--dll=",
-        L"LaunchPV ",     L"list ",         L"Name=",
-        L" A=1 ",         L"--help ",       L"-h",
-        L" \"\" ",        L"--version",     L"=",
-        L" A=2 ",         L"_b.9=\"x y\" ", L"--limit ",
-        L"--quotes ",     L"--check ",      L"--skip ",
-        L"--trace ",      L"--dry-run ",    L"DeletePVFolder ",
-        L"P.msi ",        L"1000000 ",      L"101,702 ",
-        L"B=\\\" --json",
+        L"--json ",         L"--dll ",        L"--dll=",
+        L"LaunchPV ",       L"list ",         L"Name=",
+        L" A=1 ",           L"--help ",       L"-h",
+        L" \"\" ",          L"--version",     L"=",
+        L" A=2 ",           L"_b.9=\"x y\" ", L"--limit ",
+        L"--quotes ",       L"--check ",      L"--skip ",
+        L"P.msi ",          L"1000000 ",      L"101,702 ",
+        L"B=\\\" --json",   L"--trace ",      L"--dry-run ",
+        L"DeletePVFolder ",
     };
     Check(halvard_tests::ArgumentWords(halvard_tests::Text(bytes, size, words)));
     return 0;
