@@ -285,6 +285,14 @@ def belongs_to(name: str, keys: set[str]) -> bool:
     )
 
 
+def test_a_dry_run_leaves_an_empty_folder_too(made):
+    made.folder(r"T:\empty")
+    data = r"CustomActionData=InstallDir=T:\empty"
+    dry = made.call("DeleteDMFTDirectory", data, "--dry-run", "--json")
+    assert dry.json["dry_run"]["would_go"] == [r"T:\empty"]
+    assert made.prefix.host_path(r"T:\empty").is_dir()
+
+
 def test_a_dry_run_says_what_would_refuse(made):
     made.folder(r"T:\dmft", r"a\readonly")
     made.prefix.host_path(r"T:\dmft\a\readonly").chmod(0o444)
