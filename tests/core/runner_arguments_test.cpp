@@ -9,6 +9,7 @@ using halvard_runner::ParseArguments;
 using halvard_runner::Property;
 using halvard_runner::Request;
 using halvard_runner::RunnerError;
+using halvard_runner::TraceMode;
 using Words = std::vector<std::wstring>;
 
 namespace {
@@ -47,6 +48,22 @@ TEST(ParseArguments, TakesALimitInWholeSeconds) {
     }
     ExpectRefusal({L"LaunchPV", L"--limit"},
                   L"--limit needs a whole number of seconds, at most 1000000");
+}
+
+TEST(ParseArguments, TakesATraceAndADryRun) {
+    EXPECT_EQ(ParseArguments({L"LaunchPV"}).trace, TraceMode::None);
+    EXPECT_EQ(ParseArguments({L"--trace", L"LaunchPV"}).trace, TraceMode::Trace);
+    EXPECT_EQ(ParseArguments({L"DeletePVFolder", L"--dry-run"}).trace, TraceMode::DryRun);
+    EXPECT_EQ(ParseArguments({L"DeletePVFolder", L"--dry-run", L"--trace"}).trace,
+              TraceMode::DryRun);
+    ExpectRefusal({L"list", L"--trace"}, L"--trace and --dry-run belong to an action");
+    ExpectRefusal({L"--check", L"a.msi", L"--dry-run"},
+                  L"--trace and --dry-run belong to an action");
+    ExpectRefusal({L"LaunchPV", L"--dry-run"},
+                  L"LaunchPV has no dry run: it does more than remove. These have one: "
+                  L"DeleteandRetainValues, DeletePVFolder, DeletePVINSTALLDIRFolder, "
+                  L"DeletePVSlimINSTALLDIRFolder, DeleteDMFTDirectory, DeleteXVRFolder, "
+                  L"DeleteAnalyticsKey, DeleteQortaKey, DelInstallProxyKey");
 }
 
 TEST(ParseArguments, AsksWhetherAQuoteIsMeant) {

@@ -13,6 +13,10 @@ using halvard_runner::Message;
 using halvard_runner::Outcome;
 using halvard_runner::Refusal;
 using halvard_runner::ReportReader;
+using halvard_runner::TraceEvent;
+using halvard_runner::TraceGroup;
+using halvard_runner::TraceMode;
+using halvard_runner::TraceResult;
 
 namespace {
 
@@ -28,14 +32,18 @@ CallReport Read(const std::string& bytes) {
 } // namespace
 
 TEST(CallRequest, ComesAsItWent) {
-    const CallRequest request = {
-        L"Action", {{L"A", L"1;\"\\\x0416"}, {L"B", L""}}, L"c:\\a.dll", L"c:\\p"};
+    const CallRequest request = {L"Action",
+                                 {{L"A", L"1;\"\\\x0416"}, {L"B", L""}},
+                                 L"c:\\a.dll",
+                                 L"c:\\p",
+                                 TraceMode::DryRun};
     const std::optional<CallRequest> read = DecodedRequest(Encoded(request));
     ASSERT_TRUE(read.has_value());
     EXPECT_EQ(read->action, request.action);
     EXPECT_EQ(read->properties, request.properties);
     EXPECT_EQ(read->dll, request.dll);
     EXPECT_EQ(read->package, request.package);
+    EXPECT_EQ(read->trace, request.trace);
 }
 
 TEST(CallRequest, IsRefusedWhereBytesLackOrAreTooMany) {
@@ -76,6 +84,23 @@ TEST(CallReport, ComesAsItWent) {
     EXPECT_EQ(outcome.exception->code, -7);
     EXPECT_EQ(outcome.exception->category, L"own");
     EXPECT_EQ(outcome.exception->text, L"why");
+
+    const TraceEvent sent = {1.5,
+                             TraceGroup::Service,
+                             L"opens",
+                             L"UPAL",
+                             TraceResult::Failed,
+                             -7,
+                             {{L"means", L"why"}, {L"", L""}}};
+    const auto event = std::get<TraceEvent>(Read(Encoded(sent)));
+    EXPECT_DOUBLE_EQ(event.milliseconds, 1.5);
+    EXPECT_EQ(event.group, sent.group);
+    EXPECT_EQ(event.what, sent.what);
+    EXPECT_EQ(event.target, sent.target);
+    EXPECT_EQ(event.result, sent.result);
+    EXPECT_EQ(event.code, sent.code);
+    EXPECT_EQ(event.details, sent.details);
+    EXPECT_FALSE(std::get<TraceEvent>(Read(Encoded(TraceEvent{}))).code.has_value());
 
     left.exception->code.reset();
     EXPECT_FALSE(std::get<Outcome>(Read(Encoded(left))).exception->code.has_value());

@@ -45,11 +45,19 @@ def prefix() -> Iterator[Prefix]:
 
 
 def test_the_runner_shows_the_exception_as_told(prefix):
-    command, output = told(f"halvard_run {ACTION}")
+    command, output = told(f"halvard_run {ACTION}(?! )")
     done = prefix.run(paths.RUNNER, *command.split()[1:])
     assert re.sub(r"\d+\.\d ms", "1.0 ms", done.stdout) == output
     assert done.returncode == EXCEPTION
     assert told("echo %errorlevel%")[1] == f"{EXCEPTION}\n"
+
+
+def test_the_trace_names_the_key_as_told(prefix):
+    command, output = told(f"halvard_run {ACTION} --trace")
+    done = prefix.run(paths.RUNNER, *command.split()[1:])
+    aligned = re.sub(r"(\w) +\d+\.\d ms  ", r"\1          1.0 ms  ", done.stdout)
+    assert re.sub(r"\d+\.\d ms", "1.0 ms", aligned) == output
+    assert done.returncode == EXCEPTION
 
 
 @dataclass(frozen=True)

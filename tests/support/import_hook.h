@@ -1,5 +1,7 @@
 #pragma once
 
+#include "trace/import_patches.h"
+
 #include <windows.h>
 
 #include <functional>
@@ -44,7 +46,7 @@ namespace halvard_tests {
 /// std::runtime_error when the program does not import it: a hook that catches nothing is an error.
 void** ImportSlot(const char* function);
 
-void WriteImportSlot(void** slot, void* address);
+using halvard_runner::WriteImportSlot;
 
 /// The length of a hooked call.
 class HookedCall {

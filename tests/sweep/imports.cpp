@@ -1,6 +1,5 @@
 #include "imports.h"
 
-#include "import_hook.h"
 #include "stand_ins.h"
 
 #include <objidl.h>
@@ -9,7 +8,6 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <functional>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -381,50 +379,9 @@ void* ThunkOf(const std::string& name, void* original) {
     return reinterpret_cast<void*>(kThunks[imports.size() - 1]);
 }
 
-template <class Type>
-Type* At(HMODULE library, DWORD offset) {
-    return reinterpret_cast<Type*>(reinterpret_cast<BYTE*>(library) + offset);
-}
-
-const IMAGE_DATA_DIRECTORY& Directory(HMODULE library, int which) {
-    const auto* const dos = At<IMAGE_DOS_HEADER>(library, 0);
-    const auto* const headers = At<IMAGE_NT_HEADERS>(library, static_cast<DWORD>(dos->e_lfanew));
-    return headers->OptionalHeader.DataDirectory[which];
-}
-
-using Visitor = std::function<void(const char* name, void** slot)>;
-
-void VisitNames(HMODULE library, DWORD names, DWORD addresses, const Visitor& visit) {
-    const auto* name = At<IMAGE_THUNK_DATA>(library, names);
-    auto* address = At<IMAGE_THUNK_DATA>(library, addresses);
-    for (; name->u1.AddressOfData != 0; ++name, ++address) {
-        if (IMAGE_SNAP_BY_ORDINAL(name->u1.Ordinal)) {
-            throw std::runtime_error("an import without a name");
-        }
-        const auto* const import =
-            At<IMAGE_IMPORT_BY_NAME>(library, static_cast<DWORD>(name->u1.AddressOfData));
-        visit(reinterpret_cast<const char*>(import->Name),
-              reinterpret_cast<void**>(&address->u1.Function));
-    }
-}
-
-void VisitImports(HMODULE library, const Visitor& visit) {
-    const IMAGE_DATA_DIRECTORY& place = Directory(library, IMAGE_DIRECTORY_ENTRY_IMPORT);
-    for (auto* each = At<IMAGE_IMPORT_DESCRIPTOR>(library, place.VirtualAddress); each->Name != 0;
-         ++each) {
-        VisitNames(library, each->OriginalFirstThunk, each->FirstThunk, visit);
-    }
-}
-
-// Their slots are left to the loader, which looks each function up.
-void VisitDelayedImports(HMODULE library, const Visitor& visit) {
-    const IMAGE_DATA_DIRECTORY& place = Directory(library, IMAGE_DIRECTORY_ENTRY_DELAY_IMPORT);
-    if (place.Size == 0) {
-        return;
-    }
-    for (auto* each = At<IMAGE_DELAYLOAD_DESCRIPTOR>(library, place.VirtualAddress);
-         each->DllNameRVA != 0; ++each) {
-        VisitNames(library, each->ImportNameTableRVA, each->ImportAddressTableRVA, visit);
+void RequireName(const char* name) {
+    if (name == nullptr) {
+        throw std::runtime_error("an import without a name");
     }
 }
 
@@ -438,20 +395,18 @@ WatchedImports::WatchedImports(HMODULE library, const FunctionTable& table,
     wanted = failure;
     failed = false;
     unknown.clear();
-    VisitDelayedImports(library, [](const char* name, void**) { SignOf(name); });
-    VisitImports(library, [this](const char* name, void** slot) {
+    // Their slots are left to the loader, which looks each function up.
+    halvard_runner::VisitDelayedImports(library, [](const char* name, void**) {
+        RequireName(name);
+        SignOf(name);
+    });
+    halvard_runner::VisitImports(library, [this](const char* name, void** slot) {
+        RequireName(name);
         void* const thunk = ThunkOf(name, *slot);
         if (thunk != *slot) {
-            patches_.push_back({slot, *slot});
-            halvard_tests::WriteImportSlot(slot, thunk);
+            patches_.Redirect(slot, thunk);
         }
     });
-}
-
-WatchedImports::~WatchedImports() {
-    for (const Patch& each : patches_) {
-        halvard_tests::WriteImportSlot(each.slot, each.former);
-    }
 }
 
 void WatchedImports::BeginInThisThread() {

@@ -1,11 +1,12 @@
 #pragma once
 
+#include "trace/import_patches.h"
+
 #include <windows.h>
 
 #include <cstdint>
 #include <map>
 #include <string>
-#include <vector>
 
 // The imports of a loaded library, behind whose back they can fail. A function that the library
 // looks up by its name, as the loader of delayed imports does, is treated like an imported one.
@@ -41,7 +42,6 @@ struct Failure {
 class WatchedImports {
 public:
     WatchedImports(HMODULE library, const FunctionTable& table, const Failure& failure);
-    ~WatchedImports();
     WatchedImports(const WatchedImports&) = delete;
     WatchedImports& operator=(const WatchedImports&) = delete;
 
@@ -63,11 +63,7 @@ public:
     static std::map<std::string, int> TakeKept();
 
 private:
-    struct Patch {
-        void** slot;
-        void* former;
-    };
-    std::vector<Patch> patches_;
+    halvard_runner::ImportPatches patches_;
 };
 
 } // namespace halvard_sweep

@@ -2,6 +2,8 @@
 
 #include "json.h"
 #include "runner_error.h"
+#include "text.h"
+#include "trace/dry_run.h"
 
 #include <algorithm>
 #include <optional>
@@ -20,7 +22,7 @@ constexpr const wchar_t* kHelp = LR"(Calls one action of Halvard_CA.dll without 
   halvard_run list [--dll PATH] [--json]
   halvard_run ACTION --help [--json]
   halvard_run ACTION [Property=Value...] [--dll PATH] [--limit SECONDS]
-                     [--quotes] [--json]
+                     [--trace | --dry-run] [--quotes] [--json]
   halvard_run --check PACKAGE.msi [--skip NUMBER,NUMBER...] [--json]
   halvard_run --verify [--json]
   halvard_run --verify-installer [--yes] [--json]
@@ -44,6 +46,12 @@ closing quote has to be doubled, or the quote becomes part of the value.
   --limit SECONDS
                how long the action may take, 600 without it and 0 for as long as
                it likes; then it is ended with all that it has started
+  --trace      what the action does, line by line as it happens: programs, the
+               registry, files, services, tasks, properties, and the lines that
+               no log ever has, each with its time and its answer
+  --dry-run    a trace of an action that removes, for which nothing is removed,
+               written or started; ends with what would go, what would stay
+               and why, and what was probably meant to stay
   --quotes     the quotes in the values are meant; without it a value that holds
                one is refused, for a backslash before a closing quote makes one
   --check PACKAGE.msi
@@ -53,8 +61,9 @@ closing quote has to be doubled, or the quote becomes part of the value.
                action: action, dll, properties, log, messages (kind, type,
                text), standard_output, standard_error, result, result_name,
                if_checked, exception (kind, type, code, category, text),
-               milliseconds, exit_code; error and exit_code where nothing was
-               called; the others have one as well
+               milliseconds, exit_code; trace with --trace, dry_run with
+               --dry-run; error and exit_code where nothing was called; the
+               others have one as well
   -h, --help   this text
   --version    the version of this program
 
@@ -196,6 +205,31 @@ bool TakeLimit(const std::vector<std::wstring>& arguments, std::size_t& position
     return true;
 }
 
+bool TakeTrace(const std::wstring& argument, Arguments& parsed) {
+    if (argument == L"--dry-run") {
+        parsed.trace = TraceMode::DryRun;
+    } else if (argument == L"--trace") {
+        parsed.trace = std::max(parsed.trace, TraceMode::Trace);
+    } else {
+        return false;
+    }
+    return true;
+}
+
+/// What is looked at must be an action, and one that has a dry run where one is asked for.
+void CheckTrace(const Arguments& parsed) {
+    if (parsed.trace == TraceMode::None) {
+        return;
+    }
+    if (parsed.request != Request::Call) {
+        Refuse(L"--trace and --dry-run belong to an action");
+    }
+    if (parsed.trace == TraceMode::DryRun && !HasDryRun(parsed.action)) {
+        Refuse(parsed.action + L" has no dry run: it does more than remove. These have one: " +
+               Joined(DryRunActions(), L", "));
+    }
+}
+
 bool TakePackage(const std::vector<std::wstring>& arguments, std::size_t& position,
                  Arguments& parsed) {
     const std::optional<std::wstring> package = TakeOption(arguments, position, kCheck);
@@ -275,7 +309,7 @@ Arguments ParseArguments(const std::vector<std::wstring>& arguments) {
         const std::wstring& argument = arguments[position];
         if (argument == L"--json" || TakeLibrary(arguments, position, parsed) ||
             TakeLimit(arguments, position, parsed) || TakePackage(arguments, position, parsed) ||
-            TakeSkipped(arguments, position, parsed)) {
+            TakeSkipped(arguments, position, parsed) || TakeTrace(argument, parsed)) {
             continue;
         }
         if (argument == L"--quotes") {
@@ -299,6 +333,7 @@ Arguments ParseArguments(const std::vector<std::wstring>& arguments) {
         if (!parsed.action.empty() || !parsed.dll.empty()) {
             Refuse(L"--check takes a package and no action or library");
         }
+        CheckTrace(parsed);
         return parsed;
     }
     if (!parsed.skipped.empty()) {
@@ -313,6 +348,7 @@ Arguments ParseArguments(const std::vector<std::wstring>& arguments) {
             Refuse(L"list takes no properties");
         }
     }
+    CheckTrace(parsed);
     return parsed;
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "trace/event.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -27,6 +29,7 @@ struct Arguments {
     std::vector<int> skipped;
     /// Seconds; 0 for none.
     std::uint32_t limit = 600;
+    TraceMode trace = TraceMode::None;
     bool json = false;
 };
 
@@ -34,8 +37,8 @@ struct Arguments {
 /// an action that is named with `--help` is the one to tell of.
 ///
 /// Throws RunnerError (WrongArguments) for an unknown option, a missing action or path, for a
-/// property without "=", with a name that the installer would not take, or given twice, and for a
-/// value with a quote that is not said to be meant.
+/// property without "=", with a name that the installer would not take, or given twice, for a value
+/// with a quote that is not said to be meant, and for a dry run of an action that has none.
 Arguments ParseArguments(const std::vector<std::wstring>& arguments);
 
 /// Whether a package is to be checked, also when the arguments cannot be read: then other exit

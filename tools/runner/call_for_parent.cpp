@@ -5,6 +5,7 @@
 #include "library.h"
 #include "pipe_bytes.h"
 #include "runtime/owned.h"
+#include "trace/tracer.h"
 
 #include <cstdint>
 #include <cstring>
@@ -70,7 +71,13 @@ void Call(const CallRequest& request, Reporter& reporter) {
         session.SetProperty(property);
     }
     called = true;
-    reporter.Tell(CallAction(action, session.Get()));
+    if (request.trace != TraceMode::None) {
+        StartTrace(library.Module(), request.trace,
+                   [&](const TraceEvent& event) { reporter.Tell(event); });
+    }
+    const Outcome outcome = CallAction(action, session.Get());
+    EndTrace();
+    reporter.Tell(outcome);
 }
 
 } // namespace

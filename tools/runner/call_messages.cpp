@@ -11,7 +11,7 @@ constexpr std::size_t kLengthSize = 4;
 constexpr double kUnitsOfAMillisecond = 1000.0;
 
 // The order of the alternatives of CallReport.
-enum class Kind : std::uint64_t { Found, Message, Refusal, Outcome };
+enum class Kind : std::uint64_t { Found, Message, Refusal, Outcome, Event };
 
 class Writer {
 public:
@@ -117,6 +117,43 @@ Outcome ReadOutcome(Reader& reader) {
     return outcome;
 }
 
+void WriteEvent(Writer& writer, const TraceEvent& event) {
+    writer.Number(
+        static_cast<std::uint64_t>(std::llround(event.milliseconds * kUnitsOfAMillisecond)));
+    writer.Number(static_cast<std::uint64_t>(event.group));
+    writer.Text(event.what);
+    writer.Text(event.target);
+    writer.Number(static_cast<std::uint64_t>(event.result));
+    writer.Number(event.code.has_value() ? 1 : 0);
+    writer.Number(static_cast<std::uint64_t>(event.code.value_or(0)));
+    writer.Number(event.details.size());
+    for (const auto& [name, text] : event.details) {
+        writer.Text(name);
+        writer.Text(text);
+    }
+}
+
+TraceEvent ReadEvent(Reader& reader, std::size_t bytes) {
+    TraceEvent event;
+    event.milliseconds = static_cast<double>(reader.Number()) / kUnitsOfAMillisecond;
+    event.group = static_cast<TraceGroup>(reader.Number());
+    event.what = reader.Text();
+    event.target = reader.Text();
+    event.result = static_cast<TraceResult>(reader.Number());
+    const bool hasCode = reader.Number() != 0;
+    const auto code = static_cast<std::int64_t>(reader.Number());
+    if (hasCode) {
+        event.code = code;
+    }
+    const std::uint64_t count = reader.Number();
+    // Each has eight bytes and more.
+    for (std::uint64_t i = 0; i < count && i < bytes; ++i) {
+        std::wstring name = reader.Text();
+        event.details.emplace_back(std::move(name), reader.Text());
+    }
+    return event;
+}
+
 void WriteReport(Writer& writer, const CallReport& report) {
     writer.Number(report.index());
     if (const auto* const message = std::get_if<Message>(&report)) {
@@ -127,10 +164,12 @@ void WriteReport(Writer& writer, const CallReport& report) {
         writer.Text(refusal->text);
     } else if (const auto* const outcome = std::get_if<Outcome>(&report)) {
         WriteOutcome(writer, *outcome);
+    } else if (const auto* const event = std::get_if<TraceEvent>(&report)) {
+        WriteEvent(writer, *event);
     }
 }
 
-std::optional<CallReport> ReadReport(Reader& reader) {
+std::optional<CallReport> ReadReport(Reader& reader, std::size_t bytes) {
     switch (static_cast<Kind>(reader.Number())) {
     case Kind::Found:
         return Found{};
@@ -144,6 +183,8 @@ std::optional<CallReport> ReadReport(Reader& reader) {
     }
     case Kind::Outcome:
         return ReadOutcome(reader);
+    case Kind::Event:
+        return ReadEvent(reader, bytes);
     }
     return std::nullopt;
 }
@@ -160,6 +201,7 @@ std::string Encoded(const CallRequest& request) {
         writer.Text(property.name);
         writer.Text(property.value);
     }
+    writer.Number(static_cast<std::uint64_t>(request.trace));
     return writer.Bytes();
 }
 
@@ -177,6 +219,7 @@ std::optional<CallRequest> DecodedRequest(const std::string& bytes) {
         property.value = reader.Text();
         request.properties.push_back(property);
     }
+    request.trace = static_cast<TraceMode>(reader.Number());
     return reader.Whole() ? std::optional<CallRequest>(request) : std::nullopt;
 }
 
@@ -200,7 +243,7 @@ std::optional<CallReport> ReportReader::Next() {
     const std::string content = bytes_.substr(kLengthSize, length);
     bytes_.erase(0, kLengthSize + length);
     Reader reader(content);
-    std::optional<CallReport> report = ReadReport(reader);
+    std::optional<CallReport> report = ReadReport(reader, content.size());
     return reader.Whole() ? report : std::nullopt;
 }
 

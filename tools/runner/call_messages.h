@@ -19,6 +19,7 @@ struct CallRequest {
     std::wstring dll;
     /// The file for the package of the session.
     std::wstring package;
+    TraceMode trace = TraceMode::None;
 };
 
 /// The library is loaded, and has the action.
@@ -30,8 +31,9 @@ struct Refusal {
     std::wstring text;
 };
 
-/// What that process tells, one after the other. The outcome comes last, without messages.
-using CallReport = std::variant<Found, Message, Refusal, Outcome>;
+/// What that process tells, one after the other. The outcome comes last, without messages and
+/// trace.
+using CallReport = std::variant<Found, Message, Refusal, Outcome, TraceEvent>;
 
 std::string Encoded(const CallRequest& request);
 

@@ -248,6 +248,7 @@ private:
 struct Progress {
     bool found = false;
     std::vector<Message> messages;
+    std::vector<TraceEvent> trace;
     std::optional<Refusal> refusal;
     std::optional<Outcome> outcome;
 };
@@ -256,6 +257,9 @@ void Take(Progress& progress, const CallReport& report, const CallWatcher& watch
     if (const auto* const message = std::get_if<Message>(&report)) {
         progress.messages.push_back(*message);
         watcher.message(*message);
+    } else if (const auto* const event = std::get_if<TraceEvent>(&report)) {
+        progress.trace.push_back(*event);
+        watcher.event(*event);
     } else if (const auto* const refusal = std::get_if<Refusal>(&report)) {
         progress.refusal = *refusal;
     } else if (const auto* const outcome = std::get_if<Outcome>(&report)) {
@@ -279,8 +283,8 @@ Outcome CallInProcess(const Arguments& arguments, const CallWatcher& watcher) {
     const TemporaryFile package;
     const Clock::time_point start = Clock::now();
     CallingProcess process;
-    process.Tell(
-        {arguments.action, arguments.properties, LibraryPath(arguments.dll), package.Path()});
+    process.Tell({arguments.action, arguments.properties, LibraryPath(arguments.dll),
+                  package.Path(), arguments.trace});
 
     Progress progress;
     ReportReader reports;
@@ -293,21 +297,25 @@ Outcome CallInProcess(const Arguments& arguments, const CallWatcher& watcher) {
         told.standardError.push_back(line);
         watcher.line(Stream::Error, line);
     });
+    // Whether something came: a trace has much to tell, and waits while nobody reads.
     const auto readAll = [&] {
         output.Add(process.Output());
         errors.Add(process.Errors());
-        reports.Add(process.Report());
+        const std::string bytes = process.Report();
+        reports.Add(bytes);
         while (const std::optional<CallReport> report = reports.Next()) {
             Take(progress, *report, watcher);
         }
+        return !bytes.empty();
     };
     const auto isOver = [&] {
         return arguments.limit > 0 && Clock::now() - start >= std::chrono::seconds(arguments.limit);
     };
 
     bool overTheLimit = false;
-    while (!process.EndsWithin(kPoll)) {
-        readAll();
+    bool came = false;
+    while (!process.EndsWithin(came ? 0 : kPoll)) {
+        came = readAll();
         if (progress.outcome || progress.refusal) {
             // The action may have left a heap or a lock without which no process ends.
             for (DWORD waited = 0; waited < kEnd && !process.EndsWithin(kPoll); waited += kPoll) {
@@ -342,6 +350,7 @@ Outcome CallInProcess(const Arguments& arguments, const CallWatcher& watcher) {
     }
     Outcome outcome = *progress.outcome;
     outcome.messages = progress.messages;
+    outcome.trace = progress.trace;
     outcome.standardOutput = told.standardOutput;
     outcome.standardError = told.standardError;
     return outcome;

@@ -14,6 +14,7 @@ constexpr const wchar_t* kCallWord = L"--call-for-parent";
 /// What tells a reader of a call while it runs.
 struct CallWatcher {
     std::function<void(const Message&)> message;
+    std::function<void(const TraceEvent&)> event;
     /// A line of standard output or of standard error.
     std::function<void(Stream, const std::wstring&)> line;
 };

@@ -30,6 +30,8 @@ public:
     /// The full path.
     [[nodiscard]] const std::wstring& Path() const noexcept { return path_; }
 
+    [[nodiscard]] HMODULE Module() const noexcept { return module_; }
+
     /// The exported names in the order of the export table, which is that of their bytes.
     [[nodiscard]] std::vector<std::wstring> Exports() const;
 

@@ -10,6 +10,7 @@
 #include "names.h"
 #include "report.h"
 #include "text_output.h"
+#include "trace/dry_run.h"
 #include "verify/verify.h"
 #include "version.h"
 
@@ -70,14 +71,33 @@ ExitCode Call(const Arguments& arguments) {
             Write(STD_OUTPUT_HANDLE, lines);
         }
     };
+    // With a trace what is written to a stream comes behind it: there it has its place already.
+    const bool traced = arguments.trace != TraceMode::None;
+    const auto tellLine = [&](Stream stream, const std::wstring& line) {
+        tell(StreamLine(stream, line));
+    };
     const Outcome outcome =
         CallInProcess(arguments, {[&](const Message& message) { tell(MessageLines(message)); },
+                                  [&](const TraceEvent& event) { tell(TraceLines(event)); },
                                   [&](Stream stream, const std::wstring& line) {
-                                      tell(StreamLine(stream, line));
+                                      if (!traced) {
+                                          tellLine(stream, line);
+                                      }
                                   }});
+    if (traced) {
+        for (const std::wstring& line : LinesWithoutEvent(outcome)) {
+            tellLine(Stream::Output, line);
+        }
+        for (const std::wstring& line : outcome.standardError) {
+            tellLine(Stream::Error, line);
+        }
+    }
     Write(STD_OUTPUT_HANDLE, arguments.json
                                  ? OutcomeJson(arguments, LibraryPath(arguments.dll), outcome)
                                  : EndLines(outcome));
+    if (arguments.trace == TraceMode::DryRun) {
+        tell(DryRunLines(DryRunOf(arguments.action, outcome.trace)));
+    }
     return ExitCodeOf(outcome);
 }
 

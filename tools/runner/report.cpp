@@ -2,6 +2,7 @@
 
 #include "names.h"
 #include "text.h"
+#include "trace/dry_run.h"
 
 #include <algorithm>
 #include <cmath>
@@ -132,6 +133,25 @@ std::wstring MessageLines(const Message& message) {
     return Labelled(MessageKind(message.type), message.text);
 }
 
+std::vector<std::wstring> LinesWithoutEvent(const Outcome& outcome) {
+    std::vector<std::wstring> told;
+    for (const TraceEvent& event : outcome.trace) {
+        if (event.what == trace_words::kToStandardOutput) {
+            told.push_back(event.target);
+        }
+    }
+    std::vector<std::wstring> lines;
+    for (const std::wstring& line : outcome.standardOutput) {
+        const auto found = std::find(told.begin(), told.end(), line);
+        if (found == told.end()) {
+            lines.push_back(line);
+        } else {
+            told.erase(found);
+        }
+    }
+    return lines;
+}
+
 std::wstring EndLines(const Outcome& outcome) {
     std::wstring lines;
     if (outcome.exception) {
@@ -164,23 +184,28 @@ std::wstring OutcomeJson(const Arguments& arguments, const std::wstring& library
                            {L"type", std::to_wstring(message.type)},
                            {L"text", JsonString(message.text)}});
     };
-    return JsonObject({
-               {L"action", JsonString(arguments.action)},
-               {L"dll", JsonString(library)},
-               {L"properties", JsonObject(properties)},
-               {L"log", JsonArray(Chosen(outcome.messages, true), text)},
-               {L"messages", JsonArray(Chosen(outcome.messages, false), whole)},
-               {L"standard_output", JsonArray(outcome.standardOutput, JsonString)},
-               {L"standard_error", JsonArray(outcome.standardError, JsonString)},
-               {L"result", outcome.result ? std::to_wstring(*outcome.result) : L"null"},
-               {L"result_name", JsonStringOrNull(name == nullptr ? L"" : name)},
-               {L"if_checked",
-                outcome.result ? JsonString(ResultEffect(*outcome.result)) : L"null"},
-               {L"exception", outcome.exception ? ExceptionJson(*outcome.exception) : L"null"},
-               {L"milliseconds", Milliseconds(outcome.milliseconds)},
-               {L"exit_code", std::to_wstring(static_cast<int>(ExitCodeOf(outcome)))},
-           }) +
-           L"\n";
+    JsonMembers members = {
+        {L"action", JsonString(arguments.action)},
+        {L"dll", JsonString(library)},
+        {L"properties", JsonObject(properties)},
+        {L"log", JsonArray(Chosen(outcome.messages, true), text)},
+        {L"messages", JsonArray(Chosen(outcome.messages, false), whole)},
+        {L"standard_output", JsonArray(outcome.standardOutput, JsonString)},
+        {L"standard_error", JsonArray(outcome.standardError, JsonString)},
+        {L"result", outcome.result ? std::to_wstring(*outcome.result) : L"null"},
+        {L"result_name", JsonStringOrNull(name == nullptr ? L"" : name)},
+        {L"if_checked", outcome.result ? JsonString(ResultEffect(*outcome.result)) : L"null"},
+        {L"exception", outcome.exception ? ExceptionJson(*outcome.exception) : L"null"},
+        {L"milliseconds", Milliseconds(outcome.milliseconds)},
+    };
+    if (arguments.trace != TraceMode::None) {
+        members.emplace_back(L"trace", JsonArray(outcome.trace, TraceJson));
+    }
+    if (arguments.trace == TraceMode::DryRun) {
+        members.emplace_back(L"dry_run", DryRunJson(DryRunOf(arguments.action, outcome.trace)));
+    }
+    members.emplace_back(L"exit_code", std::to_wstring(static_cast<int>(ExitCodeOf(outcome))));
+    return JsonObject(members) + L"\n";
 }
 
 std::wstring VersionJson(const std::wstring& version) {

@@ -3,6 +3,7 @@
 #include "arguments.h"
 #include "json.h"
 #include "runner_error.h"
+#include "trace/event.h"
 
 #include <cstdint>
 #include <optional>
@@ -42,6 +43,7 @@ struct Outcome {
     std::optional<std::uint32_t> result;
     std::optional<EscapedException> exception;
     double milliseconds = 0.0;
+    std::vector<TraceEvent> trace;
 };
 
 /// "0x" and the digits, without zeros in front.
@@ -64,6 +66,9 @@ std::wstring StreamLine(Stream stream, const std::wstring& line);
 
 /// An exception in one line.
 std::wstring ExceptionText(const EscapedException& exception);
+
+/// What was written to standard output and is not told as an event of a trace.
+std::vector<std::wstring> LinesWithoutEvent(const Outcome& outcome);
 
 /// How the action ended, for a reader.
 std::wstring EndLines(const Outcome& outcome);

@@ -2,6 +2,7 @@
 
 #include "arguments.h"
 #include "runner_error.h"
+#include "trace/dry_run.h"
 
 #include <algorithm>
 #include <map>
@@ -11,6 +12,7 @@ namespace {
 
 using halvard_runner::Arguments;
 using halvard_runner::Request;
+using halvard_runner::TraceMode;
 using halvard_tests::Require;
 using halvard_tests::Texts;
 
@@ -26,7 +28,7 @@ bool IsName(const std::wstring& name) {
 
 // The options that take a value, and those without.
 const Texts kWithValue = {L"--dll", L"--limit", L"--check", L"--skip"};
-const Texts kAlone = {L"--json", L"--quotes"};
+const Texts kAlone = {L"--json", L"--quotes", L"--trace", L"--dry-run"};
 
 bool Holds(const Texts& texts, const std::wstring& text) {
     return std::find(texts.begin(), texts.end(), text) != texts.end();
@@ -110,7 +112,7 @@ bool WantsJson(const Texts& given) {
 
 // What the arguments mean, by the rules that `--help` and the header tell; nothing when they are
 // refused.
-std::optional<Arguments> Meaning(const Texts& given) {
+std::optional<Arguments> MeaningWithoutTrace(const Texts& given) {
     Arguments meaning;
     meaning.json = WantsJson(given);
     if (Holds(given, L"--help") || Holds(given, L"-h")) {
@@ -179,6 +181,34 @@ std::optional<Arguments> Meaning(const Texts& given) {
     return meaning;
 }
 
+std::optional<Arguments> Meaning(const Texts& given) {
+    std::optional<Arguments> meaning = MeaningWithoutTrace(given);
+    const bool isOver =
+        !meaning || meaning->request == Request::Help || meaning->request == Request::Version;
+    if (isOver) {
+        return meaning;
+    }
+    const auto isAsked = [&](const wchar_t* option) {
+        // Behind an option that takes a value the word is that value.
+        for (std::size_t index = 0; index < given.size(); ++index) {
+            if (Holds(kWithValue, given[index])) {
+                ++index;
+            } else if (given[index] == option) {
+                return true;
+            }
+        }
+        return false;
+    };
+    const bool dry = isAsked(L"--dry-run");
+    meaning->trace = dry                   ? TraceMode::DryRun
+                     : isAsked(L"--trace") ? TraceMode::Trace
+                                           : TraceMode::None;
+    const bool isCall = meaning->request == Request::Call;
+    const bool fits = meaning->trace == TraceMode::None || isCall;
+    const bool hasOne = !dry || halvard_runner::HasDryRun(meaning->action);
+    return fits && hasOne ? meaning : std::nullopt;
+}
+
 void Check(const Texts& given) {
     const std::optional<Arguments> expected = Meaning(given);
     Require(halvard_runner::WantsJson(given) == WantsJson(given));
@@ -188,6 +218,7 @@ void Check(const Texts& given) {
         Require(parsed.request == expected->request && parsed.action == expected->action);
         Require(parsed.properties == expected->properties && parsed.dll == expected->dll);
         Require(parsed.package == expected->package && parsed.skipped == expected->skipped);
+        Require(parsed.trace == expected->trace);
         Require(parsed.limit == expected->limit && parsed.json == expected->json);
     } catch (const halvard_runner::RunnerError& error) {
         Require(!expected.has_value());
@@ -200,10 +231,15 @@ void Check(const Texts& given) {
 // A command line, without the program's name.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
     static const Texts words = {
-        L"--json ", L"--dll ",        L"--dll=",   L"LaunchPV ",     L"list ",     L"Name=",
-        L" A=1 ",   L"--help ",       L"-h",       L" \"\" ",        L"--version", L"=",
-        L" A=2 ",   L"_b.9=\"x y\" ", L"--limit ", L"--quotes ",     L"--check ",  L"--skip ",
-        L"P.msi ",  L"1000000 ",      L"101,702 ", L"B=\\\" --json",
+        L"--json ",         L"--dll ",        L"--dll=",
+        L"LaunchPV ",       L"list ",         L"Name=",
+        L" A=1 ",           L"--help ",       L"-h",
+        L" \"\" ",          L"--version",     L"=",
+        L" A=2 ",           L"_b.9=\"x y\" ", L"--limit ",
+        L"--quotes ",       L"--check ",      L"--skip ",
+        L"P.msi ",          L"1000000 ",      L"101,702 ",
+        L"B=\\\" --json",   L"--trace ",      L"--dry-run ",
+        L"DeletePVFolder ",
     };
     Check(halvard_tests::ArgumentWords(halvard_tests::Text(bytes, size, words)));
     return 0;
