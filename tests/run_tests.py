@@ -81,7 +81,13 @@ FUZZ_CANARIES = {
     "overflow": "ERROR: AddressSanitizer: heap-buffer-overflow",
     "property": "ERROR: libFuzzer: deadly signal",
 }
-WINE_FUZZ_CANARIES = {"property": "ERROR: a property does not hold"}
+WINE_FUZZ_CANARIES = {
+    "property": "ERROR: a property does not hold",
+    "write": f"ERROR: {OUTSIDE_A_BLOCK}",
+    "arithmetic": "ERROR: arithmetic that is not defined",
+    "abort": "ERROR: an abort",
+    "exception": "ERROR: an exception that nothing catches",
+}
 CANARY_LIMIT = 60.0
 TESTS_LIMIT = 480.0
 PYTEST_LIMIT = 1800.0
