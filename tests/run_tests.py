@@ -83,7 +83,13 @@ FUZZ_CANARIES = {
     "overflow": "ERROR: AddressSanitizer: heap-buffer-overflow",
     "property": "ERROR: libFuzzer: deadly signal",
 }
-WINE_FUZZ_CANARIES = {"property": "ERROR: a property does not hold"}
+WINE_FUZZ_CANARIES = {
+    "property": "ERROR: a property does not hold",
+    "write": f"ERROR: {OUTSIDE_A_BLOCK}",
+    "arithmetic": "ERROR: arithmetic that is not defined",
+    "abort": "ERROR: an abort",
+    "exception": "ERROR: an exception that nothing catches",
+}
 # Seconds without output, while one test is at work: the engine's debugger may take long to report a
 # planted fault.
 TEST_SILENCE = 300.0

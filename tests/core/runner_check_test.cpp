@@ -1,3 +1,4 @@
+#include "action_page.h"
 #include "action_table.h"
 #include "check/check_report.h"
 #include "check/rules.h"
@@ -12,6 +13,7 @@ using halvard_runner::ActionFacts;
 using halvard_runner::ActionTable;
 using halvard_runner::CustomActionRow;
 using halvard_runner::Execution;
+using halvard_runner::FindFacts;
 using halvard_runner::Finding;
 using halvard_runner::Findings;
 using halvard_runner::LibraryFacts;
@@ -516,7 +518,7 @@ TEST(Check, FindsNothingInWhatAPackageMayDoOtherwise) {
         [](P p) { Action(p, L"InstallContextMenuMSIX").type &= ~kSystem; },
         // A whole of its own, with another Id.
         [](P p) {
-            Declare(p, L"Again", DeclaredType(ActionTable().at(6)), L"Dll", L"LaunchPV");
+            Declare(p, L"Again", DeclaredType(*FindFacts(L"LaunchPV")), L"Dll", L"LaunchPV");
             Schedule(p, L"Again", 6300, kFirst);
         },
         [](P p) {

@@ -148,4 +148,6 @@ def test_a_package_of_this_machine_is_checked_from_the_sources(tmp_path):
 def test_the_rules_stand_by_their_numbers():
     rules = generate.rules()
     assert len(rules) >= 25
+    numbers = [rule.number for rule in rules]
+    assert numbers == sorted(set(numbers))
     assert {rule.severity for rule in rules} == set(generate.SEVERITIES)

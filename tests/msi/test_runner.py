@@ -447,16 +447,19 @@ def runner_processes(prefix: Prefix) -> list[str]:
     return [line for line in processes_of(prefix.path) if paths.RUNNER.name in line]
 
 
-@pytest.mark.parametrize("form", [["--limit", "2"], ["--limit=2"]])
+@pytest.mark.parametrize("form", [["--limit", "5"], ["--limit=5"]])
 def test_an_action_that_does_not_end_is_ended_with_all_that_it_has_started(call, prefix, form):
     wait = f"MILLISECONDS={3 * LIMIT * 1000:.0f}"
-    done = call("StartOthersAndWait", wait, *form, "--json", *LIBRARY)
-    assert done.code == OVER_THE_LIMIT
-    told = done.json
+    command = [paths.RUNNER, "StartOthersAndWait", wait, *form, "--json", *LIBRARY]
+    with running(prefix, *command) as (process, output, _):
+        # The program, the process of its action, and the same of the program that this has started.
+        until(lambda: len(runner_processes(prefix)) == 4, LIMIT)
+        assert process.wait(LIMIT) == OVER_THE_LIMIT
+        told = json.loads(output.read_text())
     assert (told["result"], told["exit_code"]) == (None, OVER_THE_LIMIT)
     assert told["exception"]["kind"] == "over the limit"
-    assert "did not end within 2 s" in told["exception"]["text"]
-    assert 2000 <= told["milliseconds"] < LIMIT * 1000
+    assert "did not end within 5 s" in told["exception"]["text"]
+    assert 5000 <= told["milliseconds"] < LIMIT * 1000
     until(lambda: not runner_processes(prefix), LIMIT)
 
 
@@ -464,7 +467,10 @@ def test_what_an_action_has_left_running_goes_on(call, prefix):
     done = call("StartOthersAndWait", "MILLISECONDS=2000", *LIBRARY)
     assert done.code == SUCCESS
     # Of the program that was started, and of the one that this started to call its action.
-    assert len(runner_processes(prefix)) == 2
+    until(lambda: len(runner_processes(prefix)) == 2, LIMIT)
+    # They are still there when another program of its kind has come and gone.
+    assert call("LaunchedFromMIM", "LAUNCHED_FROM_MIM=1").code == SUCCESS
+    until(lambda: len(runner_processes(prefix)) == 2, LIMIT)
     prefix.run("taskkill.exe", "/f", "/im", paths.RUNNER.name)
     until(lambda: not runner_processes(prefix), LIMIT)
 

@@ -3,10 +3,10 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 namespace halvard_tests {
 
@@ -16,6 +16,7 @@ constexpr unsigned char kGuardByte = 0xFD;
 constexpr unsigned char kFreedByte = 0xDD;
 // Keeps what follows aligned for every type.
 constexpr std::size_t kGuardSize = 16;
+constexpr std::size_t kMostHeaps = 256;
 
 std::atomic<int> damagedBlocks = 0;
 
@@ -74,9 +75,12 @@ int TakeDamagedBlocks() {
 }
 
 bool HeapsAreSound() {
-    std::vector<HANDLE> heaps(GetProcessHeaps(0, nullptr));
-    heaps.resize(GetProcessHeaps(static_cast<DWORD>(heaps.size()), heaps.data()));
-    return std::all_of(heaps.begin(), heaps.end(),
+    // On the stack: what looks at the heaps does not change them before it has looked. More heaps
+    // than there is room for are not looked at, and so not sound.
+    std::array<HANDLE, kMostHeaps> heaps = {};
+    const DWORD count = GetProcessHeaps(static_cast<DWORD>(heaps.size()), heaps.data());
+    return count <= heaps.size() &&
+           std::all_of(heaps.begin(), heaps.begin() + count,
                        [](HANDLE heap) { return HeapValidate(heap, 0, nullptr) != FALSE; });
 }
 

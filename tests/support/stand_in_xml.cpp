@@ -1,5 +1,7 @@
 #include "stand_in_xml.h"
 
+#include "begins.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -16,10 +18,6 @@ constexpr auto kDtdProhibited = static_cast<HRESULT>(WC_E_DTDPROHIBITED);
 
 constexpr wchar_t kByteOrderMark = L'\xFEFF';
 constexpr wchar_t kBlanks[] = L" \t\r\n";
-
-bool Begins(const std::wstring& text, const std::wstring& start) {
-    return text.compare(0, start.size(), start) == 0;
-}
 
 std::wstring Escaped(const std::wstring& text) {
     std::wstring escaped;

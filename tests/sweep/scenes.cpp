@@ -1,7 +1,11 @@
 #include "scenes.h"
 
+#include "folder_entries.h"
+
+#include "display_adapter.h"
 #include "files.h"
 #include "registry_key.h"
+#include "task_xml.h"
 
 #include <windows.h>
 #include <setupapi.h>
@@ -11,6 +15,7 @@
 
 using halvard_tests::CreateFolders;
 using halvard_tests::IsThere;
+using halvard_tests::TaskXml;
 using halvard_tests::WriteFileAt;
 using halvard_tests::WriteWholeFile;
 using namespace std::string_literals;
@@ -32,8 +37,6 @@ const std::wstring kUninstall = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\
                                 L"Zenvo Meridian Install Manager";
 constexpr const wchar_t* kServices[] = {L"TeloLauncher", L"UPAL", L"HalvardSweep"};
 constexpr const wchar_t* kTaskFiles[] = {L"StartPV.xml", L"StartDVR.xml", L"StartPVBM.xml"};
-constexpr GUID kDisplayAdapters = {
-    0x4D36E968, 0xE325, 0x11CE, {0xBF, 0xC1, 0x08, 0x00, 0x2B, 0xE1, 0x03, 0x18}};
 
 void* lockedFile = INVALID_HANDLE_VALUE;
 
@@ -61,24 +64,14 @@ void SetNumber(const std::wstring& key, const std::wstring& name, DWORD number) 
 
 // Trees that actions work on by themselves, and that lie on no drive of the tests' own.
 void RemoveTreeOnC(const std::wstring& folder) {
-    WIN32_FIND_DATAW entry = {};
-    void* const search = FindFirstFileW((folder + L"\\*").c_str(), &entry);
-    if (search == INVALID_HANDLE_VALUE) {
-        return;
-    }
-    do {
-        const std::wstring name = entry.cFileName;
-        if (name == L"." || name == L"..") {
-            continue;
-        }
-        const std::wstring path = folder + L"\\" + name;
+    for (const WIN32_FIND_DATAW& entry : EntriesOf(folder)) {
+        const std::wstring path = folder + L"\\" + entry.cFileName;
         if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
             RemoveTreeOnC(path);
         } else {
             DeleteFileW(path.c_str());
         }
-    } while (FindNextFileW(search, &entry) != FALSE);
-    FindClose(search);
+    }
     RemoveDirectoryW(folder.c_str());
 }
 
@@ -127,16 +120,6 @@ void MakeLockedPivotTree() {
     MakePivotTree();
     lockedFile = CreateFileW((kPivot + L"\\settings.ini").c_str(), GENERIC_READ, FILE_SHARE_READ,
                              nullptr, OPEN_EXISTING, 0, nullptr);
-}
-
-std::wstring TaskXml(const std::wstring& trigger) {
-    return L"<?xml version=\"1.0\" encoding=\"UTF-16\"?>"
-           L"<Task version=\"1.2\" xmlns=\"http://schemas.microsoft.com/windows/2004/02/mit/task\">"
-           L"<RegistrationInfo><Author>Zenvo</Author></RegistrationInfo><Triggers>" +
-           trigger +
-           L"</Triggers><Settings><Enabled>true</Enabled></Settings><Actions><Exec>"
-           L"<Command>pvcmd.exe</Command><WorkingDirectory>shipped</WorkingDirectory>"
-           L"</Exec></Actions></Task>";
 }
 
 void MakeTaskFiles() {
@@ -224,22 +207,16 @@ void MakeQortaKey() {
 // Made once: what the action changes is the driver's key.
 void MakeAdapter() {
     static const bool made = [] {
-        const HDEVINFO adapters = SetupDiCreateDeviceInfoList(&kDisplayAdapters, nullptr);
+        const HDEVINFO adapters =
+            SetupDiCreateDeviceInfoList(&halvard_tests::kDisplayAdapters, nullptr);
         SP_DEVINFO_DATA adapter = {};
-        adapter.cbSize = sizeof(adapter);
-        const auto set = [&](DWORD property, const std::wstring& text) {
-            return SetupDiSetDeviceRegistryPropertyW(
-                       adapters, &adapter, property, reinterpret_cast<const BYTE*>(text.c_str()),
-                       static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))) != FALSE;
-        };
-        if (SetupDiCreateDeviceInfoW(adapters, L"ROOT\\HALVARDSWEEP\\0001", &kDisplayAdapters,
-                                     nullptr, nullptr, 0, &adapter) == FALSE) {
-            // Made by a process before this one.
-            return GetLastError() == ERROR_DEVINST_ALREADY_EXISTS;
-        }
-        return SetupDiRegisterDeviceInfo(adapters, &adapter, 0, nullptr, nullptr, nullptr) !=
-                   FALSE &&
-               set(SPDRP_MFG, L"Zenvo") && set(SPDRP_DRIVER, kDriver);
+        const DWORD code =
+            halvard_tests::RegisterAdapter(adapters, L"ROOT\\HALVARDSWEEP\\0001", adapter);
+        // Made by a process before this one.
+        return code == ERROR_DEVINST_ALREADY_EXISTS ||
+               (code == NO_ERROR &&
+                halvard_tests::SetAdapterText(adapters, adapter, SPDRP_MFG, L"Zenvo") &&
+                halvard_tests::SetAdapterText(adapters, adapter, SPDRP_DRIVER, kDriver));
     }();
     Check(made, "SetupDiRegisterDeviceInfo");
     SetText(kClass + kDriver, L"DriverDesc", L"an adapter");
@@ -314,6 +291,27 @@ std::map<std::wstring, std::wstring> Data(const std::wstring& text) {
 }
 
 } // namespace
+
+const std::vector<std::wstring>& MachineKeys() {
+    static const std::vector<std::wstring> keys = {
+        L"SOFTWARE\\Qorta",
+        L"SOFTWARE\\Qorta Technologies",
+        L"SOFTWARE\\Zenvo",
+        L"SOFTWARE\\ZenvoBranding",
+        L"SOFTWARE\\ZenvoDVR",
+        L"SOFTWARE\\ZenvoOther",
+        L"SOFTWARE\\Telo",
+        L"SOFTWARE\\Wow6432Node\\Qorta",
+        L"SYSTEM\\CurrentControlSet\\Services\\PerfOS",
+        kCameras,
+    };
+    return keys;
+}
+
+const std::vector<std::wstring>& UserKeys() {
+    static const std::vector<std::wstring> keys = {L"SOFTWARE\\Zenvo", L"SOFTWARE\\Telo"};
+    return keys;
+}
 
 std::string Scene::Action() const {
     return name.substr(0, name.find(':'));
@@ -395,15 +393,14 @@ void ClearMachine() {
     }
     DeleteFileW((TemporaryFolder() + L"\\kept.tmp").c_str());
     DeleteFileW(L"C:\\windows\\system32\\tasks\\HalvardSweep");
-    for (const std::wstring& key :
-         {L"SOFTWARE\\Qorta"s, L"SOFTWARE\\Qorta Technologies"s, L"SOFTWARE\\Zenvo"s,
-          L"SOFTWARE\\ZenvoBranding"s, L"SOFTWARE\\ZenvoDVR"s, L"SOFTWARE\\ZenvoOther"s,
-          L"SOFTWARE\\Telo"s, L"SOFTWARE\\Wow6432Node\\Qorta"s, kUninstall,
-          L"SYSTEM\\CurrentControlSet\\Services\\PerfOS"s, kCameras, kClass + kDriver}) {
+    for (const std::wstring& key : MachineKeys()) {
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, key.c_str());
     }
-    for (const wchar_t* const key : {L"SOFTWARE\\Zenvo", L"SOFTWARE\\Telo"}) {
-        RegDeleteTreeW(HKEY_CURRENT_USER, key);
+    for (const std::wstring& key : {kUninstall, kClass + kDriver}) {
+        RegDeleteTreeW(HKEY_LOCAL_MACHINE, key.c_str());
+    }
+    for (const std::wstring& key : UserKeys()) {
+        RegDeleteTreeW(HKEY_CURRENT_USER, key.c_str());
     }
     for (const wchar_t* const name : {L"StartPV", L"StartDVR", L"Other"}) {
         RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run",

@@ -26,6 +26,10 @@ const std::vector<Scene>& Scenes();
 /// An action without a scene needs nothing.
 Scene SceneNamed(const std::string& name);
 
+/// The keys of HKEY_LOCAL_MACHINE and of HKEY_CURRENT_USER that belong to scenes and actions alone.
+const std::vector<std::wstring>& MachineKeys();
+const std::vector<std::wstring>& UserKeys();
+
 /// Takes away what scenes and actions have left.
 void ClearMachine();
 

@@ -1,5 +1,6 @@
 #include "watched.h"
 
+#include "folder_entries.h"
 #include "scenes.h"
 
 #include <windows.h>
@@ -15,16 +16,8 @@ constexpr DWORD kLongestName = 16384;
 
 // `shown` is what stands for the folder in names.
 void AddFolder(Machine& machine, const std::wstring& folder, const std::wstring& shown) {
-    WIN32_FIND_DATAW entry = {};
-    void* const search = FindFirstFileW((folder + L"\\*").c_str(), &entry);
-    if (search == INVALID_HANDLE_VALUE) {
-        return;
-    }
-    do {
+    for (const WIN32_FIND_DATAW& entry : EntriesOf(folder)) {
         const std::wstring name = entry.cFileName;
-        if (name == L"." || name == L"..") {
-            continue;
-        }
         const std::wstring path = shown + L"\\" + name;
         const bool isFolder = (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
         machine[path] = std::to_wstring(entry.dwFileAttributes) +
@@ -32,8 +25,7 @@ void AddFolder(Machine& machine, const std::wstring& folder, const std::wstring&
         if (isFolder) {
             AddFolder(machine, folder + L"\\" + name, path);
         }
-    } while (FindNextFileW(search, &entry) != FALSE);
-    FindClose(search);
+    }
 }
 
 void AddValues(Machine& machine, HKEY key, const std::wstring& name) {
@@ -116,20 +108,16 @@ Machine LookAtMachine() {
         AddFolder(machine, folder, folder);
     }
     AddFolder(machine, TemporaryFolder(), L"TEMP");
-    for (const wchar_t* const key :
-         {L"SOFTWARE\\Qorta", L"SOFTWARE\\Qorta Technologies", L"SOFTWARE\\Zenvo",
-          L"SOFTWARE\\ZenvoBranding", L"SOFTWARE\\ZenvoDVR", L"SOFTWARE\\ZenvoOther",
-          L"SOFTWARE\\Telo", L"SOFTWARE\\Wow6432Node\\Qorta",
-          L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run",
-          L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall",
-          L"SYSTEM\\CurrentControlSet\\Services\\PerfOS",
-          L"SYSTEM\\CurrentControlSet\\Services\\TeloLauncher",
-          L"SYSTEM\\CurrentControlSet\\Services\\UPAL",
-          L"SYSTEM\\CurrentControlSet\\Services\\HalvardSweep",
-          L"SYSTEM\\CurrentControlSet\\Control\\DeviceClasses\\"
-          L"{e5323777-f976-4f5b-9b55-b94699c46e44}",
-          L"SYSTEM\\CurrentControlSet\\Control\\Class\\"
-          L"{4d36e968-e325-11ce-bfc1-08002be10318}"}) {
+    for (const std::wstring& key : MachineKeys()) {
+        AddKey(machine, HKEY_LOCAL_MACHINE, key, L"HKLM\\" + key, Depth::All);
+    }
+    for (const wchar_t* const key : {L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run",
+                                     L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall",
+                                     L"SYSTEM\\CurrentControlSet\\Services\\TeloLauncher",
+                                     L"SYSTEM\\CurrentControlSet\\Services\\UPAL",
+                                     L"SYSTEM\\CurrentControlSet\\Services\\HalvardSweep",
+                                     L"SYSTEM\\CurrentControlSet\\Control\\Class\\"
+                                     L"{4d36e968-e325-11ce-bfc1-08002be10318}"}) {
         AddKey(machine, HKEY_LOCAL_MACHINE, key, std::wstring(L"HKLM\\") + key, Depth::All);
     }
     for (const wchar_t* const key :
@@ -138,8 +126,8 @@ Machine LookAtMachine() {
         AddKey(machine, HKEY_LOCAL_MACHINE, key, std::wstring(L"HKLM\\") + key, Depth::Names);
     }
     AddKey(machine, HKEY_CURRENT_USER, L"SOFTWARE", L"HKCU\\SOFTWARE", Depth::Names);
-    for (const wchar_t* const key : {L"SOFTWARE\\Zenvo", L"SOFTWARE\\Telo"}) {
-        AddKey(machine, HKEY_CURRENT_USER, key, std::wstring(L"HKCU\\") + key, Depth::All);
+    for (const std::wstring& key : UserKeys()) {
+        AddKey(machine, HKEY_CURRENT_USER, key, L"HKCU\\" + key, Depth::All);
     }
     AddRenames(machine);
     return machine;

@@ -5,6 +5,7 @@
 
 #include "action_outcomes.h"
 #include "allocation_failure.h"
+#include "begins.h"
 #include "call_trace.h"
 #include "current_session.h"
 #include "open_handles.h"
@@ -21,6 +22,7 @@
 #include <system_error>
 
 using halvard_tests::AllocationFailure;
+using halvard_tests::Begins;
 using halvard_tests::CallTrace;
 using halvard_tests::Contract;
 using halvard_tests::Contracts;
@@ -37,15 +39,16 @@ namespace {
 
 constexpr MSIHANDLE kFormerSession = 99;
 const std::string kNoMemory = "std::bad_alloc";
+// The one action that std::bad_alloc does not leave where it cleans a value: one that it cannot
+// clean, whatever the reason, it deletes.
+const std::string kGoesOnWithoutMemory = "DeleteOptiqCameraGUID";
 
-bool Begins(const std::wstring& line, const std::wstring& start) {
-    return line.compare(0, start.size(), start) == 0;
-}
-
-const Outcomes& OutcomesOf(const Contract& contract) {
-    return *std::find_if(kOutcomes.begin(), kOutcomes.end(), [&](const Outcomes& each) {
+// None when the table has no such action.
+const Outcomes* OutcomesOf(const Contract& contract) {
+    const auto found = std::find_if(kOutcomes.begin(), kOutcomes.end(), [&](const Outcomes& each) {
         return std::string(each.action) == contract.action;
     });
+    return found == kOutcomes.end() ? nullptr : &*found;
 }
 
 /// What an action answered, or the type of the exception that left it.
@@ -158,10 +161,14 @@ protected:
     }
 
     bool IsKnown(const Outcome& outcome) const {
-        const Outcomes& known = OutcomesOf(GetParam());
+        const Outcomes* const known = OutcomesOf(GetParam());
+        if (known == nullptr) {
+            ADD_FAILURE() << "no outcomes are known of " << GetParam().action;
+            return false;
+        }
         return outcome.exception.empty()
-                   ? known.anyResult || known.results.count(outcome.result) != 0
-                   : known.exceptions.count(outcome.exception) != 0;
+                   ? known->anyResult || known->results.count(outcome.result) != 0
+                   : known->exceptions.count(outcome.exception) != 0;
     }
 
     void ExpectKnownWithEachCallFailing(DWORD code) const {
@@ -225,7 +232,10 @@ TEST_P(ActionContract, WithoutMemory) {
         const ActionRun run = RunOf(contract, 0, failing);
         failed = run.allocationFailed;
         const std::string what = "allocation " + std::to_string(failing);
-        EXPECT_TRUE(run.outcome.exception == kNoMemory ? failed : IsKnown(run.outcome))
+        const bool isCaught = kGoesOnWithoutMemory == contract.action;
+        EXPECT_TRUE(run.outcome.exception == kNoMemory
+                        ? failed
+                        : (!failed || isCaught) && IsKnown(run.outcome))
             << what << ": " << run.outcome.result << run.outcome.exception;
         ExpectLeftOpenAsKnown(contract, run, what);
     }

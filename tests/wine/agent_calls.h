@@ -28,9 +28,6 @@ public:
     /// What the shell tells as Program Files instead of the folder of the machine.
     std::optional<std::wstring> programFiles;
 
-    /// The folders that were opened for their access lists.
-    const std::vector<HANDLE>& OpenFolders() const { return openFolders_; }
-
     AgentStandIns(const AgentStandIns&) = delete;
     AgentStandIns& operator=(const AgentStandIns&) = delete;
 

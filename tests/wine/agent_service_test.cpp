@@ -912,9 +912,10 @@ TEST_F(StopServiceWithTimeoutTest, NothingButItsMessagesIsSaid) {
                   EXPECT_TRUE(StopServiceWithTimeout(kName));
                   EXPECT_TRUE(StopServiceWithTimeout(kName));
                   EXPECT_FALSE(StopServiceWithTimeout(L"HalvardNoService"));
-                  FAIL_CALL(opening, OpenSCManagerW, 1, nullptr, ERROR_ACCESS_DENIED);
+                  FAIL_CALL(opening, OpenSCManagerW, 0, nullptr, ERROR_ACCESS_DENIED);
                   EXPECT_FALSE(StopServiceWithTimeout(kName));
                   EXPECT_FALSE(StartAgentService());
+                  EXPECT_EQ(opening.Calls(), 2);
               }),
               "");
     EXPECT_EQ(session.LogLines(), std::vector<std::wstring>{});

@@ -1,27 +1,33 @@
 #include "tasks/benchmark_task.h"
 
+#include "call_trace.h"
 #include "child_programs.h"
 #include "files.h"
 #include "import_hook.h"
 #include "pivot_installation.h"
+#include "played_programs.h"
 #include "process_starts.h"
 #include "registry_error.h"
-
-#include <shlobj.h>
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <ctime>
-#include <new>
 
 using halvard::CreateBenchMarkRunOnceSchTask;
 using halvard::RemoveBenchMarkRunOnceSchedularTask;
+using halvard_tests::CallTrace;
 using halvard_tests::CurrentDirectory;
 using halvard_tests::CurrentDirectoryScope;
 using halvard_tests::EnvironmentVariable;
 using halvard_tests::InTemporaryFolder;
+using halvard_tests::kChildren;
+using halvard_tests::kFiles;
+using halvard_tests::kFolders;
+using halvard_tests::kProcesses;
+using halvard_tests::kRegistry;
 using halvard_tests::PivotInstallation;
+using halvard_tests::PlayedPrograms;
 using halvard_tests::ProcessStart;
 using halvard_tests::ProcessStarts;
 using halvard_tests::ReadWholeFile;
@@ -139,18 +145,44 @@ TEST(CreateBenchMarkRunOnceSchTask, LooksForItsFileBehindOneSlashOfEitherKind) {
     }
 }
 
-TEST(CreateBenchMarkRunOnceSchTask, LooksUpTheSystemFolderFirst) {
-    HOOK(opening, RegOpenKeyExW, [&](HKEY, LPCWSTR, DWORD, REGSAM, PHKEY) {
-        ADD_FAILURE() << "a key before the folder";
-        return ERROR_FILE_NOT_FOUND;
-    });
-    HOOK(locating, SHGetFolderLocation,
-         [&](HWND, int csidl, HANDLE, DWORD, PIDLIST_ABSOLUTE*) -> HRESULT {
-             EXPECT_EQ(csidl, 37);
-             throw std::bad_alloc(); // enough has been seen
-         });
-    EXPECT_THROW(CreateBenchMarkRunOnceSchTask(0), std::bad_alloc);
-    EXPECT_EQ(locating.Calls(), 1);
+TEST(CreateBenchMarkRunOnceSchTask, MakesItsCallsInThisOrder) {
+    const BenchmarkInstallation pivot;
+    const std::wstring copy = InTemporaryFolder(L"StartPVBM.xml");
+    const std::wstring userKey = std::wstring(L"HKCU\\") + halvard_tests::kUserKey;
+    const std::wstring installKey = std::wstring(L"HKLM\\") + halvard_tests::kInstallKey;
+    const std::wstring xml = pivot.File(L"StartPVBM.xml");
+    const std::wstring create = CreateCommand();
+    const std::wstring change = ChangeCommand(pivot.Location());
+    const std::wstring in = L" in " + pivot.Location();
+    // Whether the system folder is found makes no difference: its path is not used.
+    for (const bool folderIsFound : {true, false}) {
+        const PlayedPrograms programs;
+        CallTrace calls(kRegistry | kFolders | kFiles | kProcesses | kChildren);
+        if (!folderIsFound) {
+            calls.Fail(L"folder 37");
+        }
+        EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
+        EXPECT_EQ(calls.All(), (Lines{
+                                   L"folder 37",
+                                   L"open " + userKey + L" 0x2001f",
+                                   L"size of " + userKey + L" VxBench 0x2",
+                                   L"get " + userKey + L" VxBench 0x2",
+                                   L"close " + userKey,
+                                   L"attributes of 0",
+                                   L"open " + installKey + L" 0x2001f",
+                                   L"size of " + installKey + L" Location 0x2",
+                                   L"get " + installKey + L" Location 0x2",
+                                   L"close " + installKey,
+                                   L"attributes of " + pivot.Location(),
+                                   L"attributes of " + xml,
+                                   L"temporary folder 260",
+                                   L"open file 0x80000000 " + xml,
+                                   L"open file 0x40000000 " + copy,
+                                   L"run " + create + in,
+                                   L"wait for " + create + L" 4294967295",
+                                   L"run " + change + in,
+                               }));
+    }
 }
 
 TEST(CreateBenchMarkRunOnceSchTask, StartsAtTheNextMidnightOfStandardTime) {

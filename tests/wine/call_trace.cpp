@@ -1,5 +1,7 @@
 #include "call_trace.h"
 
+#include "begins.h"
+
 #include <algorithm>
 
 namespace halvard_tests {
@@ -23,9 +25,8 @@ void CallTrace::Fail(const std::wstring& start, DWORD code, std::size_t nth) {
 Lines CallTrace::Of(const Lines& starts) const {
     Lines found;
     for (const std::wstring& line : lines_) {
-        if (std::any_of(starts.begin(), starts.end(), [&](const std::wstring& start) {
-                return line.compare(0, start.size(), start) == 0;
-            })) {
+        if (std::any_of(starts.begin(), starts.end(),
+                        [&](const std::wstring& start) { return Begins(line, start); })) {
             found.push_back(line);
         }
     }
@@ -68,8 +69,7 @@ bool CallTrace::Comes(const std::wstring& line) {
     lines_.push_back(line);
     ++count_;
     const bool fails = count_ == failing_ ||
-                       (failNth_ != 0 && line.compare(0, failStart_.size(), failStart_) == 0 &&
-                        ++failSeen_ == failNth_);
+                       (failNth_ != 0 && Begins(line, failStart_) && ++failSeen_ == failNth_);
     if (before) {
         before(line);
     }

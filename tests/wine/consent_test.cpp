@@ -483,12 +483,16 @@ TEST_F(DeleteQortaKeyTest, DeletesTheKeyWithEverythingUnderItAndNoOther) {
     qorta.SetString(L"Name", L"x");
     qorta.CreateSubkey(L"a\\b\\c");
     const ScratchKey longer(L"SOFTWARE\\QortaX");
+    // That of 32-bit programs is another key.
+    const ScratchKey otherView(L"SOFTWARE\\Wow6432Node\\Qorta");
+    otherView.SetString(L"Name", L"x");
     const ScratchKey install(kInstall);
     const Outcome run = OutcomeOf(DeleteQortaKey, 0, 0);
     EXPECT_EQ(run.result, 0U);
     EXPECT_EQ(run.calls, Lines{L"delete tree HKLM\\SOFTWARE\\Qorta"});
     EXPECT_FALSE(KeyExists(L"SOFTWARE\\Qorta"));
     EXPECT_TRUE(KeyExists(L"SOFTWARE\\QortaX"));
+    EXPECT_EQ(otherView.ReadCharacters(L"Name"), L"x\0"s);
     EXPECT_TRUE(KeyExists(kInstall));
 }
 

@@ -399,8 +399,11 @@ const std::vector<DescribedCall>& DescribedCalls() {
              })),
 
         // Services
-        OPENING_CALL(kServices, OpenSCManagerW, Zero, ([](Trace&, LPCWSTR, LPCWSTR, DWORD access) {
-                         return L"open manager" + Hex(access);
+        OPENING_CALL(kServices, OpenSCManagerW, Zero,
+                     ([](Trace&, LPCWSTR machine, LPCWSTR database, DWORD access) {
+                         return L"open manager" + Hex(access) +
+                                (machine == nullptr ? std::wstring() : L" of " + Text(machine)) +
+                                (database == nullptr ? std::wstring() : L" in " + Text(database));
                      }),
                      [](Trace& trace, SC_HANDLE manager, auto...) {
                          trace.Opened(Resource::service, manager, L"manager");

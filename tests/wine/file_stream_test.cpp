@@ -300,6 +300,42 @@ TEST_F(StreamTest, HasItsOperationsInTheOrderOfTheInterface) {
     };
     EXPECT_EQ(call(1), 2);
     EXPECT_EQ(call(2), 1);
+
+    IStream* same = nullptr;
+    const auto query =
+        reinterpret_cast<HRESULT(STDMETHODCALLTYPE*)(IStream*, REFIID, void**)>(slots[0]);
+    EXPECT_EQ(query(stream_, __uuidof(IStream), reinterpret_cast<void**>(&same)), S_OK);
+    EXPECT_EQ(same, stream_);
+    EXPECT_EQ(call(2), 1);
+
+    char text[4] = {};
+    ULONG count = 0;
+    const auto read =
+        reinterpret_cast<HRESULT(STDMETHODCALLTYPE*)(IStream*, void*, ULONG, ULONG*)>(slots[3]);
+    EXPECT_EQ(read(stream_, text, 3, &count), S_OK);
+    EXPECT_EQ(count, 3U);
+    EXPECT_STREQ(text, "012");
+
+    const auto write =
+        reinterpret_cast<HRESULT(STDMETHODCALLTYPE*)(IStream*, const void*, ULONG, ULONG*)>(
+            slots[4]);
+    EXPECT_EQ(write(stream_, "xy", 2, &count), S_OK);
+    EXPECT_EQ(count, 2U);
+    EXPECT_EQ(Position(), 5U);
+
+    ULARGE_INTEGER position = {};
+    const auto seek = reinterpret_cast<HRESULT(STDMETHODCALLTYPE*)(IStream*, LARGE_INTEGER, DWORD,
+                                                                   ULARGE_INTEGER*)>(slots[5]);
+    EXPECT_EQ(seek(stream_, Move(3), STREAM_SEEK_SET, &position), S_OK);
+    EXPECT_EQ(position.QuadPart, 3U);
+    EXPECT_EQ(read(stream_, text, 3, &count), S_OK);
+    EXPECT_STREQ(text, "xy5");
+
+    STATSTG status = {};
+    const auto stat =
+        reinterpret_cast<HRESULT(STDMETHODCALLTYPE*)(IStream*, STATSTG*, DWORD)>(slots[12]);
+    EXPECT_EQ(stat(stream_, &status, STATFLAG_NONAME), S_OK);
+    EXPECT_EQ(status.cbSize.QuadPart, 10U);
     for (const int slot : {6, 7, 8, 9, 10, 11, 13}) {
         EXPECT_EQ(call(slot), Result(0x80004001)) << slot;
     }

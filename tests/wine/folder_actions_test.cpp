@@ -1318,6 +1318,20 @@ TEST(DeleteXVRFolder, OnADriveItsFolderGoesAndTheDriveStays) {
     EXPECT_TRUE(IsThere(recorder.scratch.Path()));
 }
 
+TEST(DeleteXVRFolder, ALoneBackslashIsTheDriveOfTheCurrentDirectoryWithoutAFolderAbove) {
+    const Recorder recorder;
+    const CurrentDirectoryScope directory(recorder.Folder(L"here"));
+    recorder.SetInstallDir(L"\\");
+    CreateFolders(L"T:\\XVR\\below");
+    const Calls calls;
+    EXPECT_EQ(recorder.Perform(), "0");
+    EXPECT_EQ(calls.Of(L"exists"), Lines{L"exists \\XVR"});
+    EXPECT_EQ(calls.Of(L"empty"), Lines{L"empty "});
+    EXPECT_FALSE(IsThere(L"T:\\XVR"));
+    EXPECT_TRUE(recorder.IsWhole(L"here"));
+    EXPECT_TRUE(IsThere(recorder.scratch.Path()));
+}
+
 TEST(DeleteXVRFolder, LeavesItsOwnKeyOpenOnPurposeAndNothingElse) {
     const Recorder recorder;
     const auto leftOpen = [&](const std::wstring& failing, std::size_t nth) {

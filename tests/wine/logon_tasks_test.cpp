@@ -2,19 +2,18 @@
 
 #include "runtime/registry.h"
 
+#include "call_trace.h"
 #include "child_programs.h"
 #include "files.h"
 #include "import_hook.h"
 #include "open_handles.h"
 #include "pivot_installation.h"
+#include "played_programs.h"
 #include "process_starts.h"
 #include "registry_error.h"
 
 #include <gtest/gtest.h>
 
-#include <shlobj.h>
-
-#include <algorithm>
 #include <functional>
 
 using halvard::CreateDVRLogonSchTask;
@@ -24,11 +23,18 @@ using halvard::LaunchPV;
 using halvard::RegKeyError;
 using halvard::RemoveDVRSchedularTask;
 using halvard::RemovePVSchedularTask;
+using halvard_tests::CallTrace;
 using halvard_tests::CurrentDirectory;
 using halvard_tests::EnvironmentVariable;
 using halvard_tests::ExpectRegKeyError;
 using halvard_tests::InTemporaryFolder;
+using halvard_tests::kChildren;
+using halvard_tests::kFiles;
+using halvard_tests::kFolders;
+using halvard_tests::kProcesses;
+using halvard_tests::kRegistry;
 using halvard_tests::PivotInstallation;
+using halvard_tests::PlayedPrograms;
 using halvard_tests::ProcessStart;
 using halvard_tests::ProcessStarts;
 using halvard_tests::ReadWholeFile;
@@ -115,56 +121,41 @@ TEST_P(CreateLogonTask, ALocationThatEndsInASlash) {
 
 TEST_P(CreateLogonTask, MakesItsCallsInThisOrder) {
     const LogonTask& task = GetParam();
-    const RecorderAt schtasks(halvard_tests::kSchtasks);
     const PivotInstallation pivot;
     const std::wstring xml = pivot.File(task.XmlFile());
+    const std::wstring copy = InTemporaryFolder(task.XmlFile());
     WriteWholeFile(xml, TaskXml(L"<LogonTrigger/>"));
-    std::vector<std::wstring> calls;
-    HOOK(opening, RegOpenKeyExW,
-         [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
-             calls.push_back(std::wstring(L"key ") + subkey);
-             return opening.Original(root, subkey, options, access, opened);
-         });
-    HOOK(locating, SHGetFolderLocation,
-         [&](HWND window, int csidl, HANDLE token, DWORD reserved, PIDLIST_ABSOLUTE* location) {
-             calls.push_back(L"folder " + std::to_wstring(csidl));
-             return locating.Original(window, csidl, token, reserved, location);
-         });
-    HOOK(asking, GetTempPathW, [&](DWORD capacity, LPWSTR buffer) {
-        calls.push_back(L"temporary folder " + std::to_wstring(capacity));
-        return asking.Original(capacity, buffer);
-    });
-    HOOK(files, CreateFileW,
-         [&](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES attributes,
-             DWORD disposition, DWORD flags, HANDLE pattern) {
-             calls.push_back(std::wstring(L"file ") + path);
-             return files.Original(path, access, share, attributes, disposition, flags, pattern);
-         });
-    const ProcessStarts starts([&](ProcessStart& start) {
-        calls.push_back(std::wstring(L"start ") + start.commandLine);
-        return true;
-    });
-    HOOK(waiting, WaitForSingleObject, [&](HANDLE handle, DWORD timeout) {
-        EXPECT_EQ(handle, starts.Process());
-        EXPECT_EQ(timeout, static_cast<DWORD>(INFINITE));
-        calls.push_back(L"wait");
-        return waiting.Original(handle, timeout);
-    });
-    EXPECT_EQ(task.create(0), 0U);
-    const std::vector<std::wstring> expected = {
-        std::wstring(L"key ") + kRunKey,
-        L"folder 37",
-        std::wstring(L"key ") + halvard_tests::kInstallKey,
-        L"temporary folder 260",
-        L"file " + xml,
-        L"file " + InTemporaryFolder(task.XmlFile()),
-        L"start " + task.CreateCommand(xml),
-        L"wait",
-        L"start " + task.ChangeCommand(pivot.Location()),
-    };
-    // The test asks for the temporary folder too, behind the action.
-    calls.resize(std::min(calls.size(), expected.size()));
-    EXPECT_EQ(calls, expected);
+    const std::wstring installKey = std::wstring(L"HKLM\\") + halvard_tests::kInstallKey;
+    const std::wstring runKey = std::wstring(L"HKLM\\") + kRunKey;
+    const std::wstring create = task.CreateCommand(xml);
+    const std::wstring change = task.ChangeCommand(pivot.Location());
+    const std::wstring in = L" in " + pivot.Location();
+    // Whether the system folder is found makes no difference: its path is not used.
+    for (const bool folderIsFound : {true, false}) {
+        const PlayedPrograms programs;
+        CallTrace calls(kRegistry | kFolders | kFiles | kProcesses | kChildren);
+        if (!folderIsFound) {
+            calls.Fail(L"folder 37");
+        }
+        EXPECT_EQ(task.create(0), 0U);
+        EXPECT_EQ(calls.All(), (Lines{
+                                   L"open " + runKey + L" 0xf003f",
+                                   L"delete value " + runKey + L" " + task.name,
+                                   L"close " + runKey,
+                                   L"folder 37",
+                                   L"open " + installKey + L" 0x2001f",
+                                   L"size of " + installKey + L" Location 0x2",
+                                   L"get " + installKey + L" Location 0x2",
+                                   L"close " + installKey,
+                                   L"attributes of " + pivot.Location(),
+                                   L"temporary folder 260",
+                                   L"open file 0x80000000 " + xml,
+                                   L"open file 0x40000000 " + copy,
+                                   L"run " + create + in,
+                                   L"wait for " + create + L" 4294967295",
+                                   L"run " + change + in,
+                               }));
+    }
 }
 
 TEST_P(CreateLogonTask, RemovesTheRunValueOfTheTaskFirst) {

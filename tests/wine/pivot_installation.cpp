@@ -44,16 +44,6 @@ void SetRegistryString(HKEY root, const std::wstring& key, const std::wstring& n
     }
 }
 
-std::wstring TaskXml(const std::wstring& trigger) {
-    return L"<?xml version=\"1.0\" encoding=\"UTF-16\"?>"
-           L"<Task version=\"1.2\" xmlns=\"http://schemas.microsoft.com/windows/2004/02/mit/task\">"
-           L"<RegistrationInfo><Author>Zenvo</Author></RegistrationInfo><Triggers>" +
-           trigger +
-           L"</Triggers><Settings><Enabled>true</Enabled></Settings><Actions><Exec>"
-           L"<Command>pvcmd.exe</Command><WorkingDirectory>shipped</WorkingDirectory>"
-           L"</Exec></Actions></Task>";
-}
-
 PivotInstallation::PivotInstallation(const std::wstring& location)
     : location_(location), folder_(WithoutTrailingSlash(location)) {
     CreateFolders(folder_);

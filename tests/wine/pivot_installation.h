@@ -2,6 +2,7 @@
 
 #include "child_programs.h"
 #include "files.h"
+#include "task_xml.h"
 
 #include <windows.h>
 
@@ -15,9 +16,6 @@ inline constexpr wchar_t kUserKey[] = L"SOFTWARE\\Zenvo\\PV";
 
 void SetRegistryString(HKEY root, const std::wstring& key, const std::wstring& name,
                        const std::wstring& text);
-
-/// A small task definition as the package ships it, its elements in the order of the task schema.
-std::wstring TaskXml(const std::wstring& trigger);
 
 /// The registry entries and the folder of an installed settings application. Everything goes at
 /// the end, with what the actions left in the temporary folder.

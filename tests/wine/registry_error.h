@@ -2,6 +2,8 @@
 
 #include "runtime/registry.h"
 
+#include "system_text.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -17,7 +19,7 @@ void ExpectRegKeyError(const Action& action, const std::string& message, int cod
         ADD_FAILURE() << "nothing was thrown";
     } catch (const halvard::RegKeyError& error) {
         EXPECT_EQ(error.code(), std::error_code(code, std::system_category()));
-        EXPECT_EQ(error.what(), message + ": " + std::system_category().message(code));
+        EXPECT_EQ(error.what(), message + ": " + SystemText(code));
     }
 }
 

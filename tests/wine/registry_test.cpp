@@ -1,11 +1,13 @@
 #include "runtime/registry.h"
 
 #include "call_trace.h"
+#include "child_programs.h"
 #include "engine_values.h"
 #include "import_hook.h"
 #include "open_handles.h"
 #include "registry_error.h"
 #include "registry_key.h"
+#include "system_text.h"
 
 #include <gtest/gtest.h>
 
@@ -19,20 +21,18 @@ using halvard::ReadRegistryString;
 using halvard::RegKeyError;
 using halvard::WriteMultiString;
 using halvard_tests::CallTrace;
+using halvard_tests::EnvironmentVariable;
 using halvard_tests::ExpectRegKeyError;
 using halvard_tests::Here;
 using halvard_tests::kRegistry;
 using halvard_tests::ScratchKey;
+using halvard_tests::SystemText;
 using halvard_tests::engines::kEmptyList;
 using halvard_tests::engines::kUnterminatedText;
 using Strings = std::list<std::wstring>;
 using namespace std::string_literals;
 
 namespace {
-
-std::string Composed(const char* message, int code) {
-    return std::string(message) + ": " + std::system_category().message(code);
-}
 
 constexpr char kUnableToGet[] = "Unable to get registry value";
 constexpr char kUnableToOpen[] = "Unable to open registry key";
@@ -54,15 +54,31 @@ private:
     CallTrace trace_{kRegistry};
 };
 
+// The question for a value's size is answered with this many bytes more than the value has.
+class LargerSize {
+public:
+    explicit LargerSize(DWORD more) : more_(more) {}
+
+private:
+    DWORD more_;
+    HOOK(reading_, RegGetValueW,
+         [this](HKEY key, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type, PVOID data,
+                LPDWORD size) {
+             const LSTATUS status = reading_.Original(key, subkey, name, flags, type, data, size);
+             *size += data == nullptr ? more_ : 0;
+             return status;
+         });
+};
+
 } // namespace
 
 TEST(RegKeyError, CarriesCodeCategoryAndMessage) {
     const RegKeyError fromText(5, std::system_category(), "Some message");
     EXPECT_EQ(fromText.code(), std::error_code(5, std::system_category()));
-    EXPECT_EQ(fromText.what(), Composed("Some message", 5));
+    EXPECT_EQ(fromText.what(), "Some message: " + SystemText(5));
     const RegKeyError fromString(6, std::system_category(), std::string("Other message"));
     EXPECT_EQ(fromString.code(), std::error_code(6, std::system_category()));
-    EXPECT_EQ(fromString.what(), Composed("Other message", 6));
+    EXPECT_EQ(fromString.what(), "Other message: " + SystemText(6));
 }
 
 TEST(RegKeyError, IsCaughtAsAnyOfItsBases) {
@@ -119,6 +135,27 @@ TEST(ReadRegistryString, GivesTheTextUpToTheFirstNullCharacter) {
         EXPECT_EQ(read(), L"abc");
     } else {
         ExpectRegKeyError(read, kUnableToGet, NO_ERROR);
+    }
+}
+
+TEST(ReadRegistryString, AValueWithVariablesComesExpanded) {
+    const ScratchKey key;
+    const EnvironmentVariable place(L"HALVARD_PLACE", L"C:\\A longer place");
+    key.SetCharacters(L"Name", REG_EXPAND_SZ, L"%HALVARD_PLACE%\\x\0"s);
+    EXPECT_EQ(ReadRegistryString(key.Get(), L"", L"Name", true), L"C:\\A longer place\\x");
+    // Those in a value of the plain type stay.
+    key.SetString(L"Plain", L"%HALVARD_PLACE%\\x");
+    EXPECT_EQ(ReadRegistryString(key.Get(), L"", L"Plain", true), L"%HALVARD_PLACE%\\x");
+}
+
+TEST(ReadRegistryString, ASizeThatIsLargerThanTheValueMakesNoDifference) {
+    const ScratchKey key;
+    key.SetString(L"Name", L"abc");
+    key.SetString(L"Empty", L"");
+    for (const DWORD more : {1U, 2U, 40U}) {
+        const LargerSize larger(more);
+        EXPECT_EQ(ReadRegistryString(key.Get(), L"", L"Name", true), L"abc") << more;
+        EXPECT_EQ(ReadRegistryString(key.Get(), L"", L"Empty", true), L"") << more;
     }
 }
 
@@ -399,6 +436,15 @@ TEST(ReadMultiString, AsksForOneTypeAndCutsToTheSizeThatTheReadReports) {
     EXPECT_EQ(ReadMultiString(key.Get(), L"List"), (Strings{L"x", L""}));
 }
 
+TEST(ReadMultiString, ASizeThatIsLargerThanTheValueMakesNoDifference) {
+    const ScratchKey key;
+    key.SetCharacters(L"List", REG_MULTI_SZ, L"a\0b\0\0"s);
+    for (const DWORD more : {1U, 2U, 40U}) {
+        const LargerSize larger(more);
+        EXPECT_EQ(ReadMultiString(key.Get(), L"List"), (Strings{L"a", L"b", L""})) << more;
+    }
+}
+
 TEST(ReadMultiString, AValueThatGrowsBetweenTheCallsGivesEmptyElements) {
     const ScratchKey key;
     key.SetCharacters(L"List", REG_MULTI_SZ, L"a\0\0"s);
@@ -430,10 +476,23 @@ TEST(ReadMultiString, AValueThatVanishesBetweenTheCallsGivesEmptyElements) {
 TEST(ReadMultiString, AValueThatChangesItsTypeBetweenTheCallsGivesEmptyElements) {
     const ScratchKey key;
     key.SetCharacters(L"List", REG_MULTI_SZ, L"abc\0\0"s);
-    const ChangeBeforeTheRead atTheRead(
-        [&] { key.SetString(L"List", L"a string of another type"); });
+    DWORD reported = 0;
+    HOOK(reading, RegGetValueW,
+         [&](HKEY handle, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type, PVOID data,
+             LPDWORD size) {
+             if (data != nullptr) {
+                 key.SetString(L"List", L"a string of another type");
+             }
+             const LSTATUS status = reading.Original(handle, subkey, name, flags, type, data, size);
+             EXPECT_EQ(status == ERROR_SUCCESS, data == nullptr);
+             reported = *size;
+             return status;
+         });
     const Strings strings = ReadMultiString(key.Get(), L"List");
-    EXPECT_EQ(strings, Strings(strings.size()));
+    // As many as the refused read told bytes for.
+    EXPECT_EQ(strings, Strings(reported / sizeof(wchar_t)));
+    EXPECT_GT(reported, 0U);
+    EXPECT_EQ(reading.Calls(), 2);
 }
 
 TEST(ReadMultiString, ValuesOfEveryLengthEndWithoutHarm) {

@@ -175,6 +175,29 @@ TEST(EnumerateKeyTree, AnEmptyPathAddsNoBackslash) {
     EXPECT_EQ(Walk(key.Get(), L"").values, (Paths{L"a\\deep\\v1", L"a\\v1", L"a\\v2", L"v0"}));
 }
 
+TEST(EnumerateKeyTree, AnEmptyPathBelowAPredefinedRootIsTheRootItself) {
+    const ScratchKey key;
+    MakeSmallTree(key);
+    // The root shows the scratch key here, so that the test knows what lies below it.
+    Paths opened;
+    HOOK(opening, RegOpenKeyExW,
+         [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY child) {
+             EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
+             opened.push_back(subkey);
+             return opening.Original(key.Get(), subkey, options, access, child);
+         });
+    const Paths keys = {L"HKEY_LOCAL_MACHINE\\a", L"HKEY_LOCAL_MACHINE\\a\\deep",
+                        L"HKEY_LOCAL_MACHINE\\b"};
+    const Paths values = {L"HKEY_LOCAL_MACHINE\\a\\deep\\v1", L"HKEY_LOCAL_MACHINE\\a\\v1",
+                          L"HKEY_LOCAL_MACHINE\\a\\v2", L"HKEY_LOCAL_MACHINE\\v0"};
+    const Walked found = Walk(HKEY_LOCAL_MACHINE, L"");
+    EXPECT_EQ(found.keys, keys);
+    EXPECT_EQ(found.values, values);
+    EXPECT_EQ(opened, (Paths{L"", L"a", L"a\\deep", L"b"}));
+    EXPECT_EQ(Query(HKEY_LOCAL_MACHINE, L""),
+              (Paths{keys[0], keys[1], values[0], values[1], values[2], keys[2], values[3]}));
+}
+
 TEST(EnumerateKeyTree, SkipsKeyNamesOf255Characters) {
     const ScratchKey key;
     key.CreateSubkey(std::wstring(254, L'k'));

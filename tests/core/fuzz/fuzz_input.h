@@ -1,5 +1,9 @@
 #pragma once
 
+#ifdef _WIN32
+#include <windows.h>
+#endif
+
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -65,10 +69,20 @@ inline Texts Lines(std::wstring text) {
     return lines;
 }
 
+#ifdef _WIN32
+/// What a property that does not hold raises: another code than arithmetic that is not defined,
+/// which runs into a trap.
+inline constexpr DWORD kBrokenProperty = 0xE0484C56;
+#endif
+
 /// Ends the fuzzer's run with a report when a property does not hold.
 inline void Require(bool holds) {
     if (!holds) {
+#ifdef _WIN32
+        RaiseException(kBrokenProperty, EXCEPTION_NONCONTINUABLE, 0, nullptr);
+#else
         __builtin_trap();
+#endif
     }
 }
 

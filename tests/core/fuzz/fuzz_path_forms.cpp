@@ -1,3 +1,4 @@
+#include "begins.h"
 #include "fuzz_input.h"
 
 #include "runtime/file_paths.h"
@@ -9,12 +10,9 @@
 
 namespace {
 
+using halvard_tests::Begins;
 using halvard_tests::Require;
 using halvard_tests::Texts;
-
-bool Begins(const std::wstring& text, const std::wstring& start) {
-    return text.substr(0, start.size()) == start;
-}
 
 void CheckExtendedForm(const std::wstring& path) {
     const std::wstring extended = halvard::ExtendedLengthPath(path);

@@ -1,3 +1,4 @@
+#include "begins.h"
 #include "command_line_words.h"
 
 #include "arguments.h"
@@ -13,12 +14,9 @@ namespace {
 using halvard_runner::Arguments;
 using halvard_runner::Request;
 using halvard_runner::TraceMode;
+using halvard_tests::Begins;
 using halvard_tests::Require;
 using halvard_tests::Texts;
-
-bool Begins(const std::wstring& text, const std::wstring& start) {
-    return text.substr(0, start.size()) == start;
-}
 
 bool IsName(const std::wstring& name) {
     const std::wstring letters = L"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_";

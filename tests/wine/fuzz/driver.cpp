@@ -1,11 +1,15 @@
 // In the place of libFuzzer, which there is none of for Windows programs: the same options and the
 // same words for what becomes of a run, but inputs by chance alone and nothing that guides them.
 
+#include "fuzz_input.h"
+
+#include "heap_check.h"
 #include "prefix_guard.h"
 
 #include <windows.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +18,7 @@
 #include <fstream>
 #include <iterator>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -67,8 +72,13 @@ Options Parsed(const std::vector<std::string>& arguments) {
         } else if (Take(argument, "-max_len=", value)) {
             options.longest = std::stoull(value);
         } else if (!Take(argument, "-artifact_prefix=", options.artifacts)) {
+            // A folder lists its files in any order.
+            std::set<std::filesystem::path> files;
             for (const auto& entry : std::filesystem::directory_iterator(argument)) {
-                options.seeds.push_back(ReadFile(entry.path()));
+                files.insert(entry.path());
+            }
+            for (const std::filesystem::path& file : files) {
+                options.seeds.push_back(ReadFile(file));
             }
         }
     }
@@ -90,8 +100,24 @@ Options Parsed(const std::vector<std::string>& arguments) {
 }
 
 LONG WINAPI OnFault(EXCEPTION_POINTERS* fault) {
-    const bool isTrap = fault->ExceptionRecord->ExceptionCode == EXCEPTION_ILLEGAL_INSTRUCTION;
-    EndWithAFinding(isTrap ? "a property does not hold" : "a fault");
+    switch (fault->ExceptionRecord->ExceptionCode) {
+    case halvard_tests::kBrokenProperty:
+        EndWithAFinding("a property does not hold");
+    case EXCEPTION_ILLEGAL_INSTRUCTION:
+        EndWithAFinding("arithmetic that is not defined");
+    default:
+        EndWithAFinding("a fault");
+    }
+}
+
+// Of an assertion of the run-time, for one.
+void OnAbort(int /*signal*/) {
+    EndWithAFinding("an abort");
+}
+
+// Of an exception that is none of the standard ones.
+[[noreturn]] void OnTerminate() {
+    EndWithAFinding("an exception that nothing catches");
 }
 
 void Run(const Bytes& input) {
@@ -101,6 +127,9 @@ void Run(const Bytes& input) {
         LLVMFuzzerTestOneInput(current.data(), current.size());
     } catch (const std::exception& error) {
         EndWithAFinding(error.what());
+    }
+    if (halvard_tests::TakeDamagedBlocks() != 0) {
+        EndWithAFinding("memory was written outside a block");
     }
 }
 
@@ -153,6 +182,8 @@ int main(int argc, char** argv) {
     artifactPrefix = options.artifacts;
     seedOfAll = options.seed;
     SetUnhandledExceptionFilter(OnFault);
+    std::signal(SIGABRT, OnAbort);
+    std::set_terminate(OnTerminate);
     RunAll(options);
     return 0;
 }

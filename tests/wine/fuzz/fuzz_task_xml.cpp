@@ -4,11 +4,11 @@
 #include "byte_source.h"
 #include "fuzz_input.h"
 
+#include "rewritten_files.h"
 #include "stand_in_xml.h"
 #include "tasks/task_xml_rewriter.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <memory>
@@ -16,12 +16,12 @@
 namespace {
 
 using halvard_tests::ByteSource;
+using halvard_tests::kSource;
+using halvard_tests::kTarget;
 using halvard_tests::Require;
 using halvard_tests::StandInXml;
 using halvard_tests::Texts;
 
-constexpr wchar_t kSource[] = L"T:\\task.xml";
-constexpr wchar_t kTarget[] = L"T:\\rewritten.xml";
 // 2024-03-14T13:00:00Z, and the midnight behind it.
 constexpr std::time_t kNow = 1710374400 + 13 * 3600;
 constexpr wchar_t kMidnight[] = L"2024-03-15T00:00:00";
@@ -160,6 +160,7 @@ struct Step {
     bool endsElement;
 };
 
+// A function of the oracle's own: that of the writer, which it judges, is another one.
 std::wstring Escaped(const std::wstring& text) {
     std::wstring escaped;
     for (const wchar_t character : text) {
@@ -251,22 +252,6 @@ Expectation WithAFault(ByteSource& source, std::vector<Step> steps) {
     return expected;
 }
 
-void WriteSource(const std::wstring& document) {
-    std::FILE* const file = _wfopen(kSource, L"wb");
-    Require(file != nullptr);
-    std::fwrite(document.data(), sizeof(wchar_t), document.size(), file);
-    std::fclose(file);
-}
-
-std::wstring ReadTarget() {
-    std::FILE* const file = _wfopen(kTarget, L"rb");
-    Require(file != nullptr);
-    std::wstring text(1U << 14U, L'\0');
-    text.resize(std::fread(text.data(), sizeof(wchar_t), text.size(), file));
-    std::fclose(file);
-    return text;
-}
-
 /// What stands in the place of the system's parts: reader and writer, and a clock that stands still
 /// and tells universal time.
 struct StandIns {
@@ -308,13 +293,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     ByteSource ends(bytes + size - std::min<std::size_t>(size, 3), std::min<std::size_t>(size, 3));
     const Expectation expected = WithAFault(ends, steps);
 
-    WriteSource(expected.source);
+    halvard_tests::WriteSource(expected.source);
     const StandIns& standIns = ReadyStandIns();
     const HRESULT result = isBoundary
                                ? halvard::RewriteTaskStartBoundary(kSource, kTarget)
                                : halvard::RewriteTaskWorkingDirectory(kSource, kTarget, newText);
     Require(result == expected.result);
     Require(standIns.xml.OpenReferences() == 0);
-    Require(ReadTarget() == expected.target);
+    Require(halvard_tests::ReadTarget() == expected.target);
     return 0;
 }

@@ -15,17 +15,36 @@ namespace halvard_tests {
 inline constexpr GUID kDisplayAdapters = {
     0x4D36E968, 0xE325, 0x11CE, {0xBF, 0xC1, 0x08, 0x00, 0x2B, 0xE1, 0x03, 0x18}};
 
+/// Makes a display adapter present under this name. The code with which it was refused, or
+/// NO_ERROR.
+inline DWORD RegisterAdapter(HDEVINFO adapters, const std::wstring& instance,
+                             SP_DEVINFO_DATA& adapter) {
+    adapter.cbSize = sizeof(adapter);
+    const bool made =
+        SetupDiCreateDeviceInfoW(adapters, instance.c_str(), &kDisplayAdapters, nullptr, nullptr, 0,
+                                 &adapter) != FALSE &&
+        SetupDiRegisterDeviceInfo(adapters, &adapter, 0, nullptr, nullptr, nullptr) != FALSE;
+    return made ? DWORD{NO_ERROR} : GetLastError();
+}
+
+inline bool SetAdapterProperty(HDEVINFO adapters, SP_DEVINFO_DATA& adapter, DWORD property,
+                               const std::vector<BYTE>& bytes) {
+    return SetupDiSetDeviceRegistryPropertyW(adapters, &adapter, property, bytes.data(),
+                                             static_cast<DWORD>(bytes.size())) != FALSE;
+}
+
+inline bool SetAdapterText(HDEVINFO adapters, SP_DEVINFO_DATA& adapter, DWORD property,
+                           const std::wstring& text) {
+    return SetAdapterProperty(adapters, adapter, property, BytesOf(text + L'\0'));
+}
+
 /// A present display adapter for the length of a scope, at first without any property.
 class DisplayAdapter {
 public:
     DisplayAdapter() : adapters_(SetupDiCreateDeviceInfoList(&kDisplayAdapters, nullptr)) {
         static int count = 0;
         instance_ = L"ROOT\\HALVARDTEST\\" + std::to_wstring(1000 + ++count);
-        adapter_.cbSize = sizeof(adapter_);
-        if (SetupDiCreateDeviceInfoW(adapters_, instance_.c_str(), &kDisplayAdapters, nullptr,
-                                     nullptr, 0, &adapter_) == FALSE ||
-            SetupDiRegisterDeviceInfo(adapters_, &adapter_, 0, nullptr, nullptr, nullptr) ==
-                FALSE) {
+        if (RegisterAdapter(adapters_, instance_, adapter_) != NO_ERROR) {
             throw std::runtime_error("a display adapter cannot be made");
         }
     }
@@ -44,8 +63,7 @@ public:
     void SetManufacturer(const std::wstring& text) { Set(SPDRP_MFG, BytesOf(text + L'\0')); }
     void SetDriver(const std::wstring& text) { Set(SPDRP_DRIVER, BytesOf(text + L'\0')); }
     void Set(DWORD property, const std::vector<BYTE>& bytes) {
-        if (SetupDiSetDeviceRegistryPropertyW(adapters_, &adapter_, property, bytes.data(),
-                                              static_cast<DWORD>(bytes.size())) == FALSE) {
+        if (!SetAdapterProperty(adapters_, adapter_, property, bytes)) {
             throw std::runtime_error("a property of a display adapter cannot be set");
         }
     }
