@@ -1,4 +1,4 @@
-#include "registry_actions/consent.h"
+#include "registry_actions/analytics.h"
 
 #include "runtime/registry.h"
 
@@ -16,7 +16,6 @@
 #include <gtest/gtest.h>
 
 using halvard::DeleteAnalyticsKey;
-using halvard::DeleteQortaKey;
 using halvard::DisabelAnalyticsKey;
 using halvard::EnableAnalyticsKey;
 using halvard::MarkTeloInstalled;
@@ -69,8 +68,8 @@ public:
 
 private:
     static void Remove() {
-        for (const wchar_t* key : {L"SOFTWARE\\Zenvo", L"SOFTWARE\\Qorta", L"SOFTWARE\\QortaX",
-                                   L"SOFTWARE\\Qorta Technologies", L"SOFTWARE\\ZenvoDVR"}) {
+        for (const wchar_t* key : {L"SOFTWARE\\Zenvo", L"SOFTWARE\\Qorta Technologies",
+                                   L"SOFTWARE\\ZenvoDVR"}) {
             RegDeleteTreeW(HKEY_LOCAL_MACHINE, key);
         }
     }
@@ -474,31 +473,4 @@ TEST_F(TrackDVRAnalyticsTest, AMarkerThatCannotBeOpenedButCreatedIsWrittenAgain)
     EXPECT_EQ(OutcomeOf(TrackDVRAnalytics, 0, 3).result, 1U);
     EXPECT_EQ(Tracked(), kOne);
     EXPECT_EQ(marker.ReadCharacters(L"Other"), L"x\0"s);
-}
-
-class DeleteQortaKeyTest : public AbsentKeys {};
-
-TEST_F(DeleteQortaKeyTest, DeletesTheKeyWithEverythingUnderItAndNoOther) {
-    const ScratchKey qorta(L"SOFTWARE\\Qorta");
-    qorta.SetString(L"Name", L"x");
-    qorta.CreateSubkey(L"a\\b\\c");
-    const ScratchKey longer(L"SOFTWARE\\QortaX");
-    // That of 32-bit programs is another key.
-    const ScratchKey otherView(L"SOFTWARE\\Wow6432Node\\Qorta");
-    otherView.SetString(L"Name", L"x");
-    const ScratchKey install(kInstall);
-    const Outcome run = OutcomeOf(DeleteQortaKey, 0, 0);
-    EXPECT_EQ(run.result, 0U);
-    EXPECT_EQ(run.calls, Lines{L"delete tree HKLM\\SOFTWARE\\Qorta"});
-    EXPECT_FALSE(KeyExists(L"SOFTWARE\\Qorta"));
-    EXPECT_TRUE(KeyExists(L"SOFTWARE\\QortaX"));
-    EXPECT_EQ(otherView.ReadCharacters(L"Name"), L"x\0"s);
-    EXPECT_TRUE(KeyExists(kInstall));
-}
-
-TEST_F(DeleteQortaKeyTest, IgnoresAKeyThatIsMissingOrRefused) {
-    EXPECT_EQ(DeleteQortaKey(0), 0U);
-    const ScratchKey qorta(L"SOFTWARE\\Qorta");
-    EXPECT_EQ(OutcomeOf(DeleteQortaKey, 0, 1).result, 0U);
-    EXPECT_TRUE(KeyExists(L"SOFTWARE\\Qorta"));
 }

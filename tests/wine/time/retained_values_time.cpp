@@ -1,4 +1,4 @@
-#include "registry_actions/branding.h"
+#include "registry_actions/retained_values.h"
 #include "registry_actions/retain_list.h"
 
 #include "bare_enumeration.h"

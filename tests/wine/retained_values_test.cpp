@@ -1,4 +1,4 @@
-#include "registry_actions/branding.h"
+#include "registry_actions/retained_values.h"
 
 #include "allocation_failure.h"
 #include "call_trace.h"

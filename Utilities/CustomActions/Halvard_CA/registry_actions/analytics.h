@@ -48,12 +48,6 @@ UINT __stdcall DeleteAnalyticsKey(MSIHANDLE session);
 /// written or not, else ERROR_SUCCESS. Throws nothing.
 UINT __stdcall TrackDVRAnalytics(MSIHANDLE session);
 
-/// Deletes HKLM "SOFTWARE\Qorta", the maker's former root, with all below it.
-///
-/// Deferred action, result ignored, without CustomActionData. Inputs: none.
-/// Results: 0, whatever became of it. Throws nothing.
-UINT __stdcall DeleteQortaKey(MSIHANDLE session);
-
 } // extern "C"
 
 } // namespace halvard

@@ -1,4 +1,4 @@
-#include "registry_actions/consent.h"
+#include "registry_actions/analytics.h"
 
 #include "runtime/registry.h"
 #include "runtime/session.h"
@@ -96,11 +96,6 @@ UINT __stdcall TrackDVRAnalytics(MSIHANDLE /*session*/) {
     // The key is the marker, with or without its value: the next run stops at it.
     SetNumber(marker.get(), L"ZenvoDVR_Tracked", 1);
     return 1;
-}
-
-UINT __stdcall DeleteQortaKey(MSIHANDLE /*session*/) {
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Qorta");
-    return ERROR_SUCCESS;
 }
 
 } // namespace halvard
