@@ -52,7 +52,8 @@ bool Removes(const TraceEvent& event) {
 std::wstring WhyRefused(const TraceEvent& event) {
     std::wstring why = event.code ? L"refused with " + std::to_wstring(*event.code) : L"refused";
     for (const auto& [name, text] : event.details) {
-        why += name == trace_words::kMeans ? L": " + text : L"; " + name + L": " + text;
+        why += name == trace_words::kMeans ? L"" : L"; " + name;
+        why += L": " + text;
     }
     return why;
 }

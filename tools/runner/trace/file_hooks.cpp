@@ -175,7 +175,7 @@ Word OpenFile(HookedCall& call) {
     const Word result = call.Forward();
     const DWORD code = call.Code(FailureSign::AllOnes, result);
     if (code == ERROR_SUCCESS) {
-        Remember(files, reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(result)), path);
+        Remember(files, PointerOf<HANDLE>(result), path);
     }
     // Folders are opened to be listed, and much to be asked about: the answers are told elsewhere.
     const bool readsData = (access & (GENERIC_READ | GENERIC_ALL)) != 0;
@@ -350,7 +350,7 @@ Word ListFirst(HookedCall& call) {
         return result;
     }
     const std::wstring folder = pattern.substr(0, pattern.find_last_of(L"\\/") + 1);
-    Remember(searches, reinterpret_cast<HANDLE>(static_cast<std::uintptr_t>(result)), folder);
+    Remember(searches, PointerOf<HANDLE>(result), folder);
     TellListed(folder, *call.Parameter<const WIN32_FIND_DATAW*>(1));
     return result;
 }

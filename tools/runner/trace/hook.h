@@ -6,9 +6,11 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 // What the hooks of all groups have in common.
@@ -22,6 +24,15 @@ using Word = std::uint64_t;
 // last one of a shorter function is read and handed on, and nobody looks at it.
 constexpr std::size_t kMostParameters = 13;
 using Words = std::array<Word, kMostParameters>;
+
+/// A pointer or a handle that came as a number.
+template <class Type>
+Type PointerOf(Word word) {
+    static_assert(std::is_pointer_v<Type> && sizeof(Type) == sizeof(Word));
+    Type pointer = nullptr;
+    std::memcpy(&pointer, &word, sizeof pointer);
+    return pointer;
+}
 
 /// How a function tells that it failed.
 enum class FailureSign {
@@ -55,7 +66,7 @@ public:
     template <class Type>
     [[nodiscard]] Type Parameter(std::size_t index) const {
         if constexpr (std::is_pointer_v<Type>) {
-            return reinterpret_cast<Type>(static_cast<std::uintptr_t>(arguments[index]));
+            return PointerOf<Type>(arguments[index]);
         } else {
             return static_cast<Type>(arguments[index]);
         }

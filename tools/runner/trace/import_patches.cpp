@@ -32,6 +32,16 @@ void VisitNames(HMODULE module, DWORD names, DWORD addresses, const ImportVisito
     }
 }
 
+bool TryToWrite(void** slot, void* address) noexcept {
+    DWORD protection = 0;
+    if (VirtualProtect(slot, sizeof(*slot), PAGE_READWRITE, &protection) == FALSE) {
+        return false;
+    }
+    *slot = address;
+    VirtualProtect(slot, sizeof(*slot), protection, &protection);
+    return true;
+}
+
 } // namespace
 
 void VisitImports(HMODULE module, const ImportVisitor& visit) {
@@ -57,17 +67,15 @@ void VisitDelayedImports(HMODULE module, const ImportVisitor& visit) {
 }
 
 void WriteImportSlot(void** slot, void* address) {
-    DWORD protection = 0;
-    if (VirtualProtect(slot, sizeof(*slot), PAGE_READWRITE, &protection) == FALSE) {
+    if (!TryToWrite(slot, address)) {
         throw std::runtime_error("the import table cannot be made writable");
     }
-    *slot = address;
-    VirtualProtect(slot, sizeof(*slot), protection, &protection);
 }
 
 ImportPatches::~ImportPatches() {
     for (const Patch& each : patches_) {
-        WriteImportSlot(each.slot, each.former);
+        // It could be written before.
+        TryToWrite(each.slot, each.former);
     }
 }
 

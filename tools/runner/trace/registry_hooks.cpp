@@ -285,7 +285,7 @@ ListedValue ReadListed(HKEY key, DWORD index) {
 }
 
 Word ListValue(HookedCall& call) {
-    const auto key = call.Parameter<HKEY>(0);
+    auto* const key = call.Parameter<HKEY>(0);
     const Word result = call.Forward();
     const DWORD code = call.Code(FailureSign::Status, result);
     const ListedValue value = ReadListed(key, call.Parameter<DWORD>(1));

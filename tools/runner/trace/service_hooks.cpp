@@ -49,7 +49,7 @@ bool IsNews(SC_HANDLE handle, DWORD state) {
 }
 
 Word RunServiceCall(const ServiceCall& function, HookedCall& call) {
-    const auto handle = call.Parameter<SC_HANDLE>(0);
+    auto* const handle = call.Parameter<SC_HANDLE>(0);
     const std::wstring name = function.name != kNone ? call.Text(function.name)
                               : function.opens       ? L"(the service manager)"
                                                      : NameOf(handle);
@@ -65,7 +65,7 @@ Word RunServiceCall(const ServiceCall& function, HookedCall& call) {
     }
     if (function.opens && code == ERROR_SUCCESS) {
         const std::lock_guard<std::mutex> guard(lock);
-        services[reinterpret_cast<SC_HANDLE>(static_cast<std::uintptr_t>(result))] = {name, 0};
+        services[PointerOf<SC_HANDLE>(result)] = {name, 0};
     }
     TraceDetails details;
     if (function.state != kNone && code == ERROR_SUCCESS) {

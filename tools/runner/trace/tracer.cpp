@@ -51,7 +51,8 @@ Word WINAPI Thunk(Word a, Word b, Word c, Word d, Word e, Word f, Word g, Word h
 using Hookable = decltype(&Thunk<0>);
 
 template <std::size_t... Indices>
-constexpr std::array<Hookable, sizeof...(Indices)> Thunks(std::index_sequence<Indices...>) {
+constexpr std::array<Hookable, sizeof...(Indices)>
+Thunks(std::index_sequence<Indices...> /*unused*/) {
     return {&Thunk<Indices>...};
 }
 
@@ -75,8 +76,7 @@ Word LookUp(HookedCall& call) {
     if (result == 0 || IS_INTRESOURCE(name)) {
         return result;
     }
-    void* const thunk =
-        ThunkFor(name, reinterpret_cast<void*>(static_cast<std::uintptr_t>(result)));
+    void* const thunk = ThunkFor(name, PointerOf<void*>(result));
     return thunk == nullptr ? result : reinterpret_cast<std::uintptr_t>(thunk);
 }
 
