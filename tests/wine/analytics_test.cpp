@@ -68,8 +68,8 @@ public:
 
 private:
     static void Remove() {
-        for (const wchar_t* key : {L"SOFTWARE\\Zenvo", L"SOFTWARE\\Qorta Technologies",
-                                   L"SOFTWARE\\ZenvoDVR"}) {
+        for (const wchar_t* key :
+             {L"SOFTWARE\\Zenvo", L"SOFTWARE\\Qorta Technologies", L"SOFTWARE\\ZenvoDVR"}) {
             RegDeleteTreeW(HKEY_LOCAL_MACHINE, key);
         }
     }
