@@ -15,7 +15,7 @@ from dataclasses import dataclass
 from datetime import datetime
 from typing import Callable
 
-from installer import checking, companion, ending, facts, machine, package, page, paths, repeats, report, session
+from installer import checking, companion, ending, facts, machine, package, page, paths, repeats, report, session, tracing
 from installer.facts import Expectation, PackageCheck, Report, SessionFacts
 from installer.log import ActionDefinition, ActionRun, ExportCall, action_runs, inner_calls
 from installer.machine import Area, Difference, Kind
@@ -124,6 +124,7 @@ def _run_steps(
             prefix.host_path(companion.RECORD).unlink(missing_ok=True)
             after = machine.snapshot(prefix)
             runs = action_runs(result.lines, definitions, result.calls)
+            runs = tracing.traced(prefix, runs, step.arguments)
             outcome = Outcome(
                 result,
                 runs,
@@ -145,7 +146,8 @@ def _run_steps(
                 )
             )
             failures += _show(number, step, outcome, expectations)
-            before = after
+            # The next session has no part in what a trace changed.
+            before = machine.snapshot(prefix) if any(run.trace for run in runs) else after
         progress.say("ending the Wine prefix")
     return failures
 

@@ -10,6 +10,7 @@ from installer.machine import Area, Change, Difference, Kind
 from installer.session import SessionResult
 
 DATA = r"InstallDir=C:\Program Files\Zenvo\;DLLName=a.dll;Username=root"
+TRACE = ["   0.2 ms  registry  opens key  <HKLM>  missing (2)", "result 1603"]
 HOSTILE = [
     "</li></ul><script>alert('line')</script>",
     '"><img src=x onerror="alert(1)">',
@@ -36,7 +37,7 @@ def every_outcome() -> list[ActionRun]:
     return [
         returned("BlockLaunch", 100.0, 200.0, 0, verdict=1, execution=Execution.IMMEDIATE),
         returned("TerminatePivotApp", 300.0, 50.0, 1603, verdict=1, ignored=True, data=DATA),
-        returned("CreateLogonSchTask", 350.0, 0.5, 1603, verdict=0, lines=HOSTILE),
+        returned("CreateLogonSchTask", 350.0, 0.5, 1603, verdict=0, lines=HOSTILE, trace=TRACE),
         returned("UnregisterDLL", 400.0, 100.0, 0, verdict=7),
         run("DeletePVFolder", 500.0, 125.0, verdict=1, ignored=True, call=Call.NOT_RETURNED),
         run("LaunchPV", 625.0, 0.0, verdict=1, ignored=True, call=Call.NOT_CALLED),

@@ -65,6 +65,7 @@ def test_the_document_tells_the_facts():
         "duration_ms": 50.0,
         "data": DATA,
         "lines": [],
+        "trace": [],
     }
     assert changes[3] == {
         "area": "registry",

@@ -13,6 +13,7 @@ from jinja2 import UndefinedError
 from report_samples import (
     DATA,
     HOSTILE,
+    TRACE,
     changes,
     checks,
     every_outcome,
@@ -166,13 +167,21 @@ def test_hostile_log_lines_are_lines_of_text():
     assert len(list(lines.all())) == len(HOSTILE)
 
 
+def test_the_trace_of_an_action_stands_with_it():
+    failed, *others = [actions(tree(session()))[index] for index in (2, 0, 1)]
+    _, trace = failed.all("ul", "lines")
+    assert [node.text for node in trace.all("li")] == TRACE
+    assert "once more by itself" in facts_of(failed)["Trace"].text
+    assert all("Trace" not in facts_of(other) for other in others)
+
+
 def test_no_text_of_the_facts_becomes_markup():
     text = "".join(HOSTILE)
     hostile = session(
         title=text,
         note=text,
         told=[text],
-        runs=[run(text, 0.0, 1.0, verdict=1, data=text, lines=[text])],
+        runs=[run(text, 0.0, 1.0, verdict=1, data=text, lines=[text], trace=[text])],
         difference=Difference(
             [Change(Area.FILE, Kind.CHANGED, text, text, text)], Counter([text])
         ),
@@ -181,7 +190,7 @@ def test_no_text_of_the_facts_becomes_markup():
     hostile.result.arguments.append(text)
     checks = [PackageCheck(text, [Finding(1, text, text, text, text, text, text, text)])]
     places = ["failure", "title", "title", "argument", "note", "what", "expected", "what", "came"]
-    places += ["name", "data", "line", "told", "item", "before", "after", "noise"]
+    places += ["name", "data", "line", "trace", "told", "item", "before", "after", "noise"]
     places += ["package", "sum", "severity", "table", "row", "rule", "found", "why", "remedy"]
     document = tree(hostile, planned=2, failure=text, checks=checks)
     assert document.text.count(visible(text)) == len(places)

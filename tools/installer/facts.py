@@ -168,6 +168,7 @@ def _action(run: ActionRun) -> dict[str, Any]:
         "duration_ms": run.duration,
         "data": run.data,
         "lines": list(run.lines),
+        "trace": list(run.trace),
     }
 
 

@@ -84,7 +84,8 @@ class ActionRun:
     `verdict` is the 'Return value' of the log, which is not what the action returned; None when the
     log does not tell of the action's end. `result` is what the action returned, None unless `call`
     says that it returned. `duration` is in milliseconds and includes what the engine needs to
-    unpack and load the library. `data` is what a deferred action got as CustomActionData.
+    unpack and load the library. `data` is what a deferred action got as CustomActionData. `trace` is
+    what the runner told of a call of the same action behind the session, for one that went wrong.
     """
 
     name: str
@@ -96,6 +97,7 @@ class ActionRun:
     result: int | None = None
     call: Call = Call.NOT_WATCHED
     lines: list[str] = field(default_factory=list)
+    trace: list[str] = field(default_factory=list)
 
     @property
     def meaning(self) -> str:
