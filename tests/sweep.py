@@ -471,6 +471,7 @@ def expected_findings() -> Mapping[str, str]:
         "GivesUp": f"{failing}ends with abort",
         "EndsTheProcess": f"{failing}ends with {ENDED_PROCESS}",
         "TouchesAnotherFile": f"{failing}changes T:\\Other\\kept.txt",
+        "WritesIntoAnotherFile": f"{failing}changes T:\\Other\\kept.txt",
         "TouchesAnotherKey": f"{failing}changes HKLM\\SOFTWARE\\ZenvoOther",
         "StartsAnotherProgram": f"{failing}starts another.exe",
         "CallsAnUnknownFunction": "not swept: CallsAnUnknownFunction: the table does not know how "

@@ -93,6 +93,17 @@ ACTION(TouchesAnotherFile) {
     return ERROR_SUCCESS;
 }
 
+ACTION(WritesIntoAnotherFile) {
+    if (CannotOpen()) {
+        HANDLE file = CreateFileW(L"T:\\Other\\kept.txt", GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                                  0, nullptr);
+        DWORD written = 0;
+        WriteFile(file, "!", 1, &written, nullptr);
+        CloseHandle(file);
+    }
+    return ERROR_SUCCESS;
+}
+
 ACTION(TouchesAnotherKey) {
     if (CannotOpen()) {
         RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\ZenvoOther");

@@ -5,9 +5,11 @@
 #include <objidl.h>
 #include <shellapi.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <iterator>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -96,11 +98,6 @@ constexpr std::pair<const char*, std::size_t> kObjects[] = {
     {"CreateXmlWriterOutputWithEncodingName", 3},
 };
 
-constexpr const char* kGivingBack[] = {
-    "free",        "LocalFree",          "SysFreeString", "CloseHandle",
-    "FindClose",   "RegCloseKey",        "CoTaskMemFree", "MsiCloseHandle",
-    "FreeLibrary", "CloseServiceHandle", "realloc"};
-
 bool Succeeded(Succeeds when, Word result) {
     const auto low = static_cast<std::int32_t>(result);
     switch (when) {
@@ -117,12 +114,11 @@ bool Succeeded(Succeeds when, Word result) {
 }
 
 bool GivesBack(const std::string& function) {
-    for (const char* const each : kGivingBack) {
-        if (function == each) {
-            return true;
-        }
-    }
-    return false;
+    const auto isGivenBackBy = [&](const Acquisition& each) {
+        return function == each.givenBackBy;
+    };
+    return function == "realloc" ||
+           std::any_of(std::begin(kAcquisitions), std::end(kAcquisitions), isGivenBackBy);
 }
 
 bool IsTracked(const std::string& function) {

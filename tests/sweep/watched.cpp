@@ -1,5 +1,6 @@
 #include "watched.h"
 
+#include "files.h"
 #include "folder_entries.h"
 #include "scenes.h"
 
@@ -19,11 +20,13 @@ void AddFolder(Machine& machine, const std::wstring& folder, const std::wstring&
     for (const WIN32_FIND_DATAW& entry : EntriesOf(folder)) {
         const std::wstring name = entry.cFileName;
         const std::wstring path = shown + L"\\" + name;
-        const bool isFolder = (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-        machine[path] = std::to_wstring(entry.dwFileAttributes) +
-                        (isFolder ? L"" : L" " + std::to_wstring(entry.nFileSizeLow));
-        if (isFolder) {
+        std::wstring& content = machine[path];
+        content = std::to_wstring(entry.dwFileAttributes);
+        if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
             AddFolder(machine, folder + L"\\" + name, path);
+        } else {
+            const std::string bytes = halvard_tests::ReadWholeFile(folder + L"\\" + name);
+            content += L" " + std::wstring(bytes.begin(), bytes.end());
         }
     }
 }

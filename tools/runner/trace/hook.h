@@ -28,9 +28,9 @@ using Words = std::array<Word, kMostParameters>;
 /// A pointer or a handle that came as a number.
 template <class Type>
 Type PointerOf(Word word) {
-    static_assert(std::is_pointer_v<Type> && sizeof(Type) == sizeof(Word));
+    static_assert(std::is_pointer_v<Type> && sizeof(void*) == sizeof(Word));
     Type pointer = nullptr;
-    std::memcpy(&pointer, &word, sizeof pointer);
+    std::memcpy(&pointer, &word, sizeof word);
     return pointer;
 }
 
