@@ -4,6 +4,7 @@ import json
 import re
 import shutil
 from dataclasses import dataclass
+from tempfile import TemporaryFile
 from typing import Any, Iterator
 
 import pytest
@@ -19,6 +20,8 @@ PIVOT_KEY = r"SOFTWARE\Qorta Technologies\Install\Pivot"
 RUN_KEY = r"SOFTWARE\Microsoft\Windows\CurrentVersion\Run"
 FIELDS = ["milliseconds", "group", "event", "target", "result", "code", "details"]
 WRONG_ARGUMENTS = 2
+# Seconds.
+LIMIT = 60
 
 
 @dataclass
@@ -54,8 +57,13 @@ class Machine:
         self.prefix = prefix
 
     def call(self, *arguments: str) -> Run:
-        done = self.prefix.run(paths.RUNNER, *arguments)
-        return Run(done.returncode, done.stdout)
+        # What the engine's own programs say on standard error is no part of the answer, but a refusal.
+        with TemporaryFile() as output, TemporaryFile() as errors:
+            process = self.prefix.start(paths.RUNNER, *arguments, stdout=output, stderr=errors)
+            code = process.wait(LIMIT)
+            output.seek(0)
+            errors.seek(0)
+            return Run(code, (output.read() or errors.read()).decode())
 
     def trace(self, *arguments: str) -> Run:
         return self.call(*arguments, "--trace", "--json")

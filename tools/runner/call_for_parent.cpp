@@ -76,8 +76,9 @@ void Call(const CallRequest& request, Reporter& reporter) {
                    [&](const TraceEvent& event) { reporter.Tell(event); });
     }
     const Outcome outcome = CallAction(action, session.Get());
-    EndTrace();
+    // First the outcome, for a limit is that of the action.
     reporter.Tell(outcome);
+    EndTrace();
 }
 
 } // namespace

@@ -21,6 +21,8 @@ using halvard::OwnedHandle;
 constexpr DWORD kPoll = 5;
 // For the process to end when its action has, and for one that was told to end.
 constexpr DWORD kEnd = 5000;
+// Besides, for a trace to see the end of programs that nobody waits for.
+constexpr DWORD kEndOfTrace = 10000;
 
 constexpr UINT kEndedByLimit = static_cast<UINT>(ExitCode::OverTheLimit);
 
@@ -318,7 +320,8 @@ Outcome CallInProcess(const Arguments& arguments, const CallWatcher& watcher) {
         came = readAll();
         if (progress.outcome || progress.refusal) {
             // The action may have left a heap or a lock without which no process ends.
-            for (DWORD waited = 0; waited < kEnd && !process.EndsWithin(kPoll); waited += kPoll) {
+            const DWORD end = arguments.trace == TraceMode::None ? kEnd : kEnd + kEndOfTrace;
+            for (DWORD waited = 0; waited < end && !process.EndsWithin(kPoll); waited += kPoll) {
                 readAll();
             }
             process.End();

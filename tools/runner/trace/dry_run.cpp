@@ -21,6 +21,9 @@ constexpr const wchar_t* kBrandingAction = L"DeleteandRetainValues";
 constexpr std::wstring_view kRetainKey = L"\\SOFTWARE\\ZenvoBranding";
 constexpr const wchar_t* kSkins = L"Skins";
 constexpr std::size_t kFilePathCapacity = 256;
+// Codes of Windows.
+constexpr std::int64_t kFileNotFound = 2;
+constexpr std::int64_t kPathNotFound = 3;
 
 std::wstring WithSlashes(std::wstring path) {
     std::replace(path.begin(), path.end(), L'\\', L'/');
@@ -76,7 +79,7 @@ RetainList RetainListOf(const std::vector<TraceEvent>& trace) {
         if (key == std::wstring::npos) {
             continue;
         }
-        if (event.what == trace_words::kListsKey) {
+        if (event.what == trace_words::kListsKey && event.result != TraceResult::Failed) {
             // Behind the key's name and a backslash.
             list.texts.push_back(event.target.substr(key + kRetainKey.size() + 1));
         } else if (event.what == trace_words::kListsValue) {
@@ -162,7 +165,7 @@ void TellOfBranding(const std::vector<TraceEvent>& trace, DryRun& dryRun) {
     }
     std::vector<std::wstring> entries;
     for (const TraceEvent& event : trace) {
-        if (event.what != trace_words::kLists) {
+        if (event.what != trace_words::kLists || event.result == TraceResult::Failed) {
             continue;
         }
         const std::wstring entry = WithSlashes(event.target);
@@ -208,7 +211,11 @@ bool HasDryRun(const std::wstring& action) {
 DryRun DryRunOf(const std::wstring& action, const std::vector<TraceEvent>& trace) {
     DryRun dryRun;
     std::set<std::wstring> gone;
+    std::set<std::wstring> listed;
     for (const TraceEvent& event : trace) {
+        if (event.what == trace_words::kLists) {
+            listed.insert(WithSlashes(event.target));
+        }
         if (Removes(event) && event.result == TraceResult::NotMade) {
             dryRun.wouldGo.push_back(event.target);
             gone.insert(event.target);
@@ -216,9 +223,15 @@ DryRun DryRunOf(const std::wstring& action, const std::vector<TraceEvent>& trace
     }
     for (const TraceEvent& event : trace) {
         const bool isTried = Removes(event) || event.what == trace_words::kOpensToRemove;
-        if (isTried && event.result == TraceResult::Failed && gone.count(event.target) == 0) {
+        // What is not there does not stay.
+        const bool isThere = event.code != kFileNotFound && event.code != kPathNotFound;
+        if (isTried && isThere && event.result == TraceResult::Failed &&
+            gone.count(event.target) == 0) {
             dryRun.wouldStay.push_back({event.target, WhyRefused(event)});
-            dryRun.endsEarly = dryRun.endsEarly || event.group == TraceGroup::File;
+            // A file of the branding folder itself that stays ends nothing.
+            const bool goesOn =
+                action == kBrandingAction && listed.count(WithSlashes(event.target)) > 0;
+            dryRun.endsEarly = dryRun.endsEarly || (event.group == TraceGroup::File && !goesOn);
         }
     }
     if (action == kBrandingAction) {

@@ -65,7 +65,7 @@ std::wstring InFolder(const std::wstring& folder, const std::wstring& name) {
     return folder + (folder.empty() || folder.back() == L'\\' ? L"" : L"\\") + name;
 }
 
-/// A form of the path that Windows takes whatever its length; the library's own have it already.
+/// The library's long paths have the form already that Windows takes whatever their length.
 DWORD AttributesOf(const std::wstring& path) {
     return GetFileAttributesW(path.c_str());
 }
@@ -114,7 +114,7 @@ bool WouldBeEmpty(const std::wstring& folder) {
             next += info->NextEntryOffset;
         } while (info->NextEntryOffset != 0);
     }
-    return static_cast<bool>(opened);
+    return opened && GetLastError() == ERROR_NO_MORE_FILES;
 }
 
 enum class Entry { File, Folder };

@@ -173,7 +173,8 @@ OutputFile NewOutputFile() {
 }
 
 /// The start of a program to which the library gives nothing to print to: with a file for it, and
-/// an input that is at its end. The program inherits these and nothing else.
+/// an input that is at its end. The program inherits these and nothing else. Where that cannot be
+/// had, the call stays as it is.
 class StartWithOutput {
 public:
     StartWithOutput(HookedCall& call, HANDLE output) : handles_{output, Input()} {
@@ -186,17 +187,28 @@ public:
         SIZE_T size = 0;
         InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
         memory_.resize(size);
-        startup_.lpAttributeList = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(memory_.data());
-        InitializeProcThreadAttributeList(startup_.lpAttributeList, 1, 0, &size);
-        UpdateProcThreadAttribute(startup_.lpAttributeList, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST,
-                                  handles_, sizeof handles_, nullptr, nullptr);
+        auto* const list = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(memory_.data());
+        if (output == nullptr || output == INVALID_HANDLE_VALUE ||
+            handles_[1] == INVALID_HANDLE_VALUE ||
+            InitializeProcThreadAttributeList(list, 1, 0, &size) == FALSE) {
+            return;
+        }
+        startup_.lpAttributeList = list;
+        if (UpdateProcThreadAttribute(list, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, handles_,
+                                      sizeof handles_, nullptr, nullptr) == FALSE) {
+            return;
+        }
         call.arguments[4] = TRUE;
         call.arguments[5] |= EXTENDED_STARTUPINFO_PRESENT;
         call.arguments[8] = reinterpret_cast<std::uintptr_t>(&startup_);
     }
     ~StartWithOutput() {
-        DeleteProcThreadAttributeList(startup_.lpAttributeList);
-        CloseHandle(handles_[1]);
+        if (startup_.lpAttributeList != nullptr) {
+            DeleteProcThreadAttributeList(startup_.lpAttributeList);
+        }
+        if (handles_[1] != INVALID_HANDLE_VALUE) {
+            CloseHandle(handles_[1]);
+        }
     }
     StartWithOutput(const StartWithOutput&) = delete;
     StartWithOutput& operator=(const StartWithOutput&) = delete;
