@@ -25,6 +25,10 @@ constexpr std::size_t kFilePathCapacity = 256;
 constexpr std::int64_t kFileNotFound = 2;
 constexpr std::int64_t kPathNotFound = 3;
 
+bool MeansMissing(std::int64_t code) {
+    return code == kFileNotFound || code == kPathNotFound;
+}
+
 std::wstring WithSlashes(std::wstring path) {
     std::replace(path.begin(), path.end(), L'\\', L'/');
     return path;
@@ -224,9 +228,8 @@ DryRun DryRunOf(const std::wstring& action, const std::vector<TraceEvent>& trace
     for (const TraceEvent& event : trace) {
         const bool isTried = Removes(event) || event.what == trace_words::kOpensToRemove;
         // What is not there does not stay.
-        const bool isThere = event.code != kFileNotFound && event.code != kPathNotFound;
-        if (isTried && isThere && event.result == TraceResult::Failed &&
-            gone.count(event.target) == 0) {
+        if (isTried && !MeansMissing(event.code.value_or(0)) &&
+            event.result == TraceResult::Failed && gone.count(event.target) == 0) {
             dryRun.wouldStay.push_back({event.target, WhyRefused(event)});
             // A file of the branding folder itself that stays ends nothing.
             const bool goesOn =
