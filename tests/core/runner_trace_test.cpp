@@ -158,6 +158,27 @@ TEST(DryRunOf, TellsWhatWouldGoAndWhatWouldStay) {
     EXPECT_TRUE(dryRun.nearMisses.empty());
 }
 
+TEST(DryRunOf, LeavesOutWhatIsNotThere) {
+    for (const std::int64_t missing : {2, 3}) {
+        const DryRun dryRun = DryRunOf(
+            L"DeleteQortaKey",
+            {Failed(Event(TraceGroup::File, words::kRemoves, L"C:\\a"), missing, L"Not found")});
+        EXPECT_TRUE(dryRun.wouldGo.empty());
+        EXPECT_TRUE(dryRun.wouldStay.empty());
+        EXPECT_FALSE(dryRun.endsEarly);
+    }
+}
+
+TEST(DryRunOf, GoesOnBehindAFileOfTheBrandingFolder) {
+    const auto refused = [](const wchar_t* action) {
+        return DryRunOf(action, {Event(TraceGroup::File, words::kLists, L"C:\\b\\x"),
+                                 Failed(Event(TraceGroup::File, words::kRemoves, L"C:\\b\\x"), 5,
+                                        L"No right")});
+    };
+    EXPECT_FALSE(refused(kBranding).endsEarly);
+    EXPECT_TRUE(refused(L"DeleteDMFTDirectory").endsEarly);
+}
+
 TEST(DryRunOf, TellsWhyAnEntryOfTheBrandingFolderStays) {
     const std::wstring longName = L"C:\\b\\" + std::wstring(251, L'x');
     const DryRun dryRun =
