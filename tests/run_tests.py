@@ -69,15 +69,14 @@ CORE_CANARIES = {
     "OverflowsAnInt": "runtime error: signed integer overflow",
 }
 OUTSIDE_A_BLOCK = "memory was written outside a block"
-# The last byte of STATUS_ILLEGAL_INSTRUCTION: arithmetic that is not defined runs into a trap.
-TRAP = "exit code 29, in Canary."
+UNDEFINED_ARITHMETIC = "ERROR: arithmetic that is not defined"
 WINE_CANARIES = {
     "WritesBehindABlock": OUTSIDE_A_BLOCK,
     "WritesBehindABlockOfTheSystem": OUTSIDE_A_BLOCK,
     "WritesBehindABlockOfTheRunTime": OUTSIDE_A_BLOCK,
     "WritesIntoAFreeBlock": OUTSIDE_A_BLOCK,
-    "ShiftsTooFar": TRAP,
-    "OverflowsAnInt": TRAP,
+    "ShiftsTooFar": UNDEFINED_ARITHMETIC,
+    "OverflowsAnInt": UNDEFINED_ARITHMETIC,
 }
 FUZZ_CANARIES = {
     "overflow": "ERROR: AddressSanitizer: heap-buffer-overflow",
@@ -86,7 +85,7 @@ FUZZ_CANARIES = {
 WINE_FUZZ_CANARIES = {
     "property": "ERROR: a property does not hold",
     "write": f"ERROR: {OUTSIDE_A_BLOCK}",
-    "arithmetic": "ERROR: arithmetic that is not defined",
+    "arithmetic": UNDEFINED_ARITHMETIC,
     "abort": "ERROR: an abort",
     "exception": "ERROR: an exception that nothing catches",
 }

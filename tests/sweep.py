@@ -25,6 +25,7 @@ from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
 from concurrent.futures import ThreadPoolExecutor
 from contextlib import nullcontext, suppress
 from dataclasses import dataclass, field, replace
+from functools import partial
 from pathlib import Path
 from queue import Empty, SimpleQueue
 
@@ -32,7 +33,7 @@ ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tools"))
 
 import progress  # noqa: E402
-from installer import actions, ending, machine, paths  # noqa: E402
+from installer import actions, ending, machine, paths, repeats  # noqa: E402
 from installer.prefix import Prefix  # noqa: E402
 
 TABLE = Path(__file__).with_name("sweep.toml")
@@ -304,9 +305,23 @@ def execute(
         (folder / "plan.txt").write_text("".join(lines))
         number = 0
         while number < len(part):
-            for run in _of_one_process(prefix, subject, scene, part, number, calls):
+            start = partial(_of_one_process, prefix, subject, scene, part, number, calls)
+            for run in _with_a_second_start(start):
                 number += 1
                 yield run
+
+
+class NotReady(RuntimeError):
+    """A process of the sweep came to no call."""
+
+
+def _with_a_second_start(start: Callable[[], Iterator[Run]]) -> Iterator[Run]:
+    """The runs of a process, which is started once more where it came to no call."""
+    try:
+        yield from start()
+    except NotReady as failure:
+        repeats.tell(str(failure))
+        yield from start()
 
 
 def _of_one_process(
@@ -328,12 +343,13 @@ def _of_one_process(
         stderr=subprocess.DEVNULL,
     )
     called = False
+    problem: type[RuntimeError] = NotReady
     limit = PREPARING_LIMIT
     try:
         for line in lines_of(process.stdout, lambda: limit):
             kind, *words = line.split("\t")
             if kind == "call":
-                called, limit = True, LIMIT
+                called, limit, problem = True, LIMIT, RuntimeError
             elif kind == "ended":
                 called, limit = False, PREPARING_LIMIT
             elif kind == "run":
@@ -344,13 +360,13 @@ def _of_one_process(
             elif kind == "calls":
                 calls[words[0]] += int(words[1])
             elif kind == "error":
-                raise RuntimeError(f"{scene.name}: {words[0]}")
+                raise problem(f"{scene.name}: {words[0]}")
             elif kind == "done":
                 return
     except TimeoutError:
         if not called:
             told = f"{scene.name}: the machine of a run cannot be made or looked at"
-            raise RuntimeError(told) from None
+            raise problem(told) from None
         yield Run(failures[number], True, NO_END)
         return
     finally:
@@ -358,7 +374,7 @@ def _of_one_process(
         process.stdout.close()
         process.wait()
     if not called:
-        raise RuntimeError(f"{scene.name}: the sweep ended by itself")
+        raise problem(f"{scene.name}: the sweep ended by itself")
     yield Run(failures[number], True, ENDED_PROCESS)
 
 

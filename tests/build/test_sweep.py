@@ -1,5 +1,6 @@
 """The sweep plans its runs as it should, and judges what comes of them rightly."""
 
+import subprocess
 import sys
 from collections import Counter
 from dataclasses import replace
@@ -10,7 +11,7 @@ import pytest
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
 import sweep  # noqa: E402
-from installer import actions, paths  # noqa: E402
+from installer import actions, paths, repeats  # noqa: E402
 from sweep import ACCESS, MEMORY, Failure, Limit, Row, Run, Scene  # noqa: E402
 
 ACTION = actions.Action(
@@ -227,3 +228,57 @@ def test_a_planted_fault_that_is_not_found_is_told():
         rows[0].scene: f"not found: {first}, but nothing",
         sweep.FAULTLESS: "something",
     }
+
+
+NOT_STARTED = "error\tno program can be started: 8"
+CALLED = "call\t0"
+ENDED = "run\t0\t1\tresult 0\t\t\t"
+
+
+class Played:
+    """A prefix in which each process prints the lines that are told for it."""
+
+    def __init__(self, tmp_path: Path, *outputs: list[str]) -> None:
+        self.path = tmp_path
+        self.outputs = list(outputs)
+
+    def host_path(self, _folder: str) -> Path:
+        return self.path / "own"
+
+    def start(self, *_words: str, **streams) -> "subprocess.Popen[bytes]":
+        lines = "".join(f"{line}\n" for line in self.outputs.pop(0))
+        return subprocess.Popen(["printf", "%s", lines], **streams)
+
+
+@pytest.mark.parametrize(
+    "outputs, repeated",
+    [
+        ([[CALLED, ENDED, "done"]], 0),
+        ([[NOT_STARTED], [CALLED, ENDED, "done"]], 1),
+        ([[], [CALLED, ENDED, "done"]], 1),
+    ],
+)
+def test_what_came_to_no_call_is_started_once_more(tmp_path, outputs, repeated):
+    prefix = Played(tmp_path, *outputs)
+    with repeats.counted(tmp_path / "repeated.txt") as count:
+        runs = list(sweep.execute(prefix, sweep.shipped(), SCENE, [FAILURE], Counter()))
+        assert count() == repeated
+    assert [run.ended for run in runs] == ["result 0"]
+    assert prefix.outputs == []
+
+
+@pytest.mark.parametrize(
+    "outputs, told, repeated",
+    [
+        ([[NOT_STARTED], [NOT_STARTED]], "no program can be started: 8", 1),
+        ([[CALLED, "error\tthe table does not know"]], "the table does not know", 0),
+        ([[CALLED, "ended\t0"]], "the sweep ended by itself", 0),
+    ],
+)
+def test_what_fails_twice_or_behind_a_call_is_told(tmp_path, outputs, told, repeated):
+    prefix = Played(tmp_path, *outputs)
+    with repeats.counted(tmp_path / "repeated.txt") as count:
+        with pytest.raises(RuntimeError, match=told):
+            list(sweep.execute(prefix, sweep.shipped(), SCENE, [FAILURE], Counter()))
+        assert count() == repeated
+    assert prefix.outputs == []

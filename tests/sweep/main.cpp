@@ -23,6 +23,7 @@
 #include "action_call.h"
 #include "prefix_guard.h"
 #include "stand_in_session.h"
+#include "text_output.h"
 
 #include <objbase.h>
 #include <shellapi.h>
@@ -36,6 +37,7 @@
 namespace {
 
 using namespace halvard_sweep;
+using halvard_runner::Utf8;
 
 const std::map<std::string, FailureSign>& Signs() {
     static const std::map<std::string, FailureSign> signs = {
@@ -73,15 +75,6 @@ std::vector<Failure> ReadPlan(const std::string& file) {
     return plan;
 }
 
-std::string Narrow(const std::wstring& text) {
-    const int length = static_cast<int>(text.size());
-    const int size =
-        WideCharToMultiByte(CP_UTF8, 0, text.c_str(), length, nullptr, 0, nullptr, nullptr);
-    std::string bytes(static_cast<std::size_t>(size), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.c_str(), length, bytes.data(), size, nullptr, nullptr);
-    return bytes;
-}
-
 halvard_runner::Action actionOfRun = nullptr;
 
 // In the thread of the call, whose calls are those that count.
@@ -99,24 +92,23 @@ std::string HowItEnded(const halvard_runner::Outcome& outcome) {
         return "result " + std::to_string(*outcome.result);
     }
     const halvard_runner::EscapedException& exception = *outcome.exception;
-    std::string text = Narrow(exception.kind);
+    std::string text = Utf8(exception.kind);
     if (!exception.type.empty()) {
-        text += " " + Narrow(exception.type);
+        text += " " + Utf8(exception.type);
     }
     if (exception.code && exception.category.empty()) {
-        text +=
-            " " +
-            Narrow(halvard_runner::HexadecimalText(static_cast<std::uint64_t>(*exception.code)));
+        text += " " +
+                Utf8(halvard_runner::HexadecimalText(static_cast<std::uint64_t>(*exception.code)));
     }
     // Where a fault happened.
-    std::fprintf(stderr, "%s: %s\n", text.c_str(), Narrow(exception.text).c_str());
+    std::fprintf(stderr, "%s: %s\n", text.c_str(), Utf8(exception.text).c_str());
     return text;
 }
 
 std::string Joined(const std::vector<std::wstring>& texts) {
     std::string joined;
     for (const std::wstring& text : texts) {
-        joined += (joined.empty() ? "" : "|") + Narrow(text);
+        joined += (joined.empty() ? "" : "|") + Utf8(text);
     }
     return joined;
 }
@@ -189,9 +181,9 @@ void Run(const std::wstring& path, const Scene& scene, const FunctionTable& func
 }
 
 int Sweep(const std::vector<std::wstring>& arguments) {
-    const Scene scene = SceneNamed(Narrow(arguments.at(2)));
-    const FunctionTable functions = ReadFunctions(Narrow(arguments.at(3)));
-    const std::vector<Failure> plan = ReadPlan(Narrow(arguments.at(4)));
+    const Scene scene = SceneNamed(Utf8(arguments.at(2)));
+    const FunctionTable functions = ReadFunctions(Utf8(arguments.at(3)));
+    const std::vector<Failure> plan = ReadPlan(Utf8(arguments.at(4)));
     const halvard_tests::StandInSession session;
     for (const auto& [name, value] : scene.properties) {
         session.SetProperty(name, value);
@@ -219,7 +211,7 @@ int main() {
     try {
         const std::wstring danger = halvard_tests::PrefixDanger();
         if (!danger.empty()) {
-            throw std::runtime_error("unsafe prefix: " + Narrow(danger));
+            throw std::runtime_error("unsafe prefix: " + Utf8(danger));
         }
         return Sweep(arguments);
     } catch (const std::exception& error) {

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <stdexcept>
+#include <string>
 
 namespace halvard_sweep {
 
@@ -38,7 +39,7 @@ PROCESS_INFORMATION StartAndEnd() {
     PROCESS_INFORMATION child = {};
     if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
                        &child) == FALSE) {
-        throw std::runtime_error("no program can be started");
+        throw std::runtime_error("no program can be started: " + std::to_string(GetLastError()));
     }
     WaitForSingleObject(child.hProcess, INFINITE);
     return child;

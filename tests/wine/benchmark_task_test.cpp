@@ -17,6 +17,7 @@
 using halvard::CreateBenchMarkRunOnceSchTask;
 using halvard::RemoveBenchMarkRunOnceSchedularTask;
 using halvard_tests::CallTrace;
+using halvard_tests::CreationOf;
 using halvard_tests::CurrentDirectory;
 using halvard_tests::CurrentDirectoryScope;
 using halvard_tests::EnvironmentVariable;
@@ -30,6 +31,7 @@ using halvard_tests::PivotInstallation;
 using halvard_tests::PlayedPrograms;
 using halvard_tests::ProcessStart;
 using halvard_tests::ProcessStarts;
+using halvard_tests::ReadingOf;
 using halvard_tests::ReadWholeFile;
 using halvard_tests::RecorderAt;
 using halvard_tests::Recording;
@@ -153,7 +155,6 @@ TEST(CreateBenchMarkRunOnceSchTask, MakesItsCallsInThisOrder) {
     const std::wstring xml = pivot.File(L"StartPVBM.xml");
     const std::wstring create = CreateCommand();
     const std::wstring change = ChangeCommand(pivot.Location());
-    const std::wstring in = L" in " + pivot.Location();
     // Whether the system folder is found makes no difference: its path is not used.
     for (const bool folderIsFound : {true, false}) {
         const PlayedPrograms programs;
@@ -162,26 +163,12 @@ TEST(CreateBenchMarkRunOnceSchTask, MakesItsCallsInThisOrder) {
             calls.Fail(L"folder 37");
         }
         EXPECT_EQ(CreateBenchMarkRunOnceSchTask(0), 0U);
-        EXPECT_EQ(calls.All(), (Lines{
-                                   L"folder 37",
-                                   L"open " + userKey + L" 0x2001f",
-                                   L"size of " + userKey + L" VxBench 0x2",
-                                   L"get " + userKey + L" VxBench 0x2",
-                                   L"close " + userKey,
-                                   L"attributes of 0",
-                                   L"open " + installKey + L" 0x2001f",
-                                   L"size of " + installKey + L" Location 0x2",
-                                   L"get " + installKey + L" Location 0x2",
-                                   L"close " + installKey,
-                                   L"attributes of " + pivot.Location(),
-                                   L"attributes of " + xml,
-                                   L"temporary folder 260",
-                                   L"open file 0x80000000 " + xml,
-                                   L"open file 0x40000000 " + copy,
-                                   L"run " + create + in,
-                                   L"wait for " + create + L" 4294967295",
-                                   L"run " + change + in,
-                               }));
+        const Lines expected =
+            Lines{L"folder 37"} + ReadingOf(userKey, L"VxBench", L"0x2001f") +
+            Lines{L"attributes of 0"} + ReadingOf(installKey, L"Location", L"0x2001f") +
+            Lines{L"attributes of " + pivot.Location(), L"attributes of " + xml} +
+            CreationOf(xml, copy, create, change, pivot.Location());
+        EXPECT_EQ(calls.All(), expected);
     }
 }
 

@@ -24,6 +24,7 @@ using halvard::RegKeyError;
 using halvard::RemoveDVRSchedularTask;
 using halvard::RemovePVSchedularTask;
 using halvard_tests::CallTrace;
+using halvard_tests::CreationOf;
 using halvard_tests::CurrentDirectory;
 using halvard_tests::EnvironmentVariable;
 using halvard_tests::ExpectRegKeyError;
@@ -37,6 +38,7 @@ using halvard_tests::PivotInstallation;
 using halvard_tests::PlayedPrograms;
 using halvard_tests::ProcessStart;
 using halvard_tests::ProcessStarts;
+using halvard_tests::ReadingOf;
 using halvard_tests::ReadWholeFile;
 using halvard_tests::RecorderAt;
 using halvard_tests::Recording;
@@ -129,7 +131,6 @@ TEST_P(CreateLogonTask, MakesItsCallsInThisOrder) {
     const std::wstring runKey = std::wstring(L"HKLM\\") + kRunKey;
     const std::wstring create = task.CreateCommand(xml);
     const std::wstring change = task.ChangeCommand(pivot.Location());
-    const std::wstring in = L" in " + pivot.Location();
     // Whether the system folder is found makes no difference: its path is not used.
     for (const bool folderIsFound : {true, false}) {
         const PlayedPrograms programs;
@@ -138,23 +139,12 @@ TEST_P(CreateLogonTask, MakesItsCallsInThisOrder) {
             calls.Fail(L"folder 37");
         }
         EXPECT_EQ(task.create(0), 0U);
-        EXPECT_EQ(calls.All(), (Lines{
-                                   L"open " + runKey + L" 0xf003f",
-                                   L"delete value " + runKey + L" " + task.name,
-                                   L"close " + runKey,
-                                   L"folder 37",
-                                   L"open " + installKey + L" 0x2001f",
-                                   L"size of " + installKey + L" Location 0x2",
-                                   L"get " + installKey + L" Location 0x2",
-                                   L"close " + installKey,
-                                   L"attributes of " + pivot.Location(),
-                                   L"temporary folder 260",
-                                   L"open file 0x80000000 " + xml,
-                                   L"open file 0x40000000 " + copy,
-                                   L"run " + create + in,
-                                   L"wait for " + create + L" 4294967295",
-                                   L"run " + change + in,
-                               }));
+        const Lines removal = {L"open " + runKey + L" 0xf003f",
+                               L"delete value " + runKey + L" " + task.name, L"close " + runKey,
+                               L"folder 37"};
+        EXPECT_EQ(calls.All(), removal + ReadingOf(installKey, L"Location", L"0x2001f") +
+                                   Lines{L"attributes of " + pivot.Location()} +
+                                   CreationOf(xml, copy, create, change, pivot.Location()));
     }
 }
 

@@ -1,6 +1,8 @@
 #include "heap_check.h"
 #include "prefix_guard.h"
 
+#include <windows.h>
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -14,6 +16,16 @@ class HeapCheckAfterEachTest : public testing::EmptyTestEventListener {
     }
 };
 
+// The exit code does not tell it: the engine's debugger may end the process before its own code
+// does.
+LONG WINAPI TellOfUndefinedArithmetic(EXCEPTION_POINTERS* fault) {
+    if (fault->ExceptionRecord->ExceptionCode == EXCEPTION_ILLEGAL_INSTRUCTION) {
+        std::printf("ERROR: arithmetic that is not defined\n");
+        std::fflush(stdout);
+    }
+    return EXCEPTION_CONTINUE_SEARCH;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -22,6 +34,7 @@ int main(int argc, char** argv) {
         std::fwprintf(stderr, L"unsafe prefix, no test is run: %ls\n", danger.c_str());
         return 1;
     }
+    SetUnhandledExceptionFilter(TellOfUndefinedArithmetic);
     testing::InitGoogleTest(&argc, argv);
     testing::UnitTest::GetInstance()->listeners().Append(new HeapCheckAfterEachTest);
     return RUN_ALL_TESTS();

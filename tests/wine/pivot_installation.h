@@ -2,6 +2,7 @@
 
 #include "child_programs.h"
 #include "files.h"
+#include "lines.h"
 #include "task_xml.h"
 
 #include <windows.h>
@@ -33,6 +34,16 @@ private:
     std::wstring location_;
     std::wstring folder_;
 };
+
+/// How a trace tells that a text is read: by its size, and then its bytes.
+Lines ReadingOf(const std::wstring& key, const std::wstring& name, const std::wstring& access,
+                const std::wstring& flags = L"0x2");
+
+/// How a trace tells that a task is created of a rewritten copy of its definition, and changed
+/// without a wait, both in a folder.
+Lines CreationOf(const std::wstring& definition, const std::wstring& copy,
+                 const std::wstring& create, const std::wstring& change,
+                 const std::wstring& folder);
 
 /// Where the temporary folder keeps a file.
 std::wstring InTemporaryFolder(const std::wstring& name);

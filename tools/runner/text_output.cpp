@@ -25,6 +25,8 @@ std::wstring Decoded(UINT codePage, DWORD flags, const char* text) {
     return wide;
 }
 
+} // namespace
+
 std::string Utf8(const std::wstring& text) {
     const int length = static_cast<int>(text.size());
     const int size =
@@ -33,8 +35,6 @@ std::string Utf8(const std::wstring& text) {
     WideCharToMultiByte(CP_UTF8, 0, text.c_str(), length, bytes.data(), size, nullptr, nullptr);
     return bytes;
 }
-
-} // namespace
 
 std::wstring Widened(const char* text) {
     if (*text == '\0') {

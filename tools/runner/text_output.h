@@ -9,6 +9,8 @@ namespace halvard_runner {
 /// A text of the C++ run-time: UTF-8, or the ANSI code page where it is no UTF-8.
 std::wstring Widened(const char* text);
 
+std::string Utf8(const std::wstring& text);
+
 /// Writes to STD_OUTPUT_HANDLE or STD_ERROR_HANDLE: as it is to a console, in UTF-8 to a file or a
 /// pipe.
 void Write(DWORD stream, const std::wstring& text);

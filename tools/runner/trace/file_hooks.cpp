@@ -383,16 +383,6 @@ constexpr Question kQuestions[] = {
     {"PathIsDirectoryEmptyW", L"asks if empty", FailureSign::Zero},
 };
 
-template <class Row, std::size_t count>
-void AddRows(std::vector<Hook>& hooks, const Row (&rows)[count],
-             Word (*run)(const Row& row, HookedCall& call)) {
-    for (const Row& row : rows) {
-        hooks.push_back({row.function, [&row, run](HookedCall& call) {
-                             return run(row, call);
-                         }});
-    }
-}
-
 } // namespace
 
 void ForgetFileHandle(HANDLE handle) {

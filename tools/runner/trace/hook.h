@@ -90,6 +90,20 @@ struct Hook {
     std::function<Word(HookedCall&)> run;
 };
 
+/// The index of a parameter that a function of a row does not have.
+inline constexpr std::size_t kNone = kMostParameters;
+
+/// A hook for each row of a table of functions that are told alike. The table outlives the hooks.
+template <class Row, std::size_t count>
+void AddRows(std::vector<Hook>& hooks, const Row (&rows)[count],
+             Word (*run)(const Row& row, HookedCall& call)) {
+    for (const Row& row : rows) {
+        hooks.push_back({row.function, [&row, run](HookedCall& call) {
+                             return run(row, call);
+                         }});
+    }
+}
+
 /// Tells an event. `code` is one of Windows: the event has failed unless it is ERROR_SUCCESS.
 void Tell(TraceGroup group, const std::wstring& what, const std::wstring& target, DWORD code = 0,
           TraceDetails details = {});

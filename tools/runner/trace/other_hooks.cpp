@@ -193,11 +193,7 @@ std::vector<Hook> OtherHooks() {
         {"CoCreateInstance", CreateObject},
         {"SetSecurityInfo", SetPermissions},
     };
-    for (const TaskStep& each : kSteps) {
-        hooks.push_back({each.function, [&each](HookedCall& call) {
-                             return RunTaskStep(each, call);
-                         }});
-    }
+    AddRows(hooks, kSteps, RunTaskStep);
     return hooks;
 }
 

@@ -11,7 +11,6 @@ namespace {
 
 using namespace trace_words;
 
-constexpr std::size_t kNone = kMostParameters;
 // Characters of a value's data that are told.
 constexpr std::size_t kMostData = 1000;
 constexpr REGSAM kViews = KEY_WOW64_32KEY | KEY_WOW64_64KEY;
@@ -273,12 +272,19 @@ ListedValue ReadListed(HKEY key, DWORD index) {
     constexpr DWORD kNameCapacity = 16384;
     constexpr DWORD kDataCapacity = 65536;
     ListedValue value;
-    value.name.resize(kNameCapacity);
     value.data.resize(kDataCapacity);
-    DWORD length = kNameCapacity;
-    DWORD size = kDataCapacity;
-    const LSTATUS code = RegEnumValueW(key, index, value.name.data(), &length, nullptr, &value.type,
-                                       value.data.data(), &size);
+    DWORD length = 0;
+    DWORD size = 0;
+    LSTATUS code = ERROR_MORE_DATA;
+    for (bool hasGrown = true; hasGrown && code == ERROR_MORE_DATA;) {
+        value.name.resize(kNameCapacity);
+        length = kNameCapacity;
+        size = static_cast<DWORD>(value.data.size());
+        code = RegEnumValueW(key, index, value.name.data(), &length, nullptr, &value.type,
+                             value.data.data(), &size);
+        hasGrown = size > value.data.size();
+        value.data.resize(std::max<std::size_t>(size, value.data.size()));
+    }
     value.name.resize(code == ERROR_SUCCESS ? length : 0);
     value.data.resize(code == ERROR_SUCCESS ? size : 0);
     return value;
@@ -360,16 +366,8 @@ std::vector<Hook> RegistryHooks() {
         {"RegEnumValueW", ListValue},
         {"RegCloseKey", CloseKey},
     };
-    for (const KeyCall& each : kDeletions) {
-        hooks.push_back({each.function, [&each](HookedCall& call) {
-                             return RunKeyDeletion(each, call);
-                         }});
-    }
-    for (const ValueCall& each : kValueCalls) {
-        hooks.push_back({each.function, [&each](HookedCall& call) {
-                             return RunValueCall(each, call);
-                         }});
-    }
+    AddRows(hooks, kDeletions, RunKeyDeletion);
+    AddRows(hooks, kValueCalls, RunValueCall);
     return hooks;
 }
 

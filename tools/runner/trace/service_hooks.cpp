@@ -8,8 +8,6 @@ namespace halvard_runner {
 
 namespace {
 
-constexpr std::size_t kNone = kMostParameters;
-
 struct Service {
     std::wstring name;
     // The state that was told last.
@@ -106,11 +104,7 @@ constexpr ServiceCall kCalls[] = {
 
 std::vector<Hook> ServiceHooks() {
     std::vector<Hook> hooks = {{"CloseServiceHandle", CloseService}};
-    for (const ServiceCall& each : kCalls) {
-        hooks.push_back({each.function, [&each](HookedCall& call) {
-                             return RunServiceCall(each, call);
-                         }});
-    }
+    AddRows(hooks, kCalls, RunServiceCall);
     return hooks;
 }
 

@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <cstring>
-#include <mutex>
 #include <stdexcept>
 #include <utility>
 

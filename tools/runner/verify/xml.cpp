@@ -45,7 +45,7 @@ std::string Utf16(const std::wstring& text) {
     return {reinterpret_cast<const char*>(marked.data()), marked.size() * sizeof(wchar_t)};
 }
 
-std::string Utf8(std::wstring text) {
+std::string AsUtf8Document(std::wstring text) {
     text.replace(text.find(L"UTF-16"), 6, L"UTF-8");
     return {text.begin(), text.end()};
 }
@@ -107,7 +107,7 @@ std::wstring LongStart(const ScratchPlace& place) {
 }
 
 std::wstring Utf8Definition(const ScratchPlace& place) {
-    return RewriteDirectory(place, Utf8(Definition(L"")));
+    return RewriteDirectory(place, AsUtf8Document(Definition(L"")));
 }
 
 std::wstring DocumentType(const ScratchPlace& place) {
