@@ -6,6 +6,7 @@ The others are in tests/wine/engines_test.cpp.
 
 import codecs
 import shutil
+import subprocess
 import time
 from dataclasses import dataclass
 from pathlib import Path
@@ -261,6 +262,17 @@ def service_path(probed: Probed) -> str:
     session.remove(probed.prefix, probed.older, log_name="engine-service-back")
     (path,) = [saved[name] for name in saved if name.endswith(rf"\{SERVICE} : ImagePath")]
     return path[1:-1].replace(FOLDER, "FOLDER")
+
+
+@probe("elevation-of-programs")
+def elevation_of_programs(probed: Probed) -> bool:
+    # Without an answer nothing is installed.
+    asked = probed.prefix.run(
+        paths.RUNNER, "--verify-installer", "--json", stdin=subprocess.DEVNULL
+    )
+    told = asked.stdout
+    assert "nothing was installed" in told or "--verify-installer needs elevation" in told
+    return "nothing was installed" in told
 
 
 @probe("removal-of-nothing")
