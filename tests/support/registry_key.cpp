@@ -72,9 +72,12 @@ void ScratchKey::SetCharacters(const std::wstring& name, DWORD type,
 
 void ScratchKey::SetBytes(const std::wstring& name, DWORD type,
                           const std::vector<BYTE>& bytes) const {
-    Check(
-        RegSetValueExW(key_, name.c_str(), 0, type, bytes.data(), static_cast<DWORD>(bytes.size())),
-        "RegSetValueExW");
+    // A null character that happens to stand behind a text would be stored with it.
+    std::vector<BYTE> stored = bytes;
+    stored.insert(stored.end(), sizeof(wchar_t), BYTE{0xFF});
+    Check(RegSetValueExW(key_, name.c_str(), 0, type, stored.data(),
+                         static_cast<DWORD>(bytes.size())),
+          "RegSetValueExW");
 }
 
 ScratchKey::Value ScratchKey::Read(const std::wstring& name) const {

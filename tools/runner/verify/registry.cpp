@@ -17,8 +17,10 @@ using namespace std::string_literals;
 
 void SetBytes(HKEY key, const wchar_t* name, DWORD type, const std::wstring& characters,
               DWORD bytes) {
+    // A null character that happens to stand behind a text would be stored with it.
+    const std::wstring stored = characters + L'x';
     RequireSuccess(
-        RegSetValueExW(key, name, 0, type, reinterpret_cast<const BYTE*>(characters.data()), bytes),
+        RegSetValueExW(key, name, 0, type, reinterpret_cast<const BYTE*>(stored.data()), bytes),
         L"writing a value");
 }
 
