@@ -129,11 +129,14 @@ TRAPS = {
     "InstallContextMenuMSIX": ["0x80073CF9", "InstallContextMenuMSIXAsUser", "for rollback"],
     "DeletePVINSTALLDIRFolder": ["SEE_MASK_DOENVSUBST", "RemoveStorePackage"],
     "CreateLogonSchTask": ["asks for the password", "S-1-5-18", "(32)"],
-    "DeleteServiceIfBinaryIsInDirectory": ["sc qc NAME", "ServiceControl", "in quotes (assumed)"],
+    "DeleteServiceIfBinaryIsInDirectory": [
+        "sc qc NAME", "ServiceControl", "in quotes (assumed)", "while the service still exists",
+    ],
     "AfterInstallUPA": ["it throws on every machine on which renames wait"],
     "CheckForClients": ["for a deferred action not observed"],
     "PostInstallUPA": ["SetSecurityInfo", "7030"],
-    "ShutDownDVR": ["260 characters", "PathFileExistsW"],
+    "ShutDownDVR": ["260 characters and more counts as not there (assumed", "PathFileExistsW", "518"],
+    "DisabelAnalyticsKey": ["an exception of `AfterInstallUPA`", 'a component with the condition `DISABLEANALYTICS ~<< "YES"`'],
     "DeletePVFolder": ["taskkill /F /IM VireoSettings.exe"],
     "TerminatePivotApp": ["assumed: 267 or 123"],
 }

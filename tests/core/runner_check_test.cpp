@@ -138,19 +138,19 @@ Package Good() {
                                         L"DeleteServiceIfBinaryIsInDirectory",
                                         L"SetUnregisterDLL",
                                         L"UnregisterDLL",
+                                        L"DeleteOptiqCameraGUID",
+                                        L"DeleteAnalyticsKey",
+                                        L"DelInstallProxyKey",
+                                        L"DeleteQortaKey",
                                         L"DeleteXVRFolder",
                                         L"SetDeleteDMFTDirectory",
                                         L"DeleteDMFTDirectory",
                                         L"DeletePVSlimINSTALLDIRFolder",
                                         L"DeletePVFolder",
                                         L"DeletePVINSTALLDIRFolder",
-                                        L"DeleteandRetainValues",
-                                        L"DeleteOptiqCameraGUID",
-                                        L"DeleteAnalyticsKey",
-                                        L"DelInstallProxyKey"}) {
+                                        L"DeleteandRetainValues"}) {
         Schedule(package, action, number += 10, kLast);
     }
-    Schedule(package, L"DeleteQortaKey", 2700, kLast);
     number = 6000;
     for (const wchar_t* const action :
          {L"UndoTask", L"CreateLogonSchTask", L"CreateDVRLogonSchTask",
@@ -348,7 +348,7 @@ const std::vector<Broken>& AllBroken() {
          }},
         {306, L"TerminatePivotApp",
          [](P p) {
-             InSequence(p, L"TerminatePivotApp").number = 1765;
+             InSequence(p, L"TerminatePivotApp").number = 1805;
          }},
         {306, L"DeleteSchedTaskonBranding",
          [](P p) {
@@ -356,7 +356,7 @@ const std::vector<Broken>& AllBroken() {
          }},
         {307, L"DeleteXVRFolder",
          [](P p) {
-             InSequence(p, L"DeleteXVRFolder").number = 1765;
+             InSequence(p, L"DeleteXVRFolder").number = 1805;
          }},
         {308, L"PreInstallUPA",
          [](P p) {

@@ -86,6 +86,26 @@ def test_immediate_actions_run_as_the_user_and_rollback_actions_as_the_system(ca
     assert undoing == {action.undoing for action in actions.actions() if action.undone_by}
 
 
+def test_a_folder_with_a_semicolon_is_refused_where_it_is_known_for_good(companion_package):
+    (row,) = [row for row in package.table(companion_package, "CustomAction") if row[0] == "RefuseSemicolon"]
+    assert row[1] == "19" and "semicolon" in row[3]
+    sequence = {row[0]: row[1:] for row in package.table(companion_package, "InstallExecuteSequence")}
+    condition, number = sequence["RefuseSemicolon"]
+    assert condition == 'INSTALLDIR >< ";"'
+    assert int(sequence["CostFinalize"][1]) < int(number) < int(sequence["InstallValidate"][1])
+
+
+def test_consent_is_set_or_refused_and_never_both(companion_package):
+    refused = 'DISABLEANALYTICS ~<< "YES"'
+    rows = package.table(companion_package, "InstallExecuteSequence")
+    conditions = {row[0]: row[1] for row in rows}
+    for action in ("EnableAnalyticsKey", "UndoEnableAnalyticsKey"):
+        assert conditions[action] == f"NOT Installed AND NOT ({refused})"
+    conditions = {row[0]: row[4] for row in package.table(companion_package, "Component")}
+    assert conditions.pop("Refusal") == refused
+    assert set(conditions.values()) == {""}
+
+
 def test_what_the_context_menu_brings_is_taken_back(companion_package):
     sequence = {row[0]: int(row[2]) for row in package.table(companion_package, "InstallExecuteSequence")}
     for before, behind in (

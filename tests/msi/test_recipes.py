@@ -37,6 +37,7 @@ FRAME = """\
           <Directory Id="DataFolder" Name="Data"/>
           <Directory Id="CacheFolder" Name="Cache"/>
           <Directory Id="PivotFolder" Name="Pivot"/>
+          <Directory Id="DvrFolder" Name="DVR"/>
           <Directory Id="PlainServerFolder" Name="Plain"/>
           <Directory Id="ServerFolder" Name="Server">
             <Component Id="Server" Guid="C4E81F27-6A3D-4B59-90E2-7D1B5A8F3C06" Win64="yes">
@@ -51,6 +52,7 @@ FRAME = """\
       <ComponentRef Id="Server"/>
       <ComponentRef Id="Pivot"/>
       <ComponentRef Id="PlainServer"/>
+      <ComponentRef Id="Dvr"/>
     </Feature>
   </Product>
 </Wix>
@@ -79,7 +81,7 @@ def built(folder: Path, recipes: str, name: str) -> Path:
         recipes = recipes.replace(f'<CustomAction Id="{action}" Error="{text}"/>', "")
     source = folder / f"{name}.wxs"
     source.write_text(FRAME.format(namespace=generate.WIX_3.namespace, recipes=recipes))
-    for stand_in in ("Server.dll", "Plain.dll", "pvcmd.exe"):
+    for stand_in in ("Server.dll", "Plain.dll", "pvcmd.exe", "VSServCmd.exe"):
         (folder / stand_in).write_bytes(b"MZ")
     shutil.copy(paths.LIBRARY, folder)
     shutil.copy(paths.PACKAGE_SOURCES / "halvard_actions.wxi", folder)

@@ -102,6 +102,10 @@ LEFT = Machine(
         r"HKLM\Software\Zenvo\Install : Telo": "dword:00000000",
     },
 )
+# Where consent is refused the marker is the package's own, and goes with it.
+LEFT_REFUSED = replace(
+    LEFT, values={name: LEFT.values[name] for name in LEFT.values if not name.endswith(" : Telo")}
+)
 # Of these the log's folder and the parent of the proxy's key hold nothing.
 LEFT_EMPTY = [
     r"%TEMP%\Zenvo\PV\Analytics",
@@ -198,6 +202,11 @@ def ended_rows(
     return [*rows[:number], replace(rows[number], outcome=outcome, result=result)]
 
 
+def not_called(row: Row) -> Row:
+    """This run where the process that hosts the actions has ended, and its result is checked."""
+    return replace(row, outcome=log.Outcome.FAILED, result=None, lines=())
+
+
 def undo_row(
     action: str, result: int, data: str | None = None, logged: Sequence[str] = ()
 ) -> Row:
@@ -223,6 +232,12 @@ UNDO_RUNS = [
     undo_row("UndoCreateDVRLogonSchTask", 1),
     undo_row("UndoCreateLogonSchTask", 1),
 ]
+# Values that actions have written, not the installer.
+NOT_UNDONE = {
+    name: value
+    for name, value in values().items()
+    if name == companion.SERVER_VALUE or name.endswith("AnalyticsAccepted")
+}
 UNDO_NOT_CALLED = [
     replace(row, outcome=log.Outcome.NOT_CALLED, result=None, lines=()) for row in UNDO_RUNS
 ]
@@ -250,6 +265,11 @@ def damage(prefix: Prefix) -> None:
     prefix.host_path(rf"{FOLDER}\readme.txt").unlink()
     prefix.host_path(LEFT_BY_OLDER_AGENT).write_text("of an older agent")
     add_list(prefix, RENAMES, LEFT_BY_OLDER_AGENT, OTHER_RENAMED)
+
+
+def renames_wait(prefix: Prefix) -> None:
+    """The next restart is to rename a file that is none of the package's."""
+    add_list(prefix, RENAMES, OTHER_RENAMED)
 
 
 def restart(prefix: Prefix) -> None:
@@ -330,6 +350,23 @@ MISSING_SERVER = (
 )
 
 
+CHOSEN_LATE = [
+    "INSERT INTO CustomAction (Action, Type, Source, Target) "
+    r"VALUES ('ChooseFolder', 51, 'INSTALLDIR', 'C:\A;B\')",
+    # Behind LaunchConditions, as the choice in a dialog is.
+    "INSERT INTO InstallExecuteSequence (Action, Sequence) VALUES ('ChooseFolder', 150)",
+]
+SERVICE_DATA = rf"ServiceName={companion.SERVICE};DirectoryOfBinary=C:\None"
+SERVICE_IN_ANOTHER_FOLDER = [
+    f"UPDATE CustomAction SET Target='{SERVICE_DATA}' "
+    "WHERE Action='SetDeleteServiceIfBinaryIsInDirectory'",
+    "UPDATE InstallExecuteSequence SET Sequence=1755 "
+    "WHERE Action='SetDeleteServiceIfBinaryIsInDirectory'",
+    "UPDATE InstallExecuteSequence SET Sequence=1760 "
+    "WHERE Action='DeleteServiceIfBinaryIsInDirectory'",
+]
+
+
 def without_server(rows: Sequence[Row]) -> list[Row]:
     """These runs, ended by SetPermissionsRegisterDLL, which finds no server, and undone."""
     *before, last = ended_rows(
@@ -346,6 +383,15 @@ def without_server(rows: Sequence[Row]) -> list[Row]:
     ]
 
 
+def thrown_for_the_service(rows: Sequence[Row]) -> list[Row]:
+    """These runs, ended by DeleteServiceIfBinaryIsInDirectory, whose data leads nowhere."""
+    *before, last = ended_rows(
+        rows, "DeleteServiceIfBinaryIsInDirectory", log.Outcome.NOT_RETURNED
+    )
+    lines = (f"CustomActionData: {SERVICE_DATA}",)
+    return [*before, replace(last, data=SERVICE_DATA, lines=lines), not_called(rows[-1])]
+
+
 SCENARIOS = [
     Scenario(
         "life",
@@ -357,7 +403,12 @@ SCENARIOS = [
                 Machine(),
                 result=session.INSTALL_FAILURE,
             ),
-            replace(INSTALL, machine=REFUSING, properties=(*WITH_AGENT, "DISABLEANALYTICS=yes")),
+            replace(
+                INSTALL,
+                rows=companion.install_rows(USER, agent=True, refused=True),
+                machine=REFUSING,
+                properties=(*WITH_AGENT, "DISABLEANALYTICS=yes"),
+            ),
             replace(
                 INSTALL,
                 name="repair",
@@ -379,7 +430,9 @@ SCENARIOS = [
                 INSTALL,
                 name="upgrade",
                 package="newer Companion",
-                rows=companion.install_rows(USER, version=NEXT, agent=True, tracked=0),
+                rows=companion.install_rows(
+                    USER, version=NEXT, agent=True, tracked=0, refused=True
+                ),
                 inner=companion.calls(companion.remove_rows(agent=True)),
                 machine=UPGRADED,
                 prepare=restart,
@@ -397,7 +450,7 @@ SCENARIOS = [
                 "removal",
                 "newer Companion",
                 companion.remove_rows(version=NEXT, agent=True),
-                together(LEFT, AGENT_LEFT, known("Companion", Companion=2)),
+                together(LEFT_REFUSED, AGENT_LEFT, known("Companion", Companion=2)),
                 removal=True,
                 told=told_on_removal(),
                 prepare=use,
@@ -409,6 +462,7 @@ SCENARIOS = [
         [
             replace(
                 ALONE,
+                rows=companion.install_rows(USER, refused=True),
                 machine=together(
                     replace(INSTALLED, tasks=["StartDVR", "StartPVBM", "ZenvoElevated"]),
                     values(lazy=1, consent="false"),
@@ -423,7 +477,7 @@ SCENARIOS = [
                 "Companion",
                 companion.remove_rows(),
                 together(
-                    LEFT,
+                    LEFT_REFUSED,
                     Machine([LICENCE]),
                     known("Companion", Companion=2),
                     DRIVER_LOG,
@@ -579,6 +633,91 @@ SCENARIOS = [
             ),
         ],
         prepare=write_beside,
+    ),
+    # The launch condition has let it pass by then.
+    Scenario(
+        "folder-with-semicolon-known-late",
+        [
+            Session(
+                "refused",
+                "Companion",
+                companion.accepted_rows(),
+                Machine([BESIDE]),
+                (STARTED,),
+                result=session.INSTALL_FAILURE,
+            )
+        ],
+        {"Companion": CHOSEN_LATE},
+        write_beside,
+    ),
+    # AfterInstallUPA throws for them and ends the process that hosts the actions. The refusal stands
+    # without DisabelAnalyticsKey, as where the answer 259 skips that.
+    Scenario(
+        "renames-wait",
+        [
+            replace(
+                INSTALL,
+                rows=ended_rows(
+                    companion.install_rows(USER, agent=True, refused=True),
+                    "AfterInstallUPA",
+                    log.Outcome.NOT_RETURNED,
+                ),
+                machine=together(REFUSING, {RENAMES: f'"{OTHER_RENAMED}"'}),
+                properties=(*WITH_AGENT, "DISABLEANALYTICS=yes"),
+            )
+        ],
+        {"Companion": ["DELETE FROM InstallExecuteSequence WHERE Action='DisabelAnalyticsKey'"]},
+        renames_wait,
+    ),
+    # DisabelAnalyticsKey gives no result then, which is a failure, for it is checked.
+    Scenario(
+        "renames-wait-and-checked",
+        [
+            replace(
+                INSTALL,
+                rows=[
+                    *ended_rows(
+                        companion.install_rows(USER, agent=True),
+                        "AfterInstallUPA",
+                        log.Outcome.NOT_RETURNED,
+                    ),
+                    not_called(companion.install_rows(USER)[-1]),
+                    *UNDO_NOT_CALLED,
+                ],
+                # What the actions have made stays. The agent's service runs, and keeps its program.
+                machine=together(
+                    LEFT,
+                    AGENT_LEFT,
+                    replace(AGENT, files=companion.AGENT_FILES[:1]),
+                    Machine(values=NOT_UNDONE, tasks=["StartDVR", "StartPV", "StartPVBM"]),
+                    known("Companion", Companion=1),
+                    {RENAMES: f'"{OTHER_RENAMED}"'},
+                ),
+                result=session.INSTALL_FAILURE,
+                told=[*told_on_install(), *context_menu_removed()],
+                empty=[r"C:\ProgramData\Zenvo"],
+            )
+        ],
+        prepare=renames_wait,
+    ),
+    # As where no table of the installer has taken the service away before. CheckForClients gives no
+    # result, so the removal fails and the client keeps the agent.
+    Scenario(
+        "removal-by-exception",
+        [
+            INSTALL,
+            Session(
+                "removal",
+                "Companion",
+                thrown_for_the_service(companion.remove_rows()),
+                together(LEFT, AGENT_LEFT, AGENT, known("Companion", Companion=1)),
+                removal=True,
+                result=session.INSTALL_FAILURE,
+                told=told_on_removal(),
+                empty=[r"C:\ProgramData\Zenvo"],
+            ),
+        ],
+        {"Companion": SERVICE_IN_ANOTHER_FOLDER},
     ),
     # The exception ends the process that hosts the actions.
     Scenario(

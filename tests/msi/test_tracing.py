@@ -44,6 +44,12 @@ def test_a_deferred_action_has_its_data(prefix):
     assert r"C:\None\a.dll" in trace(prefix, ActionRun(**vars(run) | {"data": data}))
 
 
+def test_a_deferred_action_without_data_sees_no_property_of_the_session(prefix):
+    definition = ActionDefinition(Execution.DEFERRED, export="BlockLaunch")
+    run = ActionRun("BlockLaunch", definition, 0.0, verdict=0, result=1603, call=Call.RETURNED)
+    assert "result      1603" in trace(prefix, run, "/i", "a.msi", "LAUNCHED_FROM_MIM=1")
+
+
 @pytest.mark.parametrize("verdict, ignored", [(1, False), (1, True)])
 def test_what_went_well_is_not_called_again(prefix, verdict, ignored):
     definition = ActionDefinition(Execution.IMMEDIATE, ignored)

@@ -227,6 +227,32 @@ def wixl_version() -> tuple[int, ...]:
     return tuple(map(int, re.search(r"\d+(?:\.\d+)+", told.stdout)[0].split(".")))
 
 
+# Known of the older release alone.
+if wixl_version() < KEEPS_EXECUTIONS:
+
+    @pytest.mark.parametrize(
+        "former, element, complaint",
+        [
+            (
+                "    <Feature Id=",
+                '<CustomAction Id="Refuse" Error="No."/>',
+                b"Unsupported CustomAction",
+            ),
+            (
+                '              <File Id="Transform',
+                "<Condition>1</Condition>",
+                b"unhandled child Component node Condition",
+            ),
+        ],
+    )
+    def test_wixl_ends_with_an_error_for_what_the_example_says(
+        folder, former, element, complaint
+    ):
+        with pytest.raises(subprocess.CalledProcessError) as failed:
+            built_with(folder, (former, element + former))
+        assert complaint in failed.value.stderr
+
+
 def test_wixl_leaves_out_what_the_example_says(folder):
     declared = "".join(
         f'<CustomAction Id="{name}" BinaryKey="Halvard_CA" DllEntry="RemovePVSchedularTask"'

@@ -180,8 +180,10 @@ def install_rows(
     version: str = VERSION,
     agent: bool = False,
     tracked: int = 1,
+    refused: bool = False,
 ) -> list[Row]:
-    """The runs of an installation by this user; `tracked` is what TrackDVRAnalytics returns."""
+    """The runs of an installation by this user; `tracked` is what TrackDVRAnalytics returns, and
+    `refused` whether this user refuses analytics."""
     return [
         *accepted_rows(),
         _checked("CreateLogonSchTask"),
@@ -191,7 +193,7 @@ def install_rows(
         _checked("DeleteSchedTaskonBranding"),
         _ignored("LaunchPV", 1),
         _server_row("SetPermissionsRegisterDLL", folder, f"*{USER_SID}"),
-        _checked("EnableAnalyticsKey"),
+        *([] if refused else [_checked("EnableAnalyticsKey")]),
         _ignored("TrackDVRAnalytics", tracked),
         _ignored("SetDCLogFileRegistry", 0),
         _ignored("InstallContextMenuMSIX", 0),
@@ -228,11 +230,6 @@ def remove_rows(
         _ignored("ShutDownDVR", 0),
         _ignored("TerminateDVRApp", 0),
         _server_row("UnregisterDLL", folder),
-        _ignored("DeleteXVRFolder", 0),
-        _ignored("DeleteDMFTDirectory", 0, transform, [f"CustomActionData: {transform}"]),
-        _ignored("DeletePVSlimINSTALLDIRFolder", 0),
-        _ignored("DeletePVFolder", 0),
-        _ignored("DeleteandRetainValues", 0),
         # Reversed: this is a clean run.
         _ignored("DeleteOptiqCameraGUID", session.INSTALL_FAILURE),
         _ignored("DeleteAnalyticsKey", 0, None, ["UPA Key deleted"]),
@@ -246,8 +243,13 @@ def remove_rows(
                 "QUENBY_CA: DelInstallProxyKey successfully  ",
             ],
         ),
-        _ignored("DeletePVINSTALLDIRFolder", 0),
         _ignored("DeleteQortaKey", 0),
+        _ignored("DeleteXVRFolder", 0),
+        _ignored("DeleteDMFTDirectory", 0, transform, [f"CustomActionData: {transform}"]),
+        _ignored("DeletePVSlimINSTALLDIRFolder", 0),
+        _ignored("DeletePVFolder", 0),
+        _ignored("DeleteandRetainValues", 0),
+        _ignored("DeletePVINSTALLDIRFolder", 0),
         _ignored(
             "DeleteServiceIfBinaryIsInDirectory", 0, service, [f"CustomActionData: {service}"]
         ),

@@ -27,6 +27,7 @@ _INCLUDE = re.compile(r"<\?include (\S+) \?>")
 # Bits of the Type column of the table CustomAction.
 _LIBRARY_IN_BINARY_TABLE = 0x0001
 _COMMAND_IN_FOLDER = 0x0022
+_ERROR_ACTION = 0x0013
 _SOURCE_KIND = 0x003F
 _RESULT_IGNORED = 0x0040
 _EXECUTIONS = {
@@ -121,6 +122,8 @@ def _compile(package: Path, source: Path, definitions: dict[str, str]) -> None:
     _run("wixl", "--arch", "x64", *switches, "-o", str(package), source.name, folder=source.parent)
     _correct_action_types(package, source)
     _add_commands(package, source)
+    _add_refusals(package, source)
+    _add_component_conditions(package, source)
     _add_copies(package, source)
     _add_secure_properties(package, source)
 
@@ -193,6 +196,28 @@ def _add_commands(package: Path, source: Path) -> None:
                 "INSERT INTO CustomAction (Action, Type, Source, Target) "
                 f"VALUES ('{row[0]}', {_action_type(element, _COMMAND_IN_FOLDER)}, "
                 f"'{row[1]}', '{row[2]}')",
+            )
+
+
+def _add_refusals(package: Path, source: Path) -> None:
+    # wixl ends with an error where an action ends the session with a text.
+    for element in _elements(source, "CustomAction"):
+        if "Error" in element.attrib:
+            change(
+                package,
+                "INSERT INTO CustomAction (Action, Type, Target) "
+                f"VALUES ('{element.attrib['Id']}', {_ERROR_ACTION}, '{element.attrib['Error']}')",
+            )
+
+
+def _add_component_conditions(package: Path, source: Path) -> None:
+    # wixl ends with an error where a component has a condition.
+    for component in _elements(source, "Component"):
+        for condition in component.iterfind("wix:Condition", _SOURCE_NAMESPACE):
+            change(
+                package,
+                f"UPDATE Component SET Condition='{condition.text}' "
+                f"WHERE Component='{component.attrib['Id']}'",
             )
 
 

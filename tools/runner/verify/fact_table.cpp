@@ -348,7 +348,7 @@ const std::vector<FactText>& FactTexts() {
          L"PathFileExists does not find a file whose path has 260 characters or more.",
          L"ExistsForShell in runtime/file_status.cpp, for ShutDownDVR and DeleteXVRFolder",
          L"not found",
-         L"PathFileExistsW function",
+         L"assumed",
          L"found",
          L"found"},
         {L"long-path-in-tree",

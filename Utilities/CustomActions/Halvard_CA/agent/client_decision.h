@@ -38,7 +38,8 @@ VersionParts ParseVersion(const std::wstring& text);
 
 /// Whether version a is equal to or later than version b; true when either is the wildcard, else
 /// false when either is invalid. Components count as double-precision numbers: those that
-/// round to the same one are equal, and so are all that are too large for it. Throws nothing.
+/// round to the same one are equal, and so are all that are too large for it (assumed of Windows).
+/// Throws nothing.
 bool IsVersionAtLeast(const VersionParts& a, const VersionParts& b);
 
 /// A value that tells a client's status; no number when it could not be read.

@@ -25,10 +25,11 @@ UINT __stdcall ShutDownPivotConsole(MSIHANDLE session);
 ///
 /// Deferred action, result ignored, without CustomActionData. Inputs: HKLM
 /// "SOFTWARE\Qorta Technologies\Install\Zenvo DVR", REG_SZ "Location" (the installation folder).
-/// Results: 0, 1603. ERROR_SUCCESS also when the folder does not exist and when the command tool
-/// could not be started; ERROR_INSTALL_FAILURE when the folder holds no command tool. One that
-/// cannot be looked at counts as not there, and so does one whose path has 260 characters and more
-/// (documented: "PathFileExistsW function"): the limit of 518 for the command is never met.
+/// Results: 0, 1603. ERROR_SUCCESS also when the folder does not exist, when the command tool could
+/// not be started, and when its command has more than 518 wide characters and is not started;
+/// ERROR_INSTALL_FAILURE when the folder holds no command tool. One that cannot be looked at counts
+/// as not there, and on Windows so does one whose path has 260 characters and more (assumed; the
+/// page "PathFileExistsW function" allows MAX_PATH).
 /// Throws RegKeyError when the key or the value is missing, std::bad_alloc, and
 /// std::filesystem::filesystem_error ("exists") when the folder cannot be looked at.
 UINT __stdcall ShutDownDVR(MSIHANDLE session);
