@@ -455,6 +455,13 @@ def test_what_an_action_has_left_running_goes_on(call, prefix):
     until(lambda: not runner_processes(prefix), LIMIT)
 
 
+def test_what_tests_give_up_waiting_for_is_ended(prefix):
+    wait = f"MILLISECONDS={3 * LIMIT * 1000:.0f}"
+    with pytest.raises(subprocess.TimeoutExpired):
+        ran(prefix, paths.RUNNER, "LogAndWait", wait, *LIBRARY, limit=5)
+    until(lambda: not runner_processes(prefix), 30)
+
+
 def test_the_process_of_the_action_ends_with_the_program(prefix):
     command = [paths.RUNNER, "LogAndWait", f"MILLISECONDS={3 * LIMIT * 1000:.0f}", *LIBRARY]
     with running(prefix, *command) as (process, output, _):

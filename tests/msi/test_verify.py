@@ -136,7 +136,8 @@ def test_what_it_does_not_take_is_refused(asked, word, refused):
     done = run(asked.prefix, paths.RUNNER, word, refused)
     assert (done.code, done.output) == (WRONG_ARGUMENTS, "")
     assert f"{word} takes no {refused}" in done.errors
-    assert json.loads(run(asked.prefix, paths.RUNNER, word, refused, "--json").output)["exit_code"] == done.code
+    scripted = run(asked.prefix, paths.RUNNER, word, refused, "--json")
+    assert json.loads(scripted.output)["exit_code"] == done.code
 
 
 @pytest.mark.parametrize("word", ["--verify", "--verify-installer"])
@@ -169,7 +170,7 @@ def test_the_installer_tells_all_its_facts(installed):
 @pytest.mark.parametrize("fact", INSTALLER_FACTS, ids=lambda fact: fact.name)
 def test_the_installer_does_what_the_table_says(installed, fact, request):
     told = fact_of(installed, fact)
-    if fact.name in DURATIONS and told["here"] != fact.expected():
+    if fact.name in DURATIONS and told["here"] not in (None, fact.expected()):
         # For a moment the machine may have had other work.
         told = fact_of(request.getfixturevalue("installed_once_more"), fact)
     assert told["here"] == fact.expected(), told["why"]

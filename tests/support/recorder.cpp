@@ -6,8 +6,8 @@
 //     HALVARD_RECORD          the file (T:\recorded.txt when it is not set)
 //     HALVARD_RECORD_EXIT     exit code (0)
 //     HALVARD_RECORD_DELAY    milliseconds to wait after recording (0)
-//     HALVARD_RECORD_ONLY     a part of the command lines that are recorded; every other is left to the
-//                             program of this name in the system folder
+//     HALVARD_RECORD_ONLY     a part of the command lines that are recorded; every other is left to
+//                             the program of this name in the system folder
 //     HALVARD_RECORD_OUTPUT   bytes to write to standard output, half of them to standard error (0)
 
 #include <windows.h>
