@@ -154,6 +154,11 @@ def mutants_of(file: str, text: str) -> list[Mutant]:
     return list(found.values())
 
 
+def all_of(sources: Mapping[str, str]) -> list[Mutant]:
+    """All mutants of the sources, by their names."""
+    return [mutant for name, text in sources.items() for mutant in mutants_of(name, text)]
+
+
 def _edits(text: str) -> Iterator[tuple[int, int, str, str]]:
     """From where to where something is replaced, of what kind that is, and the replacement. Each
     lies within one line."""

@@ -15,8 +15,8 @@ ring's further runs in other time zones, and headers are not broken.
 
 FILE is a source of the library, or its name below the library's folder; without one all are broken.
 The results are in build/mutate/result.json. tests/mutants.toml names survivors that are judged
-equivalent. The exit code is 1 when a survivor is not listed there. --compare tells what survives in
-B and did not in A.
+equivalent. The exit code is 1 when a survivor is not listed there, or something listed is killed or is
+no mutant of the sources any more. --compare tells what survives in B and did not in A.
 """
 
 import argparse
@@ -89,8 +89,7 @@ def main(arguments: Sequence[str]) -> int:
     data = {"seed": options.seed, "count": options.count, "files": names}
     data |= {"not_compiled": sorted(map(str, draw.not_compiled)), "mutants": results}
     RESULT.write_text(json.dumps(data, indent=1) + "\n")
-    possible = [mutant for name in sources for mutant in mutants.mutants_of(name, sources[name])]
-    return tell(results, len(draw.not_compiled), listed, possible)
+    return tell(results, len(draw.not_compiled), listed, mutants.all_of(sources))
 
 
 def compare(before: Path, after: Path) -> int:
@@ -130,7 +129,7 @@ def tell(
     killed = len(results) - len(survived)
     counts = f"{killed} killed, {len(survived)} survived, {not_compiled} did not compile"
     print(f"{len(results)} mutants: {counts}")
-    return 1 if unlisted else 0
+    return 1 if unlisted or stale else 0
 
 
 class Draw:

@@ -114,7 +114,6 @@ MSI_TESTS_WITH_OWN_PREFIX = (
     "test_removal_race.py",
     "test_scenarios.py",
     "test_verify.py",
-    "test_worked_example.py",
 )
 OWN_PREFIX, SHARED_PREFIX = "-own-prefix", "-shared-prefix"
 PARTS_THAT_TELL = ("", OWN_PREFIX, SHARED_PREFIX)

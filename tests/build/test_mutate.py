@@ -206,6 +206,8 @@ def entry(mutant: mutants.Mutant, **other: object) -> dict:
 
 ONE, TWO, THREE = mutants_of("a.cpp", "int x = 1;\nint y = 2;\nint z = 3;\n")
 ALL = (ONE, TWO, THREE)
+EQUIVALENT = [entry(ONE), entry(TWO)]
+GONE = entry(ONE, before="int old = 1;", after="int old = 2;")
 
 
 def test_survivors_have_to_be_listed():
@@ -217,8 +219,7 @@ def test_survivors_have_to_be_listed():
 
 
 def test_what_is_listed_and_killed_or_gone_is_stale():
-    gone = entry(ONE, before="int old = 1;", after="int old = 2;")
-    unlisted, stale = judge([result(THREE, KILLED)], [entry(THREE), gone], ALL)
+    unlisted, stale = judge([result(THREE, KILLED)], [entry(THREE), GONE], ALL)
     assert unlisted == []
     assert stale == [
         "listed, but killed: a.cpp constant: int z = 3;",
@@ -227,9 +228,18 @@ def test_what_is_listed_and_killed_or_gone_is_stale():
 
 
 @pytest.mark.parametrize(
-    "listed, code", [([], 1), ([entry(ONE)], 1), ([entry(ONE), entry(TWO)], 0)]
+    "listed, code",
+    [
+        ([], 1),
+        ([entry(ONE)], 1),
+        (EQUIVALENT, 0),
+        ([*EQUIVALENT, entry(THREE)], 1),
+        ([*EQUIVALENT, GONE], 1),
+    ],
 )
-def test_the_exit_code_tells_a_survivor_that_is_not_listed(listed, code, capsys):
+def test_the_exit_code_tells_a_survivor_that_is_not_listed_and_a_list_that_is_wrong(
+    listed, code, capsys
+):
     results = [result(ONE, SURVIVED), result(TWO, NOT_REACHED), result(THREE, KILLED)]
     assert mutate.tell(results, 4, listed, ALL) == code
     lines = capsys.readouterr().out.splitlines()
@@ -251,9 +261,11 @@ def test_a_listed_mutant_needs_a_reason(tmp_path):
     assert mutants.read_listed(file) == []
 
 
-def test_the_list_can_be_read_and_names_each_mutant_once():
+def test_the_list_names_each_mutant_once_and_only_those_of_the_sources():
     identities = list(map(mutants.identity_of, mutants.read_listed(mutate.LISTED)))
     assert len(set(identities)) == len(identities) > 0
+    possible = {each.identity for each in mutants.all_of(mutate.library_sources())}
+    assert [each for each in identities if each not in possible] == []
 
 
 def test_two_results_are_compared():

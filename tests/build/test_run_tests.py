@@ -1,5 +1,6 @@
 """The test runner counts every way in which a test program can end, and misses no test."""
 
+import ast
 import os
 import re
 import signal
@@ -129,6 +130,32 @@ def test_only_what_another_test_starts_is_switched_off():
     assert switched_off == STARTED_BY_TESTS
 
 
+# Of the conftest of ring msi: the prefix that tests share, and what works in it.
+SHARED_FIXTURES = {"prefix", "watching", "clean_snapshot", "clean_machine"}
+
+
+def fixtures_used(source: str) -> set[str]:
+    """What the tests and fixtures of a source ask for and the source itself does not make."""
+    functions = [each for each in ast.parse(source).body if isinstance(each, ast.FunctionDef)]
+    asking = [
+        each
+        for each in functions
+        if each.name.startswith("test_") or "fixture" in "".join(map(ast.unparse, each.decorator_list))
+    ]
+    used = {argument.arg for each in asking for argument in each.args.args}
+    return used - {each.name for each in asking}
+
+
+@pytest.mark.parametrize("name", run_tests.MSI_TESTS_WITH_OWN_PREFIX)
+def test_what_runs_beside_the_tests_of_the_shared_prefix_does_not_use_it(name):
+    used = fixtures_used((ROOT / "tests/msi" / name).read_text())
+    assert used & SHARED_FIXTURES == set()
+
+
+def test_the_shared_prefix_is_seen_where_it_is_used():
+    assert "clean_machine" in fixtures_used((ROOT / "tests/msi/test_agent.py").read_text())
+
+
 REPORT = (
     '<testsuites><testsuite><testcase classname="a" name="one"/>'
     '<testcase classname="a" name="two[x]">{}</testcase></testsuite></testsuites>'
@@ -215,13 +242,14 @@ def in_shell(script: str, run: Callable[..., str], folder: Path, **limits: float
     return ended, log.read_text()
 
 
+# Where a script has to say something in time, a busy machine has 5 seconds for it.
 @pytest.mark.parametrize(
     "script, limit, silence, ended",
     [
         ("echo a; exit 3", 30, 30, ("exit code 3", "a\n")),
-        ("for each in 1 2 3 4 5 6; do printf a; sleep 0.5; done", 30, 2.5, ("exit code 0", "aaaaaa")),
-        ("printf a; exec sleep 60", 30, 1, ("silent for 1 s", "a")),
-        ("while :; do printf a; sleep 0.1; done", 1, 30, ("no end within 1 s", None)),
+        ("for each in $(seq 12); do printf a; sleep 0.5; done", 60, 5, ("exit code 0", 12 * "a")),
+        ("printf a; exec sleep 60", 30, 5, ("silent for 5 s", "a")),
+        ("while :; do printf a; sleep 0.1; done", 5, 30, ("no end within 5 s", None)),
     ],
 )
 def test_a_program_may_be_silent_for_a_while(script, limit, silence, ended, tmp_path):
@@ -233,20 +261,20 @@ SILENT_AT_FIRST = "if [ -e begun ]; then echo a; else touch begun; exec sleep 60
 
 
 @pytest.mark.parametrize(
-    "script, ended, repeated",
+    "script, silence, ended, repeated",
     [
-        (SILENT_AT_FIRST, ("exit code 0", "a\n"), 1),
-        ("exec sleep 60", ("silent for 1 s", ""), 1),
-        ("exit 5", ("exit code 5", ""), 0),
-        ("printf a; exec sleep 60", ("silent for 1 s", "a"), 0),
+        (SILENT_AT_FIRST, 5, ("exit code 0", "a\n"), 1),
+        ("exec sleep 60", 1, ("silent for 1 s", ""), 1),
+        ("exit 5", 30, ("exit code 5", ""), 0),
+        ("printf a; exec sleep 60", 5, ("silent for 5 s", "a"), 0),
     ],
 )
 @pytest.mark.filterwarnings("ignore:once more")
 def test_only_a_program_that_hung_before_its_first_word_is_started_again(
-    script, ended, repeated, tmp_path
+    script, silence, ended, repeated, tmp_path
 ):
     with repeats.counted(tmp_path / "repeated.txt") as count:
-        assert in_shell(script, run_aloud, tmp_path, silence=1) == ended
+        assert in_shell(script, run_aloud, tmp_path, silence=silence) == ended
         assert count() == repeated
 
 

@@ -5,6 +5,7 @@ import sys
 from collections import Counter
 from dataclasses import replace
 from pathlib import Path
+from typing import IO
 
 import pytest
 
@@ -245,7 +246,7 @@ class Played:
     def host_path(self, _folder: str) -> Path:
         return self.path / "own"
 
-    def start(self, *_words: str, **streams) -> "subprocess.Popen[bytes]":
+    def start(self, *_words: str, **streams: int | IO[bytes]) -> "subprocess.Popen[bytes]":
         lines = "".join(f"{line}\n" for line in self.outputs.pop(0))
         return subprocess.Popen(["printf", "%s", lines], **streams)
 

@@ -1,25 +1,25 @@
 """halvard_run --check: the sample packages, and packages that differ from them by one mistake."""
 
 import json
+import re
+import shutil
 import subprocess
 import sys
-from pathlib import Path
 from typing import Iterator
 
 import pytest
 
 import generate
+from checking import LIMIT, NOT_ALL_SCHEDULED, NOT_CHECKED, NOT_SIGNED, NOTHING, found
+from documents import write_example
 from installer import package, paths
 from installer.prefix import Prefix
 
-NOTHING, WARNINGS, ERRORS, NOT_CHECKED = 0, 1, 2, 4
-LIMIT = 60.0
-
-# What the sample packages mean to show. Built here, the library is not signed; and the second product
-# includes all declarations for the few actions that it needs.
+DOCUMENT = paths.ROOT / "docs/check.md"
+# What the sample packages mean to show.
 SHOWN = {
-    package.COMPANION: {(703, "Halvard_CA")},
-    package.SECOND_CLIENT: {(107, None), (703, "Halvard_CA")},
+    package.COMPANION: {NOT_SIGNED},
+    package.SECOND_CLIENT: {NOT_ALL_SCHEDULED, NOT_SIGNED},
 }
 
 
@@ -27,20 +27,6 @@ SHOWN = {
 def prefix() -> Iterator[Prefix]:
     with Prefix("prefix-msi-check") as running:
         yield running
-
-
-def checked(prefix: Prefix, path: str, *options: str) -> tuple[int, dict]:
-    done = prefix.run(paths.RUNNER, "--check", path, "--json", *options, limit=LIMIT)
-    return done.returncode, json.loads(done.stdout)
-
-
-def found(prefix: Prefix, file: Path, *options: str) -> set[tuple[int, str | None]]:
-    """The numbers and rows of the findings in a package."""
-    code, told = checked(prefix, paths.windows_path(file), *options)
-    assert told["exit_code"] == code
-    worst = ERRORS if told["errors"] else WARNINGS if told["warnings"] else NOTHING
-    assert code == worst
-    return {(each["number"], each["row"]) for each in told["findings"]}
 
 
 @pytest.mark.parametrize("source", SHOWN, ids=lambda source: source.stem)
@@ -109,6 +95,19 @@ def test_findings_are_told_to_a_reader(prefix):
     assert done.returncode == NOTHING
     assert "hint    703  Binary, Halvard_CA\n            A library without a signature.\n" in done.stdout
     assert done.stdout.endswith("Companion.msi: 0 errors, 0 warnings, 1 hint\n")
+
+
+def test_the_document_shows_what_is_printed(prefix, tmp_path):
+    ((command, name, shown),) = re.findall(
+        r"^```console\n> halvard_run (--check (\S+) .*)\n((?:.*\n)*?)```$",
+        DOCUMENT.read_text(),
+        re.MULTILINE,
+    )
+    source = write_example(tmp_path, "Check-example.wxs")
+    shutil.copy(package.build(source), prefix.host_path(rf"C:\{name}"))
+    done = prefix.run(paths.RUNNER, *command.replace(name, rf"C:\{name}").split(), limit=LIMIT)
+    printed = "".join(f"{line.rstrip()}\n" for line in done.stdout.splitlines())
+    assert printed.replace("C:\\", "") == shown
 
 
 def test_rules_are_left_out_by_their_numbers(prefix):

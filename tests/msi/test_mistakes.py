@@ -88,11 +88,14 @@ def findings() -> Iterator[set[tuple[int, str]]]:
     yield {(number, keys.get(row, row)) for number, row in rows}
 
 
-@pytest.mark.parametrize("mistake", MISTAKES, ids=lambda mistake: f"{mistake.number}")
+@pytest.mark.parametrize(
+    "mistake", [each for each in MISTAKES if each.found], ids=lambda mistake: f"{mistake.number}"
+)
 def test_a_mistake_is_found_by_its_rules(findings, mistake):
     assert set(mistake.found) <= findings
 
 
 def test_most_mistakes_are_found_and_nothing_else(findings):
-    assert sum(bool(mistake.found) for mistake in MISTAKES) >= LEAST_FOUND
+    met = [mistake.number for mistake in MISTAKES if findings.intersection(mistake.found)]
+    assert len(met) >= LEAST_FOUND and len(MISTAKES) == 20, met
     assert findings - SHOWN == {each for mistake in MISTAKES for each in mistake.found}

@@ -11,6 +11,7 @@ import json
 import os
 import random
 import shutil
+import sys
 import threading
 import time
 from contextlib import suppress
@@ -22,6 +23,7 @@ import pytest
 
 from installer import paths, repeats
 from installer.prefix import Prefix
+from programs import Done, ran
 
 FOLDERS = 4
 SUBFOLDERS = 10
@@ -66,6 +68,7 @@ class Grounds:
     added: int = 0
     remaining: int = 0
     unanswered: bool = False
+    peace: threading.Lock = field(default_factory=threading.Lock, repr=False)
 
     def __post_init__(self) -> None:
         self.tree = self.root / "tree"
@@ -85,15 +88,17 @@ class Grounds:
         }
 
     def plant(self) -> None:
-        for remains in (self.tree, self.link):
-            _remove(remains)
-        for folder in _folders_in(self.middle):
-            for subfolder in _subfolders_in(folder):
-                _fill(subfolder, "file")
-        self.link.symlink_to(self.victim)
-        self.remaining = self._entries_left()
+        """Makes the tree and the link anew; no attack is carried out meanwhile."""
+        with self.peace:
+            for remains in (self.tree, self.link):
+                _remove(remains)
+            for folder in _folders_in(self.middle):
+                for subfolder in _subfolders_in(folder):
+                    _fill(subfolder, "file")
+            self.link.symlink_to(self.victim)
+            self.remaining = self.entries_left()
 
-    def _entries_left(self) -> int:
+    def entries_left(self) -> int:
         """How many entries there are in the tree, wherever a part of it has been moved."""
         return sum(
             len(folders) + len(files)
@@ -121,7 +126,7 @@ class Grounds:
         self.count()
 
     def count(self) -> None:
-        left = self._entries_left()
+        left = self.entries_left()
         self.swaps_met += left != self.remaining
         self.remaining = left
 
@@ -223,7 +228,8 @@ class Attacker:
     def _run(self) -> None:
         try:
             while not self._over.is_set():
-                self.attack(self.grounds)
+                with self.grounds.peace:
+                    self.attack(self.grounds)
                 # Leaves the removal some of the machine.
                 time.sleep(0.0002)
         except BaseException as failure:
@@ -241,24 +247,23 @@ def grounds(prefix: Prefix) -> Iterator[Grounds]:
     shutil.rmtree(root)
 
 
+def call_runner(prefix: Prefix, grounds: Grounds) -> Done:
+    data = rf"CustomActionData=InstallDir=t:\{grounds.root.name}\tree"
+    return ran(prefix, paths.RUNNER, "DeleteDMFTDirectory", data, "--json", limit=LIMIT)
+
+
 def remove(prefix: Prefix, grounds: Grounds) -> dict:
-    """Lets the action remove the tree and tells its result or exception, which has to be its own;
-    nothing for the one call of a test that may go without an answer."""
-    ended = prefix.run(
-        paths.RUNNER,
-        "DeleteDMFTDirectory",
-        rf"CustomActionData=InstallDir=t:\{grounds.root.name}\tree",
-        "--json",
-        limit=LIMIT,
-    )
-    if not ended.stdout and not grounds.unanswered:
-        # Of the runner itself, which answers for whatever becomes of the library; the victims are
-        # looked at all the same.
+    """Lets the action remove the tree and tells its result or exception, which has to be its own. Once
+    in a test a removal may go without a word: then another one tells, of a fresh tree."""
+    ended = call_runner(prefix, grounds)
+    if not (ended.output or ended.errors or grounds.unanswered):
+        # The runner answers for whatever becomes of the library, so the engine has lost it.
         grounds.unanswered = True
-        repeats.tell(f"the runner ended without a word, exit code {ended.returncode}")
-        return {}
-    assert ended.stdout, f"no answer, exit code {ended.returncode}"
-    called = json.loads(ended.stdout)
+        repeats.tell(f"the runner ended without a word, exit code {ended.code}")
+        grounds.plant()
+        ended = call_runner(prefix, grounds)
+    assert ended.output, f"no answer, exit code {ended.code}, errors: {ended.errors}"
+    called = json.loads(ended.output)
     assert called["result"] == 0 or "remove_all" in called["exception"]["text"], called
     return called
 
@@ -289,6 +294,44 @@ def test_without_an_attack_the_tree_goes(prefix, grounds):
     grounds.plant()
     assert remove(prefix, grounds)["result"] == 0
     assert not grounds.tree.exists()
+
+
+SILENT = Done(3, "", "")
+CRASHED = Done(3, "", "wine: Unhandled page fault")
+
+
+@pytest.mark.parametrize(
+    "first, failure, repeated",
+    [
+        ([SILENT], None, 1),
+        ([SILENT, SILENT], "no answer, exit code 3", 1),
+        ([CRASHED], "no answer, exit code 3, errors: wine: Unhandled page fault", 0),
+    ],
+)
+@pytest.mark.filterwarnings("ignore:once more")
+def test_only_one_removal_without_a_word_is_carried_out_once_more(
+    prefix, grounds, first, failure, repeated, monkeypatch, tmp_path
+):
+    answers = iter(first)
+    met = []
+    really = call_runner
+
+    def call(*asked: object) -> Done:
+        met.append(grounds.entries_left())
+        return next(answers, None) or really(*asked)
+
+    monkeypatch.setattr(sys.modules[__name__], "call_runner", call)
+    grounds.plant()
+    whole = grounds.remaining
+    shutil.rmtree(grounds.middle)
+    with repeats.counted(tmp_path / "repeated.txt") as count:
+        if failure:
+            with pytest.raises(AssertionError, match=failure):
+                remove(prefix, grounds)
+        else:
+            assert remove(prefix, grounds)["result"] == 0 and not grounds.tree.exists()
+        assert count() == repeated
+    assert met == [0, *[whole] * repeated] and whole > 0
 
 
 def expect_no_victim(

@@ -6,9 +6,6 @@ import re
 import signal
 import subprocess
 import sys
-import tempfile
-from contextlib import contextmanager
-from dataclasses import dataclass
 from pathlib import Path
 from typing import Iterator
 
@@ -18,6 +15,7 @@ import generate
 from installer import actions, companion, engines, paths
 from installer.prefix import Prefix
 from processes import processes_of
+from programs import Done, ran, running
 from waiting import until
 
 LIBRARY = ("--dll", paths.windows_path(paths.FAULT_ACTIONS))
@@ -29,12 +27,7 @@ DURATION = re.compile(r"^duration    \d+\.\d ms\n\Z", re.MULTILINE)
 PIVOT_KEY = r"HKLM\SOFTWARE\Qorta Technologies\Install\Pivot"
 
 
-@dataclass
-class Run:
-    code: int
-    output: str
-    errors: str
-
+class Run(Done):
     @property
     def json(self) -> dict:
         assert self.errors == ""
@@ -51,28 +44,9 @@ def prefix() -> Iterator[Prefix]:
 @pytest.fixture
 def call(prefix):
     def call(*arguments: str, program: str | Path = paths.RUNNER) -> Run:
-        with running(prefix, program, *arguments) as (process, output, errors):
-            code = process.wait(LIMIT)
-            return Run(code, output.read_text(), errors.read_text())
+        return Run(**vars(ran(prefix, program, *arguments, limit=LIMIT)))
 
     return call
-
-
-@contextmanager
-def running(
-    prefix: Prefix, *command: str | Path
-) -> Iterator[tuple[subprocess.Popen[bytes], Path, Path]]:
-    """A program and the files of its output and errors."""
-    # No pipes: what the engine starts beside a program would hold them open.
-    with tempfile.TemporaryDirectory() as folder:
-        files = [Path(folder) / name for name in ("output", "errors")]
-        with files[0].open("wb") as output, files[1].open("wb") as errors:
-            process = prefix.start(*command, stdout=output, stderr=errors)
-        try:
-            yield process, *files
-        finally:
-            process.kill()
-            process.wait()
 
 
 def named_by_runner(file: Path) -> str:
@@ -447,20 +421,26 @@ def runner_processes(prefix: Prefix) -> list[str]:
     return [line for line in processes_of(prefix.path) if paths.RUNNER.name in line]
 
 
-@pytest.mark.parametrize("form", [["--limit", "5"], ["--limit=5"]])
-def test_an_action_that_does_not_end_is_ended_with_all_that_it_has_started(call, prefix, form):
+def test_an_action_that_does_not_end_is_ended_with_all_that_it_has_started(prefix):
     wait = f"MILLISECONDS={3 * LIMIT * 1000:.0f}"
-    command = [paths.RUNNER, "StartOthersAndWait", wait, *form, "--json", *LIBRARY]
+    limit = 30
+    command = [paths.RUNNER, "StartOthersAndWait", wait, "--limit", str(limit), "--json", *LIBRARY]
     with running(prefix, *command) as (process, output, _):
         # The program, the process of its action, and the same of the program that this has started.
-        until(lambda: len(runner_processes(prefix)) == 4, LIMIT)
+        until(lambda: len(runner_processes(prefix)) == 4, limit)
         assert process.wait(LIMIT) == OVER_THE_LIMIT
         told = json.loads(output.read_text())
     assert (told["result"], told["exit_code"]) == (None, OVER_THE_LIMIT)
     assert told["exception"]["kind"] == "over the limit"
-    assert "did not end within 5 s" in told["exception"]["text"]
-    assert 5000 <= told["milliseconds"] < LIMIT * 1000
+    assert f"did not end within {limit} s" in told["exception"]["text"]
+    assert 1000 * limit <= told["milliseconds"] < 1000 * (limit + LIMIT)
     until(lambda: not runner_processes(prefix), LIMIT)
+
+
+def test_a_limit_may_stand_behind_an_equals_sign(call):
+    done = call("LogAndWait", f"MILLISECONDS={3 * LIMIT * 1000:.0f}", "--limit=1", *LIBRARY)
+    assert done.code == OVER_THE_LIMIT
+    assert "did not end within 1 s" in done.output
 
 
 def test_what_an_action_has_left_running_goes_on(call, prefix):
@@ -473,6 +453,13 @@ def test_what_an_action_has_left_running_goes_on(call, prefix):
     until(lambda: len(runner_processes(prefix)) == 2, LIMIT)
     prefix.run("taskkill.exe", "/f", "/im", paths.RUNNER.name)
     until(lambda: not runner_processes(prefix), LIMIT)
+
+
+def test_what_tests_give_up_waiting_for_is_ended(prefix):
+    wait = f"MILLISECONDS={3 * LIMIT * 1000:.0f}"
+    with pytest.raises(subprocess.TimeoutExpired):
+        ran(prefix, paths.RUNNER, "LogAndWait", wait, *LIBRARY, limit=5)
+    until(lambda: not runner_processes(prefix), 30)
 
 
 def test_the_process_of_the_action_ends_with_the_program(prefix):

@@ -3,8 +3,6 @@
 import json
 import re
 import shutil
-from dataclasses import dataclass
-from tempfile import TemporaryFile
 from typing import Any, Iterator
 
 import pytest
@@ -12,6 +10,7 @@ import pytest
 from installer import machine, paths
 from installer.machine import Kind
 from installer.prefix import Prefix
+from programs import Done, ran
 from waiting import until
 
 FAULTS = ("--dll", paths.windows_path(paths.FAULT_ACTIONS))
@@ -24,11 +23,7 @@ WRONG_ARGUMENTS = 2
 LIMIT = 60
 
 
-@dataclass
-class Run:
-    code: int
-    output: str
-
+class Run(Done):
     @property
     def json(self) -> dict[str, Any]:
         return json.loads(self.output)
@@ -57,13 +52,7 @@ class Machine:
         self.prefix = prefix
 
     def call(self, *arguments: str) -> Run:
-        # What the engine's own programs say on standard error is no part of the answer, but a refusal.
-        with TemporaryFile() as output, TemporaryFile() as errors:
-            process = self.prefix.start(paths.RUNNER, *arguments, stdout=output, stderr=errors)
-            code = process.wait(LIMIT)
-            output.seek(0)
-            errors.seek(0)
-            return Run(code, (output.read() or errors.read()).decode())
+        return Run(**vars(ran(self.prefix, paths.RUNNER, *arguments, limit=LIMIT)))
 
     def trace(self, *arguments: str) -> Run:
         return self.call(*arguments, "--trace", "--json")
@@ -194,7 +183,7 @@ def test_lost_lines_are_told_as_lost(made):
 
 
 def test_an_action_that_crashes_or_hangs_shows_what_came_before(made):
-    waits = ["LogAndWait", "MILLISECONDS=60000", "--limit", "3", *FAULTS]
+    waits = ["LogAndWait", "MILLISECONDS=60000", "--limit", "15", *FAULTS]
     ends = ["EndOwnProcess", "CODE=7", *FAULTS]
     for words, code in ((waits, 8), (ends, 7)):
         done = made.trace(*words)
@@ -258,9 +247,20 @@ def make_all(made: Machine) -> None:
     made.reg("add", r"HKLM\SOFTWARE\Qorta\Below", "/f")
 
 
+def names_of(snapshot: machine.Snapshot) -> set[str]:
+    return {name.lower() for _, name in snapshot}
+
+
 def removed_names(before: machine.Snapshot, after: machine.Snapshot) -> set[str]:
     changes = machine.difference(before, after).changes
     return {change.name.lower() for change in changes if change.kind is Kind.REMOVED}
+
+
+def goes_with(name: str, named: str) -> bool:
+    """Whether something is what is named or, for a key, of the values and keys that it has."""
+    if name == named:
+        return True
+    return named.startswith("hklm\\") and name.startswith((f"{named} : ", f"{named}\\"))
 
 
 @pytest.mark.parametrize("action", DRY_RUNS)
@@ -276,21 +276,17 @@ def test_a_dry_run_changes_nothing_and_names_what_then_goes(made, action):
     # Some answer with the number of a key.
     answers = [(done.code, done.json["exception"]) for done in (dry, real)]
     assert answers[0] == answers[1]
-    went = removed_names(before, machine.snapshot(made.prefix))
-    named = {name.lower() for name in dry.json["dry_run"]["would_go"]}
-    keys = {name.replace("hkey_local_machine", "hklm") for name in named}
-    # With a key go its values and what is below it.
-    assert {name for name in went if not belongs_to(name, keys)} == set()
-    assert went and {name for name in keys if name not in went and name.startswith("t:")} == set()
+    after = machine.snapshot(made.prefix)
+    would_go = [name.lower() for name in dry.json["dry_run"]["would_go"]]
+    named = [name.replace("hkey_local_machine", "hklm") for name in would_go]
+    went = removed_names(before, after)
+    assert went and [name for name in went if not any(goes_with(name, each) for each in named)] == []
+    # The engine stores a key that has keys alone with these.
+    there, left = names_of(before), names_of(after)
+    for each in named:
+        assert any(goes_with(name, each) for name in there), each
+        assert not any(goes_with(name, each) for name in left), each
     assert dry.json["dry_run"]["ends_early"] is False
-
-
-def belongs_to(name: str, keys: set[str]) -> bool:
-    plain = name.replace(r"software\wow6432node", "software\\wow6432node")
-    return any(
-        plain == key or plain.startswith(f"{key} : ") or plain.startswith(key + "\\")
-        for key in keys
-    )
 
 
 def test_a_dry_run_leaves_an_empty_folder_too(made):
@@ -325,4 +321,4 @@ def test_a_dry_run_says_what_would_refuse(made):
 def test_an_action_that_does_more_than_remove_has_no_dry_run(made):
     done = made.call("CreateLogonSchTask", "--dry-run")
     assert done.code == WRONG_ARGUMENTS
-    assert done.output.startswith("halvard_run: CreateLogonSchTask has no dry run: ")
+    assert done.errors.startswith("halvard_run: CreateLogonSchTask has no dry run: ")

@@ -5,12 +5,11 @@ import os
 import re
 import shutil
 import signal
-import tempfile
-import time
 from contextlib import contextmanager, suppress
 from dataclasses import dataclass, field
+from functools import partial
 from pathlib import Path
-from typing import Callable, Iterator
+from typing import Iterator
 
 import pytest
 
@@ -19,46 +18,16 @@ from installer.machine import Snapshot
 from installer.prefix import Prefix
 from installer.verified import Fact
 from processes import running_in
+from programs import ran
 
 ALL = verified.facts()
 FACTS = [fact for fact in ALL if fact.subject != verified.INSTALLER]
 INSTALLER_FACTS = [fact for fact in ALL if fact.subject == verified.INSTALLER]
+DURATIONS = ("call-duration", "library-duration")
 # Seconds, on a machine that is busy with other tests.
 LIMIT = 400.0
 SOME_DIFFER, WRONG_ARGUMENTS, SOMETHING_IS_LEFT, NOT_CARRIED_OUT = 1, 2, 20, 21
-
-
-@dataclass
-class Run:
-    """A run of the program: the two streams apart, for a crash of the engine's is told by one."""
-
-    code: int
-    output: str
-    errors: str
-
-
-def run(
-    prefix: Prefix,
-    *arguments: str,
-    answer: bytes = b"",
-    program: str | Path = paths.RUNNER,
-    meanwhile: Callable[[], object] | None = None,
-) -> Run:
-    """Runs the program to its end; `meanwhile` is called again and again until then."""
-    with tempfile.TemporaryDirectory() as folder:
-        typed, output, errors = (Path(folder) / name for name in ("typed", "output", "errors"))
-        typed.write_bytes(answer)
-        with typed.open("rb") as stdin, output.open("wb") as stdout, errors.open("wb") as stderr:
-            process = prefix.start(program, *arguments, stdin=stdin, stdout=stdout, stderr=stderr)
-            try:
-                end = time.monotonic() + LIMIT
-                while meanwhile and process.poll() is None and time.monotonic() < end:
-                    meanwhile()
-                code = process.wait(LIMIT)
-            finally:
-                process.kill()
-                process.wait()
-        return Run(code, output.read_text(), errors.read_text(errors="replace"))
+run = partial(ran, limit=LIMIT)
 
 
 @dataclass
@@ -105,7 +74,7 @@ def asking(name: str, *arguments: str, program: str | Path = paths.RUNNER) -> It
         # What the first program of this kind leaves in a fresh prefix is no work of this one.
         prefix.run("schtasks.exe", "/query")
         before = machine.snapshot(prefix)
-        done = run(prefix, *arguments, "--json", program=program)
+        done = run(prefix, program, *arguments, "--json")
         yield Asked(prefix, done.code, done.output, before, machine.snapshot(prefix))
 
 
@@ -119,6 +88,12 @@ def asked() -> Iterator[Asked]:
 def installed() -> Iterator[Asked]:
     arguments = ("--verify-installer", "--yes")
     with asking("prefix-msi-verify-installer", *arguments, program=COPIED_RUNNER) as answered:
+        yield answered
+
+
+@pytest.fixture(scope="module")
+def installed_once_more() -> Iterator[Asked]:
+    with asking("prefix-msi-verify-again", "--verify-installer", "--yes") as answered:
         yield answered
 
 
@@ -162,7 +137,7 @@ def test_nothing_is_left(asked):
 
 
 def test_the_table_is_for_readers(asked):
-    done = run(asked.prefix, "--verify")
+    done = run(asked.prefix, paths.RUNNER, "--verify")
     assert (done.code, done.errors) == (SOME_DIFFER, "")
     for fact in FACTS:
         assert f"\n{fact.name} " in done.output
@@ -183,29 +158,29 @@ def test_the_table_is_for_readers(asked):
     ],
 )
 def test_what_it_does_not_take_is_refused(asked, word, refused):
-    done = run(asked.prefix, word, refused)
+    done = run(asked.prefix, paths.RUNNER, word, refused)
     assert (done.code, done.output) == (WRONG_ARGUMENTS, "")
     assert f"{word} takes no {refused}" in done.errors
-    assert json.loads(run(asked.prefix, word, refused, "--json").output)["exit_code"] == done.code
+    scripted = run(asked.prefix, paths.RUNNER, word, refused, "--json")
+    assert json.loads(scripted.output)["exit_code"] == done.code
 
 
 @pytest.mark.parametrize("word", ["--verify", "--verify-installer"])
 def test_it_has_a_help_of_its_own(asked, word):
-    done = run(asked.prefix, word, "--help")
+    done = run(asked.prefix, paths.RUNNER, word, "--help")
     assert (done.code, done.errors) == (0, "")
     assert "halvard_run --verify-installer [--yes]" in done.output
-    scripted = run(asked.prefix, word, "--help", "--json")
+    scripted = run(asked.prefix, paths.RUNNER, word, "--help", "--json")
     assert json.loads(scripted.output) == {"help": done.output, "exit_code": 0}
 
 
 @pytest.mark.parametrize("answer", [b"no\r\n", b"\r\n", b""])
 def test_nothing_is_installed_without_a_yes(asked, answer):
     before = machine.snapshot(asked.prefix)
-    done = run(asked.prefix, "--verify-installer", answer=answer, program=COPIED_RUNNER)
+    done = run(asked.prefix, COPIED_RUNNER, "--verify-installer", answer=answer)
     assert (done.code, done.output) == (NOT_CARRIED_OUT, "")
     assert "Type yes: " in done.errors and "nothing was installed" in done.errors
-    arguments = ("--verify-installer", "--json")
-    scripted = run(asked.prefix, *arguments, answer=answer, program=COPIED_RUNNER)
+    scripted = run(asked.prefix, COPIED_RUNNER, "--verify-installer", "--json", answer=answer)
     told = {"error": "nothing was installed", "exit_code": NOT_CARRIED_OUT}
     assert (scripted.code, json.loads(scripted.output)) == (NOT_CARRIED_OUT, told)
     assert machine.difference(before, machine.snapshot(asked.prefix)).changes == []
@@ -218,8 +193,11 @@ def test_the_installer_tells_all_its_facts(installed):
 
 
 @pytest.mark.parametrize("fact", INSTALLER_FACTS, ids=lambda fact: fact.name)
-def test_the_installer_does_what_the_table_says(installed, fact):
+def test_the_installer_does_what_the_table_says(installed, fact, request):
     told = fact_of(installed, fact)
+    if fact.name in DURATIONS and told["here"] not in (None, fact.expected()):
+        # For a moment the machine may have had other work.
+        told = fact_of(request.getfixturevalue("installed_once_more"), fact)
     assert told["here"] == fact.expected(), told["why"]
 
 
@@ -235,21 +213,42 @@ def test_nothing_of_the_installations_is_left(installed):
     check_nothing_is_left(installed)
 
 
+ENDED_FACT = "change-of-user-task"
+# For what takes the place of schtasks beside the program: tasks are made and deleted as ever, and it
+# waits where one is to be changed.
+WAITING = {"HALVARD_RECORD_ONLY": "/change", "HALVARD_RECORD_DELAY": "60000"}
+
+
 @dataclass
 class Disturbance:
-    """Ends what works on one of the facts, and takes the program away before the last ones."""
+    """Ends what works on one of the facts while that has a task, and takes the program away before the
+    last ones."""
 
     prefix: Prefix
     program: Path
     session_files: set[str] = field(default_factory=set)
+    tasks_met: list[Path] = field(default_factory=list)
+    waits_ended: int = 0
+
+    def __post_init__(self) -> None:
+        shutil.copy(paths.STAND_INS["Recorder"], self.program.with_name("schtasks.exe"))
 
     def __call__(self) -> None:
-        if self.tasks():
-            self._end(" fact change-of-user-task ")
+        for line in self._waits()[self.waits_ended :]:
+            if f"\\{ENDED_FACT}\t" in line:
+                self.tasks_met = self.tasks()
+                self._end(f" fact {ENDED_FACT} ")
+            # It works in the folder of its fact, and would keep that from being removed.
+            self._end("schtasks /change ")
+            self.waits_ended += 1
         for folder in self.prefix.temporary_folders():
             self.session_files |= {file.name for file in folder.glob("hrn*")}
-            if any(folder.glob("halvard_verify_*/line-of-2000.result")):
+            if any(folder.glob("halvard_verify_*/line-of-519.result")):
                 self.program.unlink(missing_ok=True)
+
+    def _waits(self) -> list[str]:
+        record = self.prefix.host_path(r"T:\recorded.txt")
+        return record.read_text().splitlines() if record.exists() else []
 
     def tasks(self) -> list[Path]:
         return list(self.prefix.host_path(r"C:\windows\system32\tasks").glob("halvard_verify_*"))
@@ -274,9 +273,9 @@ class Disturbed:
 
 @pytest.fixture(scope="module")
 def disturbed() -> Iterator[Disturbed]:
-    with Prefix("prefix-msi-verify-disturbed") as prefix:
+    with Prefix("prefix-msi-verify-disturbed", environment=WAITING) as prefix:
         disturbance = Disturbance(prefix, copied_runner(prefix))
-        done = run(prefix, "--verify", "--json", program=COPIED_RUNNER, meanwhile=disturbance)
+        done = run(prefix, COPIED_RUNNER, "--verify", "--json", meanwhile=disturbance)
         yield Disturbed(disturbance, done.code, json.loads(done.output))
 
 
@@ -288,7 +287,8 @@ def test_a_fact_that_cannot_be_asked_keeps_no_other_from_being_told(disturbed):
 
 
 def test_the_task_of_a_fact_that_was_ended_is_removed(disturbed):
-    assert disturbed.fact("change-of-user-task")["here"] == "ends its process"
+    assert disturbed.fact(ENDED_FACT)["here"] == "ends its process"
+    assert len(disturbed.disturbance.tasks_met) == 1
     assert disturbed.told["left_behind"] == []
     assert disturbed.disturbance.tasks() == []
 
@@ -307,7 +307,7 @@ def test_what_installations_that_break_off_have_left_is_named():
                 program.unlink(missing_ok=True)
 
         arguments = ("--verify-installer", "--yes", "--json")
-        done = run(prefix, *arguments, program=COPIED_RUNNER, meanwhile=take_the_program_away)
+        done = run(prefix, COPIED_RUNNER, *arguments, meanwhile=take_the_program_away)
         told = json.loads(done.output)
         assert done.code == told["exit_code"] == SOMETHING_IS_LEFT
         (product,) = told["left_behind"]
@@ -320,7 +320,7 @@ def test_what_installations_that_break_off_have_left_is_named():
 def test_a_package_that_cannot_be_made_answers_nothing():
     with Prefix("prefix-msi-verify-no-package") as prefix:
         copied_runner(prefix).with_name(paths.LIBRARY.name).unlink()
-        done = run(prefix, "--verify-installer", "--yes", "--json", program=COPIED_RUNNER)
+        done = run(prefix, COPIED_RUNNER, "--verify-installer", "--yes", "--json")
         told = json.loads(done.output)
         assert done.code == told["exit_code"] == NOT_CARRIED_OUT
         assert told["left_behind"] == [] and told["cannot_be_asked"] == len(INSTALLER_FACTS)

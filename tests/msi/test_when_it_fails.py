@@ -7,6 +7,7 @@ from typing import Iterator
 
 import pytest
 
+from documents import blocks
 from installer import paths
 from installer.prefix import Prefix
 
@@ -25,15 +26,10 @@ OWN = "/Utilities/CustomActions/Halvard_CA/"
 PLACE = re.compile(r":\d+:\d+$", re.MULTILINE)
 
 
-def blocks(language: str) -> list[str]:
-    pattern = rf"^```{language}\n(.*?)^```$"
-    return re.findall(pattern, DOCUMENT.read_text(), re.MULTILINE | re.DOTALL)
-
-
 def told(command: str) -> tuple[str, str]:
     """The command of the document that begins so, and what it printed there."""
     ((whole, output),) = re.findall(
-        rf"^[>$] ({command}.*)\n((?:(?![>$] ).*\n)*)", "".join(blocks("console")), re.MULTILINE
+        rf"^[>$] ({command}.*)\n((?:(?![>$] ).*\n)*)", "".join(blocks(DOCUMENT, "console")), re.MULTILINE
     )
     return whole, output
 
@@ -91,7 +87,7 @@ def test_the_addresses_of_an_exception_become_the_lines_that_are_told(thrown):
     command, output = told("llvm-symbolizer ")
     program, *written = re.split(r" (?=0x)", command)
     # The document takes one off each address of its stack, the base left out.
-    (stack,) = [block.split() for block in blocks("text") if block.startswith("18")]
+    (stack,) = [block.split() for block in blocks(DOCUMENT, "text") if block.startswith("18")]
     assert [int(each, 16) for each in written] == [int(each, 16) - 0x180000000 - 1 for each in stack]
 
     each = {
@@ -111,7 +107,7 @@ def test_the_addresses_of_an_exception_become_the_lines_that_are_told(thrown):
 def test_the_debugger_is_asked_for_the_first_address_of_the_stack():
     ((address, start),) = re.findall(r"^\? ([0-9a-f]+)-([0-9a-f]+)$", DOCUMENT.read_text(), re.MULTILINE)
     offset = int(address, 16) - int(start, 16)
-    (stack,) = [block.split() for block in blocks("text") if block.startswith("18")]
+    (stack,) = [block.split() for block in blocks(DOCUMENT, "text") if block.startswith("18")]
     assert offset == int(stack[0], 16) - 0x180000000
     assert f"gives `{offset:x}`" in DOCUMENT.read_text()
     assert f" {offset - 1:#x} " in told("llvm-symbolizer ")[0]

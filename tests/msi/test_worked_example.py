@@ -1,19 +1,23 @@
-"""docs/worked-example.md: its commands print what it says, and its package does what it says."""
+"""docs/worked-example.md: its commands print what it says, its package does what it says, and both of
+its sources are that package."""
 
 import re
 import shutil
 import subprocess
+import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 from typing import Iterator
 
 import pytest
 
+import generate
+from checking import NOT_ALL_SCHEDULED, NOT_SIGNED, found
+from documents import EXAMPLE, blocks, write_example
 from installer import package, paths, session
 from installer.log import ActionDefinition, Execution, action_runs
 from installer.machine import Area, Kind
 from installer.prefix import Prefix
 
-DOCUMENT = paths.ROOT / "docs/worked-example.md"
 SOURCE, PACKAGE = "Transform.wxs", "Transform.msi"
 FOLDER = r"C:\Program Files\Zenvo\Transform"
 SETTINGS, WRITTEN_LATER = rf"{FOLDER}\Transform.ini", rf"{FOLDER}\cache.bin"
@@ -40,15 +44,10 @@ WORD = re.compile(r'(?:"[^"]*"|\S)+')
 MOVE = "UPDATE InstallExecuteSequence SET Sequence={} WHERE Action='{}'"
 
 
-def blocks(language: str) -> list[str]:
-    pattern = rf"^```{language}\n(.*?)^```$"
-    return re.findall(pattern, DOCUMENT.read_text(), re.MULTILINE | re.DOTALL)
-
-
 def commands(prompt: str) -> list[tuple[str, str]]:
     """The commands at this prompt, each with what it printed."""
     found = []
-    for block in blocks("console"):
+    for block in blocks(EXAMPLE, "console"):
         before, *pieces = PROMPT.split(block)
         assert before == "", block
         for sign, piece in zip(pieces[::2], pieces[1::2]):
@@ -70,14 +69,10 @@ def trimmed(text: str) -> str:
 def folder(tmp_path_factory: pytest.TempPathFactory) -> Path:
     """The source with what the document says lies beside it."""
     folder = tmp_path_factory.mktemp("example")
-    text, _ = blocks("xml")
-    (folder / SOURCE).write_text(text)
+    write_example(folder, SOURCE)
     (command,) = [command for command, _ in commands("$") if command.startswith("sed ")]
     subprocess.run(["bash", "-c", command], cwd=folder, check=True)
     assert "SecureCustomProperties" in (folder / SOURCE).read_text()
-    (folder / "Transform.ini").write_text("[Transform]\n")
-    shutil.copy(paths.LIBRARY, folder)
-    shutil.copy(paths.PACKAGE_SOURCES / "halvard_actions.wxi", folder)
     return folder
 
 
@@ -143,8 +138,12 @@ def run_as_told(machine, example_package: Path, told: tuple[str, str, str, str],
     return result, [(run.name, run.verdict, run.result, run.data) for run in runs]
 
 
+def test_nothing_is_wrong_with_the_package_of_the_example(prefix, example_package):
+    assert found(prefix, example_package) == {NOT_SIGNED, NOT_ALL_SCHEDULED}
+
+
 def test_the_installer_does_what_the_example_says(clean_machine, example_package, watching):
-    sessions = SESSION.findall(DOCUMENT.read_text())
+    sessions = SESSION.findall(EXAMPLE.read_text())
     assert [name for _, _, name, _ in sessions] == ["refused", "installed", "removed"]
     refused, installed, removed = sessions
 
@@ -282,7 +281,7 @@ def test_wixl_leaves_out_what_the_example_says(folder):
     assert properties["DISABLEANALYTICS"] == "NO"
     assert properties["SecureCustomProperties"] == "LAUNCHED_FROM_MIM"
 
-    (mending,) = blocks("sh")
+    (mending,) = blocks(EXAMPLE, "sh")
     command = mending.replace(PACKAGE, changed.name)
     subprocess.run(["bash", "-e", "-c", command], cwd=folder, check=True)
 
@@ -321,3 +320,60 @@ def test_wixl_places_actions_elsewhere_from_run_to_run(folder):
 def deferred_too_early(sequence: list[list[str]]) -> bool:
     numbers = {name: int(number) for name, _, number in sequence}
     return min(numbers[name] for name in DEFERRED) < numbers["InstallInitialize"]
+
+
+# What WiX 4 and 5 write otherwise than WiX 3.
+RENAMED = {"Bitness": ("Win64", {"always64": "yes"}), "BinaryRef": ("BinaryKey", {})}
+OF_PACKAGE = {"InstallerVersion": "InstallerVersion", "Scope": "InstallScope", "Compressed": "Compressed"}
+
+
+def in_wix_3(element: ElementTree.Element) -> ElementTree.Element:
+    """An element in the language of WiX 4, written in that of WiX 3; tags without their namespace."""
+    tag = element.tag.rpartition("}")[2]
+    attributes = {}
+    for name, value in element.attrib.items():
+        renamed, values = RENAMED.get(name, (name, {}))
+        attributes[renamed] = values.get(value, value)
+    children = [in_wix_3(each) for each in element]
+    text = (element.text or "").strip()
+    if tag == "Package":
+        told = {former: attributes.pop(name) for name, former in OF_PACKAGE.items()}
+        attributes["Id"] = attributes.pop("ProductCode")
+        tag, children = "Product", [ElementTree.Element("Package", told), *children]
+    if tag == "Launch":
+        tag, text = "Condition", attributes.pop("Condition")
+    if tag == "Custom":
+        text = attributes.pop("Condition")
+    if tag == "StandardDirectory":
+        inner = ElementTree.Element("Directory", attributes)
+        inner.extend(children)
+        attributes, children = {"Id": "TARGETDIR", "Name": "SourceDir"}, [inner]
+        tag = "Directory"
+    made = ElementTree.Element(tag, attributes)
+    made.text = text
+    made.extend(children)
+    return made
+
+
+# The tag of an element, its attributes, its text and its children.
+Plain = tuple[str, tuple[tuple[str, str], ...], str, tuple["Plain", ...]]
+
+
+def plain(element: ElementTree.Element) -> Plain:
+    """For comparison: blanks and the order of attributes count for nothing."""
+    return (
+        element.tag.rpartition("}")[2],
+        tuple(sorted(element.attrib.items())),
+        (element.text or "").strip(),
+        tuple(map(plain, element)),
+    )
+
+
+def test_both_sources_of_the_example_are_the_same_package():
+    older, newer = blocks(EXAMPLE, "xml")
+    assert "<?include halvard_actions.wxi ?>" in older
+    assert "<?include halvard_actions.v4.wxi ?>" in newer
+    trees = ElementTree.fromstring(older), ElementTree.fromstring(newer)
+    languages = generate.WIX_3, generate.WIX_4
+    assert [tree.tag for tree in trees] == [f"{{{each.namespace}}}Wix" for each in languages]
+    assert plain(in_wix_3(trees[1])) == plain(trees[0])

@@ -6,6 +6,8 @@
 //     HALVARD_RECORD          the file (T:\recorded.txt when it is not set)
 //     HALVARD_RECORD_EXIT     exit code (0)
 //     HALVARD_RECORD_DELAY    milliseconds to wait after recording (0)
+//     HALVARD_RECORD_ONLY     a part of the command lines that are recorded; every other is left to
+//                             the program of this name in the system folder
 //     HALVARD_RECORD_OUTPUT   bytes to write to standard output, half of them to standard error (0)
 
 #include <windows.h>
@@ -42,6 +44,27 @@ std::wstring ProgramName() {
     return text.substr(text.rfind(L'\\') + 1);
 }
 
+// The exit code of the program of this name in the system folder, with the same command line.
+DWORD RunWhatItStandsFor() {
+    wchar_t folder[MAX_PATH] = {};
+    GetSystemDirectoryW(folder, MAX_PATH);
+    const std::wstring program = std::wstring(folder) + L"\\" + ProgramName();
+    std::wstring line = GetCommandLineW();
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION started = {};
+    if (CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
+                       &startup, &started) == FALSE) {
+        return 254;
+    }
+    WaitForSingleObject(started.hProcess, INFINITE);
+    DWORD code = 254;
+    GetExitCodeProcess(started.hProcess, &code);
+    CloseHandle(started.hThread);
+    CloseHandle(started.hProcess);
+    return code;
+}
+
 void Write(HANDLE stream, DWORD bytes) {
     const std::string chunk(4096, 'x');
     while (bytes > 0) {
@@ -57,6 +80,10 @@ void Write(HANDLE stream, DWORD bytes) {
 } // namespace
 
 int main() {
+    if (std::wstring(GetCommandLineW()).find(Setting(L"HALVARD_RECORD_ONLY", L"")) ==
+        std::wstring::npos) {
+        return static_cast<int>(RunWhatItStandsFor());
+    }
     wchar_t directory[1024] = {};
     GetCurrentDirectoryW(1024, directory);
     const std::string line =
