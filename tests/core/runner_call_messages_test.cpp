@@ -4,14 +4,15 @@
 
 using halvard_runner::CallReport;
 using halvard_runner::CallRequest;
+using halvard_runner::CallStage;
 using halvard_runner::DecodedRequest;
 using halvard_runner::Encoded;
 using halvard_runner::EscapedException;
 using halvard_runner::ExitCode;
-using halvard_runner::Found;
 using halvard_runner::Message;
 using halvard_runner::Outcome;
 using halvard_runner::Refusal;
+using halvard_runner::RefusalAt;
 using halvard_runner::ReportReader;
 using halvard_runner::TraceEvent;
 using halvard_runner::TraceGroup;
@@ -26,7 +27,7 @@ CallReport Read(const std::string& bytes) {
     const std::optional<CallReport> report = reader.Next();
     EXPECT_TRUE(report.has_value());
     EXPECT_FALSE(reader.Next().has_value());
-    return report.value_or(Found{});
+    return report.value_or(Message{});
 }
 
 } // namespace
@@ -56,7 +57,7 @@ TEST(CallRequest, IsRefusedWhereBytesLackOrAreTooMany) {
 }
 
 TEST(CallReport, ComesAsItWent) {
-    EXPECT_TRUE(std::holds_alternative<Found>(Read(Encoded(Found{}))));
+    EXPECT_EQ(std::get<CallStage>(Read(Encoded(CallStage::Found))), CallStage::Found);
 
     const auto message = std::get<Message>(Read(Encoded(Message{0x04000000, L"text"})));
     EXPECT_EQ(message.type, 0x04000000U);
@@ -106,6 +107,22 @@ TEST(CallReport, ComesAsItWent) {
     EXPECT_FALSE(std::get<Outcome>(Read(Encoded(left))).exception->code.has_value());
 }
 
+TEST(RefusalAt, TellsTheFaultOfEachStage) {
+    const EscapedException end = halvard_runner::EndedProcess(10);
+    for (const CallStage own : {CallStage::Begun, CallStage::Found}) {
+        const std::optional<Refusal> refusal = RefusalAt(own, L"c:\\a.dll", end);
+        ASSERT_TRUE(refusal.has_value());
+        EXPECT_EQ(refusal->code, ExitCode::RunnerFailed);
+        EXPECT_EQ(refusal->text,
+                  L"halvard_run itself failed before the call: ended process, code 10");
+    }
+    const std::optional<Refusal> loading = RefusalAt(CallStage::Loads, L"c:\\a.dll", end);
+    ASSERT_TRUE(loading.has_value());
+    EXPECT_EQ(loading->code, ExitCode::NoLibrary);
+    EXPECT_EQ(loading->text, L"c:\\a.dll ended the process that loaded it: ended process, code 10");
+    EXPECT_FALSE(RefusalAt(CallStage::Calls, L"c:\\a.dll", end).has_value());
+}
+
 TEST(ReportReader, GivesWholeReportsOnly) {
     const std::string bytes = Encoded(Message{1, L"one"}) + Encoded(Message{2, L"two"});
     ReportReader reader;
@@ -125,6 +142,6 @@ TEST(ReportReader, GivesNothingForBytesThatAreNoReport) {
     EXPECT_FALSE(reader.Next().has_value());
     reader.Add(std::string("\x08\x00\x00\x00\x63\x00\x00\x00\x00\x00\x00\x00", 12));
     EXPECT_FALSE(reader.Next().has_value());
-    reader.Add(Encoded(Found{}));
+    reader.Add(Encoded(CallStage::Found));
     EXPECT_TRUE(reader.Next().has_value());
 }

@@ -12,6 +12,7 @@ using halvard_runner::HasDryRun;
 using halvard_runner::LinesWithoutEvent;
 using halvard_runner::Outcome;
 using halvard_runner::Reasoned;
+using halvard_runner::ShownPath;
 using halvard_runner::TraceDetails;
 using halvard_runner::TraceEvent;
 using halvard_runner::TraceGroup;
@@ -222,6 +223,33 @@ TEST(DryRunOf, FlagsWhatWasProbablyMeantToStay) {
     EXPECT_EQ(WhyOf(near, L"%b%"), L"of type REG_EXPAND_SZ: REG_SZ alone is read");
     EXPECT_EQ(WhyOf(near, L"C:\\b\\long"),
               L"too long to be read: 300 bytes, of which 260 are the most");
+}
+
+TEST(DryRunOf, TellsATooLongTextFromOneThatIsRefused) {
+    TraceEvent refused = Failed(Event(TraceGroup::Registry, words::kListsValue,
+                                      std::wstring(kRetainKey) + L" : (number 1)"),
+                                5, L"Access denied");
+    const TraceEvent end = Failed(refused, 259, L"No more");
+    const DryRun dryRun = DryRunOf(kBranding, {refused, end});
+    ASSERT_EQ(dryRun.nearMisses.size(), 1U);
+    EXPECT_EQ(dryRun.nearMisses[0].name, refused.target);
+    EXPECT_EQ(dryRun.nearMisses[0].why, L"cannot be read: refused with 5: Access denied");
+}
+
+TEST(DryRunOf, KnowsAPathInItsExtendedLengthForm) {
+    const DryRun dryRun = DryRunOf(kBranding, {RetainedValue(L"\\\\?\\C:\\b\\kept"),
+                                               Listed(L"C:\\b\\kept"), Listed(L"C:\\b\\went"),
+                                               NotMade(words::kRemoves, L"\\\\?\\C:\\b\\went")});
+    ASSERT_EQ(dryRun.wouldStay.size(), 1U);
+    EXPECT_EQ(dryRun.wouldStay[0].name, L"C:\\b\\kept");
+    EXPECT_EQ(dryRun.wouldStay[0].why, L"named to stay");
+    EXPECT_TRUE(dryRun.nearMisses.empty());
+}
+
+TEST(ShownPath, IsWithoutThePrefixOfTheLongForm) {
+    EXPECT_EQ(ShownPath(L"\\\\?\\C:\\a"), L"C:\\a");
+    EXPECT_EQ(ShownPath(L"\\\\?\\UNC\\server\\share"), L"\\\\server\\share");
+    EXPECT_EQ(ShownPath(L"C:\\a"), L"C:\\a");
 }
 
 TEST(DryRunOf, LooksForRetainedNamesOfTheBrandingFolderAlone) {

@@ -18,7 +18,7 @@ HKLM = "HKEY_LOCAL_MACHINE\\"
 PIVOT_KEY = r"SOFTWARE\Qorta Technologies\Install\Pivot"
 RUN_KEY = r"SOFTWARE\Microsoft\Windows\CurrentVersion\Run"
 FIELDS = ["milliseconds", "group", "event", "target", "result", "code", "details"]
-WRONG_ARGUMENTS = 2
+WRONG_ARGUMENTS, RUNNER_FAILED = 2, 10
 # Seconds.
 LIMIT = 60
 
@@ -322,3 +322,30 @@ def test_an_action_that_does_more_than_remove_has_no_dry_run(made):
     done = made.call("CreateLogonSchTask", "--dry-run")
     assert done.code == WRONG_ARGUMENTS
     assert done.errors.startswith("halvard_run: CreateLogonSchTask has no dry run: ")
+
+
+def test_what_comes_at_the_end_of_the_process_is_told(made):
+    told = made.trace("WorkAtTheEndOfTheProcess", *FAULTS)
+    assert told.code == 0
+    assert told.of("registry") == [
+        ("opens key", rf"{HKLM}SOFTWARE", "done", None),
+        ("reads value", rf"{HKLM}SOFTWARE : of the end", "failed", 2),
+    ]
+    assert told.of("lost") == [("to the debugger", "the end", "done", None)]
+
+
+def test_a_trace_that_cannot_begin_is_the_failure_of_the_runner(made):
+    library = ("--dll", paths.windows_path(paths.STARVING_LIBRARY))
+    done = made.trace("Nothing", *library)
+    assert (done.code, done.json["exit_code"]) == (RUNNER_FAILED, RUNNER_FAILED)
+    assert done.json["error"] == "halvard_run itself failed: std::bad_alloc"
+
+
+def test_a_folder_in_its_extended_length_form_is_named_as_users_write_it(made):
+    folder = "\\\\?\\T:\\brand"
+    made.folder(r"T:\brand", "Went.png", "Kept.png")
+    made.write(r"SOFTWARE\Zenvo\PV", "PVBrandingInstallDir", folder)
+    made.write(r"SOFTWARE\ZenvoBranding", "kept", rf"{folder}\Kept.png")
+    dry = made.call("DeleteandRetainValues", "--dry-run", "--json").json["dry_run"]
+    assert r"T:\brand\Went.png" in dry["would_go"]
+    assert dry["would_stay"] == [{"name": r"T:\brand\Kept.png", "why": "named to stay"}]

@@ -60,6 +60,9 @@ volatile char* NewBlock(bool ofTheSystem) {
     return block;
 }
 
+// A key that is open to the end of the process; null for none.
+HKEY keptKey = nullptr;
+
 DWORD WINAPI WriteToNullThread(void* /*parameter*/) {
     *static_cast<volatile int*>(nullptr) = 1;
     return 0;
@@ -201,6 +204,20 @@ ACTION(WriteWithoutFlushing) {
     static_cast<void>(session);
     std::printf("kept back");
     return ERROR_SUCCESS;
+}
+
+// At the end of the process, when nothing is left of what a program destroys there.
+ACTION(WorkAtTheEndOfTheProcess) {
+    static_cast<void>(session);
+    return static_cast<UINT>(RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE", 0, KEY_READ, &keptKey));
+}
+
+BOOL WINAPI DllMain(HINSTANCE /*library*/, DWORD reason, void* /*reserved*/) {
+    if (reason == DLL_PROCESS_DETACH && keptKey != nullptr) {
+        RegQueryValueExW(keptKey, L"of the end", nullptr, nullptr, nullptr, nullptr);
+        OutputDebugStringW(L"the end");
+    }
+    return TRUE;
 }
 
 // Starts this program once more, with an action that waits, which starts a process in its turn.

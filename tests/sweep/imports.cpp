@@ -6,7 +6,6 @@
 #include <shellapi.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <iterator>
@@ -19,9 +18,6 @@ namespace halvard_sweep {
 
 namespace {
 
-// The most parameters that an imported function has, which is CreateServiceW. What lies behind the
-// last one of a shorter function is read and handed on, and nobody looks at it.
-constexpr std::size_t kParameters = 13;
 constexpr std::size_t kMostImports = 256;
 
 struct Import {
@@ -211,23 +207,18 @@ void NoteInitialization(const std::string& function, Word result) {
     }
 }
 
-Word Forward(const Import& import, Arguments a);
-
 void* ThunkOf(const std::string& name, void* original);
 
 // The function that was looked up, or what takes its place.
-Word LookedUp(Arguments arguments, Word result) {
-    const Word name = arguments[1];
-    if (result == 0 || name <= 0xFFFF) {
-        return result;
-    }
-    void* const address = reinterpret_cast<void*>(static_cast<std::uintptr_t>(result));
-    const auto* const text = reinterpret_cast<const char*>(static_cast<std::uintptr_t>(name));
-    if (functions->count(text) == 0) {
-        unknown = text;
-        return result;
-    }
-    return reinterpret_cast<std::uintptr_t>(ThunkOf(text, address));
+Word AnswerLookUp(Arguments arguments, Word result) {
+    const auto replacement = [](const char* name, void* address) {
+        if (functions->count(name) == 0) {
+            unknown = name;
+            return address;
+        }
+        return ThunkOf(name, address);
+    };
+    return halvard_runner::LookedUp(arguments, result, replacement);
 }
 
 Word Note(const std::string& function, Arguments arguments, Word result) {
@@ -251,7 +242,7 @@ Word Note(const std::string& function, Arguments arguments, Word result) {
         static Allocator allocator(place);
         place = &allocator;
     }
-    return function == "GetProcAddress" ? LookedUp(arguments, result) : result;
+    return function == "GetProcAddress" ? AnswerLookUp(arguments, result) : result;
 }
 
 // Before the call: another thread may be given the same value at once.
@@ -282,30 +273,14 @@ void GiveBack(const Holding& holding) {
 
 Word Fail(FailureSign sign, FailureCode code) {
     const bool denied = code == FailureCode::AccessDenied;
-    const DWORD error = denied ? ERROR_ACCESS_DENIED : ERROR_NOT_ENOUGH_MEMORY;
-    switch (sign) {
-    case FailureSign::None:
-        break;
-    case FailureSign::Zero:
-        SetLastError(error);
-        return 0;
-    case FailureSign::AllOnes:
-        SetLastError(error);
-        return ~Word{0};
-    case FailureSign::Status:
-        return error;
-    case FailureSign::HResult:
-        return static_cast<DWORD>(denied ? E_ACCESSDENIED : E_OUTOFMEMORY);
-    case FailureSign::NtStatus:
-        return denied ? 0xC0000022 : 0xC0000017;
-    case FailureSign::Null:
-        errno = ENOMEM;
-        return 0;
-    case FailureSign::MinusOne:
-        errno = denied ? EACCES : ENOMEM;
-        return ~Word{0};
+    if (sign == FailureSign::Zero || sign == FailureSign::AllOnes) {
+        SetLastError(denied ? ERROR_ACCESS_DENIED : ERROR_NOT_ENOUGH_MEMORY);
+    } else if (sign == FailureSign::Null || sign == FailureSign::MinusOne) {
+        errno = denied && sign == FailureSign::MinusOne ? EACCES : ENOMEM;
     }
-    throw std::logic_error("a function fails that cannot");
+    const DWORD noMemory =
+        sign == FailureSign::HResult ? ERROR_OUTOFMEMORY : ERROR_NOT_ENOUGH_MEMORY;
+    return halvard_runner::FailureResult(sign, denied ? ERROR_ACCESS_DENIED : noMemory);
 }
 
 Word Call(std::size_t index, Arguments arguments) {
@@ -319,34 +294,14 @@ Word Call(std::size_t index, Arguments arguments) {
     }
     NoteGivingBack(import.name, arguments);
     const std::optional<Word> stoodIn = StandIn(import.name, arguments);
-    const Word result = stoodIn ? *stoodIn : Forward(import, arguments);
+    const Word result = stoodIn ? *stoodIn : halvard_runner::CallWith(import.original, arguments);
     const DWORD error = GetLastError();
     const Word noted = Note(import.name, arguments, result);
     SetLastError(error);
     return noted;
 }
 
-template <std::size_t Index>
-Word WINAPI Thunk(Word a, Word b, Word c, Word d, Word e, Word f, Word g, Word h, Word i, Word j,
-                  Word k, Word l, Word m) {
-    const Word arguments[kParameters] = {a, b, c, d, e, f, g, h, i, j, k, l, m};
-    return Call(Index, arguments);
-}
-
-using Imported = decltype(&Thunk<0>);
-
-template <std::size_t... Indices>
-constexpr std::array<Imported, sizeof...(Indices)> Thunks(std::index_sequence<Indices...>) {
-    return {&Thunk<Indices>...};
-}
-
-constexpr auto kThunks = Thunks(std::make_index_sequence<kMostImports>());
-
-Word Forward(const Import& import, Arguments a) {
-    const auto function = reinterpret_cast<Imported>(import.original);
-    return function(a[0], a[1], a[2], a[3], a[4], a[5], a[6], a[7], a[8], a[9], a[10], a[11],
-                    a[12]);
-}
+using ImportThunks = halvard_runner::Thunks<Call, kMostImports>;
 
 FailureSign SignOf(const std::string& name) {
     const auto known = functions->find(name);
@@ -365,14 +320,14 @@ void* ThunkOf(const std::string& name, void* original) {
     for (std::size_t index = 0; index < imports.size(); ++index) {
         if (imports[index].name == name) {
             imports[index].original = original;
-            return reinterpret_cast<void*>(kThunks[index]);
+            return ImportThunks::At(index);
         }
     }
     if (imports.size() == kMostImports) {
         throw std::runtime_error("too many imports");
     }
     imports.push_back({name, original, sign, 0});
-    return reinterpret_cast<void*>(kThunks[imports.size() - 1]);
+    return ImportThunks::At(imports.size() - 1);
 }
 
 void RequireName(const char* name) {

@@ -1,10 +1,10 @@
 #pragma once
 
 #include "trace/import_patches.h"
+#include "trace/thunks.h"
 
 #include <windows.h>
 
-#include <cstdint>
 #include <map>
 #include <string>
 
@@ -13,17 +13,7 @@
 
 namespace halvard_sweep {
 
-/// How a function tells that it failed.
-enum class FailureSign {
-    None,     // it does not fail here
-    Zero,     // FALSE, a null pointer, a count of 0; the last error has the code
-    AllOnes,  // INVALID_HANDLE_VALUE, INVALID_FILE_ATTRIBUTES, WAIT_FAILED; likewise
-    Status,   // the code of Windows is the result
-    HResult,  // an HRESULT is the result
-    NtStatus, // an NTSTATUS is the result
-    Null,     // a null pointer and nothing else; errno for those of the C run-time
-    MinusOne, // -1 with errno
-};
+using halvard_runner::FailureSign;
 
 /// The reason that a function gives.
 enum class FailureCode { AccessDenied, OutOfMemory };

@@ -10,10 +10,10 @@
 
 namespace halvard_sweep {
 
-using Word = std::uint64_t;
+using halvard_runner::Word;
 
-/// The words that a function was called with.
-using Arguments = const Word*;
+/// What a function was called with.
+using Arguments = const halvard_runner::Words&;
 
 /// The result of a function in whose place something stands; nothing for any other.
 std::optional<Word> StandIn(const std::string& function, Arguments arguments);

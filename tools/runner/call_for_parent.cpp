@@ -5,11 +5,14 @@
 #include "library.h"
 #include "pipe_bytes.h"
 #include "runtime/owned.h"
+#include "text_output.h"
 #include "trace/tracer.h"
 
 #include <cstdint>
 #include <cstring>
 #include <cwchar>
+#include <exception>
+#include <memory>
 #include <mutex>
 #include <utility>
 
@@ -19,14 +22,15 @@ namespace {
 
 using halvard::OwnedHandle;
 
-/// A handle by its number; nothing that the action starts inherits it.
+/// A handle by its number; nothing that the action starts inherits it. None where the number is
+/// that of none.
 OwnedHandle HandleOf(const std::wstring& word) {
     const std::uintptr_t number = std::wcstoull(word.c_str(), nullptr, 10);
     HANDLE handle = nullptr;
     static_assert(sizeof handle == sizeof number);
     std::memcpy(&handle, &number, sizeof handle);
-    SetHandleInformation(handle, HANDLE_FLAG_INHERIT, 0);
-    return OwnedHandle(handle);
+    const bool isHandle = SetHandleInformation(handle, HANDLE_FLAG_INHERIT, 0) != FALSE;
+    return OwnedHandle(isHandle ? handle : nullptr);
 }
 
 /// To the process that asked for the call, from whatever thread.
@@ -53,17 +57,21 @@ void GoToSystemFolder() {
     SetCurrentDirectoryW(folder);
 }
 
-void Call(const CallRequest& request, Reporter& reporter) {
+// Shared with what goes on to the end of the process.
+using SharedReporter = std::shared_ptr<Reporter>;
+
+void Call(const CallRequest& request, const SharedReporter& reporter) {
+    reporter->Tell(CallStage::Loads);
     const Library library(request.dll);
     const Action action = library.Find(request.action);
-    reporter.Tell(Found{});
+    reporter->Tell(CallStage::Found);
     GoToSystemFolder();
 
     bool called = false;
     const BareSession session(
         [&](const Message& message) {
             if (called) { // else of the session's own making
-                reporter.Tell(message);
+                reporter->Tell(message);
             }
         },
         request.package);
@@ -73,11 +81,12 @@ void Call(const CallRequest& request, Reporter& reporter) {
     called = true;
     if (request.trace != TraceMode::None) {
         StartTrace(library.Module(), request.trace,
-                   [&](const TraceEvent& event) { reporter.Tell(event); });
+                   [reporter](const TraceEvent& event) { reporter->Tell(event); });
     }
+    reporter->Tell(CallStage::Calls);
     const Outcome outcome = CallAction(action, session.Get());
     // First the outcome, for a limit is that of the action.
-    reporter.Tell(outcome);
+    reporter->Tell(outcome);
     EndTrace();
 }
 
@@ -88,16 +97,20 @@ int CallForParent(const std::vector<std::wstring>& words) {
         return static_cast<int>(ExitCode::WrongArguments);
     }
     OwnedHandle source = HandleOf(words[0]);
-    Reporter reporter(HandleOf(words[1]));
+    OwnedHandle reports = HandleOf(words[1]);
     const std::optional<CallRequest> request = DecodedRequest(ReadToEnd(source.get()));
     source.reset();
-    if (!request) {
+    if (!request || !reports) {
         return static_cast<int>(ExitCode::WrongArguments);
     }
+    const auto reporter = std::make_shared<Reporter>(std::move(reports));
     try {
         Call(*request, reporter);
     } catch (const RunnerError& error) {
-        reporter.Tell(Refusal{error.Code(), error.Text()});
+        reporter->Tell(Refusal{error.Code(), error.Text()});
+    } catch (const std::exception& error) {
+        reporter->Tell(Refusal{ExitCode::RunnerFailed,
+                               L"halvard_run itself failed: " + Widened(error.what())});
     }
     return 0;
 }

@@ -11,7 +11,7 @@ constexpr std::size_t kLengthSize = 4;
 constexpr double kUnitsOfAMillisecond = 1000.0;
 
 // The order of the alternatives of CallReport.
-enum class Kind : std::uint64_t { Found, Message, Refusal, Outcome, Event };
+enum class Kind : std::uint64_t { Stage, Message, Refusal, Outcome, Event };
 
 class Writer {
 public:
@@ -156,7 +156,9 @@ TraceEvent ReadEvent(Reader& reader, std::size_t bytes) {
 
 void WriteReport(Writer& writer, const CallReport& report) {
     writer.Number(report.index());
-    if (const auto* const message = std::get_if<Message>(&report)) {
+    if (const auto* const stage = std::get_if<CallStage>(&report)) {
+        writer.Number(static_cast<std::uint64_t>(*stage));
+    } else if (const auto* const message = std::get_if<Message>(&report)) {
         writer.Number(message->type);
         writer.Text(message->text);
     } else if (const auto* const refusal = std::get_if<Refusal>(&report)) {
@@ -171,8 +173,8 @@ void WriteReport(Writer& writer, const CallReport& report) {
 
 std::optional<CallReport> ReadReport(Reader& reader, std::size_t bytes) {
     switch (static_cast<Kind>(reader.Number())) {
-    case Kind::Found:
-        return Found{};
+    case Kind::Stage:
+        return static_cast<CallStage>(reader.Number());
     case Kind::Message: {
         const auto type = static_cast<std::uint32_t>(reader.Number());
         return Message{type, reader.Text()};
@@ -190,6 +192,22 @@ std::optional<CallReport> ReadReport(Reader& reader, std::size_t bytes) {
 }
 
 } // namespace
+
+std::optional<Refusal> RefusalAt(CallStage stage, const std::wstring& library,
+                                 const EscapedException& end) {
+    switch (stage) {
+    case CallStage::Calls:
+        return std::nullopt;
+    case CallStage::Loads:
+        return Refusal{ExitCode::NoLibrary,
+                       library + L" ended the process that loaded it: " + ExceptionText(end)};
+    case CallStage::Begun:
+    case CallStage::Found:
+        break;
+    }
+    return Refusal{ExitCode::RunnerFailed,
+                   L"halvard_run itself failed before the call: " + ExceptionText(end)};
+}
 
 std::string Encoded(const CallRequest& request) {
     Writer writer;

@@ -22,8 +22,8 @@ struct CallRequest {
     TraceMode trace = TraceMode::None;
 };
 
-/// The library is loaded, and has the action.
-struct Found {};
+/// How far the process of a call has come: it loads the library, has found the action in it, calls.
+enum class CallStage { Begun, Loads, Found, Calls };
 
 /// Why no action was called.
 struct Refusal {
@@ -31,9 +31,14 @@ struct Refusal {
     std::wstring text;
 };
 
+/// Whose fault it is when that process ends at a stage and tells no more; nothing when it is the
+/// action's. `end` is how it ended.
+std::optional<Refusal> RefusalAt(CallStage stage, const std::wstring& library,
+                                 const EscapedException& end);
+
 /// What that process tells, one after the other. The outcome comes last, without messages and
 /// trace.
-using CallReport = std::variant<Found, Message, Refusal, Outcome, TraceEvent>;
+using CallReport = std::variant<CallStage, Message, Refusal, Outcome, TraceEvent>;
 
 std::string Encoded(const CallRequest& request);
 

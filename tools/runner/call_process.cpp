@@ -2,6 +2,7 @@
 
 #include "bare_session.h"
 #include "call_messages.h"
+#include "inherited_handles.h"
 #include "library.h"
 #include "pipe_bytes.h"
 #include "runtime/owned.h"
@@ -45,15 +46,11 @@ Pipe NewPipe(Inherited end) {
         RefuseForLastError(L"no pipe for the call");
     }
     Pipe pipe{OwnedHandle(read), OwnedHandle(write)};
-    SetHandleInformation(end == Inherited::Read ? read : write, HANDLE_FLAG_INHERIT,
-                         HANDLE_FLAG_INHERIT);
+    if (SetHandleInformation(end == Inherited::Read ? read : write, HANDLE_FLAG_INHERIT,
+                             HANDLE_FLAG_INHERIT) == FALSE) {
+        RefuseForLastError(L"no pipe for the call");
+    }
     return pipe;
-}
-
-OwnedHandle NoInput() {
-    SECURITY_ATTRIBUTES inherited = {sizeof inherited, nullptr, TRUE};
-    return OwnedHandle(CreateFileW(L"NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                   &inherited, OPEN_EXISTING, 0, nullptr));
 }
 
 /// What is there now; nothing at the end and for a pipe without a writer.
@@ -102,33 +99,6 @@ private:
     std::string rest_;
 };
 
-/// A list of the handles that a new process inherits, and no others.
-class InheritedHandles {
-public:
-    explicit InheritedHandles(std::vector<HANDLE> handles) : handles_(std::move(handles)) {
-        SIZE_T size = 0;
-        InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
-        memory_.resize(size);
-        if (InitializeProcThreadAttributeList(Get(), 1, 0, &size) == FALSE ||
-            UpdateProcThreadAttribute(Get(), 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, handles_.data(),
-                                      handles_.size() * sizeof(HANDLE), nullptr,
-                                      nullptr) == FALSE) {
-            RefuseForLastError(L"no process for the call");
-        }
-    }
-    ~InheritedHandles() { DeleteProcThreadAttributeList(Get()); }
-    InheritedHandles(const InheritedHandles&) = delete;
-    InheritedHandles& operator=(const InheritedHandles&) = delete;
-
-    LPPROC_THREAD_ATTRIBUTE_LIST Get() {
-        return reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(memory_.data());
-    }
-
-private:
-    std::vector<HANDLE> handles_;
-    std::vector<char> memory_;
-};
-
 /// All that the process of a call starts, itself included. Ends with this program, should that be
 /// ended while it waits.
 class ProcessTree {
@@ -149,7 +119,7 @@ public:
     }
 
     void EndAll() { TerminateJobObject(job_.get(), kEndedByLimit); }
-    void LetLive() { SetLimits(0); }
+    [[nodiscard]] bool LetLive() { return SetLimits(0); }
 
 private:
     bool SetLimits(DWORD flags) {
@@ -170,13 +140,19 @@ class CallingProcess {
 public:
     CallingProcess() {
         const OwnedHandle input = NoInput();
+        if (!input) {
+            RefuseForLastError(L"no input for the call");
+        }
         Pipe request = NewPipe(Inherited::Read);
         Pipe report = NewPipe(Inherited::Write);
         Pipe output = NewPipe(Inherited::Write);
         Pipe errors = NewPipe(Inherited::Write);
 
-        InheritedHandles inherited({input.get(), request.read.get(), report.write.get(),
-                                    output.write.get(), errors.write.get()});
+        const InheritedHandles inherited({input.get(), request.read.get(), report.write.get(),
+                                          output.write.get(), errors.write.get()});
+        if (inherited.Get() == nullptr) {
+            RefuseForLastError(L"no process for the call");
+        }
         STARTUPINFOEXW startup = {};
         startup.StartupInfo.cb = sizeof startup;
         startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
@@ -235,7 +211,7 @@ public:
         WaitForSingleObject(process_.get(), kEnd);
     }
 
-    void LetTreeLive() { tree_.LetLive(); }
+    [[nodiscard]] bool LetTreeLive() { return tree_.LetLive(); }
 
 private:
     OwnedHandle process_;
@@ -248,7 +224,7 @@ private:
 
 /// What is known of a call at some time.
 struct Progress {
-    bool found = false;
+    CallStage stage = CallStage::Begun;
     std::vector<Message> messages;
     std::vector<TraceEvent> trace;
     std::optional<Refusal> refusal;
@@ -267,7 +243,7 @@ void Take(Progress& progress, const CallReport& report, const CallWatcher& watch
     } else if (const auto* const outcome = std::get_if<Outcome>(&report)) {
         progress.outcome = *outcome;
     } else {
-        progress.found = true;
+        progress.stage = std::get<CallStage>(report);
     }
 }
 
@@ -320,8 +296,9 @@ Outcome CallInProcess(const Arguments& arguments, const CallWatcher& watcher) {
         came = readAll();
         if (progress.outcome || progress.refusal) {
             // The action may have left a heap or a lock without which no process ends.
-            const DWORD end = arguments.trace == TraceMode::None ? kEnd : kEnd + kEndOfTrace;
-            for (DWORD waited = 0; waited < end && !process.EndsWithin(kPoll); waited += kPoll) {
+            const DWORD more = arguments.trace == TraceMode::None ? 0 : kEndOfTrace;
+            const Clock::time_point end = Clock::now() + std::chrono::milliseconds(kEnd + more);
+            while (Clock::now() < end && !process.EndsWithin(kPoll)) {
                 readAll();
             }
             process.End();
@@ -336,19 +313,26 @@ Outcome CallInProcess(const Arguments& arguments, const CallWatcher& watcher) {
     readAll();
     output.End();
     errors.End();
-    process.LetTreeLive();
+    if (!process.LetTreeLive()) {
+        const DWORD code = GetLastError();
+        Write(STD_ERROR_HANDLE, L"halvard_run: what the action has left running ends with it: " +
+                                    ErrorText(code) + L"\n");
+    }
 
-    if (progress.refusal) {
+    // The outcome stands, whatever came behind it.
+    if (progress.refusal && !progress.outcome) {
         throw RunnerError(progress.refusal->code, progress.refusal->text);
     }
     if (!progress.outcome) {
         progress.outcome = EndOf(process, overTheLimit, arguments.limit);
         progress.outcome->milliseconds =
             std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-        if (!progress.found && !overTheLimit) {
-            throw RunnerError(ExitCode::NoLibrary, LibraryPath(arguments.dll) +
-                                                       L" ended the process that loaded it: " +
-                                                       ExceptionText(*progress.outcome->exception));
+        const std::optional<Refusal> refusal =
+            overTheLimit ? std::nullopt
+                         : RefusalAt(progress.stage, LibraryPath(arguments.dll),
+                                     *progress.outcome->exception);
+        if (refusal) {
+            throw RunnerError(refusal->code, refusal->text);
         }
     }
     Outcome outcome = *progress.outcome;

@@ -5,7 +5,6 @@
 #include "trace/dry_run.h"
 
 #include <algorithm>
-#include <cmath>
 
 namespace halvard_runner {
 
@@ -28,11 +27,6 @@ std::wstring Labelled(const std::wstring& name, const std::wstring& text) {
         start = end + 1;
     }
     return lines;
-}
-
-std::wstring Milliseconds(double milliseconds) {
-    const long long tenths = std::llround(milliseconds * 10);
-    return std::to_wstring(tenths / 10) + L"." + std::to_wstring(tenths % 10);
 }
 
 bool IsLogLine(const Message& message) {
@@ -166,7 +160,7 @@ std::wstring EndLines(const Outcome& outcome) {
                                          (name == nullptr ? L"(no code of the installer)" : name));
         lines += Labelled(L"if checked", ResultEffect(*outcome.result));
     }
-    return lines + Labelled(L"duration", Milliseconds(outcome.milliseconds) + L" ms");
+    return lines + Labelled(L"duration", Tenths(outcome.milliseconds) + L" ms");
 }
 
 std::wstring OutcomeJson(const Arguments& arguments, const std::wstring& library,
@@ -196,7 +190,7 @@ std::wstring OutcomeJson(const Arguments& arguments, const std::wstring& library
         {L"result_name", JsonStringOrNull(name == nullptr ? L"" : name)},
         {L"if_checked", outcome.result ? JsonString(ResultEffect(*outcome.result)) : L"null"},
         {L"exception", outcome.exception ? ExceptionJson(*outcome.exception) : L"null"},
-        {L"milliseconds", Milliseconds(outcome.milliseconds)},
+        {L"milliseconds", Tenths(outcome.milliseconds)},
     };
     if (arguments.trace != TraceMode::None) {
         members.emplace_back(L"trace", JsonArray(outcome.trace, TraceJson));

@@ -1,6 +1,7 @@
 #include "text.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace halvard_runner {
 
@@ -35,6 +36,11 @@ std::vector<std::wstring> Wrapped(const std::wstring& text, std::size_t width) {
         start = text.find_first_not_of(L' ', end);
     }
     return lines;
+}
+
+std::wstring Tenths(double number) {
+    const long long tenths = std::llround(number * 10);
+    return std::to_wstring(tenths / 10) + L"." + std::to_wstring(tenths % 10);
 }
 
 std::wstring LowerCase(std::wstring text) {

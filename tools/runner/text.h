@@ -12,6 +12,10 @@ std::wstring HexadecimalDigits(std::uint64_t number, std::size_t leastDigits);
 /// The text in lines of at most `width` characters, broken at blanks; a longer word stays whole.
 std::vector<std::wstring> Wrapped(const std::wstring& text, std::size_t width);
 
+/// With one digit behind the point, rounded.
+std::wstring Tenths(double number);
+
+/// Letters of the Latin alphabet alone.
 std::wstring LowerCase(std::wstring text);
 
 /// A label with the blanks behind it that bring all texts behind labels into one column.

@@ -60,14 +60,18 @@ std::wstring WriteFailure() {
     return writeError == ERROR_SUCCESS ? L"" : ErrorText(writeError);
 }
 
-std::wstring ErrorText(DWORD code) {
-    wchar_t message[512] = {};
+std::wstring MeaningOf(DWORD code) {
+    wchar_t text[512] = {};
     const DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-                                        nullptr, code, 0, message, 512, nullptr);
-    const std::wstring text(message, length);
-    const std::size_t last = text.find_last_not_of(L"\r\n. ");
+                                        nullptr, code, 0, text, 512, nullptr);
+    const std::wstring meaning(text, length);
+    return meaning.substr(0, meaning.find_last_not_of(L"\r\n. ") + 1);
+}
+
+std::wstring ErrorText(DWORD code) {
     const std::wstring number = L"Win32 error " + std::to_wstring(code);
-    return last == std::wstring::npos ? number : number + L" (" + text.substr(0, last + 1) + L")";
+    const std::wstring meaning = MeaningOf(code);
+    return meaning.empty() ? number : number + L" (" + meaning + L")";
 }
 
 } // namespace halvard_runner

@@ -23,6 +23,9 @@ void WriteAsItIs(DWORD stream, const char* text) noexcept;
 /// gone wants no more, which is no failure.
 std::wstring WriteFailure();
 
+/// The text that the system has for a code; empty without one.
+std::wstring MeaningOf(DWORD code);
+
 /// "Win32 error 126 (The specified module could not be found)".
 std::wstring ErrorText(DWORD code);
 

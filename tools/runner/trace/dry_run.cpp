@@ -22,24 +22,14 @@ constexpr std::wstring_view kRetainKey = L"\\SOFTWARE\\ZenvoBranding";
 constexpr const wchar_t* kSkins = L"Skins";
 constexpr std::size_t kFilePathCapacity = 256;
 // Codes of Windows.
-constexpr std::int64_t kFileNotFound = 2;
-constexpr std::int64_t kPathNotFound = 3;
+constexpr std::int64_t kMoreData = 234;
+constexpr std::int64_t kNoMoreItems = 259;
 
-bool MeansMissing(std::int64_t code) {
-    return code == kFileNotFound || code == kPathNotFound;
-}
-
-std::wstring WithSlashes(std::wstring path) {
+/// A path with one kind of slashes, and in the form in which events name it.
+std::wstring WithSlashes(const std::wstring& written) {
+    std::wstring path = ShownPath(written);
     std::replace(path.begin(), path.end(), L'\\', L'/');
     return path;
-}
-
-/// Letters of the Latin alphabet alone: enough to say that a text was probably meant.
-std::wstring LowerCase(std::wstring text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](wchar_t c) {
-        return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c;
-    });
-    return text;
 }
 
 std::wstring LastPart(const std::wstring& path) {
@@ -89,10 +79,15 @@ RetainList RetainListOf(const std::vector<TraceEvent>& trace) {
         } else if (event.what == trace_words::kListsValue) {
             const std::wstring type = TextOf(event, trace_words::kType);
             const std::wstring data = TextOf(event, trace_words::kData);
-            if (event.result == TraceResult::Failed) {
+            if (event.code == kNoMoreItems) {
+                continue;
+            }
+            if (event.code == kMoreData) {
                 list.unread.push_back({data, L"too long to be read: " +
                                                  TextOf(event, trace_words::kBytes) +
                                                  L" bytes, of which 260 are the most"});
+            } else if (event.result == TraceResult::Failed) {
+                list.unread.push_back({event.target, L"cannot be read: " + WhyRefused(event)});
             } else if (type != L"REG_SZ") {
                 list.unread.push_back({data, L"of type " + type + L": REG_SZ alone is read"});
             } else {

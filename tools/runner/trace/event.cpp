@@ -4,7 +4,6 @@
 #include "text.h"
 
 #include <algorithm>
-#include <cmath>
 
 namespace halvard_runner {
 
@@ -14,6 +13,9 @@ constexpr std::size_t kGroupWidth = 12;
 constexpr std::size_t kTimeWidth = 9;
 constexpr std::size_t kWhatWidth = 18;
 constexpr std::size_t kResultWidth = 16;
+// Codes of Windows.
+constexpr std::int64_t kFileNotFound = 2;
+constexpr std::int64_t kPathNotFound = 3;
 
 const wchar_t* GroupName(TraceGroup group) {
     switch (group) {
@@ -103,11 +105,6 @@ std::wstring Padded(std::wstring text, std::size_t width) {
     return text;
 }
 
-std::wstring Tenths(double milliseconds) {
-    const long long tenths = std::llround(milliseconds * 10);
-    return std::to_wstring(tenths / 10) + L"." + std::to_wstring(tenths % 10);
-}
-
 std::vector<std::wstring> LinesOf(const std::wstring& text) {
     std::vector<std::wstring> lines;
     for (std::size_t start = 0; start < text.size();) {
@@ -127,6 +124,17 @@ const std::wstring* FindDetail(const TraceEvent& event, const std::wstring& name
         }
     }
     return nullptr;
+}
+
+bool MeansMissing(std::int64_t code) {
+    return code == kFileNotFound || code == kPathNotFound;
+}
+
+std::wstring ShownPath(const std::wstring& path) {
+    if (path.rfind(L"\\\\?\\UNC\\", 0) == 0) {
+        return L"\\\\" + path.substr(8);
+    }
+    return path.rfind(L"\\\\?\\", 0) == 0 ? path.substr(4) : path;
 }
 
 std::wstring TraceLines(const TraceEvent& event) {

@@ -37,6 +37,7 @@ namespace trace_words {
 
 constexpr const wchar_t* kStarts = L"starts";
 constexpr const wchar_t* kEnds = L"ends";
+constexpr const wchar_t* kOpensKey = L"opens key";
 constexpr const wchar_t* kStillRuns = L"still runs";
 constexpr const wchar_t* kListsKey = L"lists key";
 constexpr const wchar_t* kListsValue = L"lists value";
@@ -62,6 +63,12 @@ constexpr const wchar_t* kToStandardOutput = L"to stdout";
 
 /// Nothing where there is none of this name.
 const std::wstring* FindDetail(const TraceEvent& event, const std::wstring& name);
+
+/// Whether a code of Windows says that nothing is there.
+bool MeansMissing(std::int64_t code);
+
+/// A path as users write it: without the prefix of the extended-length form.
+std::wstring ShownPath(const std::wstring& path);
 
 /// One line for a reader, and what a program printed in lines of its own.
 std::wstring TraceLines(const TraceEvent& event);

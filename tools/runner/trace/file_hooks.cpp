@@ -23,15 +23,16 @@ constexpr const wchar_t* kOpensToRead = L"opens to read";
 constexpr const wchar_t* kOpensToWrite = L"opens to write";
 constexpr const wchar_t* kCreates = L"creates file";
 constexpr const wchar_t* kAsks = L"asks for";
-constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 // What headers for older systems lack: a deletion with flags.
 constexpr DWORD kFileDispositionInfoEx = 21;
 
-std::map<HANDLE, std::wstring> files;
-std::map<HANDLE, std::wstring> searches;
+auto& files = NeverDestroyed<std::map<HANDLE, std::wstring>>();
+auto& searches = NeverDestroyed<std::map<HANDLE, std::wstring>>();
 // Of a dry run: what would have gone.
-std::set<std::wstring> gone;
-std::mutex lock;
+auto& gone = NeverDestroyed<std::set<std::wstring>>();
+// The last question, with its answer.
+auto& lastAsked = NeverDestroyed<std::wstring>();
+auto& lock = NeverDestroyed<std::mutex>();
 
 std::wstring Folded(const std::wstring& path) {
     std::wstring folded = ShownPath(path);
@@ -55,10 +56,6 @@ std::wstring PathOf(std::map<HANDLE, std::wstring>& handles, HANDLE handle) {
     const std::lock_guard<std::mutex> guard(lock);
     const auto known = handles.find(handle);
     return known == handles.end() ? L"(unknown)" : known->second;
-}
-
-bool MeansMissing(DWORD code) {
-    return code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND;
 }
 
 std::wstring InFolder(const std::wstring& folder, const std::wstring& name) {
@@ -300,9 +297,8 @@ Word RunChange(const Change& function, HookedCall& call) {
 
 /// Whether a question and its answer are others than those before: some are asked twice.
 bool IsNews(const std::wstring& asked) {
-    static std::wstring last;
     const std::lock_guard<std::mutex> guard(lock);
-    return std::exchange(last, asked) != asked;
+    return std::exchange(lastAsked, asked) != asked;
 }
 
 /// A question about a path, and how it says no.
@@ -342,11 +338,11 @@ void TellListed(const std::wstring& folder, const WIN32_FIND_DATAW& found) {
 }
 
 Word ListFirst(HookedCall& call) {
-    const std::wstring pattern = call.Text(0);
+    const std::wstring pattern = ShownPath(call.Text(0));
     const Word result = call.Forward();
     const DWORD code = call.Code(FailureSign::AllOnes, result);
     if (code != ERROR_SUCCESS) {
-        Tell(TraceGroup::File, kLists, ShownPath(pattern), code);
+        Tell(TraceGroup::File, kLists, pattern, code);
         return result;
     }
     const std::wstring folder = pattern.substr(0, pattern.find_last_of(L"\\/") + 1);
@@ -362,6 +358,15 @@ Word ListNext(HookedCall& call) {
                    *call.Parameter<const WIN32_FIND_DATAW*>(1));
     }
     return result;
+}
+
+Word EndListing(HookedCall& call) {
+    {
+        // Before the call: another thread may be given the same value at once.
+        const std::lock_guard<std::mutex> guard(lock);
+        searches.erase(call.Parameter<HANDLE>(0));
+    }
+    return call.Forward();
 }
 
 constexpr Removal kRemovals[] = {
@@ -397,6 +402,7 @@ std::vector<Hook> FileHooks() {
         {"SetFileInformationByHandle", SetFileInformation},
         {"FindFirstFileW", ListFirst},
         {"FindNextFileW", ListNext},
+        {"FindClose", EndListing},
     };
     AddRows(hooks, kRemovals, RunRemoval);
     AddRows(hooks, kChanges, RunChange);

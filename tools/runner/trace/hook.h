@@ -1,12 +1,10 @@
 #pragma once
 
 #include "trace/event.h"
+#include "trace/thunks.h"
 
 #include <windows.h>
 
-#include <array>
-#include <cstdint>
-#include <cstring>
 #include <functional>
 #include <optional>
 #include <string>
@@ -16,33 +14,6 @@
 // What the hooks of all groups have in common.
 
 namespace halvard_runner {
-
-/// Wide enough for each parameter and each result of a function of Windows for x64.
-using Word = std::uint64_t;
-
-// The most parameters of a function that is hooked, which is CreateServiceW. What lies behind the
-// last one of a shorter function is read and handed on, and nobody looks at it.
-constexpr std::size_t kMostParameters = 13;
-using Words = std::array<Word, kMostParameters>;
-
-/// A pointer or a handle that came as a number.
-template <class Type>
-Type PointerOf(Word word) {
-    static_assert(std::is_pointer_v<Type> && sizeof(void*) == sizeof(Word));
-    Type pointer = nullptr;
-    std::memcpy(&pointer, &word, sizeof word);
-    return pointer;
-}
-
-/// How a function tells that it failed.
-enum class FailureSign {
-    Zero,     // FALSE or a null pointer; the last error has the code
-    AllOnes,  // INVALID_HANDLE_VALUE or INVALID_FILE_ATTRIBUTES; likewise
-    Status,   // the code of Windows is the result
-    HResult,  // an HRESULT is the result
-    NtStatus, // an NTSTATUS is the result
-    MinusOne, // of the C run-time; the last error is that of the function which it calls
-};
 
 /// A call of the library.
 class HookedCall {
@@ -84,6 +55,17 @@ private:
     void* original_;
 };
 
+/// What hooks keep is never destroyed: threads of the action may go on to the end of the process,
+/// and what a library does there is told too. Made before anything else has begun, for which there
+/// has to be memory.
+template <class Type>
+Type& NeverDestroyed() noexcept {
+    return *new Type; // NOLINT(bugprone-unhandled-exception-at-new)
+}
+
+/// For files that this trace opens beside whoever has them open.
+inline constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
 /// Takes the place of an imported function.
 struct Hook {
     const char* function;
@@ -120,12 +102,6 @@ bool IsDryRun();
 
 /// Since the trace began.
 double TraceMilliseconds();
-
-/// The text that the system has for a code; empty without one.
-std::wstring MeaningOf(DWORD code);
-
-/// A path as users write it: without the prefix of the extended-length form.
-std::wstring ShownPath(const std::wstring& path);
 
 /// The hooks of each group.
 std::vector<Hook> RegistryHooks();

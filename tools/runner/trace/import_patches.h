@@ -14,13 +14,15 @@ using ImportVisitor = std::function<void(const char* name, void** slot)>;
 
 void VisitImports(HMODULE module, const ImportVisitor& visit);
 
-/// The imports that are looked up with their first call.
+/// The imports that are looked up with their first call. The runner leaves them to that look-up, by
+/// GetProcAddress, which it hooks; what judges a library before any call reads them here.
 void VisitDelayedImports(HMODULE module, const ImportVisitor& visit);
 
 /// Throws std::runtime_error.
 void WriteImportSlot(void** slot, void* address);
 
-/// Imports that lead elsewhere for the length of a scope.
+/// Imports that lead elsewhere for the length of a scope. In the runner that is the rest of the
+/// process: there they are never put back.
 class ImportPatches {
 public:
     ImportPatches() = default;

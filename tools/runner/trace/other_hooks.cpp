@@ -6,6 +6,7 @@
 #include <msiquery.h>
 #include <objbase.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cwchar>
@@ -19,8 +20,8 @@ constexpr const wchar_t* kToNoSession = L"to session 0";
 constexpr const wchar_t* kToTheDebugger = L"to the debugger";
 
 // What was written to standard output since the last end of a line.
-std::wstring outputLine;
-std::mutex outputLock;
+auto& outputLine = NeverDestroyed<std::wstring>();
+auto& outputLock = NeverDestroyed<std::mutex>();
 
 std::wstring RecordText(MSIHANDLE record) {
     DWORD length = 0;

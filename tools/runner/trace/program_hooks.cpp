@@ -1,6 +1,8 @@
 #include "trace/hook.h"
 
+#include "inherited_handles.h"
 #include "runtime/owned.h"
+#include "text.h"
 #include "text_output.h"
 
 #include <shellapi.h>
@@ -44,11 +46,11 @@ struct Program {
 using SharedProgram = std::shared_ptr<Program>;
 
 // By the handle that the library has; of those that are left by nobody's.
-std::map<HANDLE, SharedProgram> programs;
-std::vector<SharedProgram> left;
+auto& programs = NeverDestroyed<std::map<HANDLE, SharedProgram>>();
+auto& left = NeverDestroyed<std::vector<SharedProgram>>();
 // The end to read from, by that to write to.
-std::map<HANDLE, HANDLE> pipes;
-std::mutex lock;
+auto& pipes = NeverDestroyed<std::map<HANDLE, HANDLE>>();
+auto& lock = NeverDestroyed<std::mutex>();
 
 SharedProgram FindProgram(HANDLE handle) {
     const std::lock_guard<std::mutex> guard(lock);
@@ -100,8 +102,7 @@ void AppendPrinted(Program& program, TraceDetails& details) {
 }
 
 std::wstring Seconds(const Program& program) {
-    const auto tenths = static_cast<long long>((TraceMilliseconds() - program.started) / 100.0);
-    return std::to_wstring(tenths / 10) + L"." + std::to_wstring(tenths % 10) + L" s";
+    return Tenths((TraceMilliseconds() - program.started) / 1000.0) + L" s";
 }
 
 /// Tells of a program what is known of it when nobody looks at it any more.
@@ -109,13 +110,15 @@ void TellEnd(Program& program, bool waitedFor) {
     TraceEvent event;
     event.group = TraceGroup::Program;
     event.target = program.name;
+    // First the wait: one that ends meanwhile has another code before it.
+    const DWORD waited = WaitForSingleObject(program.process.get(), 0);
+    event.what = waited == WAIT_TIMEOUT ? kStillRuns : kEnds;
     DWORD code = 0;
-    GetExitCodeProcess(program.process.get(), &code);
-    const bool runs = WaitForSingleObject(program.process.get(), 0) == WAIT_TIMEOUT;
-    event.what = runs ? kStillRuns : kEnds;
-    if (!runs) {
+    if (waited == WAIT_OBJECT_0 && GetExitCodeProcess(program.process.get(), &code) != FALSE) {
         event.code = code;
         event.result = code == 0 ? TraceResult::Done : TraceResult::Failed;
+    } else if (waited != WAIT_TIMEOUT) {
+        event.details.emplace_back(kAnswer, L"not known");
     }
     event.details.emplace_back(L"after", Seconds(program));
     if (!waitedFor) {
@@ -160,7 +163,6 @@ OutputFile NewOutputFile() {
     if (GetTempPathW(MAX_PATH + 1, folder) == 0 || GetTempFileNameW(folder, L"hrt", 0, path) == 0) {
         return file;
     }
-    constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     SECURITY_ATTRIBUTES inherited = {sizeof inherited, nullptr, TRUE};
     file.read.reset(CreateFileW(path, GENERIC_READ | DELETE, kShareAll, nullptr, OPEN_EXISTING,
                                 FILE_FLAG_DELETE_ON_CLOSE, nullptr));
@@ -177,51 +179,26 @@ OutputFile NewOutputFile() {
 /// had, the call stays as it is.
 class StartWithOutput {
 public:
-    StartWithOutput(HookedCall& call, HANDLE output) : handles_{output, Input()} {
+    StartWithOutput(HookedCall& call, const OwnedHandle& output)
+        : input_(NoInput()), inherited_({output.get(), input_.get()}) {
+        if (!output || !input_ || inherited_.Get() == nullptr) {
+            return;
+        }
         startup_.StartupInfo = *call.Parameter<const STARTUPINFOW*>(8);
         startup_.StartupInfo.cb = sizeof startup_;
         startup_.StartupInfo.dwFlags |= STARTF_USESTDHANDLES;
-        startup_.StartupInfo.hStdInput = handles_[1];
-        startup_.StartupInfo.hStdOutput = output;
-        startup_.StartupInfo.hStdError = output;
-        SIZE_T size = 0;
-        InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
-        memory_.resize(size);
-        auto* const list = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(memory_.data());
-        if (output == nullptr || output == INVALID_HANDLE_VALUE ||
-            handles_[1] == INVALID_HANDLE_VALUE ||
-            InitializeProcThreadAttributeList(list, 1, 0, &size) == FALSE) {
-            return;
-        }
-        startup_.lpAttributeList = list;
-        if (UpdateProcThreadAttribute(list, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, handles_,
-                                      sizeof handles_, nullptr, nullptr) == FALSE) {
-            return;
-        }
+        startup_.StartupInfo.hStdInput = input_.get();
+        startup_.StartupInfo.hStdOutput = output.get();
+        startup_.StartupInfo.hStdError = output.get();
+        startup_.lpAttributeList = inherited_.Get();
         call.arguments[4] = TRUE;
         call.arguments[5] |= EXTENDED_STARTUPINFO_PRESENT;
         call.arguments[8] = reinterpret_cast<std::uintptr_t>(&startup_);
     }
-    ~StartWithOutput() {
-        if (startup_.lpAttributeList != nullptr) {
-            DeleteProcThreadAttributeList(startup_.lpAttributeList);
-        }
-        if (handles_[1] != INVALID_HANDLE_VALUE) {
-            CloseHandle(handles_[1]);
-        }
-    }
-    StartWithOutput(const StartWithOutput&) = delete;
-    StartWithOutput& operator=(const StartWithOutput&) = delete;
 
 private:
-    static HANDLE Input() {
-        SECURITY_ATTRIBUTES inherited = {sizeof inherited, nullptr, TRUE};
-        return CreateFileW(L"NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherited,
-                           OPEN_EXISTING, 0, nullptr);
-    }
-
-    HANDLE handles_[2];
-    std::vector<char> memory_;
+    OwnedHandle input_;
+    InheritedHandles inherited_;
     STARTUPINFOEXW startup_ = {};
 };
 
@@ -257,7 +234,7 @@ Word StartProgram(HookedCall& call) {
     if ((startup->dwFlags & STARTF_USESTDHANDLES) == 0 &&
         (call.arguments[5] & EXTENDED_STARTUPINFO_PRESENT) == 0) {
         OutputFile output = NewOutputFile();
-        const StartWithOutput start(call, output.write.get());
+        const StartWithOutput start(call, output.write);
         result = call.Forward();
         program->file = std::move(output.read);
     } else {

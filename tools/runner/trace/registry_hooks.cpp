@@ -15,8 +15,8 @@ using namespace trace_words;
 constexpr std::size_t kMostData = 1000;
 constexpr REGSAM kViews = KEY_WOW64_32KEY | KEY_WOW64_64KEY;
 
-std::map<HKEY, std::wstring> keys;
-std::mutex keysLock;
+auto& keys = NeverDestroyed<std::map<HKEY, std::wstring>>();
+auto& keysLock = NeverDestroyed<std::mutex>();
 
 const wchar_t* RootName(HKEY key) {
     const std::pair<HKEY, const wchar_t*> roots[] = {{HKEY_CLASSES_ROOT, L"HKEY_CLASSES_ROOT"},
@@ -188,44 +188,28 @@ TraceDetails DataOf(const ValueCall& function, const HookedCall& call, DWORD kno
     return {{kType, TypeName(type)}, {kData, DataText(type, data, size)}};
 }
 
-/// The type of a value that the library does not ask for.
-DWORD TypeOf(const ValueCall& function, const HookedCall& call) {
-    DWORD type = REG_NONE;
+/// Asks for the value that a call names, and whether its key may be opened with these rights. The
+/// type is left as it is where that fails.
+DWORD AskForValue(const ValueCall& function, const HookedCall& call, REGSAM access,
+                  DWORD* type = nullptr) {
     const wchar_t* const below =
         function.below == kNone ? nullptr : call.Parameter<const wchar_t*>(function.below);
     HKEY opened = nullptr;
-    if (RegOpenKeyExW(call.Parameter<HKEY>(0), below, 0, KEY_QUERY_VALUE, &opened) ==
-        ERROR_SUCCESS) {
-        RegQueryValueExW(opened, call.Parameter<const wchar_t*>(function.name), nullptr, &type,
-                         nullptr, nullptr);
-        RegCloseKey(opened);
-    }
-    return type;
-}
-
-bool IsThere(const ValueCall& function, const HookedCall& call, DWORD& code) {
-    const wchar_t* const below =
-        function.below == kNone ? nullptr : call.Parameter<const wchar_t*>(function.below);
-    HKEY opened = nullptr;
-    LSTATUS status =
-        RegOpenKeyExW(call.Parameter<HKEY>(0), below, 0, KEY_QUERY_VALUE | KEY_SET_VALUE, &opened);
+    LSTATUS status = RegOpenKeyExW(call.Parameter<HKEY>(0), below, 0, access, &opened);
     if (status == ERROR_SUCCESS) {
         status = RegQueryValueExW(opened, call.Parameter<const wchar_t*>(function.name), nullptr,
-                                  nullptr, nullptr, nullptr);
+                                  type, nullptr, nullptr);
         RegCloseKey(opened);
     }
-    code = static_cast<DWORD>(status);
-    return status == ERROR_SUCCESS;
+    return static_cast<DWORD>(status);
 }
 
 Word RunValueCall(const ValueCall& function, HookedCall& call) {
     const std::wstring target = TargetOf(function, call);
     const bool hasData = function.type != kNone;
     if (function.changes && IsDryRun()) {
-        DWORD code = ERROR_SUCCESS;
-        if (!hasData) {
-            IsThere(function, call, code);
-        }
+        const DWORD code = hasData ? DWORD{ERROR_SUCCESS}
+                                   : AskForValue(function, call, KEY_QUERY_VALUE | KEY_SET_VALUE);
         TellNotMade(TraceGroup::Registry, function.what, target, code,
                     hasData ? DataOf(function, call, REG_NONE) : TraceDetails{});
         return call.Answer(FailureSign::Status, code);
@@ -240,9 +224,11 @@ Word RunValueCall(const ValueCall& function, HookedCall& call) {
     }
     TraceDetails details;
     if (hasData && code == ERROR_SUCCESS) {
-        const bool asksForType =
-            Reads(function) && call.Parameter<const void*>(function.type) != nullptr;
-        details = DataOf(function, call, asksForType ? REG_NONE : TypeOf(function, call));
+        DWORD type = REG_NONE;
+        if (Reads(function) && call.Parameter<const void*>(function.type) == nullptr) {
+            AskForValue(function, call, KEY_QUERY_VALUE, &type);
+        }
+        details = DataOf(function, call, type);
     } else if (code == ERROR_MORE_DATA) {
         details = {{kBytes, std::to_wstring(*call.Parameter<const DWORD*>(function.size))}};
     }
@@ -294,7 +280,13 @@ Word ListValue(HookedCall& call) {
     auto* const key = call.Parameter<HKEY>(0);
     const Word result = call.Forward();
     const DWORD code = call.Code(FailureSign::Status, result);
-    const ListedValue value = ReadListed(key, call.Parameter<DWORD>(1));
+    const auto index = call.Parameter<DWORD>(1);
+    if (code != ERROR_SUCCESS && code != ERROR_MORE_DATA) {
+        const std::wstring name = L"(number " + std::to_wstring(index) + L")";
+        Tell(TraceGroup::Registry, kListsValue, ValuePath(KeyPath(key, L""), name), code);
+        return result;
+    }
+    const ListedValue value = ReadListed(key, index);
     const auto size = static_cast<DWORD>(value.data.size());
     TraceDetails details;
     // The walk over a tree lists names alone.
@@ -321,20 +313,25 @@ Word CloseKey(HookedCall& call) {
 /// A key that is there is opened; one that is not cannot be made without a change.
 Word CreateKeyDry(const KeyCall& function, HookedCall& call) {
     HKEY opened = nullptr;
+    const auto access = call.Parameter<REGSAM>(function.access);
     const LSTATUS status = RegOpenKeyExW(call.Parameter<HKEY>(0), call.Parameter<const wchar_t*>(1),
-                                         0, call.Parameter<REGSAM>(function.access), &opened);
+                                         0, access, &opened);
     const std::wstring path = KeyPath(call.Parameter<HKEY>(0), call.Text(1));
     if (status == ERROR_SUCCESS) {
         const std::lock_guard<std::mutex> lock(keysLock);
         keys[opened] = path;
         *call.Parameter<HKEY*>(function.opened) = opened;
     }
-    TellNotMade(TraceGroup::Registry, function.what, path);
-    return call.Answer(FailureSign::Status,
-                       status == ERROR_SUCCESS ? ERROR_SUCCESS : ERROR_ACCESS_DENIED);
+    const auto code = static_cast<DWORD>(status);
+    if (MeansMissing(code)) {
+        TellNotMade(TraceGroup::Registry, function.what, path, ERROR_SUCCESS, ViewOf(access));
+        return call.Answer(FailureSign::Status, ERROR_ACCESS_DENIED);
+    }
+    Tell(TraceGroup::Registry, kOpensKey, path, code, ViewOf(access));
+    return call.Answer(FailureSign::Status, code);
 }
 
-constexpr KeyCall kOpening = {"RegOpenKeyExW", L"opens key", 3, 4};
+constexpr KeyCall kOpening = {"RegOpenKeyExW", kOpensKey, 3, 4};
 constexpr KeyCall kCreation = {"RegCreateKeyExW", L"creates key", 5, 7};
 constexpr KeyCall kDeletions[] = {
     {"RegDeleteKeyW", kDeletesKey, kNone, kNone},

@@ -14,8 +14,8 @@ struct Service {
     DWORD state = 0;
 };
 
-std::map<SC_HANDLE, Service> services;
-std::mutex lock;
+auto& services = NeverDestroyed<std::map<SC_HANDLE, Service>>();
+auto& lock = NeverDestroyed<std::mutex>();
 
 /// A function of the service manager. All say no by a zero.
 struct ServiceCall {

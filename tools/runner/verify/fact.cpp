@@ -1,10 +1,10 @@
 #include "verify/fact.h"
 
 #include "report.h"
+#include "text.h"
 
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <utility>
 
 namespace halvard_runner {
@@ -111,11 +111,6 @@ std::size_t CountOf(const std::vector<FactResult>& results, Verdict verdict) {
         }));
 }
 
-std::wstring Milliseconds(double milliseconds) {
-    const long long tenths = std::llround(milliseconds * 10);
-    return std::to_wstring(tenths / 10) + L"." + std::to_wstring(tenths % 10);
-}
-
 std::wstring ResultJson(const FactResult& result) {
     const FactText& text = *result.text;
     return JsonObject({
@@ -130,7 +125,7 @@ std::wstring ResultJson(const FactResult& result) {
         {L"here", JsonStringOrNull(result.outcome)},
         {L"why", JsonStringOrNull(result.why)},
         {L"verdict", JsonString(VerdictText(VerdictOf(result)))},
-        {L"milliseconds", Milliseconds(result.milliseconds)},
+        {L"milliseconds", Tenths(result.milliseconds)},
     });
 }
 

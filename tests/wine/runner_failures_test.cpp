@@ -1,9 +1,11 @@
 // What halvard_run makes of writes, answers of the installer and programs that fail.
 
+#include "call_process.h"
 #include "check/package_reader.h"
+#include "child_programs.h"
 #include "import_hook.h"
-#include "pipe_bytes.h"
 #include "files.h"
+#include "pipe_bytes.h"
 #include "stand_in_session.h"
 #include "verify/child.h"
 
@@ -12,10 +14,110 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <utility>
 
+using halvard_runner::ExitCode;
 using halvard_runner::ReaderHasGone;
 using halvard_runner::WriteAll;
 using halvard_runner::WriteAllToConsole;
+
+namespace {
+
+/// In the place of the process that would call the action: a program that ends without a word.
+class SilentProgram {
+public:
+    SilentProgram()
+        : program_(halvard_tests::BesideTestProgram(L"..\\support\\recorder.exe")),
+          record_(L"HALVARD_RECORD", folder_.File(L"record")), code_(L"HALVARD_RECORD_EXIT", L"10"),
+          naming_("GetModuleFileNameW", [this](HMODULE, wchar_t* path, DWORD) {
+              program_.copy(path, program_.size());
+              return static_cast<DWORD>(program_.size());
+          }) {}
+
+private:
+    std::wstring program_;
+    halvard_tests::ScratchFolder folder_;
+    halvard_tests::EnvironmentVariable record_;
+    halvard_tests::EnvironmentVariable code_;
+    halvard_tests::ImportHook<&GetModuleFileNameW> naming_;
+};
+
+/// What a call that comes to nothing is refused with, and the text.
+std::pair<ExitCode, std::wstring> RefusalOfACall() {
+    const SilentProgram silent;
+    halvard_runner::Arguments arguments;
+    arguments.action = L"Action";
+    try {
+        halvard_runner::CallInProcess(arguments, {[](const halvard_runner::Message&) {},
+                                                  [](const halvard_runner::TraceEvent&) {},
+                                                  [](halvard_runner::Stream, const std::wstring&) {
+                                                  }});
+    } catch (const halvard_runner::RunnerError& error) {
+        return {error.Code(), error.Text()};
+    }
+    return {ExitCode::Success, L"(not refused)"};
+}
+
+} // namespace
+
+TEST(CallInProcess, SaysThatAPipeCannotBeInherited) {
+    FAIL_CALL(inheriting, SetHandleInformation, 2, FALSE, ERROR_ACCESS_DENIED);
+    COUNT_CALLS(starting, CreateProcessW);
+    const auto [code, text] = RefusalOfACall();
+    EXPECT_EQ(code, ExitCode::NoSession);
+    EXPECT_EQ(text.rfind(L"no pipe for the call: Win32 error 5 ", 0), 0U) << text;
+    EXPECT_EQ(starting.Calls(), 0);
+}
+
+TEST(CallInProcess, SaysThatThereIsNoInput) {
+    HOOK(opening, CreateFileW,
+         [&](const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
+             DWORD disposition, DWORD flags, HANDLE pattern) -> HANDLE {
+             if (std::wstring(path) == L"NUL") {
+                 SetLastError(ERROR_ACCESS_DENIED);
+                 return INVALID_HANDLE_VALUE;
+             }
+             return opening.Original(path, access, share, security, disposition, flags, pattern);
+         });
+    COUNT_CALLS(starting, CreateProcessW);
+    const auto [code, text] = RefusalOfACall();
+    EXPECT_EQ(code, ExitCode::NoSession);
+    EXPECT_EQ(text.rfind(L"no input for the call: Win32 error 5 ", 0), 0U) << text;
+    EXPECT_EQ(starting.Calls(), 0);
+}
+
+TEST(CallInProcess, SaysThatThereIsNoListOfHandles) {
+    FAIL_CALL(listing, UpdateProcThreadAttribute, 0, FALSE, ERROR_NOT_ENOUGH_MEMORY);
+    COUNT_CALLS(freeing, DeleteProcThreadAttributeList);
+    const auto [code, text] = RefusalOfACall();
+    EXPECT_EQ(code, ExitCode::NoSession);
+    EXPECT_EQ(text.rfind(L"no process for the call: Win32 error 8 ", 0), 0U) << text;
+    EXPECT_EQ(freeing.Calls(), 1);
+}
+
+TEST(CallInProcess, TakesTheEndOfItsProcessBeforeTheCallForItsOwnFailure) {
+    const auto [code, text] = RefusalOfACall();
+    EXPECT_EQ(code, ExitCode::RunnerFailed);
+    EXPECT_EQ(text, L"halvard_run itself failed before the call: ended process, code 10");
+}
+
+TEST(CallInProcess, SaysThatWhatIsLeftRunningEndsWithIt) {
+    FAIL_CALL(limiting, SetInformationJobObject, 2, FALSE, ERROR_ACCESS_DENIED);
+    std::string told;
+    HOOK(writing, WriteFile,
+         [&](HANDLE file, const void* bytes, DWORD size, DWORD* done, OVERLAPPED* at) -> BOOL {
+             if (file != GetStdHandle(STD_ERROR_HANDLE)) {
+                 return writing.Original(file, bytes, size, done, at);
+             }
+             told.append(static_cast<const char*>(bytes), size);
+             *done = size;
+             return TRUE;
+         });
+    RefusalOfACall();
+    const std::string expected =
+        "halvard_run: what the action has left running ends with it: Win32 error 5 ";
+    EXPECT_EQ(told.rfind(expected, 0), 0U) << told;
+}
 
 TEST(WriteAll, GoesOnBehindWhatWasWritten) {
     std::string written;
