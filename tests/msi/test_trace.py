@@ -349,3 +349,22 @@ def test_a_folder_in_its_extended_length_form_is_named_as_users_write_it(made):
     dry = made.call("DeleteandRetainValues", "--dry-run", "--json").json["dry_run"]
     assert r"T:\brand\Went.png" in dry["would_go"]
     assert dry["would_stay"] == [{"name": r"T:\brand\Kept.png", "why": "named to stay"}]
+
+
+TASK = r"CustomActionData=TaskName=Traced task;CommandToLaunch=C:\a.exe;Username=Users"
+SCHED_E_MALFORMEDXML = 0x8004131A
+REGISTERED = ("registers", "Traced task", "done", None)
+
+
+def test_the_answers_of_the_task_scheduler_are_told(made):
+    told = made.trace("CreateTriggerlessElevatedScheduleTask", TASK)
+    assert told.of("task") == [
+        ("begins", "COM", "done", None),
+        ("reaches", "Task Scheduler", "done", None),
+        ("connects to", "Task Scheduler", "done", None),
+        ("opens folder of tasks", "\\", "done", None),
+        REGISTERED,
+    ]
+    # It makes the definition malformed.
+    refused = made.trace("CreateTriggerlessElevatedScheduleTask", TASK.replace("a.exe", "<.exe"))
+    assert refused.of("task")[-1] == (*REGISTERED[:2], "failed", SCHED_E_MALFORMEDXML)

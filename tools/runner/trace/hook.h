@@ -110,6 +110,12 @@ std::vector<Hook> FileHooks();
 std::vector<Hook> ServiceHooks();
 std::vector<Hook> OtherHooks();
 
+constexpr const wchar_t* kTaskScheduler = L"Task Scheduler";
+
+/// From here on a connection by this ITaskService, its folders and what is registered in them are
+/// told.
+void WatchTaskScheduler(void* taskService);
+
 /// Tells what became of the programs that nobody has waited for.
 void TellOfLeftPrograms();
 

@@ -148,14 +148,18 @@ Word CreateObject(HookedCall& call) {
     wchar_t id[64] = {};
     StringFromGUID2(*call.Parameter<const CLSID*>(0), id, 64);
     const std::wstring scheduler = L"{0F87369F-A4E5-4CFC-BD3E-73E6154572DD}";
-    const std::wstring name =
-        id == scheduler ? L"Task Scheduler" : L"COM object " + std::wstring(id);
+    const bool isScheduler = id == scheduler;
+    const std::wstring name = isScheduler ? kTaskScheduler : L"COM object " + std::wstring(id);
     if (IsDryRun()) {
         TellNotMade(TraceGroup::Task, L"reaches", name);
         return call.Answer(FailureSign::HResult, ERROR_ACCESS_DENIED);
     }
     const Word result = call.Forward();
-    Tell(TraceGroup::Task, L"reaches", name, call.Code(FailureSign::HResult, result));
+    const DWORD code = call.Code(FailureSign::HResult, result);
+    Tell(TraceGroup::Task, L"reaches", name, code);
+    if (isScheduler && code == ERROR_SUCCESS) {
+        WatchTaskScheduler(*call.Parameter<void**>(4));
+    }
     return result;
 }
 
