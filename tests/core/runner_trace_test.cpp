@@ -246,6 +246,15 @@ TEST(DryRunOf, KnowsAPathInItsExtendedLengthForm) {
     EXPECT_TRUE(dryRun.nearMisses.empty());
 }
 
+TEST(DryRunOf, TellsATextInAnotherFormThanThatOfItsEntry) {
+    const DryRun dryRun =
+        DryRunOf(kBranding, {RetainedValue(L"\\\\?\\C:\\b\\went"), Listed(L"C:\\b\\went"),
+                             NotMade(words::kRemoves, L"C:\\b\\went")});
+    EXPECT_TRUE(dryRun.wouldStay.empty());
+    ASSERT_EQ(dryRun.nearMisses.size(), 1U);
+    EXPECT_EQ(dryRun.nearMisses[0].why, L"written in another form than C:\\b\\went");
+}
+
 TEST(ShownPath, IsWithoutThePrefixOfTheLongForm) {
     EXPECT_EQ(ShownPath(L"\\\\?\\C:\\a"), L"C:\\a");
     EXPECT_EQ(ShownPath(L"\\\\?\\UNC\\server\\share"), L"\\\\server\\share");

@@ -93,7 +93,8 @@ def installed() -> Iterator[Asked]:
 
 @pytest.fixture(scope="module")
 def installed_once_more() -> Iterator[Asked]:
-    with asking("prefix-msi-verify-again", "--verify-installer", "--yes") as answered:
+    arguments = ("--verify-installer", "--yes")
+    with asking("prefix-msi-verify-again", *arguments, program=COPIED_RUNNER) as answered:
         yield answered
 
 

@@ -36,8 +36,8 @@ struct Refusal {
 std::optional<Refusal> RefusalAt(CallStage stage, const std::wstring& library,
                                  const EscapedException& end);
 
-/// What that process tells, one after the other. The outcome comes last, without messages and
-/// trace.
+/// What that process tells, one after the other. The outcome is without messages and trace; events
+/// and a refusal may come behind it.
 using CallReport = std::variant<CallStage, Message, Refusal, Outcome, TraceEvent>;
 
 std::string Encoded(const CallRequest& request);

@@ -120,8 +120,9 @@ std::wstring WhyKept(const std::wstring& entry, bool isFile, const RetainList& r
 }
 
 /// Why a text keeps nothing that was probably meant to; empty where it keeps something, or nothing
-/// comes near.
-std::wstring WhyMissed(const std::wstring& text, const std::vector<std::wstring>& entries) {
+/// comes near. `touched` are those entries that go, with slashes.
+std::wstring WhyMissed(const std::wstring& text, const std::vector<std::wstring>& entries,
+                       const std::set<std::wstring>& touched) {
     if (text == kSkins || text.empty()) {
         return {};
     }
@@ -131,8 +132,10 @@ std::wstring WhyMissed(const std::wstring& text, const std::vector<std::wstring>
     const auto isText = [&](const std::wstring& entry) {
         return WithSlashes(entry) == WithSlashes(text);
     };
-    if (std::any_of(entries.begin(), entries.end(), isText)) {
-        return {};
+    const auto same = std::find_if(entries.begin(), entries.end(), isText);
+    if (same != entries.end()) {
+        return touched.count(WithSlashes(*same)) == 0 ? L""
+                                                      : L"written in another form than " + *same;
     }
     const std::wstring lower = LowerCase(WithSlashes(text));
     for (const std::wstring& entry : entries) {
@@ -176,7 +179,7 @@ void TellOfBranding(const std::vector<TraceEvent>& trace, DryRun& dryRun) {
     }
     dryRun.nearMisses = retained.unread;
     for (const std::wstring& text : retained.texts) {
-        const std::wstring why = WhyMissed(text, entries);
+        const std::wstring why = WhyMissed(text, entries, touched);
         if (!why.empty()) {
             dryRun.nearMisses.push_back({text, why});
         }

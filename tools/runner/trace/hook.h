@@ -112,9 +112,9 @@ std::vector<Hook> OtherHooks();
 
 constexpr const wchar_t* kTaskScheduler = L"Task Scheduler";
 
-/// From here on a connection by this ITaskService, its folders and what is registered in them are
-/// told.
-void WatchTaskScheduler(void* taskService);
+/// From here on a connection by this object, its folders and what is registered in them are told,
+/// where it was asked for as an ITaskService.
+void WatchTaskScheduler(const IID& interfaceId, void* object);
 
 /// Tells what became of the programs that nobody has waited for.
 void TellOfLeftPrograms();

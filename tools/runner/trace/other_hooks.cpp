@@ -158,7 +158,7 @@ Word CreateObject(HookedCall& call) {
     const DWORD code = call.Code(FailureSign::HResult, result);
     Tell(TraceGroup::Task, L"reaches", name, code);
     if (isScheduler && code == ERROR_SUCCESS) {
-        WatchTaskScheduler(*call.Parameter<void**>(4));
+        WatchTaskScheduler(*call.Parameter<const IID*>(3), *call.Parameter<void**>(4));
     }
     return result;
 }

@@ -321,6 +321,9 @@ Word CreateKeyDry(const KeyCall& function, HookedCall& call) {
         const std::lock_guard<std::mutex> lock(keysLock);
         keys[opened] = path;
         *call.Parameter<HKEY*>(function.opened) = opened;
+        if (auto* const disposition = call.Parameter<DWORD*>(8)) {
+            *disposition = REG_OPENED_EXISTING_KEY;
+        }
     }
     const auto code = static_cast<DWORD>(status);
     if (MeansMissing(code)) {

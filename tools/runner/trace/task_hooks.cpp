@@ -1,5 +1,5 @@
-// The objects of the Task Scheduler come from no import. Their classes are found when the library
-// has made the first object of each, which then gets a table of functions with these among them.
+// The objects of the Task Scheduler come from no import. The first of each class shows the table of
+// its functions; each object of the class then gets a copy of it with these among them.
 
 // In the form for C an interface has its functions in a structure.
 #define CINTERFACE
@@ -47,7 +47,9 @@ void Watch(ITaskFolder& folder) {
         folderFunctions = *ofFolder;
         folderFunctions.RegisterTask = RegisterTask;
     });
-    folder.lpVtbl = &folderFunctions;
+    if (folder.lpVtbl == ofFolder) {
+        folder.lpVtbl = &folderFunctions;
+    }
 }
 
 HRESULT STDMETHODCALLTYPE Connect(ITaskService* service, VARIANT server, VARIANT user,
@@ -68,8 +70,11 @@ HRESULT STDMETHODCALLTYPE GetFolder(ITaskService* service, BSTR path, ITaskFolde
 
 } // namespace
 
-void WatchTaskScheduler(void* taskService) {
-    auto& service = *static_cast<ITaskService*>(taskService);
+void WatchTaskScheduler(const IID& interfaceId, void* object) {
+    if (interfaceId != IID_ITaskService) {
+        return;
+    }
+    auto& service = *static_cast<ITaskService*>(object);
     static std::once_flag once;
     std::call_once(once, [&] {
         ofService = service.lpVtbl;
@@ -77,7 +82,9 @@ void WatchTaskScheduler(void* taskService) {
         serviceFunctions.Connect = Connect;
         serviceFunctions.GetFolder = GetFolder;
     });
-    service.lpVtbl = &serviceFunctions;
+    if (service.lpVtbl == ofService) {
+        service.lpVtbl = &serviceFunctions;
+    }
 }
 
 } // namespace halvard_runner

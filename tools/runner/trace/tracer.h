@@ -12,7 +12,7 @@ namespace halvard_runner {
 using TraceSink = std::function<void(const TraceEvent&)>;
 
 /// Puts hooks into the imports of a library that is loaded, for the rest of this process. Times
-/// count from here. A later trace takes the place of an earlier one.
+/// count from here. Once in a process, or once more where no trace before found anything to hook.
 void StartTrace(HMODULE library, TraceMode mode, TraceSink sink);
 
 /// Tells what became of the programs that nobody has waited for. Nothing where there is no trace.
