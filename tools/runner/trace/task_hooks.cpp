@@ -20,7 +20,7 @@ ITaskFolderVtbl folderFunctions;
 const ITaskServiceVtbl* ofService = nullptr;
 const ITaskFolderVtbl* ofFolder = nullptr;
 
-std::wstring TextOf(const BSTR text) {
+std::wstring TextOf(const OLECHAR* text) {
     return text == nullptr ? L"" : text;
 }
 
