@@ -13,6 +13,7 @@
 #include <shlobj.h>
 #include <shlwapi.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <type_traits>
 
