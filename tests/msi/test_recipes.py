@@ -34,6 +34,7 @@ FRAME = """\
           <Directory Id="CacheFolder" Name="Cache"/>
           <Directory Id="PivotFolder" Name="Pivot"/>
           <Directory Id="DvrFolder" Name="DVR"/>
+          <Directory Id="TaskFolder" Name="Task"/>
           <Directory Id="PlainServerFolder" Name="Plain"/>
           <Directory Id="ServerFolder" Name="Server">
             <Component Id="Server" Guid="C4E81F27-6A3D-4B59-90E2-7D1B5A8F3C06" Win64="yes">
@@ -49,6 +50,8 @@ FRAME = """\
       <ComponentRef Id="Pivot"/>
       <ComponentRef Id="PlainServer"/>
       <ComponentRef Id="Dvr"/>
+      <ComponentRef Id="OwnTask"/>
+      <ComponentRef Id="Refusal"/>
     </Feature>
   </Product>
 </Wix>
@@ -66,11 +69,32 @@ def error_actions(text: str) -> dict[str, str]:
     return dict(re.findall(r'<CustomAction Id="(\w+)" Error="([^"]*)"/>', text))
 
 
+def without_dialogs(text: str) -> str:
+    """The text without what shows dialogs, which wixl does not have."""
+    return re.sub(r"<UI>.*?</UI>|<UIRef [^>]*/>", "", text, flags=re.DOTALL)
+
+
+def component_conditions(text: str) -> dict[str, str]:
+    """The conditions of components, which wixl does not know."""
+    product = ElementTree.fromstring(f"<Product>{text}</Product>")
+    return {
+        component.attrib["Id"]: condition.text or ""
+        for component in product.iter("Component")
+        for condition in component.iterfind("Condition")
+    }
+
+
+def without_component_conditions(text: str) -> str:
+    return re.sub(r"(<Component [^>]*>\s*)<Condition>.*?</Condition>", r"\1", text)
+
+
 def built(folder: Path, recipes: str, name: str) -> Path:
     """A package of the recipes, with what wixl leaves out of it."""
     refusals = error_actions(recipes)
     for action, text in refusals.items():
         recipes = recipes.replace(f'<CustomAction Id="{action}" Error="{text}"/>', "")
+    conditions = component_conditions(recipes)
+    recipes = without_component_conditions(without_dialogs(recipes))
     source = folder / f"{name}.wxs"
     source.write_text(FRAME.format(namespace=generate.WIX_3.namespace, recipes=recipes))
     for stand_in in ("Server.dll", "Plain.dll", "pvcmd.exe", "VSServCmd.exe"):
@@ -78,10 +102,14 @@ def built(folder: Path, recipes: str, name: str) -> Path:
     shutil.copy(paths.LIBRARY, folder)
     shutil.copy(paths.PACKAGE_SOURCES / "halvard_actions.wxi", folder)
     shutil.copy(paths.PACKAGE_SOURCES / "Pivot/StartPV.xml", folder)
+    shutil.copy(paths.PACKAGE_SOURCES / "Pivot/StartPV.xml", folder / "OwnTask.xml")
     rows = [
         "INSERT INTO CustomAction (Action, Type, Target) "
         f"VALUES ('{action}', {ERROR_ACTION}, '{text}')"
         for action, text in refusals.items()
+    ] + [
+        f"UPDATE Component SET Condition='{condition}' WHERE Component='{component}'"
+        for component, condition in conditions.items()
     ]
     return package.changed_copy(package.build(source), f"{name}-whole", *rows)
 
@@ -110,6 +138,12 @@ def test_every_recipe_is_in_the_package_and_each_action_is_declared_and_schedule
             assert sequence[name] == (custom.text, int(custom.attrib["Sequence"])), name
 
 
+def test_the_refusal_of_analytics_is_installed_where_it_was_told(recipes_package):
+    conditions = {row[0]: row[4] for row in package.table(recipes_package, "Component")}
+    assert conditions["Refusal"] == 'DISABLEANALYTICS ~<< "YES"'
+    assert [name for name, condition in conditions.items() if condition] == ["Refusal"]
+
+
 def test_nothing_is_wrong_with_a_package_of_all_recipes(prefix, recipes_package):
     assert found(prefix, recipes_package) == {NOT_SIGNED, NOT_ALL_SCHEDULED}
 
@@ -121,6 +155,8 @@ def test_nothing_is_wrong_with_a_package_of_all_recipes(prefix, recipes_package)
         ('Sequence="6102"', 'Sequence="6112"', (305, "ClearStartPV")),
         ("NOT INSTALLDIR", "NOT INSTALLFOLDER", (504, "SetUnregisterDLL")),
         ('Sequence="1665"', 'Sequence="1651"', (306, "ShutDownDVR")),
+        ('<Property Id="DISABLEANALYTICS" Secure="yes"/>', "", (501, "DISABLEANALYTICS")),
+        ('Sequence="6195"', 'Sequence="6205"', (310, "UndoEnableAnalyticsKey")),
     ],
 )
 def test_a_recipe_with_a_mistake_is_found(prefix, tmp_path, old, new, finding):

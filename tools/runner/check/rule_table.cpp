@@ -106,7 +106,7 @@ const std::vector<RuleText>& RuleTable() {
         {307, Severity::Error,
          L"The folder of pvcmd.exe removed before an action that starts it.",
          L"The action throws when it cannot start the tool, and its own work is left undone.",
-         L"Let DeletePVFolder and DeletePVINSTALLDIRFolder come last."},
+         L"Let DeletePVFolder and DeletePVINSTALLDIRFolder come behind all that start it."},
         {308, Severity::Warning,
          L"PreInstallUPA without a stop of TeloLauncher before it.",
          L"It tries to remove the folder before it ends the agent, and throws while the agent runs from there.",
