@@ -17,8 +17,8 @@ HARMLESS = {
         GetNativeSystemInfo GetProcessAffinityMask GetSecurityInfo GetSystemInfo
         GetSystemTimeAsFileTime GetTempPathW GetThreadContext GetThreadPriority GetTickCount
         GetTickCount64 GetWindowsDirectoryW IsDBCSLeadByteEx IsDebuggerPresent
-        NtQueryInformationFile OpenProcess PeekNamedPipe RegQueryInfoKeyW
-        RegisterEventSourceW RtlGetVersion SHGetFolderLocation SHGetMalloc SHGetPathFromIDListW
+        NtQueryInformationFile OpenProcess PeekNamedPipe QueryPerformanceCounter
+        QueryPerformanceFrequency RegQueryInfoKeyW RegisterEventSourceW RtlGetVersion SHGetFolderLocation SHGetMalloc SHGetPathFromIDListW
         SetupDiEnumDeviceInfo SetupDiGetClassDevsW SetupDiGetDeviceRegistryPropertyW
         VirtualQuery
     """,
@@ -41,9 +41,10 @@ HARMLESS = {
     "of the C run-time, with memory and texts": """
         __C_specific_handler ___lc_codepage_func ___mb_cur_max_func __iob_func _amsg_exit
         _beginthreadex _endthreadex _errno _initterm _localtime64 _localtime64_s _lock _mktime64 _setjmp
-        _strdup _time64 _ultoa _unlock _wcsicmp _wtof abort calloc exit free iswctype
+        _strdup _time64 _ultoa _unlock _vscprintf _vsnprintf _wcsicmp _wtof abort calloc exit
+        free getenv iswctype
         localeconv longjmp malloc memchr memcmp memcpy memmove memset realloc setlocale
-        signal strcmp strcoll strerror strftime strlen strncmp strxfrm towlower towupper
+        signal strchr strcmp strcoll strerror strftime strlen strncmp strtoul strxfrm towlower towupper
         wcscmp wcscoll wcsftime wcslen wcsxfrm
     """,
     # The library opens no file by the C run-time.
