@@ -182,7 +182,7 @@ const std::vector<FactText>& FactTexts() {
          L"3",
          L"RegGetValueW function",
          L"1",
-         L"1"},
+         L"2"},
         {L"short-number",
          L"registry",
          L"The bytes of a value of 2 bytes are the low ones of the number that is read from it.",
