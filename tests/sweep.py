@@ -523,14 +523,11 @@ def canaries() -> Subject:
 
 
 def import_names(library: Path) -> list[str]:
-    """The functions that a library imports."""
-    listed = subprocess.run(
-        ["x86_64-w64-mingw32-objdump", "-p", str(library)],
-        capture_output=True,
-        text=True,
-        check=True,
-    )
-    return re.findall(r"^\t[0-9a-f]+\t +\d+  (\w+)$", listed.stdout, re.MULTILINE)
+    """The functions that a library imports, with those that are looked up by their first call."""
+    # objdump lists them in another form with every few releases.
+    command = ["llvm-readobj", "--coff-imports", str(library)]
+    listed = subprocess.run(command, capture_output=True, text=True, check=True)
+    return re.findall(r"^ +Symbol: (\w+) \(\d+\)$", listed.stdout, re.MULTILINE)
 
 
 def missed_faults(rows: Sequence[Row]) -> dict[str, str]:

@@ -1,9 +1,13 @@
 """The hooks of a trace: what the library imports is seen by them, or changes nothing but its own process."""
 
 import re
-import subprocess
+import sys
+from pathlib import Path
 
-from installer import paths
+sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+
+import sweep  # noqa: E402
+from installer import paths  # noqa: E402
 
 SOURCES = sorted((paths.ROOT / "tools/runner/trace").glob("*.cpp"))
 ROW = re.compile(r'\{"(\w+)",')
@@ -54,13 +58,6 @@ HARMLESS = {
 }
 
 
-def imports() -> set[str]:
-    """With those that are looked up by their first call."""
-    command = ["llvm-readobj", "--coff-imports", str(paths.LIBRARY)]
-    text = subprocess.run(command, capture_output=True, text=True, check=True).stdout
-    return set(re.findall(r"^ +Symbol: (\w+) \(\d+\)$", text, re.MULTILINE))
-
-
 def hooked() -> set[str]:
     return {name for file in SOURCES for name in ROW.findall(file.read_text())}
 
@@ -70,7 +67,7 @@ def harmless() -> list[str]:
 
 
 def test_every_import_is_hooked_or_changes_nothing_else_than_its_process():
-    imported = imports()
+    imported = set(sweep.import_names(paths.LIBRARY))
     assert {"RegDeleteTreeW", "SetFileInformationByHandle", "CreateXmlReader"} <= imported
     assert imported - hooked() - set(harmless()) == set()
 
