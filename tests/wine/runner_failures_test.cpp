@@ -58,14 +58,19 @@ std::pair<ExitCode, std::wstring> RefusalOfACall() {
     return {ExitCode::Success, L"(not refused)"};
 }
 
+/// A call is refused as one that cannot be prepared, by a text that begins so.
+void ExpectNoCall(const std::wstring& beginning) {
+    const auto [code, text] = RefusalOfACall();
+    EXPECT_EQ(code, ExitCode::NoSession);
+    EXPECT_EQ(text.rfind(beginning, 0), 0U) << text;
+}
+
 } // namespace
 
 TEST(CallInProcess, SaysThatAPipeCannotBeInherited) {
     FAIL_CALL(inheriting, SetHandleInformation, 2, FALSE, ERROR_ACCESS_DENIED);
     COUNT_CALLS(starting, CreateProcessW);
-    const auto [code, text] = RefusalOfACall();
-    EXPECT_EQ(code, ExitCode::NoSession);
-    EXPECT_EQ(text.rfind(L"no pipe for the call: Win32 error 5 ", 0), 0U) << text;
+    ExpectNoCall(L"no pipe for the call: Win32 error 5 ");
     EXPECT_EQ(starting.Calls(), 0);
 }
 
@@ -80,18 +85,14 @@ TEST(CallInProcess, SaysThatThereIsNoInput) {
              return opening.Original(path, access, share, security, disposition, flags, pattern);
          });
     COUNT_CALLS(starting, CreateProcessW);
-    const auto [code, text] = RefusalOfACall();
-    EXPECT_EQ(code, ExitCode::NoSession);
-    EXPECT_EQ(text.rfind(L"no input for the call: Win32 error 5 ", 0), 0U) << text;
+    ExpectNoCall(L"no input for the call: Win32 error 5 ");
     EXPECT_EQ(starting.Calls(), 0);
 }
 
 TEST(CallInProcess, SaysThatThereIsNoListOfHandles) {
     FAIL_CALL(listing, UpdateProcThreadAttribute, 0, FALSE, ERROR_NOT_ENOUGH_MEMORY);
     COUNT_CALLS(freeing, DeleteProcThreadAttributeList);
-    const auto [code, text] = RefusalOfACall();
-    EXPECT_EQ(code, ExitCode::NoSession);
-    EXPECT_EQ(text.rfind(L"no process for the call: Win32 error 8 ", 0), 0U) << text;
+    ExpectNoCall(L"no process for the call: Win32 error 8 ");
     EXPECT_EQ(freeing.Calls(), 1);
 }
 

@@ -9,6 +9,7 @@
 #include <taskschd.h>
 
 #include <mutex>
+#include <utility>
 
 namespace halvard_runner {
 
