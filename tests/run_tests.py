@@ -414,6 +414,8 @@ def _google_tests(
         progress_file(ring).write_text(f"{done} of {len(listed)}")
 
     ended = run_aloud(command, log, start, TEST_SILENCE, tell)
+    for reason in re.findall(r"^once more: (.*)$", _text(log), re.MULTILINE):
+        repeats.tell(reason)
     return read_google_test_log(ring, _text(log), ended, listed)
 
 

@@ -291,6 +291,30 @@ def test_a_ring_tells_what_it_did_once_more(monkeypatch, tmp_path, capsys):
     assert "once more: it hung\n" in printed and printed.endswith("0 skipped; 1 repeated\n")
 
 
+A_PROGRAM_OF_TESTS = """#!/bin/sh
+if [ "$1" = --gtest_list_tests ]; then
+    printf 'A.\\n  B\\n'
+    exit
+fi
+echo '[==========] Running 1 test from 1 test suite.'
+echo '[ RUN      ] A.B'
+echo 'once more: the engine lost a program'
+echo '[       OK ] A.B (1 ms)'
+echo '[==========] 1 test from 1 test suite ran. (1 ms total)'
+"""
+
+
+@pytest.mark.filterwarnings("ignore:once more")
+def test_what_a_program_of_tests_did_once_more_is_counted(monkeypatch, tmp_path):
+    monkeypatch.setattr(run_tests, "RESULTS", tmp_path)
+    program = tmp_path / "tests"
+    program.write_text(A_PROGRAM_OF_TESTS)
+    program.chmod(0o755)
+    with repeats.counted(tmp_path / "repeated.txt") as count:
+        assert run_tests._google_tests("core", [str(program)]) == Outcome(1)
+        assert count() == 1
+
+
 @pytest.mark.parametrize(
     "first, second, passed, failed",
     [

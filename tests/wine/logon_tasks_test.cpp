@@ -300,22 +300,26 @@ TEST_P(CreateLogonTask, RunsItsCommandsWhateverBecomesOfTheFile) {
         },
     };
     const RecorderAt schtasks(halvard_tests::kSchtasks);
-    std::size_t expected = 0;
     for (const auto& make : states) {
         const PivotInstallation pivot;
         make(pivot.File(task.XmlFile()));
+        const std::size_t before = Recordings().size();
+        const ProcessStarts starts;
         EXPECT_EQ(task.create(0), 0U);
-        expected += 2;
-        EXPECT_EQ(WaitForRecordings(expected).size(), expected);
+        starts.WaitUntilAllHaveEnded();
+        EXPECT_EQ(Recordings().size(), before + 2) << starts.Told();
     }
 
     const PivotInstallation pivot;
     WriteWholeFile(pivot.File(task.XmlFile()), TaskXml(L""));
     const HANDLE locked = CreateFileW(pivot.File(task.XmlFile()).c_str(), GENERIC_READ, 0, nullptr,
                                       OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    const std::size_t before = Recordings().size();
+    const ProcessStarts starts;
     EXPECT_EQ(task.create(0), 0U);
     CloseHandle(locked);
-    EXPECT_EQ(WaitForRecordings(expected + 2).size(), expected + 2);
+    starts.WaitUntilAllHaveEnded();
+    EXPECT_EQ(Recordings().size(), before + 2) << starts.Told();
 }
 
 TEST_P(CreateLogonTask, RunsItsCommandsWithoutATemporaryFolder) {

@@ -39,19 +39,36 @@ public:
     HANDLE Process() const { return process_; }
 
     void WaitUntilAllHaveEnded() const {
-        for (const DWORD id : ids_) {
-            const halvard::OwnedHandle process(OpenProcess(SYNCHRONIZE, FALSE, id));
-            if (process) {
-                WaitForSingleObject(process.get(), INFINITE);
-            }
+        for (const halvard::OwnedHandle& process : started_) {
+            WaitForSingleObject(process.get(), INFINITE);
         }
+    }
+
+    /// What came of each call, for a message: the code of a refusal, and the exit code of a process
+    /// that was started.
+    std::wstring Told() const {
+        std::wstring told;
+        auto process = started_.begin();
+        for (std::size_t call = 0; call < codes_.size(); ++call) {
+            told += commandLines_[call] + L": ";
+            if (codes_[call] != NO_ERROR) {
+                told += L"refused with " + std::to_wstring(codes_[call]) + L"\n";
+                continue;
+            }
+            DWORD exitCode = 0;
+            GetExitCodeProcess((process++)->get(), &exitCode);
+            told += exitCode == STILL_ACTIVE ? L"still runs\n"
+                                             : L"ended with " + std::to_wstring(exitCode) + L"\n";
+        }
+        return told;
     }
 
 private:
     std::function<bool(ProcessStart&)> before_;
     std::vector<std::wstring> commandLines_;
     std::vector<DWORD> codes_;
-    std::vector<DWORD> ids_;
+    // Of its own: the caller closes the handles that it got.
+    std::vector<halvard::OwnedHandle> started_;
     HANDLE process_ = nullptr;
 
     HOOK(creating_, CreateProcessW,
@@ -70,7 +87,10 @@ private:
              }
              if (done != FALSE) {
                  process_ = created->hProcess;
-                 ids_.push_back(created->dwProcessId);
+                 HANDLE kept = nullptr;
+                 DuplicateHandle(GetCurrentProcess(), process_, GetCurrentProcess(), &kept, 0,
+                                 FALSE, DUPLICATE_SAME_ACCESS);
+                 started_.emplace_back(kept);
              }
              codes_.push_back(code);
              SetLastError(code);
