@@ -26,8 +26,12 @@ HANDLE stopRequested = nullptr;
 HANDLE proceed = nullptr;
 std::wstring settings;
 
-// Milliseconds: ample for a thread that has nothing left to do but to write an answer to a pipe.
-constexpr DWORD ANSWER_TIME = 300;
+// Milliseconds for a thread that has nothing left to do but to write an answer to a pipe.
+#ifdef HALVARD_ANSWER_TIME
+constexpr DWORD ANSWER_TIME = HALVARD_ANSWER_TIME;
+#else
+constexpr DWORD ANSWER_TIME = 300; // ample
+#endif
 
 DWORD Setting(const wchar_t* name) {
     DWORD value = 0;

@@ -154,6 +154,30 @@ TEST(EngineProbe, LinkRemoval) {
     EXPECT_EQ(removed ? NO_ERROR : GetLastError(), Here(engines::kLinkRemoval));
 }
 
+TEST(EngineProbe, NetStop) {
+    const ScratchFolder scratch;
+    const std::wstring program = scratch.File(L"service.exe");
+    CopyTestService(program);
+    ServiceBehavior behavior;
+    behavior.stopPending = 5000;
+    InstalledService service(kService, program, behavior);
+    service.Start();
+    std::wstring line = L"net.exe stop "s + kService;
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION net = {};
+    ASSERT_NE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW,
+                             nullptr, nullptr, &startup, &net),
+              FALSE);
+    WaitForSingleObject(net.hProcess, INFINITE);
+    const DWORD state = service.State();
+    CloseHandle(net.hThread);
+    CloseHandle(net.hProcess);
+    service.Proceed();
+    EXPECT_TRUE(service.WaitForProcess());
+    EXPECT_EQ(state == SERVICE_STOPPED, Here(engines::kNetStop)) << state;
+}
+
 TEST(EngineProbe, FailFastCode) {
     EXCEPTION_RECORD error = {};
     error.ExceptionCode = STATUS_INVALID_CRUNTIME_PARAMETER;
