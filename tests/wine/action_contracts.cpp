@@ -16,7 +16,7 @@
 #include "runtime/launch_conditions.h"
 #include "tasks/benchmark_task.h"
 #include "tasks/elevated_task.h"
-#include "tasks/logon_tasks.h"
+#include "tasks/pv_dvr_tasks.h"
 
 #include "agent_calls.h"
 #include "child_programs.h"

@@ -8,7 +8,8 @@
 namespace halvard {
 
 /// The count with which a removal says that it failed, if it does not say so by a code. RemoveAll
-/// never gives it; file-system libraries do, and packages rely on what follows it.
+/// never gives it; removals of the standard library may, and what RemoveDirectoryTree then does is
+/// its contract whichever removal it is given.
 inline constexpr std::uintmax_t kRemovalFailed = UINTMAX_MAX;
 
 /// Removes an empty folder, or a link to a folder, as it is. The path is in the extended-length
@@ -23,11 +24,14 @@ DWORD RemoveFolder(const std::wstring& systemPath);
 /// own deletion, when it answers ERROR_DIR_NOT_EMPTY. A subfolder that cannot be deleted, such as
 /// the current directory of a process, is emptied all the same before its code ends the removal.
 /// Below the folder nothing is looked up by a path: names are taken as they are listed, whatever
-/// their length and form. What has become another folder since it was listed is not entered, and
-/// ends the removal with ERROR_DIR_NOT_EMPTY, as a folder at work does that has become a link;
-/// what has become one before its turn is not entered and goes as that link. A folder that another
-/// process has open for its deletion ends it with ERROR_SHARING_VIOLATION. docs/security.md tells
-/// what this keeps out. Memory grows with the depth of the tree, not with the number of entries.
+/// their length and form.
+///
+/// A name that leads to another folder than when it was listed is not entered, and ends the removal
+/// with ERROR_DIR_NOT_EMPTY. So does a folder that becomes a link while it is emptied. A folder
+/// that has become a link before its turn is not entered, and the link goes. A folder that another
+/// process has open for its deletion ends the removal with ERROR_SHARING_VIOLATION.
+/// docs/security.md tells what this keeps out. Memory grows with the depth of the tree, not with
+/// the number of entries.
 std::uintmax_t RemoveAll(const std::wstring& path, DWORD& code);
 
 /// Removes a folder with all it holds. What does not exist or is not a folder is left alone; a link

@@ -82,7 +82,7 @@ DWORD HeldFolder::OpenTop(const std::wstring& systemPath, FolderUse use) {
     if (!handle_) {
         return GetLastError();
     }
-    const DWORD code = CheckOpened(FILE_ATTRIBUTE_DIRECTORY);
+    const DWORD code = CheckOpened(0);
     const std::size_t nameEnd = systemPath.find_last_not_of(L'\\') + 1;
     const std::size_t nameStart = systemPath.rfind(L'\\', nameEnd - 1) + 1;
     // The root of a drive lies in no folder.
@@ -190,6 +190,7 @@ DWORD HeldFolder::CheckOpened(DWORD listedAttributes) {
     if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
         return ERROR_DIRECTORY;
     }
+    // Where the listing says link and the handle does not, the opening may have followed it.
     isLink_ = HasTagOfALink(handle_.get(), attributes | listedAttributes);
     fileId_ = ReadFileId(handle_.get());
     return ERROR_SUCCESS;

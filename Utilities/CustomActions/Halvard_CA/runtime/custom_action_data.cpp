@@ -5,8 +5,9 @@
 namespace halvard {
 
 std::wstring GetDataValue(const std::wstring& data, const std::wstring& key) {
-    // For an absent key find() gives all bits set, and the sum wraps to the key's length minus 1:
-    // packages in the field live with what that yields, so it stays.
+    // The sum is a signed number of 32 bits. For an absent key find() gives all bits set, and it
+    // wraps to the key's length minus 1: packages in the field live with what that yields, so it
+    // stays.
     const auto start =
         static_cast<std::size_t>(static_cast<std::int32_t>(data.find(key) + key.size()));
     const std::size_t end = data.find(L';', start);

@@ -9,7 +9,8 @@ namespace halvard {
 /// Whether a character separates the parts of a path.
 bool IsSlash(wchar_t character);
 
-/// The path of a file in a folder; a folder that ends in a slash of either kind gets no other.
+/// The path of a file in a folder; a folder that ends in a slash of either kind gets no other. An
+/// empty folder gives a path from the root of the current drive.
 std::wstring FileInFolder(const std::wstring& folder, const std::wstring& fileName);
 
 /// The path of a program in a folder, always with a backslash between them: a folder that ends in

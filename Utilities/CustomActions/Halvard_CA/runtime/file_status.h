@@ -4,9 +4,9 @@
 
 #include <string>
 
-// What a path leads to, reported as std::filesystem::filesystem_error with Win32 codes in the
-// system category: the standard library of some compilers reports others and takes links for
-// folders.
+// What a path leads to. Questions that may fail throw std::filesystem::filesystem_error with Win32
+// codes in the system category: the standard library of some compilers reports others and takes
+// links for folders.
 
 namespace halvard {
 

@@ -48,9 +48,12 @@ DWORD RunCmdCommand(const std::wstring& command, const wchar_t* directory) {
     HANDLE outputWriteEnd = nullptr;
     CreatePipe(&outputReadEnd, &outputWriteEnd, &inheritable, pipeSize);
     const OwnedHandle outputRead(outputReadEnd);
+    // Kept to the end: without a writer the pipe could not be asked any more once the child is
+    // gone, and its exit code would not be read.
     const OwnedHandle outputWrite(outputWriteEnd);
 
-    // Never connected to the child and never closed.
+    // Never connected to the child, which inherits its read end all the same, and never closed: the
+    // process that hosts the action is gone soon after it.
     HANDLE spareReadEnd = nullptr;
     HANDLE spareWriteEnd = nullptr;
     CreatePipe(&spareReadEnd, &spareWriteEnd, &inheritable, pipeSize);
@@ -68,7 +71,7 @@ DWORD RunCmdCommand(const std::wstring& command, const wchar_t* directory) {
     const BOOL started = CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE,
                                         CREATE_NO_WINDOW, nullptr, directory, &startup, &child);
     const DWORD code = GetLastError();
-    // An action starts thousands of these, and each would inherit the spare ends of all before it.
+    // An action may start thousands, and each would inherit the spare ends of all before it.
     SetHandleInformation(spareReadEnd, HANDLE_FLAG_INHERIT, 0);
     if (started == FALSE) {
         return code;
@@ -76,6 +79,7 @@ DWORD RunCmdCommand(const std::wstring& command, const wchar_t* directory) {
     const OwnedHandle process(child.hProcess);
     const OwnedHandle thread(child.hThread);
 
+    // What comes back when already the first question fails.
     DWORD exitCode = STILL_ACTIVE;
     do {
         // A process that cannot be asked would hold the loop for ever.
@@ -95,7 +99,7 @@ bool RunCommandLine(wchar_t* commandLine, const std::wstring& directory, bool wa
                        directory.empty() ? nullptr : directory.c_str(), &startup,
                        &child) == FALSE) {
         const DWORD code = GetLastError();
-        // For the eyes of a debugger alone: no caller logs a start that is refused.
+        // Nobody reads it but who stops here in a debugger: no caller logs a refused start.
         const std::wstring report = FailedLaunchText(commandLine, code);
         return false;
     }

@@ -12,8 +12,8 @@
 #include <system_error>
 #include <vector>
 
-// Access to the registry in the view that a 64-bit process sees by default. Callers that want the
-// 32-bit view name the Wow6432Node path themselves.
+// Access to the registry in the view that a 64-bit process sees by default. Callers that want
+// another name the Wow6432Node path themselves, or the view in the access that they ask for.
 
 namespace halvard {
 
@@ -110,7 +110,8 @@ void EnumerateKeyTree(HKEY root, const std::wstring& path, std::vector<std::wstr
                       const std::vector<std::wstring>& names);
 
 /// The walk of EnumerateKeyTree into one vector that takes keys and values, without a filter. With
-/// a null root it does not descend and writes one line for each key to standard output.
+/// a null root it does not descend and writes one line for each key to standard output; the actions
+/// walk below HKEY_LOCAL_MACHINE alone.
 void QueryKey(HKEY root, const std::wstring& path, std::vector<std::wstring>& paths);
 
 } // namespace halvard

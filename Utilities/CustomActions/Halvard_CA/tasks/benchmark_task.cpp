@@ -4,7 +4,7 @@
 #include "runtime/file_status.h"
 #include "runtime/pivot.h"
 #include "runtime/registry.h"
-#include "tasks/schtasks.h"
+#include "tasks/run_schtasks.h"
 #include "tasks/schtasks_commands.h"
 #include "tasks/task_xml_rewriter.h"
 

@@ -1,4 +1,4 @@
-#include "tasks/schtasks.h"
+#include "tasks/run_schtasks.h"
 
 #include "runtime/launch.h"
 #include "tasks/schtasks_commands.h"

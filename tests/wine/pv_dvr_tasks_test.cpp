@@ -1,4 +1,4 @@
-#include "tasks/logon_tasks.h"
+#include "tasks/pv_dvr_tasks.h"
 
 #include "runtime/registry.h"
 

@@ -1,10 +1,10 @@
-#include "tasks/logon_tasks.h"
+#include "tasks/pv_dvr_tasks.h"
 
 #include "runtime/file_paths.h"
 #include "runtime/file_status.h"
 #include "runtime/pivot.h"
 #include "runtime/registry.h"
-#include "tasks/schtasks.h"
+#include "tasks/run_schtasks.h"
 #include "tasks/schtasks_commands.h"
 #include "tasks/task_xml_rewriter.h"
 
