@@ -22,6 +22,8 @@
 
 namespace halvard_tests {
 
+using namespace std::string_literals;
+
 namespace {
 
 std::wstring Text(const wchar_t* text) {
@@ -371,7 +373,7 @@ const std::vector<DescribedCall>& DescribedCalls() {
                          LPSECURITY_ATTRIBUTES, BOOL, DWORD, LPVOID, LPCWSTR, LPSTARTUPINFOW,
                          LPPROCESS_INFORMATION child) {
                          trace.Opened(Resource::kernel, child->hProcess, line);
-                         trace.Opened(Resource::kernel, child->hThread, line);
+                         trace.Opened(Resource::kernel, child->hThread, L"thread of "s + line);
                      })),
         OPENING_CALL(kProcesses, ShellExecuteExW, Zero, ([](Trace&, SHELLEXECUTEINFOW* execution) {
                          return L"execute " + Text(execution->lpFile) + L"|" +
