@@ -13,16 +13,16 @@
 #include "removal_calls.h"
 #include "stand_in_session.h"
 
-#include <shellapi.h>
 #include <shlwapi.h>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <stdexcept>
 #include <typeinfo>
+#include <utility>
+#include <vector>
 
 using halvard::DeleteDMFTDirectory;
 using halvard::DeletePVFolder;
