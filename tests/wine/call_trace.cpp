@@ -3,8 +3,19 @@
 #include "begins.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace halvard_tests {
+
+Lines Beginning(const Lines& lines, const Lines& starts) {
+    Lines found;
+    std::copy_if(
+        lines.begin(), lines.end(), std::back_inserter(found), [&](const std::wstring& line) {
+            return std::any_of(starts.begin(), starts.end(),
+                               [&](const std::wstring& start) { return Begins(line, start); });
+        });
+    return found;
+}
 
 CallTrace::CallTrace(unsigned groups, std::size_t failing, DWORD code)
     : failing_(failing), code_(code) {
@@ -20,17 +31,6 @@ void CallTrace::Fail(const std::wstring& start, DWORD code, std::size_t nth) {
     failNth_ = nth;
     failSeen_ = 0;
     code_ = code;
-}
-
-Lines CallTrace::Of(const Lines& starts) const {
-    Lines found;
-    for (const std::wstring& line : lines_) {
-        if (std::any_of(starts.begin(), starts.end(),
-                        [&](const std::wstring& start) { return Begins(line, start); })) {
-            found.push_back(line);
-        }
-    }
-    return found;
 }
 
 Lines CallTrace::Rests(const std::wstring& start) const {
@@ -68,12 +68,11 @@ std::wstring CallTrace::Name(Resource kind, const void* handle) const {
 bool CallTrace::Comes(const std::wstring& line) {
     lines_.push_back(line);
     ++count_;
-    const bool fails = count_ == failing_ ||
-                       (failNth_ != 0 && Begins(line, failStart_) && ++failSeen_ == failNth_);
     if (before) {
         before(line);
     }
-    return !fails;
+    const bool isMeant = !failStart_.empty() && Begins(line, failStart_);
+    return count_ != failing_ && !(isMeant && (failNth_ == 0 || ++failSeen_ == failNth_));
 }
 
 void CallTrace::Closes(const std::wstring& line, Resource kind, const void* handle) {

@@ -33,6 +33,9 @@ enum CallGroup : unsigned {
     kEveryCall = (1U << 15U) - 1,
 };
 
+/// The lines that begin with one of these texts.
+Lines Beginning(const Lines& lines, const Lines& starts);
+
 /// What a handle belongs to: numbers of one kind may be those of another.
 enum class Resource { kernel, service, record, memory };
 
@@ -52,7 +55,8 @@ public:
     CallTrace(const CallTrace&) = delete;
     CallTrace& operator=(const CallTrace&) = delete;
 
-    /// Makes the call number `nth`, counted from 1, of those whose lines begin with `start` fail.
+    /// Makes the call number `nth`, counted from 1, of those whose lines begin with `start` fail; 0
+    /// for each of them. `before` may say so of the call that is about to come.
     void Fail(const std::wstring& start, DWORD code = ERROR_ACCESS_DENIED, std::size_t nth = 1);
 
     /// Called before each call that may fail, with its line.
@@ -60,8 +64,7 @@ public:
 
     const Lines& All() const { return lines_; }
 
-    /// The lines that begin with one of these texts.
-    Lines Of(const Lines& starts) const;
+    Lines Of(const Lines& starts) const { return Beginning(lines_, starts); }
 
     /// What follows this text in the lines that begin with it.
     Lines Rests(const std::wstring& start) const;

@@ -66,6 +66,26 @@ TEST(CallTrace, MakesTheCallFailWhoseLineBeginsSo) {
     EXPECT_EQ(ReadBelow(scratch), ERROR_FILE_NOT_FOUND);
 }
 
+TEST(CallTrace, MakesEachCallFailWhoseLineBeginsSo) {
+    const ScratchKey scratch;
+    CallTrace trace(kRegistry);
+    trace.Fail(L"size of", ERROR_BUSY, 0);
+    EXPECT_EQ(ReadBelow(scratch), ERROR_BUSY);
+    EXPECT_EQ(ReadBelow(scratch), ERROR_BUSY);
+}
+
+TEST(CallTrace, MakesTheCallFailThatIsAboutToCome) {
+    const ScratchKey scratch;
+    CallTrace trace(kRegistry);
+    trace.before = [&](const std::wstring& line) {
+        if (trace.Count() == 2) {
+            trace.Fail(line, ERROR_BUSY);
+        }
+    };
+    EXPECT_EQ(ReadBelow(scratch), ERROR_BUSY);
+    EXPECT_EQ(ReadBelow(scratch), ERROR_FILE_NOT_FOUND);
+}
+
 TEST(CallTrace, FailsEachFunctionInItsOwnWay) {
     const CallTrace trace(kEveryCall, 1, ERROR_BUSY);
     EXPECT_EQ(GetFileAttributesW(L"C:\\"), INVALID_FILE_ATTRIBUTES);

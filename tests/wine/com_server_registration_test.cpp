@@ -34,11 +34,14 @@ using halvard_tests::CurrentDirectoryScope;
 using halvard_tests::CurrentSessionScope;
 using halvard_tests::EnvironmentVariable;
 using halvard_tests::Link;
+using halvard_tests::Listing;
 using halvard_tests::OpenHandleCount;
 using halvard_tests::ProcessStart;
 using halvard_tests::ProcessStarts;
+using halvard_tests::Question;
 using halvard_tests::RecorderAt;
 using halvard_tests::Recordings;
+using halvard_tests::RemovalCalls;
 using halvard_tests::ScratchFolder;
 using halvard_tests::ScratchKey;
 using halvard_tests::StandInSession;
@@ -616,22 +619,12 @@ TEST(ApplyFolderPermissions, EntersWhatOnlySeemsALink) {
                                            {0, false},
                                            {IO_REPARSE_TAG_DEDUP, true}};
     for (const auto& [tag, entered] : tags) {
-        halvard_tests::RemovalCalls calls;
-        calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
-                                  void* data) -> DWORD {
-            if (type == FileIdBothDirectoryInfo) {
-                halvard_tests::ForEachListed(data, [&](const std::wstring& name, auto& info) {
-                    if (name == L"sub") {
-                        info.FileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
-                        info.EaSize = tag;
-                    }
-                });
-            } else if (type == FileAttributeTagInfo && path == scratch.File(L"sub")) {
-                *static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data) = {
-                    FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT, tag};
-            }
-            return ERROR_SUCCESS;
-        };
+        RemovalCalls calls;
+        calls.List(scratch.Path(), L"sub", [tag = tag](FILE_ID_BOTH_DIR_INFO& entry) {
+            entry.FileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+            entry.EaSize = tag;
+        });
+        calls.tags = {{scratch.File(L"sub"), tag}};
         const StandInInterpreter interpreter;
         ApplyFolderPermissions(scratch.Path(), L"u");
         Lines paths = {scratch.Path(), scratch.File(L"sub")};
@@ -693,63 +686,31 @@ TEST(SetPermissionsRegisterDLL, AFolderThatCannotBeAskedOrListedEndsItBeforeTheR
     const SmallTree tree;
     const std::wstring top = L"T:\\Scratch";
     const std::wstring sub = L"T:\\Scratch\\sub";
-    for (const DWORD code : {DWORD{ERROR_ACCESS_DENIED}, DWORD{ERROR_SHARING_VIOLATION}}) {
-        {
-            FAIL_CALL(asking, GetFileAttributesW, 1, INVALID_FILE_ATTRIBUTES, code);
-            ExpectRaised("exists", top, code, 0);
-        }
-        {
-            FAIL_CALL(asking, GetFileAttributesW, 2, INVALID_FILE_ATTRIBUTES, code);
-            ExpectRaised("status", top, code, 0);
-        }
-        {
-            FAIL_CALL(opening, CreateFileW, 1, INVALID_HANDLE_VALUE, code);
-            ExpectRaised(kConstructor, top, code, 1);
-        }
-        {
-            FAIL_CALL(opening, NtOpenFile, 1,
-                      code == ERROR_ACCESS_DENIED ? halvard_tests::kStatusAccessDenied
-                                                  : halvard_tests::kStatusSharingViolation,
-                      NO_ERROR);
-            ExpectRaised(kIncrement, sub, code, 2);
-        }
-        struct Case {
-            std::wstring folder;
-            int nth;
-            const char* operation;
-            std::size_t entries;
-        };
-        const Case listings[] = {
-            {top, 1, kConstructor, 1},
-            {top, 2, kIncrement, 3},
-            {sub, 1, kIncrement, 2},
-            {sub, 2, kIncrement, 3},
-        };
-        for (const Case& listing : listings) {
-            halvard_tests::RemovalCalls calls;
-            int count = 0;
-            calls.beforeListing = [&](const std::wstring& path) {
-                return path == listing.folder && ++count == listing.nth ? code
-                                                                        : DWORD{ERROR_SUCCESS};
-            };
-            ExpectRaised(listing.operation, listing.folder, code, listing.entries);
-        }
+    const struct {
+        std::wstring failing;
+        std::size_t nth;
+        const char* operation;
+        std::wstring path;
+        std::size_t entries;
+    } cases[] = {
+        {L"attributes of ", 1, "exists", top, 0},
+        {L"attributes of ", 2, "status", top, 0},
+        {L"open file ", 1, kConstructor, top, 1},
+        {L"open entry ", 1, kIncrement, sub, 2},
+        {Listing(top), 1, kConstructor, top, 1},
+        {Listing(top), 2, kIncrement, top, 3},
+        {Listing(sub), 1, kIncrement, sub, 2},
+        {Listing(sub), 2, kIncrement, sub, 3},
         // The opening of the top, "sub" listed in it, and the opening of that.
-        const Case questions[] = {
-            {top, 1, kConstructor, 1},
-            {top, 2, kIncrement, 1},
-            {sub, 1, kIncrement, 2},
-        };
-        for (const Case& question : questions) {
-            halvard_tests::RemovalCalls calls;
-            int count = 0;
-            calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
-                                      void*) {
-                return type == FileBasicInfo && path == question.folder && ++count == question.nth
-                           ? code
-                           : DWORD{ERROR_SUCCESS};
-            };
-            ExpectRaised(question.operation, question.folder, code, question.entries);
+        {Question(top), 1, kConstructor, top, 1},
+        {Question(top), 2, kIncrement, top, 1},
+        {Question(sub), 1, kIncrement, sub, 2},
+    };
+    for (const DWORD code : {DWORD{ERROR_ACCESS_DENIED}, DWORD{ERROR_SHARING_VIOLATION}}) {
+        for (const auto& each : cases) {
+            RemovalCalls calls;
+            calls.Fail(each.failing, code, each.nth);
+            ExpectRaised(each.operation, each.path, code, each.entries);
         }
     }
     // Gone between the commands for it and the walk.
@@ -761,15 +722,13 @@ TEST(SetPermissionsRegisterDLL, WhatHasGoneMeanwhileIsPassedBy) {
     const SmallTree tree;
     for (const DWORD code :
          {ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND, ERROR_BAD_NETPATH, ERROR_INVALID_NAME}) {
-        for (int nth = 1; nth <= 2; ++nth) {
-            FAIL_CALL(asking, GetFileAttributesW, nth, INVALID_FILE_ATTRIBUTES, code);
+        for (const std::size_t nth : {1U, 2U}) {
+            RemovalCalls calls;
+            calls.Fail(L"attributes of ", code, nth);
             ExpectEntries(0);
         }
-    }
-    for (const NTSTATUS gone :
-         {halvard_tests::kStatusNoSuchName, halvard_tests::kStatusNoSuchPath,
-          halvard_tests::kStatusBadNetworkPath, halvard_tests::kStatusInvalidName}) {
-        FAIL_CALL(opening, NtOpenFile, 1, gone, NO_ERROR);
+        RemovalCalls calls;
+        calls.Fail(L"open entry ", code);
         ExpectEntries(2);
     }
 }

@@ -22,6 +22,8 @@
 
 namespace halvard_tests {
 
+using namespace std::string_literals;
+
 namespace {
 
 std::wstring Text(const wchar_t* text) {
@@ -44,6 +46,11 @@ std::wstring AccessAndOptions(REGSAM access, DWORD options) {
 
 std::wstring Below(const CallTrace& trace, HKEY key, LPCWSTR subkey) {
     return trace.Name(key) + L"\\" + Text(subkey);
+}
+
+std::wstring EntryBelow(const CallTrace& trace, const OBJECT_ATTRIBUTES* entry) {
+    return trace.Name(entry->RootDirectory) + L"\\" +
+           std::wstring(entry->ObjectName->Buffer, entry->ObjectName->Length / sizeof(wchar_t));
 }
 
 std::wstring Plain(const std::wstring& path) {
@@ -78,12 +85,14 @@ struct AnHresult {
 struct AStatus {
     template <class Result>
     static Result Of(DWORD code) {
-        constexpr auto accessDenied = static_cast<NTSTATUS>(0xC0000022U);
-        constexpr auto sharingViolation = static_cast<NTSTATUS>(0xC0000043U);
-        constexpr auto noSuchName = static_cast<NTSTATUS>(0xC0000034U);
-        return code == ERROR_SHARING_VIOLATION ? sharingViolation
-               : code == ERROR_FILE_NOT_FOUND  ? noSuchName
-                                               : accessDenied;
+        const std::map<DWORD, DWORD> statuses = {{ERROR_SHARING_VIOLATION, 0xC0000043U},
+                                                 {ERROR_FILE_NOT_FOUND, 0xC0000034U},
+                                                 {ERROR_PATH_NOT_FOUND, 0xC000003AU},
+                                                 {ERROR_INVALID_NAME, 0xC0000033U},
+                                                 {ERROR_BAD_NETPATH, 0xC00000BEU}};
+        const auto found = statuses.find(code);
+        const DWORD accessDenied = 0xC0000022U;
+        return static_cast<NTSTATUS>(found != statuses.end() ? found->second : accessDenied);
     }
     template <class Result>
     static bool Tells(Result result) {
@@ -272,20 +281,16 @@ const std::vector<DescribedCall>& DescribedCalls() {
                      ([](Trace& trace, HANDLE file, LPCWSTR path, auto...) {
                          trace.Opened(Resource::kernel, file, Plain(path));
                      })),
-        OPENING_CALL(kFiles, NtOpenFile, AStatus,
-                     ([](Trace& trace, PHANDLE, ACCESS_MASK, POBJECT_ATTRIBUTES object, auto...) {
-                         return L"open entry " + trace.Name(object->RootDirectory) + L"\\" +
-                                std::wstring(object->ObjectName->Buffer,
-                                             object->ObjectName->Length / sizeof(wchar_t));
-                     }),
-                     ([](Trace& trace, NTSTATUS, PHANDLE opened, ACCESS_MASK,
-                         POBJECT_ATTRIBUTES object, auto...) {
-                         trace.Opened(
-                             Resource::kernel, *opened,
-                             trace.Name(object->RootDirectory) + L"\\" +
-                                 std::wstring(object->ObjectName->Buffer,
-                                              object->ObjectName->Length / sizeof(wchar_t)));
-                     })),
+        OPENING_CALL(
+            kFiles, NtOpenFile, AStatus,
+            ([](Trace& trace, PHANDLE, ACCESS_MASK access, POBJECT_ATTRIBUTES object,
+                PIO_STATUS_BLOCK, ULONG sharing, ULONG options) {
+                return L"open entry " + EntryBelow(trace, object) + Hex(access) + L" shared" +
+                       Hex(sharing) + L" options" + Hex(options) +
+                       (object->Attributes != 0 ? L" attributes" : L"");
+            }),
+            ([](Trace& trace, NTSTATUS, PHANDLE opened, ACCESS_MASK, POBJECT_ATTRIBUTES object,
+                auto...) { trace.Opened(Resource::kernel, *opened, EntryBelow(trace, object)); })),
         CALL(kFiles, SetFileInformationByHandle, Zero,
              ([](Trace& trace, HANDLE file, FILE_INFO_BY_HANDLE_CLASS type, auto...) {
                  return L"change entry " + trace.Name(file) + Number(type);
@@ -368,7 +373,7 @@ const std::vector<DescribedCall>& DescribedCalls() {
                          LPSECURITY_ATTRIBUTES, BOOL, DWORD, LPVOID, LPCWSTR, LPSTARTUPINFOW,
                          LPPROCESS_INFORMATION child) {
                          trace.Opened(Resource::kernel, child->hProcess, line);
-                         trace.Opened(Resource::kernel, child->hThread, line);
+                         trace.Opened(Resource::kernel, child->hThread, L"thread of "s + line);
                      })),
         OPENING_CALL(kProcesses, ShellExecuteExW, Zero, ([](Trace&, SHELLEXECUTEINFOW* execution) {
                          return L"execute " + Text(execution->lpFile) + L"|" +

@@ -3,27 +3,26 @@
 #include "runtime/registry.h"
 #include "runtime/session.h"
 
-#include "allocation_failure.h"
+#include "call_trace.h"
 #include "child_programs.h"
 #include "current_session.h"
 #include "files.h"
 #include "import_hook.h"
-#include "open_handles.h"
-#include "removal_calls.h"
 #include "pivot_installation.h"
+#include "played_programs.h"
+#include "removal_calls.h"
 #include "stand_in_session.h"
 
-#include <shellapi.h>
 #include <shlwapi.h>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <functional>
-#include <new>
 #include <stdexcept>
 #include <typeinfo>
+#include <utility>
+#include <vector>
 
 using halvard::DeleteDMFTDirectory;
 using halvard::DeletePVFolder;
@@ -31,15 +30,15 @@ using halvard::DeletePVINSTALLDIRFolder;
 using halvard::DeletePVSlimINSTALLDIRFolder;
 using halvard::DeleteXVRFolder;
 using halvard::RegKeyError;
-using halvard_tests::AllocationFailure;
+using halvard_tests::CallTrace;
 using halvard_tests::CreateFolders;
 using halvard_tests::CurrentDirectoryScope;
 using halvard_tests::CurrentSessionScope;
 using halvard_tests::EnvironmentVariable;
 using halvard_tests::IsThere;
 using halvard_tests::kInstallKey;
-using halvard_tests::OpenHandleCount;
 using halvard_tests::PivotInstallation;
+using halvard_tests::ReadingOf;
 using halvard_tests::ReadWholeFile;
 using halvard_tests::RecorderAt;
 using halvard_tests::Recording;
@@ -48,19 +47,25 @@ using halvard_tests::ScratchFolder;
 using halvard_tests::SetRegistryString;
 using halvard_tests::StandInSession;
 using halvard_tests::WriteWholeFile;
-using Lines = std::vector<std::wstring>;
 using namespace std::string_literals;
 
 namespace {
+
+using Action = UINT(__stdcall*)(MSIHANDLE);
 
 constexpr wchar_t kRecorderKey[] = L"SOFTWARE\\Qorta Technologies\\Install\\XVR64";
 constexpr wchar_t kSlimKey[] = L"SOFTWARE\\Qorta\\Sable\\Packages\\Core-Static";
 constexpr wchar_t kSlimKeyOf32Bits[] =
     L"SOFTWARE\\WOW6432Node\\Qorta\\Sable\\Packages\\Core-Static";
 constexpr wchar_t kPowerShell[] = L"C:\\windows\\System32\\WindowsPowerShell\\v1.0\\powershell.exe";
-constexpr wchar_t kPowerShellLine[] =
-    L"start %SYSTEMROOT%\\System32\\WindowsPowerShell\\v1.0\\powershell.exe|"
+constexpr wchar_t kPowerShellName[] =
+    L"%SYSTEMROOT%\\System32\\WindowsPowerShell\\v1.0\\powershell.exe";
+constexpr wchar_t kPowerShellArguments[] =
     L"Get-AppxPackage ZenvoCorporationInc-VSXCM* | Remove-AppxPackage -AllUsers";
+// How lines of calls begin.
+const std::wstring kOpenKey = L"open HKLM";
+const std::wstring kLook = L"attributes of ";
+const Lines kRemovals = {L"remove ", L"change entry "};
 
 std::string Before(const std::string& text, const std::string& end) {
     return text.substr(0, text.find(end));
@@ -108,176 +113,28 @@ std::wstring FinalPath(HANDLE file) {
     return path;
 }
 
-// Watches the calls of an action in their order, and stands in for the programs that it starts.
-class Calls {
-public:
-    Calls() = default;
-    Calls(const Calls&) = delete;
-    Calls& operator=(const Calls&) = delete;
+// Plays the programs, a system that knows no deletion with flags, and a drive that stays: it would
+// really go here, with the folder that every other test needs.
+class StandIns {
+    halvard_tests::PlayedPrograms programs_;
 
-    const Lines& All() const { return lines_; }
-
-    /// The lines that begin with `start`.
-    Lines Of(const std::wstring& start) const {
-        Lines found;
-        std::copy_if(
-            lines_.begin(), lines_.end(), std::back_inserter(found),
-            [&](const std::wstring& line) { return line.compare(0, start.size(), start) == 0; });
-        return found;
-    }
-
-    /// Makes the call number `nth`, counted from 1, of those whose lines begin with `start` do
-    /// nothing and fail with this Win32 code.
-    void Fail(const std::wstring& start, DWORD code, std::size_t nth = 1) {
-        failStart_ = start;
-        failCode_ = code;
-        failNth_ = nth;
-    }
-
-    /// The session that was the current one at the first call.
-    MSIHANDLE SessionAtFirstCall() const { return session_; }
-    HKEY LastKey() const { return lastKey_; }
-
-private:
-    // The code with which a call is to fail.
-    DWORD Call(const std::wstring& line) {
-        if (lines_.empty()) {
-            session_ = halvard::CurrentSession();
-        }
-        lines_.push_back(line);
-        const bool fails = !failStart_.empty() &&
-                           line.compare(0, failStart_.size(), failStart_) == 0 &&
-                           Of(failStart_).size() == failNth_;
-        SetLastError(fails ? failCode_ : NO_ERROR);
-        return fails ? failCode_ : NO_ERROR;
-    }
-
-    static std::wstring Hex(DWORD number) {
-        wchar_t text[16] = {};
-        wsprintfW(text, L" %x", number);
-        return text;
-    }
-
-    Lines lines_;
-    std::wstring failStart_;
-    DWORD failCode_ = NO_ERROR;
-    std::size_t failNth_ = 0;
-    MSIHANDLE session_ = 0;
-    HKEY lastKey_ = nullptr;
-    HANDLE child_ = nullptr;
-
-    HOOK(opening_, RegOpenKeyExW,
-         [this](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY key) {
-             EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
-             EXPECT_EQ(options, 0U);
-             LSTATUS status = static_cast<LSTATUS>(Call(L"open "s + subkey + Hex(access)));
-             if (status == ERROR_SUCCESS) {
-                 status = opening_.Original(root, subkey, options, access, key);
-                 lastKey_ = *key;
-             }
-             return status;
-         });
-    HOOK(reading_, RegGetValueW,
-         [this](HKEY key, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type, PVOID data,
-                LPDWORD size) {
-             const DWORD code = Call(L"read "s + name);
-             return code != NO_ERROR
-                        ? static_cast<LSTATUS>(code)
-                        : reading_.Original(key, subkey, name, flags, type, data, size);
-         });
-    HOOK(querying_, RegQueryValueExW,
-         [this](HKEY key, LPCWSTR name, LPDWORD reserved, LPDWORD type, LPBYTE data, LPDWORD size) {
-             EXPECT_EQ(reserved, nullptr);
-             const DWORD code = Call(L"query "s + name + L" " + std::to_wstring(*size));
-             if (code != NO_ERROR) {
-                 // As a value that is too long for the buffer is answered.
-                 *type = REG_SZ;
-                 return static_cast<LSTATUS>(code);
-             }
-             return querying_.Original(key, name, reserved, type, data, size);
-         });
-    HOOK(closing_, RegCloseKey, [this](HKEY key) {
-        Call(L"close");
-        return closing_.Original(key);
-    });
-    HOOK(executing_, ShellExecuteExW, [this](SHELLEXECUTEINFOW* execution) {
-        if (Call(L"start "s + execution->lpFile + L"|" + execution->lpParameters) != NO_ERROR) {
-            return FALSE;
-        }
-        // Any process that can be asked.
-        const BOOL done =
-            DuplicateHandle(GetCurrentProcess(), GetCurrentProcess(), GetCurrentProcess(), &child_,
-                            0, FALSE, DUPLICATE_SAME_ACCESS);
-        execution->hProcess = child_;
-        return done;
-    });
-    HOOK(waiting_, WaitForSingleObject, [this](HANDLE handle, DWORD timeout) -> DWORD {
-        if (handle != child_) {
-            return waiting_.Original(handle, timeout); // of the test framework
-        }
-        Call(L"wait " + std::to_wstring(timeout));
-        return WAIT_OBJECT_0;
-    });
-    HOOK(asking_, GetExitCodeProcess, [this](HANDLE, LPDWORD exitCode) -> BOOL {
-        *exitCode = 5;
-        return Call(L"exit code") == NO_ERROR ? TRUE : FALSE;
-    });
-    HOOK(looking_, GetFileAttributesW, [this](LPCWSTR path) {
-        return Call(L"look "s + path) == NO_ERROR ? looking_.Original(path)
-                                                  : INVALID_FILE_ATTRIBUTES;
-    });
-    HOOK(entering_, CreateFileW,
-         [this](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
-                DWORD disposition, DWORD flags, HANDLE pattern) {
-             if (Call(L"enter "s + path) != NO_ERROR) {
-                 return INVALID_HANDLE_VALUE;
-             }
-             return entering_.Original(path, access, share, security, disposition, flags, pattern);
-         });
     HOOK(removingFolder_, RemoveDirectoryW, [this](LPCWSTR path) {
-        if (Call(L"remove folder "s + path) != NO_ERROR) {
-            return FALSE;
+        if (path != kDrive || !IsDriveEmpty()) {
+            return removingFolder_.Original(path);
         }
-        if (path == kDrive && IsDriveEmpty()) {
-            // It would really go here, with the folder that every other test needs.
-            SetLastError(ERROR_ACCESS_DENIED);
-            return FALSE;
-        }
-        return removingFolder_.Original(path);
+        SetLastError(ERROR_ACCESS_DENIED);
+        return FALSE;
     });
     HOOK(removingEntry_, SetFileInformationByHandle,
          [this](HANDLE file, FILE_INFO_BY_HANDLE_CLASS type, LPVOID data, DWORD size) {
-             if (type == halvard_tests::kDispositionWithFlags) {
-                 SetLastError(ERROR_INVALID_PARAMETER);
-                 return FALSE;
+             const bool hasFlags = type == halvard_tests::kDispositionWithFlags;
+             if (!hasFlags && FinalPath(file) != kDrive) {
+                 return removingEntry_.Original(file, type, data, size);
              }
-             const std::wstring path = FinalPath(file);
-             if (Call(L"remove entry "s + path) != NO_ERROR) {
-                 return FALSE;
-             }
-             if (path == kDrive) {
-                 // It would really go here, with the folder that every other test needs.
-                 SetLastError(ERROR_ACCESS_DENIED);
-                 return FALSE;
-             }
-             return removingEntry_.Original(file, type, data, size);
+             SetLastError(hasFlags ? ERROR_INVALID_PARAMETER : ERROR_ACCESS_DENIED);
+             return FALSE;
          });
-    HOOK(existing_, PathFileExistsW, [this](LPCWSTR path) {
-        return Call(L"exists "s + path) == NO_ERROR ? existing_.Original(path) : FALSE;
-    });
-    HOOK(emptying_, PathIsDirectoryEmptyW, [this](LPCWSTR path) {
-        return Call(L"empty "s + path) == NO_ERROR ? emptying_.Original(path) : FALSE;
-    });
 };
-
-void SetSlimLocation(const std::wstring& folder) {
-    HKEY key = nullptr;
-    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, kSlimKey, 0, nullptr, 0,
-                              KEY_ALL_ACCESS | KEY_WOW64_32KEY, nullptr, &key, nullptr),
-              ERROR_SUCCESS);
-    RegCloseKey(key);
-    SetRegistryString(HKEY_LOCAL_MACHINE, kSlimKeyOf32Bits, L"Location", folder);
-}
 
 void SetValue(const std::wstring& key, const std::wstring& name, DWORD type, const void* bytes,
               std::size_t size) {
@@ -308,10 +165,47 @@ public:
         WriteWholeFile(File(name) + L"\\sub\\file", "x"s);
         return File(name);
     }
+    std::wstring EmptyFolder(const std::wstring& name) const {
+        CreateFolders(File(name));
+        return File(name);
+    }
+    bool Has(const std::wstring& name) const { return IsThere(File(name)); }
     bool IsWhole(const std::wstring& name) const {
-        return IsThere(File(name) + L"\\file") && IsThere(File(name) + L"\\sub\\file");
+        return Has(name + L"\\file") && Has(name + L"\\sub\\file");
     }
 
+    void SetPivotLocation(const std::wstring& folder) const {
+        SetRegistryString(HKEY_LOCAL_MACHINE, kInstallKey, L"Location", folder);
+    }
+    void SetSlimLocation(const std::wstring& folder) const {
+        SetRegistryString(HKEY_LOCAL_MACHINE, kSlimKeyOf32Bits, L"Location", folder);
+    }
+
+    /// What becomes of an action that is really run.
+    std::string RunForReal(Action action) const {
+        return OutcomeOf([&] { return action(session.Get()); });
+    }
+
+    /// The same with programs that are played, where the call number `nth` of those whose lines
+    /// begin with `failing` fails.
+    std::string Run(Action action, const std::wstring& failing = L"nothing",
+                    DWORD code = ERROR_ACCESS_DENIED, std::size_t nth = 1) {
+        using namespace halvard_tests;
+        const StandIns standIns;
+        CallTrace trace(kRegistry | kFiles | kFileQuestions | kProcesses | kChildren | kClosing);
+        trace.Fail(failing, code, nth);
+        std::string outcome = RunForReal(action);
+        calls = trace.All();
+        leftOpen = trace.LeftOpen();
+        return outcome;
+    }
+
+    Lines Of(const Lines& starts) const { return halvard_tests::Beginning(calls, starts); }
+    Lines Removals() const { return Of(kRemovals); }
+
+    /// The calls of the action that was run last, and what it left open.
+    Lines calls;
+    Lines leftOpen;
     CurrentSessionScope current{99};
     ScratchFolder scratch;
     StandInSession session;
@@ -320,7 +214,7 @@ public:
 // The actions that remove one folder, and how each is told which.
 struct FolderAction {
     const char* name;
-    UINT(__stdcall* run)(MSIHANDLE);
+    Action run;
     void (*pointTo)(const Machine& machine, const std::wstring& folder);
 
     bool MissingIsTheKey() const { return run == DeletePVFolder; }
@@ -330,256 +224,191 @@ void PrintTo(const FolderAction& action, std::ostream* stream) {
     *stream << action.name;
 }
 
-template <class Action>
-std::string NameOf(const testing::TestParamInfo<Action>& info) {
+template <class Each>
+std::string NameOf(const testing::TestParamInfo<Each>& info) {
     return info.param.name;
 }
 
-void PointPivotTo(const Machine&, const std::wstring& folder) {
-    SetRegistryString(HKEY_LOCAL_MACHINE, kInstallKey, L"Location", folder);
+void PointPivotTo(const Machine& machine, const std::wstring& folder) {
+    machine.SetPivotLocation(folder);
+}
+
+void PointSlimTo(const Machine& machine, const std::wstring& folder) {
+    machine.SetSlimLocation(folder);
+}
+
+void NameInData(const Machine& machine, const std::wstring& folder) {
+    machine.session.SetProperty(L"CustomActionData", L"InstallDir=" + folder);
 }
 
 const FolderAction kPivot = {"DeletePVFolder", DeletePVFolder, PointPivotTo};
 const FolderAction kPivotInstallDir = {"DeletePVINSTALLDIRFolder", DeletePVINSTALLDIRFolder,
                                        PointPivotTo};
 const FolderAction kSlim = {"DeletePVSlimINSTALLDIRFolder", DeletePVSlimINSTALLDIRFolder,
-                            [](const Machine&, const std::wstring& folder) {
-                                SetSlimLocation(folder);
-                            }};
-const FolderAction kNamed = {"DeleteDMFTDirectory", DeleteDMFTDirectory,
-                             [](const Machine& machine, const std::wstring& folder) {
-                                 machine.session.SetProperty(L"CustomActionData",
-                                                             L"InstallDir=" + folder);
-                             }};
-
-std::string Perform(const FolderAction& action, const Machine& machine) {
-    return OutcomeOf([&] { return action.run(machine.session.Get()); });
-}
+                            PointSlimTo};
+const FolderAction kNamed = {"DeleteDMFTDirectory", DeleteDMFTDirectory, NameInData};
 
 // The result of an action whose folder is not there; nothing is removed.
-void ExpectMissing(const FolderAction& action, const Machine& machine) {
-    const Calls calls;
-    const std::string outcome = Perform(action, machine);
-    if (action.MissingIsTheKey()) {
-        const auto number = static_cast<UINT>(reinterpret_cast<ULONG_PTR>(calls.LastKey()));
-        EXPECT_NE(number, 0U);
-        EXPECT_EQ(outcome, std::to_string(number));
-    } else {
-        EXPECT_EQ(outcome, "0");
-    }
-    EXPECT_EQ(calls.Of(L"remove"), Lines{});
+void ExpectMissing(const FolderAction& action, Machine& machine) {
+    HKEY last = nullptr;
+    HOOK(opening, RegOpenKeyExW,
+         [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
+             const LSTATUS status = opening.Original(root, subkey, options, access, opened);
+             last = *opened;
+             return status;
+         });
+    const std::string outcome = machine.Run(action.run);
+    const auto number = static_cast<UINT>(reinterpret_cast<ULONG_PTR>(last));
+    EXPECT_EQ(outcome, action.MissingIsTheKey() ? std::to_string(number) : "0");
+    EXPECT_TRUE(number != 0 || !action.MissingIsTheKey());
+    EXPECT_EQ(machine.Removals(), Lines{});
 }
+
+class RemoveFolderAction : public testing::TestWithParam<FolderAction> {
+protected:
+    void PointTo(const std::wstring& folder) const { GetParam().pointTo(machine, folder); }
+    std::string Run(const std::wstring& failing = L"nothing", std::size_t nth = 1) {
+        return machine.Run(GetParam().run, failing, ERROR_ACCESS_DENIED, nth);
+    }
+
+    Machine machine;
+};
 
 } // namespace
 
-class RemoveFolderAction : public testing::TestWithParam<FolderAction> {};
-
 TEST_P(RemoveFolderAction, RemovesTheFolderWithAllItHoldsAndNothingElse) {
-    const Machine machine;
     machine.Folder(L"other");
-    GetParam().pointTo(machine, machine.Folder(L"app"));
-    const Calls calls;
-    EXPECT_EQ(Perform(GetParam(), machine), "0");
-    EXPECT_FALSE(IsThere(machine.File(L"app")));
-    EXPECT_TRUE(machine.IsWhole(L"other"));
-}
-
-TEST_P(RemoveFolderAction, AFolderWithBlanksOtherLettersOrALongName) {
-    const Machine machine;
-    for (const std::wstring& name : {L"Program Files"s, L"\u0416\u00e9"s,
-                                     std::wstring(200, L'l') + L"\\" + std::wstring(200, L'l')}) {
-        GetParam().pointTo(machine, machine.Folder(name));
-        const Calls calls;
-        EXPECT_EQ(Perform(GetParam(), machine), "0");
-        EXPECT_FALSE(IsThere(machine.File(name)));
+    const std::wstring longName(200, L'l');
+    // With what the folder is called, and how the action is told.
+    const std::pair<std::wstring, std::wstring> spellings[] = {
+        {L"app", machine.File(L"app")},
+        {L"Program Files", machine.File(L"Program Files")},
+        {L"\u0416\u00e9", machine.File(L"\u0416\u00e9")},
+        {longName + L"\\" + longName, machine.File(longName + L"\\" + longName)},
+        {L"app", L"T:/Scratch/app"},
+        {L"app", L"T:\\Scratch\\app\\"},
+        {L"app", L"T:/Scratch\\app//"}};
+    for (const auto& [name, spelled] : spellings) {
+        machine.Folder(name);
+        PointTo(spelled);
+        EXPECT_EQ(Run(), "0");
+        EXPECT_FALSE(machine.Has(name));
+        EXPECT_TRUE(machine.IsWhole(L"other"));
     }
 }
 
 TEST_P(RemoveFolderAction, AMissingFolder) {
-    const Machine machine;
-    GetParam().pointTo(machine, machine.File(L"missing"));
+    PointTo(machine.File(L"missing"));
     ExpectMissing(GetParam(), machine);
 }
 
 TEST_P(RemoveFolderAction, AnEmptyPathIsNoFolderNeitherTheCurrentOne) {
-    const Machine machine;
     const CurrentDirectoryScope directory(machine.Folder(L"here"));
-    GetParam().pointTo(machine, L"");
+    PointTo(L"");
     ExpectMissing(GetParam(), machine);
     EXPECT_TRUE(machine.IsWhole(L"here"));
 }
 
 TEST_P(RemoveFolderAction, AFileIsLeft) {
-    const Machine machine;
     WriteWholeFile(machine.File(L"file"), "x"s);
-    GetParam().pointTo(machine, machine.File(L"file"));
-    const Calls calls;
-    EXPECT_EQ(Perform(GetParam(), machine), "0");
+    PointTo(machine.File(L"file"));
+    EXPECT_EQ(Run(), "0");
     EXPECT_EQ(ReadWholeFile(machine.File(L"file")), "x");
-    EXPECT_EQ(calls.Of(L"remove"), Lines{});
+    EXPECT_EQ(machine.Removals(), Lines{});
 }
 
 TEST_P(RemoveFolderAction, ARelativePathIsSeenFromTheCurrentDirectory) {
-    const Machine machine;
     machine.Folder(L"app");
     machine.Folder(L"here\\app");
     const CurrentDirectoryScope directory(machine.File(L"here"));
-    GetParam().pointTo(machine, L"app");
-    const Calls calls;
-    EXPECT_EQ(Perform(GetParam(), machine), "0");
-    EXPECT_FALSE(IsThere(machine.File(L"here\\app")));
-    EXPECT_TRUE(IsThere(machine.File(L"here")));
+    PointTo(L"app");
+    EXPECT_EQ(Run(), "0");
+    EXPECT_FALSE(machine.Has(L"here\\app"));
+    EXPECT_TRUE(machine.Has(L"here"));
     EXPECT_TRUE(machine.IsWhole(L"app"));
 }
 
-TEST_P(RemoveFolderAction, SlashesOfEitherKindWithOneAtTheEnd) {
-    const Machine machine;
-    for (const wchar_t* path : {L"T:/Scratch/app", L"T:\\Scratch\\app\\", L"T:/Scratch\\app//"}) {
-        machine.Folder(L"app");
-        GetParam().pointTo(machine, path);
-        const Calls calls;
-        EXPECT_EQ(Perform(GetParam(), machine), "0");
-        EXPECT_FALSE(IsThere(machine.File(L"app")));
-        EXPECT_TRUE(IsThere(machine.scratch.Path()));
-    }
-}
-
 TEST_P(RemoveFolderAction, ADriveThatRefusesToGoKeepsAllItHolds) {
-    const Machine machine;
     machine.Folder(L"app");
-    GetParam().pointTo(machine, L"T:\\");
-    Calls calls;
-    calls.Fail(L"remove", ERROR_ACCESS_DENIED);
-    EXPECT_EQ(Perform(GetParam(), machine), "filesystem_error remove_all 5 T:\\");
-    EXPECT_EQ(calls.Of(L"remove"), Lines{L"remove folder \\\\?\\T:\\"});
+    PointTo(L"T:\\");
+    EXPECT_EQ(Run(L"remove "), "filesystem_error remove_all 5 T:\\");
+    EXPECT_EQ(machine.Removals(), Lines{L"remove " + kDrive});
     EXPECT_TRUE(machine.IsWhole(L"app"));
 }
 
 TEST_P(RemoveFolderAction, ADriveIsEmptiedWhenItSaysThatItIsNotEmpty) {
-    const Machine machine;
     machine.Folder(L"app");
     WriteWholeFile(L"T:\\recorded.txt", "x"s);
-    GetParam().pointTo(machine, L"T:\\");
-    const Calls calls;
-    EXPECT_EQ(Perform(GetParam(), machine), "filesystem_error remove_all 5 T:\\");
+    PointTo(L"T:\\");
+    EXPECT_EQ(Run(), "filesystem_error remove_all 5 T:\\");
     EXPECT_TRUE(IsDriveEmpty());
-    const Lines removals = calls.Of(L"remove");
+    const Lines removals = machine.Removals();
     ASSERT_GE(removals.size(), 2U);
-    EXPECT_EQ(removals.front(), L"remove folder " + kDrive);
-    EXPECT_EQ(removals.back(), L"remove entry " + kDrive);
+    EXPECT_EQ(removals.front(), L"remove " + kDrive);
+    EXPECT_EQ(removals.back(), L"change entry T:\\ 4");
 }
 
 TEST_P(RemoveFolderAction, ALinkIsNeitherEnteredNorRemoved) {
-    const Machine machine;
     machine.Folder(L"target");
     const halvard_tests::Link link(machine.scratch.Path(), L"link", L"target");
-    GetParam().pointTo(machine, machine.File(L"link"));
-    {
-        const Calls calls;
-        EXPECT_EQ(Perform(GetParam(), machine),
-                  "filesystem_error remove_all 145 T:\\Scratch\\link");
-    }
+    PointTo(machine.File(L"link"));
+    EXPECT_EQ(Run(), "filesystem_error remove_all 145 T:\\Scratch\\link");
     EXPECT_TRUE(machine.IsWhole(L"target"));
     EXPECT_TRUE(machine.IsWhole(L"link"));
 }
 
 TEST_P(RemoveFolderAction, ALinkInTheFolderIsNotEntered) {
-    const Machine machine;
     machine.Folder(L"target");
-    CreateFolders(machine.File(L"app"));
-    const halvard_tests::Link link(machine.File(L"app"), L"link", L"../target");
-    GetParam().pointTo(machine, machine.File(L"app"));
-    {
-        const Calls calls;
-        EXPECT_EQ(Perform(GetParam(), machine), "filesystem_error remove_all 145 T:\\Scratch\\app");
-    }
+    const halvard_tests::Link link(machine.EmptyFolder(L"app"), L"link", L"../target");
+    PointTo(machine.File(L"app"));
+    EXPECT_EQ(Run(), "filesystem_error remove_all 145 T:\\Scratch\\app");
     EXPECT_TRUE(machine.IsWhole(L"target"));
 }
 
 TEST_P(RemoveFolderAction, AFileInUseOrReadOnlyEndsTheRemoval) {
-    const Machine machine;
-    GetParam().pointTo(machine, machine.Folder(L"app"));
+    PointTo(machine.Folder(L"app"));
     const std::wstring file = machine.File(L"app\\sub\\file");
     SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_READONLY);
-    {
-        const Calls calls;
-        EXPECT_EQ(Perform(GetParam(), machine), "filesystem_error remove_all 5 T:\\Scratch\\app");
-    }
+    EXPECT_EQ(Run(), "filesystem_error remove_all 5 T:\\Scratch\\app");
     EXPECT_TRUE(IsThere(file));
     SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_NORMAL);
 
     const HANDLE held = CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
                                     OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    {
-        const Calls calls;
-        EXPECT_EQ(Perform(GetParam(), machine), "filesystem_error remove_all 32 T:\\Scratch\\app");
-    }
+    EXPECT_EQ(Run(), "filesystem_error remove_all 32 T:\\Scratch\\app");
     CloseHandle(held);
     EXPECT_TRUE(IsThere(file));
 }
 
 TEST_P(RemoveFolderAction, AFolderThatCannotBeAskedIsNotRemoved) {
-    const Machine machine;
-    GetParam().pointTo(machine, machine.Folder(L"app"));
+    PointTo(machine.Folder(L"app"));
     // DeletePVFolder asks once more than the others.
     const std::vector<std::string> operations =
         GetParam().MissingIsTheKey() ? std::vector<std::string>{"exists", "exists", "status"}
                                      : std::vector<std::string>{"exists", "status"};
     for (std::size_t nth = 1; nth <= operations.size(); ++nth) {
-        Calls calls;
-        calls.Fail(L"look", ERROR_ACCESS_DENIED, nth);
-        EXPECT_EQ(Perform(GetParam(), machine),
+        EXPECT_EQ(Run(kLook, nth),
                   "filesystem_error " + operations[nth - 1] + " 5 T:\\Scratch\\app");
-        EXPECT_EQ(calls.Of(L"look").size(), nth);
-        EXPECT_EQ(calls.Of(L"remove"), Lines{});
+        EXPECT_EQ(machine.Of({kLook}).size(), nth);
+        EXPECT_EQ(machine.Removals(), Lines{});
     }
     EXPECT_TRUE(machine.IsWhole(L"app"));
 }
 
 TEST_P(RemoveFolderAction, EachRemovalFailingInTurnEndsTheRemoval) {
-    const Machine machine;
-    // The folder, what it holds, the folder again.
+    // The folder, what it holds, the folder again. Whether flags are known is asked once.
     const Lines order = {
-        L"remove folder \\\\?\\T:\\Scratch\\app",
-        L"remove entry \\\\?\\T:\\Scratch\\app\\file",
-        L"remove entry \\\\?\\T:\\Scratch\\app",
-    };
+        L"remove \\\\?\\T:\\Scratch\\app", L"change entry T:\\Scratch\\app\\file 21",
+        L"change entry T:\\Scratch\\app\\file 4", L"change entry T:\\Scratch\\app 4"};
     for (std::size_t nth = 1; nth <= order.size(); ++nth) {
-        CreateFolders(machine.File(L"app"));
+        PointTo(machine.EmptyFolder(L"app"));
         WriteWholeFile(machine.File(L"app\\file"), "x"s);
-        GetParam().pointTo(machine, machine.File(L"app"));
-        Calls calls;
-        calls.Fail(L"remove", ERROR_ACCESS_DENIED, nth);
-        EXPECT_EQ(Perform(GetParam(), machine), "filesystem_error remove_all 5 T:\\Scratch\\app");
-        EXPECT_EQ(calls.Of(L"remove"),
+        EXPECT_EQ(Run(order[nth - 1]), "filesystem_error remove_all 5 T:\\Scratch\\app");
+        EXPECT_EQ(machine.Removals(),
                   Lines(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(nth)));
-        EXPECT_TRUE(IsThere(machine.File(L"app")));
-        EXPECT_EQ(IsThere(machine.File(L"app\\file")), nth < 3);
+        EXPECT_TRUE(machine.Has(L"app"));
+        EXPECT_EQ(machine.Has(L"app\\file"), nth < 4);
     }
-}
-
-TEST_P(RemoveFolderAction, ClosesEveryHandleWhateverBecomesOfIt) {
-    const Machine machine;
-    GetParam().pointTo(machine, machine.Folder(L"app"));
-    const auto runFailing = [&](const std::wstring& start, std::size_t nth) {
-        Calls calls;
-        calls.Fail(start, ERROR_ACCESS_DENIED, nth);
-        return Perform(GetParam(), machine);
-    };
-    runFailing(L"look", 1); // what the first run loads once
-    const int before = OpenHandleCount();
-    const std::pair<const wchar_t*, std::size_t> failures[] = {
-        {L"open", 1}, {L"open", 2}, {L"read", 2},  {L"read", 4},   {L"start", 1}, {L"exit code", 1},
-        {L"look", 2}, {L"look", 3}, {L"enter", 1}, {L"remove", 1}, {L"remove", 3}};
-    for (const auto& [start, nth] : failures) {
-        runFailing(start, nth);
-        EXPECT_EQ(OpenHandleCount(), before) << nth;
-        machine.Folder(L"app");
-    }
-    EXPECT_EQ(runFailing(L"nothing", 1), "0");
-    EXPECT_EQ(OpenHandleCount(), before);
-    runFailing(L"nothing", 1); // the folder is missing now
-    EXPECT_EQ(OpenHandleCount(), before);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, RemoveFolderAction,
@@ -588,121 +417,36 @@ INSTANTIATE_TEST_SUITE_P(All, RemoveFolderAction,
 
 namespace {
 
-const Lines kExit = {
-    L"open "s + kInstallKey + L"\\ 2001f",     L"read Location", L"read Location", L"close",
-    L"start T:\\Scratch\\app\\pvcmd.exe|exit", L"wait 30000",    L"exit code",
-};
+const std::wstring kPivotKey = L"HKLM\\"s + kInstallKey;
 
-const Lines kReadPivotLocation = {
-    L"open "s + kInstallKey + L" 2001f",
-    L"read Location",
-    L"read Location",
-    L"close",
-};
-
-Lines Joined(std::initializer_list<Lines> parts) {
-    Lines joined;
-    for (const Lines& part : parts) {
-        joined.insert(joined.end(), part.begin(), part.end());
-    }
-    return joined;
+// How a program is started, waited for and asked.
+Lines StartOf(const std::wstring& program, const std::wstring& arguments,
+              const std::wstring& limit) {
+    return {L"execute " + program + L"|" + arguments, L"wait for " + program + L" " + limit,
+            L"exit code of " + program, L"close handle"};
 }
 
-// The calls of the removal of an empty folder.
+const Lines kExit = ReadingOf(kPivotKey + L"\\", L"Location", L"0x2001f") +
+                    StartOf(L"T:\\Scratch\\app\\pvcmd.exe", L"exit", L"30000");
+
+const Lines kReadPivotLocation = ReadingOf(kPivotKey, L"Location", L"0x2001f");
+
+// The calls of a question about a folder, and of the removal of an empty one.
+Lines QuestionOf(const std::wstring& folder) {
+    return {L"full path of " + folder, L"full path of " + folder, kLook + L"\\\\?\\" + folder};
+}
+
 Lines RemovalOf(const std::wstring& folder) {
-    return {L"look \\\\?\\" + folder, L"look \\\\?\\" + folder, L"remove folder \\\\?\\" + folder};
+    return QuestionOf(folder) + QuestionOf(folder) +
+           Lines{L"full path of " + folder, L"full path of " + folder, L"remove \\\\?\\" + folder};
 }
 
 // The calls of an action on an empty folder T:\Scratch\app.
 Lines CallsOf(const FolderAction& action) {
-    const Machine machine;
-    CreateFolders(machine.File(L"app"));
-    action.pointTo(machine, machine.File(L"app"));
-    const Calls calls;
-    EXPECT_EQ(Perform(action, machine), "0");
-    return calls.All();
-}
-
-} // namespace
-
-TEST(ExitPivotCommandProcessor, MakesItsCallsInThisOrder) {
-    const Machine machine;
-    PointPivotTo(machine, machine.File(L"app"));
-    const Calls calls;
-    halvard::ExitPivotCommandProcessor();
-    EXPECT_EQ(calls.All(), kExit);
-}
-
-TEST(ExitPivotCommandProcessor, PutsTheNameOfTheToolDirectlyBehindTheLocation) {
-    const Machine machine;
-    for (const std::wstring& location :
-         {L""s, L"app"s, L"T:\\"s, L"T:\\Scratch\\app\\"s, L"T:/Scratch/app/"s, L"T:\\a b"s}) {
-        PointPivotTo(machine, location);
-        const Calls calls;
-        halvard::ExitPivotCommandProcessor();
-        EXPECT_EQ(calls.Of(L"start"), Lines{L"start " + location + L"\\pvcmd.exe|exit"});
-    }
-}
-
-TEST(DeletePVFolder, MakesItsCallsInThisOrder) {
-    EXPECT_EQ(CallsOf(kPivot), Joined({kExit,
-                                       kReadPivotLocation,
-                                       {L"look \\\\?\\T:\\Scratch\\app"},
-                                       RemovalOf(L"T:\\Scratch\\app")}));
-}
-
-TEST(DeletePVINSTALLDIRFolder, MakesItsCallsInThisOrder) {
-    EXPECT_EQ(CallsOf(kPivotInstallDir),
-              Joined({{kPowerShellLine, L"wait 4294967295", L"exit code"},
-                      kReadPivotLocation,
-                      RemovalOf(L"T:\\Scratch\\app")}));
-}
-
-TEST(DeletePVSlimINSTALLDIRFolder, MakesItsCallsInThisOrder) {
-    EXPECT_EQ(CallsOf(kSlim), Joined({{L"open "s + kSlimKey + L" f023f", L"read Location",
-                                       L"read Location", L"close"},
-                                      RemovalOf(L"T:\\Scratch\\app")}));
-}
-
-TEST(DeleteDMFTDirectory, MakesItsCallsInThisOrder) {
-    EXPECT_EQ(CallsOf(kNamed), RemovalOf(L"T:\\Scratch\\app"));
-}
-
-TEST(FolderActions, AllButOneStoreTheirSessionFirstAndLogNothing) {
-    for (const auto run : {DeletePVFolder, DeletePVINSTALLDIRFolder, DeletePVSlimINSTALLDIRFolder,
-                           DeleteXVRFolder}) {
-        const Machine machine;
-        PointPivotTo(machine, machine.Folder(L"app"));
-        SetSlimLocation(machine.Folder(L"slim"));
-        const Calls calls;
-        EXPECT_EQ(run(machine.session.Get()), 0U);
-        EXPECT_EQ(calls.SessionAtFirstCall(), machine.session.Get());
-        EXPECT_EQ(halvard::CurrentSession(), machine.session.Get());
-        EXPECT_EQ(machine.session.Messages().size(), 0U);
-    }
-}
-
-TEST(FolderActions, StoreTheirSessionBeforeTheyFail) {
-    for (const auto run : {DeletePVFolder, DeletePVINSTALLDIRFolder, DeletePVSlimINSTALLDIRFolder,
-                           DeleteXVRFolder}) {
-        const Machine machine;
-        const Calls calls;
-        EXPECT_THROW(run(machine.session.Get()), RegKeyError);
-        EXPECT_EQ(halvard::CurrentSession(), machine.session.Get());
-        EXPECT_EQ(machine.session.Messages().size(), 0U);
-    }
-}
-
-namespace {
-
-// The actions that ask the command tool to exit before they look at a folder.
-struct ExitingAction {
-    const char* name;
-    UINT(__stdcall* run)(MSIHANDLE);
-};
-
-void PrintTo(const ExitingAction& action, std::ostream* stream) {
-    *stream << action.name;
+    Machine machine;
+    action.pointTo(machine, machine.EmptyFolder(L"app"));
+    EXPECT_EQ(machine.Run(action.run), "0");
+    return machine.calls;
 }
 
 UINT __stdcall ExitAlone(MSIHANDLE /*session*/) {
@@ -712,53 +456,96 @@ UINT __stdcall ExitAlone(MSIHANDLE /*session*/) {
 
 } // namespace
 
+TEST(ExitPivotCommandProcessor, MakesItsCallsInThisOrder) {
+    Machine machine;
+    machine.SetPivotLocation(machine.File(L"app"));
+    machine.Run(ExitAlone);
+    EXPECT_EQ(machine.calls, kExit);
+}
+
+TEST(ExitPivotCommandProcessor, PutsTheNameOfTheToolDirectlyBehindTheLocation) {
+    Machine machine;
+    for (const std::wstring& location :
+         {L""s, L"app"s, L"T:\\"s, L"T:\\Scratch\\app\\"s, L"T:/Scratch/app/"s, L"T:\\a b"s}) {
+        machine.SetPivotLocation(location);
+        machine.Run(ExitAlone);
+        EXPECT_EQ(machine.Of({L"execute"}), Lines{L"execute " + location + L"\\pvcmd.exe|exit"});
+    }
+}
+
+TEST(DeletePVFolder, MakesItsCallsInThisOrder) {
+    EXPECT_EQ(CallsOf(kPivot), kExit + kReadPivotLocation + QuestionOf(L"T:\\Scratch\\app") +
+                                   RemovalOf(L"T:\\Scratch\\app"));
+}
+
+TEST(DeletePVINSTALLDIRFolder, MakesItsCallsInThisOrder) {
+    EXPECT_EQ(CallsOf(kPivotInstallDir),
+              StartOf(kPowerShellName, kPowerShellArguments, L"4294967295") + kReadPivotLocation +
+                  RemovalOf(L"T:\\Scratch\\app"));
+}
+
+TEST(DeletePVSlimINSTALLDIRFolder, MakesItsCallsInThisOrder) {
+    EXPECT_EQ(CallsOf(kSlim), ReadingOf(L"HKLM\\"s + kSlimKey, L"Location", L"0xf023f") +
+                                  RemovalOf(L"T:\\Scratch\\app"));
+}
+
+TEST(DeleteDMFTDirectory, MakesItsCallsInThisOrder) {
+    EXPECT_EQ(CallsOf(kNamed), RemovalOf(L"T:\\Scratch\\app"));
+}
+
+namespace {
+
+// The actions that ask the command tool to exit before they look at a folder.
+struct ExitingAction {
+    const char* name;
+    Action run;
+};
+
+void PrintTo(const ExitingAction& action, std::ostream* stream) {
+    *stream << action.name;
+}
+
 class ExitingFolderAction : public testing::TestWithParam<ExitingAction> {
 protected:
     ExitingFolderAction() {
-        PointPivotTo(machine, machine.Folder(L"app"));
+        machine.SetPivotLocation(machine.Folder(L"app"));
         SetRegistryString(HKEY_LOCAL_MACHINE, kRecorderKey, L"InstallDir", machine.File(L"rec\\"));
         machine.Folder(L"rec\\XVR");
     }
 
     // Runs with one call failing: nothing is looked at or removed.
-    std::string RunFailing(const std::wstring& start, DWORD code, std::size_t nth = 1) {
-        Calls calls;
-        calls.Fail(start, code, nth);
-        const std::string outcome =
-            OutcomeOf([&] { return GetParam().run(machine.session.Get()); });
-        EXPECT_EQ(calls.Of(L"remove"), Lines{});
-        EXPECT_EQ(calls.Of(L"look"), Lines{});
-        EXPECT_EQ(calls.Of(L"exists"), Lines{});
-        EXPECT_EQ(calls.Of(L"query"), Lines{});
-        EXPECT_EQ(calls.Of(L"open").size(), 1U);
+    std::string RunFailing(const std::wstring& start) {
+        const std::string outcome = machine.Run(GetParam().run, start);
+        EXPECT_EQ(machine.Of(kRemovals + Lines{kLook, L"is there ", L"query "}), Lines{});
+        EXPECT_EQ(machine.Of({kOpenKey}).size(), 1U);
         EXPECT_TRUE(machine.IsWhole(L"app"));
         EXPECT_TRUE(machine.IsWhole(L"rec\\XVR"));
         return outcome;
     }
 
-    const Machine machine;
+    Machine machine;
 };
 
+} // namespace
+
 TEST_P(ExitingFolderAction, FailsWithoutTheInstallKey) {
-    EXPECT_EQ(RunFailing(L"open", ERROR_ACCESS_DENIED),
-              "RegKeyError Unable to open registry key 5");
+    EXPECT_EQ(RunFailing(kOpenKey), "RegKeyError Unable to open registry key 5");
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Qorta Technologies\\Install\\Pivot");
-    EXPECT_EQ(RunFailing(L"nothing", 0), "RegKeyError Unable to open registry key 2");
+    EXPECT_EQ(RunFailing(L"nothing"), "RegKeyError Unable to open registry key 2");
 }
 
 TEST_P(ExitingFolderAction, FailsWithoutItsLocation) {
-    EXPECT_EQ(RunFailing(L"read", ERROR_ACCESS_DENIED, 2),
-              "RegKeyError Unable to get registry value 0"); // vanished between size and text
+    // Vanished between size and text.
+    EXPECT_EQ(RunFailing(L"get "), "RegKeyError Unable to get registry value 0");
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kInstallKey, L"Location");
-    EXPECT_EQ(RunFailing(L"nothing", 0), "RegKeyError Unable to get registry value 2");
+    EXPECT_EQ(RunFailing(L"nothing"), "RegKeyError Unable to get registry value 2");
     SetValue(kInstallKey, L"Location", REG_DWORD, "abc", 4);
-    EXPECT_EQ(RunFailing(L"nothing", 0), "RegKeyError Unable to get registry value 1630");
+    EXPECT_EQ(RunFailing(L"nothing"), "RegKeyError Unable to get registry value 1630");
 }
 
 TEST_P(ExitingFolderAction, FailsWhenTheToolCannotBeStartedOrAsked) {
-    EXPECT_EQ(RunFailing(L"start", ERROR_ACCESS_DENIED), "system_error Unable to create process 5");
-    EXPECT_EQ(RunFailing(L"exit code", ERROR_ACCESS_DENIED),
-              "system_error Unable to process exit code 5");
+    EXPECT_EQ(RunFailing(L"execute "), "system_error Unable to create process 5");
+    EXPECT_EQ(RunFailing(L"exit code "), "system_error Unable to process exit code 5");
 }
 
 INSTANTIATE_TEST_SUITE_P(All, ExitingFolderAction,
@@ -769,7 +556,8 @@ INSTANTIATE_TEST_SUITE_P(All, ExitingFolderAction,
 
 TEST(DeletePVFolder, ReturnsTheLowHalfOfTheKeyOfItsOwnReadAndNever0) {
     const Machine machine;
-    PointPivotTo(machine, machine.File(L"missing"));
+    machine.SetPivotLocation(machine.File(L"missing"));
+    const StandIns standIns;
     const std::pair<ULONG_PTR, UINT> keys[] = {{0x1234, 0x1234},
                                                {0x500001238, 0x1238},
                                                {0xFFFFFFFFFFFFFFF4, 0xFFFFFFF4},
@@ -794,8 +582,6 @@ TEST(DeletePVFolder, ReturnsTheLowHalfOfTheKeyOfItsOwnReadAndNever0) {
         HOOK(closing, RegCloseKey, [&](HKEY closed) {
             return closing.Original(closed == reinterpret_cast<HKEY>(key) ? real : closed);
         });
-        FAIL_CALL(executing, ShellExecuteExW, 0, TRUE, NO_ERROR);
-        FAIL_CALL(asking, GetExitCodeProcess, 0, TRUE, NO_ERROR);
         EXPECT_EQ(DeletePVFolder(machine.session.Get()), expected);
         EXPECT_EQ(opening.Calls(), 2);
         EXPECT_EQ(closing.Calls(), 2);
@@ -803,86 +589,71 @@ TEST(DeletePVFolder, ReturnsTheLowHalfOfTheKeyOfItsOwnReadAndNever0) {
 }
 
 TEST(DeletePVFolder, FailsWhenTheRegistryFailsBehindTheExitOfTheTool) {
-    const Machine machine;
-    PointPivotTo(machine, machine.Folder(L"app"));
-    const struct {
-        const wchar_t* start;
-        std::size_t nth;
-        const char* outcome;
-    } cases[] = {{L"open", 2, "RegKeyError Unable to open registry key 5"},
-                 {L"read", 4, "RegKeyError Unable to get registry value 0"}};
-    for (const auto& failing : cases) {
-        Calls calls;
-        calls.Fail(failing.start, ERROR_ACCESS_DENIED, failing.nth);
-        EXPECT_EQ(Perform(kPivot, machine), failing.outcome);
-        EXPECT_EQ(calls.Of(L"start").size(), 1U);
-        EXPECT_EQ(calls.Of(L"look"), Lines{});
-        EXPECT_EQ(calls.Of(L"remove"), Lines{});
-        EXPECT_TRUE(machine.IsWhole(L"app"));
+    Machine machine;
+    machine.SetPivotLocation(machine.Folder(L"app"));
+    const std::pair<std::wstring, const char*> cases[] = {
+        {kOpenKey, "RegKeyError Unable to open registry key 5"},
+        {L"get ", "RegKeyError Unable to get registry value 0"}};
+    for (const auto& [failing, outcome] : cases) {
+        EXPECT_EQ(machine.Run(DeletePVFolder, failing, ERROR_ACCESS_DENIED, 2), outcome);
+        EXPECT_EQ(machine.Of({L"execute "}).size(), 1U);
+        EXPECT_EQ(machine.Of(kRemovals + Lines{kLook}), Lines{});
     }
+    EXPECT_TRUE(machine.IsWhole(L"app"));
 }
 
 TEST(DeletePVINSTALLDIRFolder, FailsBeforeTheRegistryIsReadWhenPowerShellFails) {
-    const Machine machine;
-    PointPivotTo(machine, machine.Folder(L"app"));
+    Machine machine;
+    machine.SetPivotLocation(machine.Folder(L"app"));
     const std::pair<const wchar_t*, const char*> cases[] = {
-        {L"start", "system_error Unable to create process 5"},
-        {L"exit code", "system_error Unable to process exit code 5"}};
-    for (const auto& [start, outcome] : cases) {
-        Calls calls;
-        calls.Fail(start, ERROR_ACCESS_DENIED);
-        EXPECT_EQ(Perform(kPivotInstallDir, machine), outcome);
-        EXPECT_EQ(calls.Of(L"open"), Lines{});
-        EXPECT_EQ(calls.Of(L"remove"), Lines{});
-        EXPECT_TRUE(machine.IsWhole(L"app"));
+        {L"execute ", "system_error Unable to create process 5"},
+        {L"exit code ", "system_error Unable to process exit code 5"}};
+    for (const auto& [failing, outcome] : cases) {
+        EXPECT_EQ(machine.Run(DeletePVINSTALLDIRFolder, failing), outcome);
+        EXPECT_EQ(machine.Of(kRemovals + Lines{kOpenKey}), Lines{});
     }
+    EXPECT_TRUE(machine.IsWhole(L"app"));
 }
 
 TEST(DeletePVINSTALLDIRFolder, FailsWithoutKeyOrLocationOnceThePowerShellHasRun) {
-    const Machine machine;
+    Machine machine;
     const auto expect = [&](const std::wstring& failing, const std::string& outcome) {
-        Calls calls;
-        calls.Fail(failing, ERROR_ACCESS_DENIED, failing == L"read" ? 2 : 1);
-        EXPECT_EQ(Perform(kPivotInstallDir, machine), outcome);
-        EXPECT_EQ(calls.All()[0], kPowerShellLine);
-        EXPECT_EQ(calls.Of(L"look"), Lines{});
-        EXPECT_EQ(calls.Of(L"remove"), Lines{});
+        EXPECT_EQ(machine.Run(DeletePVINSTALLDIRFolder, failing), outcome);
+        EXPECT_EQ(machine.calls[0], L"execute "s + kPowerShellName + L"|" + kPowerShellArguments);
+        EXPECT_EQ(machine.Of(kRemovals + Lines{kLook}), Lines{});
     };
     expect(L"nothing", "RegKeyError Unable to open registry key 2");
-    PointPivotTo(machine, machine.Folder(L"app"));
-    expect(L"open", "RegKeyError Unable to open registry key 5");
-    expect(L"read", "RegKeyError Unable to get registry value 0");
+    machine.SetPivotLocation(machine.Folder(L"app"));
+    expect(kOpenKey, "RegKeyError Unable to open registry key 5");
+    expect(L"get ", "RegKeyError Unable to get registry value 0");
     EXPECT_TRUE(machine.IsWhole(L"app"));
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kInstallKey, L"Location");
     expect(L"nothing", "RegKeyError Unable to get registry value 2");
 }
 
 TEST(DeletePVSlimINSTALLDIRFolder, FailsWithoutItsKey) {
-    const Machine machine;
-    EXPECT_EQ(Perform(kSlim, machine), "RegKeyError Unable to open registry key 2");
+    Machine machine;
+    EXPECT_EQ(machine.Run(DeletePVSlimINSTALLDIRFolder),
+              "RegKeyError Unable to open registry key 2");
     // The same path in the 64-bit view is another key.
     SetRegistryString(HKEY_LOCAL_MACHINE, kSlimKey, L"Location", machine.Folder(L"app"));
-    EXPECT_EQ(Perform(kSlim, machine), "RegKeyError Unable to open registry key 2");
+    EXPECT_EQ(machine.Run(DeletePVSlimINSTALLDIRFolder),
+              "RegKeyError Unable to open registry key 2");
     EXPECT_TRUE(machine.IsWhole(L"app"));
 
-    SetSlimLocation(machine.File(L"app"));
-    Calls calls;
-    calls.Fail(L"open", ERROR_ACCESS_DENIED);
-    EXPECT_EQ(Perform(kSlim, machine), "RegKeyError Unable to open registry key 5");
-    EXPECT_EQ(calls.All().size(), 1U);
+    machine.SetSlimLocation(machine.File(L"app"));
+    EXPECT_EQ(machine.Run(DeletePVSlimINSTALLDIRFolder, kOpenKey),
+              "RegKeyError Unable to open registry key 5");
+    EXPECT_EQ(machine.Of(kRemovals + Lines{L"open ", L"size of ", L"get ", kLook}).size(), 1U);
     EXPECT_TRUE(machine.IsWhole(L"app"));
 }
 
 TEST(DeletePVSlimINSTALLDIRFolder, RemovesNothingWithoutALocation) {
-    const Machine machine;
+    Machine machine;
     const CurrentDirectoryScope directory(machine.Folder(L"here"));
-    SetSlimLocation(machine.File(L"here"));
-    {
-        Calls calls;
-        calls.Fail(L"read", ERROR_ACCESS_DENIED, 2);
-        EXPECT_EQ(Perform(kSlim, machine), "0");
-        EXPECT_EQ(calls.Of(L"remove"), Lines{});
-    }
+    machine.SetSlimLocation(machine.File(L"here"));
+    EXPECT_EQ(machine.Run(DeletePVSlimINSTALLDIRFolder, L"get "), "0");
+    EXPECT_EQ(machine.Removals(), Lines{});
     SetValue(kSlimKeyOf32Bits, L"Location", REG_BINARY, L"T:\\Scratch\\here", 32);
     ExpectMissing(kSlim, machine);
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kSlimKeyOf32Bits, L"Location");
@@ -890,60 +661,26 @@ TEST(DeletePVSlimINSTALLDIRFolder, RemovesNothingWithoutALocation) {
     EXPECT_TRUE(machine.IsWhole(L"here"));
 }
 
-TEST(DeletePVSlimINSTALLDIRFolder, ClosesItsKeyWhenMemoryRunsOut) {
-    const Machine machine;
-    SetSlimLocation(machine.File(L"missing"));
-    const int before = OpenHandleCount();
-    int reached = 0;
-    for (int nth = 1; nth == reached + 1; ++nth) {
-        bool thrown = false;
-        bool happened = false;
-        {
-            const AllocationFailure failure(nth);
-            try {
-                DeletePVSlimINSTALLDIRFolder(machine.session.Get());
-            } catch (const std::bad_alloc&) {
-                thrown = true;
-            }
-            happened = failure.Happened();
-        }
-        EXPECT_EQ(thrown, happened);
-        reached += happened ? 1 : 0;
-        EXPECT_EQ(OpenHandleCount(), before) << "allocation " << nth;
-    }
-    // The name of the key, and the text of its value.
-    EXPECT_GE(reached, 2);
-}
-
 TEST(DeleteDMFTDirectory, LogsItsDataOnceAndLeavesTheCurrentSession) {
-    const Machine machine;
+    Machine machine;
     const std::wstring data = L"First=1;InstallDir=" + machine.Folder(L"app") + L";Last=2";
     machine.session.SetProperty(L"CustomActionData", data);
-    EXPECT_EQ(Perform(kNamed, machine), "0");
-    EXPECT_FALSE(IsThere(machine.File(L"app")));
+    EXPECT_EQ(machine.RunForReal(DeleteDMFTDirectory), "0");
+    EXPECT_FALSE(machine.Has(L"app"));
     EXPECT_EQ(machine.session.LogLines(), Lines{L"CustomActionData: " + data});
     EXPECT_EQ(machine.session.Messages().size(), 1U);
     EXPECT_EQ(halvard::CurrentSession(), 99U);
 }
 
 TEST(DeleteDMFTDirectory, RemovesNothingWithoutItsItem) {
-    const Machine machine;
+    Machine machine;
     machine.Folder(L"app");
     const CurrentDirectoryScope directory(machine.Folder(L"here"));
     // The text from index 10 onward, which an absent key of this length would yield, is a folder.
-    const std::wstring texts[] = {
-        L"",
-        L"Install",
-        L"InstallDir",
-        L"0123456789here",
-        L"0123456789",
-        L"Folder=1;;T:\\Scratch\\app",
-        L"installdir=T:\\Scratch\\app",
-        L"InstallDi=T:\\Scratch\\app",
-        L"InstallDirT:\\Scratch\\app",
-        L"DLLName=a;T:\\Scratch\\app;",
-    };
-    for (const std::wstring& data : texts) {
+    for (const wchar_t* data : {L"", L"Install", L"InstallDir", L"0123456789here", L"0123456789",
+                                L"Folder=1;;T:\\Scratch\\app", L"installdir=T:\\Scratch\\app",
+                                L"InstallDi=T:\\Scratch\\app", L"InstallDirT:\\Scratch\\app",
+                                L"DLLName=a;T:\\Scratch\\app;"}) {
         machine.session.SetProperty(L"CustomActionData", data);
         ExpectMissing(kNamed, machine);
     }
@@ -952,7 +689,7 @@ TEST(DeleteDMFTDirectory, RemovesNothingWithoutItsItem) {
 }
 
 TEST(DeleteDMFTDirectory, AMissingPropertyIsEmptyData) {
-    const Machine machine;
+    Machine machine;
     ExpectMissing(kNamed, machine);
     EXPECT_EQ(machine.session.LogLines(), Lines{L"CustomActionData: "});
 }
@@ -962,7 +699,7 @@ namespace {
 // The recorder's entry, with a command tool that is asked to exit.
 class Recorder : public Machine {
 public:
-    Recorder() { PointPivotTo(*this, File(L"app")); }
+    Recorder() { SetPivotLocation(File(L"app")); }
 
     void SetInstallDir(const std::wstring& text) const {
         SetRegistryString(HKEY_LOCAL_MACHINE, kRecorderKey, L"InstallDir", text);
@@ -971,389 +708,312 @@ public:
         SetValue(kRecorderKey, L"InstallDir", type, bytes, size);
     }
 
-    std::string Perform() const {
-        return OutcomeOf([&] { return DeleteXVRFolder(session.Get()); });
-    }
-    std::string RunFailing(const std::wstring& start, DWORD code, std::size_t nth = 1) const {
-        Calls calls;
-        calls.Fail(start, code, nth);
-        return Perform();
+    std::string Run(const std::wstring& failing = L"nothing", DWORD code = ERROR_ACCESS_DENIED,
+                    std::size_t nth = 1) {
+        return Machine::Run(DeleteXVRFolder, failing, code, nth);
     }
 
-    /// The path that the action asks for; its result in `outcome`.
-    std::wstring PathLookedFor(std::string& outcome) const {
-        const Calls calls;
-        outcome = Perform();
-        const std::wstring start = L"exists ";
-        const Lines lines = calls.Of(start);
-        return lines.size() == 1 ? lines[0].substr(start.size()) : L"not asked once";
+    /// The path that the action asks for, and its result.
+    std::wstring PathAndResult() {
+        const std::string outcome = Run();
+        const Lines asked = Of({L"is there "});
+        return (asked.size() == 1 ? asked[0] : L"not asked once") + L" " +
+               std::wstring(outcome.begin(), outcome.end());
     }
 };
-
-const Lines kQueryInstallDir = {L"open "s + kRecorderKey + L" 20019", L"query InstallDir 520"};
 
 } // namespace
 
 TEST(DeleteXVRFolder, RemovesItsFolderAndTheOneAboveThatIsEmptyThen) {
-    const Recorder recorder;
+    Recorder recorder;
     recorder.Folder(L"other");
     recorder.Folder(L"rec\\XVR");
     recorder.SetInstallDir(recorder.File(L"rec\\"));
-    const Calls calls;
-    EXPECT_EQ(recorder.Perform(), "0");
-    EXPECT_FALSE(IsThere(recorder.File(L"rec")));
+    EXPECT_EQ(recorder.Run(), "0");
+    EXPECT_FALSE(recorder.Has(L"rec"));
     EXPECT_TRUE(recorder.IsWhole(L"other"));
 }
 
 TEST(DeleteXVRFolder, LeavesTheFolderAboveThatHoldsMore) {
-    const Recorder recorder;
+    Recorder recorder;
     recorder.SetInstallDir(recorder.File(L"rec\\"));
-    for (const wchar_t* more : {L"rec\\file", L"rec\\folder"}) {
+    for (const bool asFile : {true, false}) {
         recorder.Folder(L"rec\\XVR");
-        if (more == L"rec\\file"s) {
-            WriteWholeFile(recorder.File(more), "x"s);
-        } else {
-            CreateFolders(recorder.File(more));
-        }
-        const Calls calls;
-        EXPECT_EQ(recorder.Perform(), "0");
-        EXPECT_FALSE(IsThere(recorder.File(L"rec\\XVR")));
-        EXPECT_TRUE(IsThere(recorder.File(more)));
-        EXPECT_EQ(std::count(calls.All().begin(), calls.All().end(),
-                             L"remove folder \\\\?\\T:\\Scratch\\rec"),
-                  0);
-        RemoveDirectoryW(recorder.File(more).c_str());
-        DeleteFileW(recorder.File(more).c_str());
+        const std::wstring more = recorder.File(L"rec\\more");
+        asFile ? WriteWholeFile(more, "x"s) : CreateFolders(more);
+        EXPECT_EQ(recorder.Run(), "0");
+        EXPECT_FALSE(recorder.Has(L"rec\\XVR"));
+        EXPECT_TRUE(IsThere(more));
+        EXPECT_EQ(recorder.Of({L"remove \\\\?\\T:\\Scratch\\rec"}),
+                  Lines{L"remove \\\\?\\T:\\Scratch\\rec\\XVR"});
+        DeleteFileW(more.c_str());
     }
 }
 
 TEST(DeleteXVRFolder, MakesItsCallsInThisOrder) {
-    const Recorder recorder;
-    CreateFolders(recorder.File(L"rec\\XVR"));
+    Recorder recorder;
+    recorder.EmptyFolder(L"rec\\XVR");
     recorder.SetInstallDir(recorder.File(L"rec\\"));
-    const Calls calls;
-    EXPECT_EQ(recorder.Perform(), "0");
-    EXPECT_EQ(calls.All(),
-              Joined({kExit,
-                      kQueryInstallDir,
-                      {L"exists T:\\Scratch\\rec\\XVR"},
-                      RemovalOf(L"T:\\Scratch\\rec\\XVR"),
-                      {L"empty T:\\Scratch\\rec", L"remove folder \\\\?\\T:\\Scratch\\rec"}}));
+    EXPECT_EQ(recorder.Run(), "0");
+    const std::wstring key = L"HKLM\\"s + kRecorderKey;
+    const Lines readInstallDir = {L"open " + key + L" 0x20019",
+                                  L"query " + key + L" InstallDir 520 bytes",
+                                  L"is there T:\\Scratch\\rec\\XVR"};
+    const Lines removeFolderAbove = {L"is empty T:\\Scratch\\rec", L"full path of T:\\Scratch\\rec",
+                                     L"full path of T:\\Scratch\\rec",
+                                     L"remove \\\\?\\T:\\Scratch\\rec"};
+    EXPECT_EQ(recorder.calls,
+              kExit + readInstallDir + RemovalOf(L"T:\\Scratch\\rec\\XVR") + removeFolderAbove);
 }
 
 TEST(DeleteXVRFolder, AddsNoBackslash) {
-    const Recorder recorder;
+    Recorder recorder;
     recorder.Folder(L"apps\\recXVR");
     recorder.Folder(L"apps\\rec\\XVR");
     recorder.SetInstallDir(recorder.File(L"apps\\rec"));
-    const Calls calls;
-    EXPECT_EQ(recorder.Perform(), "0");
-    EXPECT_FALSE(IsThere(recorder.File(L"apps\\recXVR")));
+    EXPECT_EQ(recorder.Run(), "0");
+    EXPECT_FALSE(recorder.Has(L"apps\\recXVR"));
     EXPECT_TRUE(recorder.IsWhole(L"apps\\rec\\XVR"));
 }
 
 TEST(DeleteXVRFolder, ReturnsTheTypeOfTheValueWhenThereIsNoSuchFolder) {
-    const Recorder recorder;
-    CreateFolders(recorder.File(L"rec"));
-    const std::wstring text = recorder.File(L"rec\\");
+    Recorder recorder;
+    const std::wstring text = recorder.EmptyFolder(L"rec") + L"\\";
     for (const DWORD type : {REG_NONE, REG_SZ, REG_EXPAND_SZ, REG_BINARY, REG_DWORD, REG_LINK,
                              REG_MULTI_SZ, REG_QWORD}) {
         const std::size_t size = type == REG_DWORD ? 4U : type == REG_QWORD ? 8U : 36U;
         recorder.SetInstallDir(type, text.c_str(), size);
-        const Calls calls;
-        EXPECT_EQ(recorder.Perform(), std::to_string(type));
-        EXPECT_EQ(calls.Of(L"empty"), Lines{});
-        EXPECT_EQ(calls.Of(L"look"), Lines{});
-        EXPECT_EQ(calls.Of(L"remove"), Lines{});
+        EXPECT_EQ(recorder.Run(), std::to_string(type));
+        EXPECT_EQ(recorder.Of(kRemovals + Lines{kLook, L"is empty "}), Lines{});
     }
-    EXPECT_TRUE(IsThere(recorder.File(L"rec")));
+    EXPECT_TRUE(recorder.Has(L"rec"));
 }
 
 TEST(DeleteXVRFolder, TakesTheBytesOfAnyTypeForTextUpToANull) {
-    const Recorder recorder;
-    const std::wstring terminated = L"T:\\Scratch\\rec\\\0"s;
-    const std::wstring more = L"T:\\Scratch\\rec\\\0more\\"s;
-    const std::wstring open = L"T:\\Scratch\\rec\\";
+    Recorder recorder;
     for (const DWORD type : {REG_SZ, REG_EXPAND_SZ, REG_MULTI_SZ, REG_BINARY, REG_NONE}) {
-        for (const std::wstring& text : {terminated, more, open}) {
+        for (const std::wstring& text :
+             {L"T:\\Scratch\\rec\\\0"s, L"T:\\Scratch\\rec\\\0more\\"s, L"T:\\Scratch\\rec\\"s}) {
             recorder.Folder(L"rec\\XVR");
             recorder.SetInstallDir(type, text.data(), text.size() * sizeof(wchar_t));
-            const Calls calls;
-            EXPECT_EQ(recorder.Perform(), "0") << type;
-            EXPECT_FALSE(IsThere(recorder.File(L"rec")));
+            EXPECT_EQ(recorder.Run(), "0") << type;
+            EXPECT_FALSE(recorder.Has(L"rec"));
         }
     }
 }
 
 TEST(DeleteXVRFolder, ValuesOfOddForms) {
-    const Recorder recorder;
-    std::string outcome;
-    recorder.SetInstallDir(REG_DWORD, L"AB", 4);
-    EXPECT_EQ(recorder.PathLookedFor(outcome), L"ABXVR");
-    EXPECT_EQ(outcome, "4");
-    recorder.SetInstallDir(REG_BINARY, L"ABC", 5); // the last byte is half a character
-    EXPECT_EQ(recorder.PathLookedFor(outcome), L"ABCXVR");
-    EXPECT_EQ(outcome, "3");
-    recorder.SetInstallDir(REG_BINARY, "A", 1);
-    EXPECT_EQ(recorder.PathLookedFor(outcome), L"AXVR");
-    recorder.SetInstallDir(REG_SZ, nullptr, 0);
-    EXPECT_EQ(recorder.PathLookedFor(outcome), L"XVR");
-    EXPECT_EQ(outcome, "1");
-    recorder.SetInstallDir(REG_SZ, L"\0behind", 16);
-    EXPECT_EQ(recorder.PathLookedFor(outcome), L"XVR");
-    EXPECT_EQ(outcome, "1");
-}
-
-TEST(DeleteXVRFolder, ATextThatFillsItsBufferEndsThere) {
-    const Recorder recorder;
-    std::string outcome;
-    for (const std::size_t length : {259U, 260U}) {
-        const std::wstring text = L"T:\\" + std::wstring(length - 3, L'l');
-        recorder.SetInstallDir(REG_BINARY, text.data(), length * sizeof(wchar_t));
-        EXPECT_EQ(recorder.PathLookedFor(outcome), text + L"XVR");
-        EXPECT_EQ(outcome, "3");
-    }
-    const std::wstring text = L"T:\\" + std::wstring(258, L'l');
-    recorder.SetInstallDir(REG_BINARY, text.data(), 519);
-    EXPECT_EQ(recorder.PathLookedFor(outcome).size(), 263U);
-}
-
-TEST(DeleteXVRFolder, ALongerValueCountsAsAbsent) {
-    const Recorder recorder;
-    std::string outcome;
-    const std::wstring text(261, L'l');
-    for (const std::size_t size : {521U, 522U}) {
-        recorder.SetInstallDir(REG_SZ, text.data(), size);
-        EXPECT_EQ(recorder.PathLookedFor(outcome), L"XVR");
-        EXPECT_EQ(outcome, "0");
+    Recorder recorder;
+    const std::wstring full = L"T:\\" + std::wstring(257, L'l');
+    const std::wstring tooLong(261, L'l');
+    const struct {
+        DWORD type;
+        std::wstring value;
+        std::size_t size;
+        std::wstring asked;
+    } cases[] = {
+        {REG_DWORD, L"AB", 4, L"ABXVR 4"},
+        // The last byte is half a character.
+        {REG_BINARY, L"ABC", 5, L"ABCXVR 3"},
+        {REG_BINARY, L"A", 1, L"AXVR 3"},
+        {REG_SZ, L"", 0, L"XVR 1"},
+        {REG_SZ, L"\0behind"s, 16, L"XVR 1"},
+        // A text that fills its buffer ends there.
+        {REG_BINARY, full, 518, full.substr(0, 259) + L"XVR 3"},
+        {REG_BINARY, full, 519, full + L"XVR 3"},
+        {REG_BINARY, full, 520, full + L"XVR 3"},
+        // A longer value counts as absent.
+        {REG_SZ, tooLong, 521, L"XVR 0"},
+        {REG_SZ, tooLong, 522, L"XVR 0"},
+    };
+    for (const auto& each : cases) {
+        recorder.SetInstallDir(each.type, each.value.data(), each.size);
+        EXPECT_EQ(recorder.PathAndResult(), L"is there " + each.asked) << each.size;
     }
 }
 
 TEST(DeleteXVRFolder, ExpandsNoVariables) {
-    const Recorder recorder;
+    Recorder recorder;
     const EnvironmentVariable variable(L"HALVARD_PLACE", L"other");
     recorder.Folder(L"%HALVARD_PLACE%\\XVR");
     recorder.Folder(L"other\\XVR");
     const std::wstring text = recorder.File(L"%HALVARD_PLACE%\\");
     recorder.SetInstallDir(REG_EXPAND_SZ, text.c_str(), (text.size() + 1) * sizeof(wchar_t));
-    const Calls calls;
-    EXPECT_EQ(recorder.Perform(), "0");
-    EXPECT_FALSE(IsThere(recorder.File(L"%HALVARD_PLACE%")));
+    EXPECT_EQ(recorder.Run(), "0");
+    EXPECT_FALSE(recorder.Has(L"%HALVARD_PLACE%"));
     EXPECT_TRUE(recorder.IsWhole(L"other\\XVR"));
 }
 
 TEST(DeleteXVRFolder, WithoutAReadableValueItIsXvrInTheCurrentDirectory) {
-    const Recorder recorder;
+    Recorder recorder;
     const CurrentDirectoryScope directory(recorder.Folder(L"here"));
-    std::string outcome;
-    EXPECT_EQ(recorder.PathLookedFor(outcome), L"XVR"); // no key
-    EXPECT_EQ(outcome, "0");
+    EXPECT_EQ(recorder.PathAndResult(), L"is there XVR 0"); // no key
     SetRegistryString(HKEY_LOCAL_MACHINE, kRecorderKey, L"Other", L"x");
-    EXPECT_EQ(recorder.PathLookedFor(outcome), L"XVR"); // no value
-    EXPECT_EQ(outcome, "0");
+    EXPECT_EQ(recorder.PathAndResult(), L"is there XVR 0"); // no value
 
     recorder.Folder(L"rec\\XVR");
     recorder.SetInstallDir(recorder.File(L"rec\\"));
-    EXPECT_EQ(recorder.RunFailing(L"open", ERROR_ACCESS_DENIED, 2), "0");
-    EXPECT_EQ(recorder.RunFailing(L"query", ERROR_MORE_DATA), "0");
+    EXPECT_EQ(recorder.Run(kOpenKey, ERROR_ACCESS_DENIED, 2), "0");
+    EXPECT_EQ(recorder.Run(L"query ", ERROR_MORE_DATA), "0");
     EXPECT_TRUE(recorder.IsWhole(L"rec\\XVR"));
     EXPECT_TRUE(recorder.IsWhole(L"here"));
 }
 
 TEST(DeleteXVRFolder, ARelativeFolderGoesAndThenItHasNoFolderAbove) {
-    const Recorder recorder;
+    Recorder recorder;
     const CurrentDirectoryScope directory(recorder.Folder(L"here"));
     recorder.Folder(L"here\\XVR");
-    {
-        const Calls calls;
-        EXPECT_EQ(recorder.Perform(), "out_of_range"); // no key
-        EXPECT_EQ(calls.Of(L"empty"), Lines{});
-    }
-    EXPECT_FALSE(IsThere(recorder.File(L"here\\XVR")));
+    EXPECT_EQ(recorder.Run(), "out_of_range"); // no key
+    EXPECT_EQ(recorder.Of({L"is empty "}), Lines{});
+    EXPECT_FALSE(recorder.Has(L"here\\XVR"));
     recorder.Folder(L"here\\recXVR");
     recorder.SetInstallDir(L"rec");
-    {
-        const Calls calls;
-        EXPECT_EQ(recorder.Perform(), "out_of_range");
-    }
-    EXPECT_FALSE(IsThere(recorder.File(L"here\\recXVR")));
+    EXPECT_EQ(recorder.Run(), "out_of_range");
+    EXPECT_FALSE(recorder.Has(L"here\\recXVR"));
     recorder.Folder(L"here\\rec\\XVR");
     recorder.SetInstallDir(L"rec\\");
-    const Calls calls;
-    EXPECT_EQ(recorder.Perform(), "0");
-    EXPECT_FALSE(IsThere(recorder.File(L"here\\rec")));
+    EXPECT_EQ(recorder.Run(), "0");
+    EXPECT_FALSE(recorder.Has(L"here\\rec"));
     EXPECT_TRUE(recorder.IsWhole(L"here"));
 }
 
 TEST(DeleteXVRFolder, OnlyBackslashesCutThePath) {
-    const Recorder recorder;
+    Recorder recorder;
     recorder.Folder(L"rec\\XVR");
     recorder.SetInstallDir(L"T:/Scratch/rec/");
-    {
-        const Calls calls;
-        EXPECT_EQ(recorder.Perform(), "out_of_range");
-        EXPECT_EQ(calls.Of(L"empty"), Lines{});
-    }
-    EXPECT_FALSE(IsThere(recorder.File(L"rec\\XVR")));
-    EXPECT_TRUE(IsThere(recorder.File(L"rec")));
+    EXPECT_EQ(recorder.Run(), "out_of_range");
+    EXPECT_EQ(recorder.Of({L"is empty "}), Lines{});
+    EXPECT_FALSE(recorder.Has(L"rec\\XVR"));
+    EXPECT_TRUE(recorder.Has(L"rec"));
 
     recorder.Folder(L"rec\\XVR");
     recorder.SetInstallDir(L"T:\\Scratch/rec/");
-    const Calls calls;
-    EXPECT_EQ(recorder.Perform(), "0");
-    EXPECT_EQ(calls.Of(L"empty"), Lines{L"empty T:"});
-    EXPECT_FALSE(IsThere(recorder.File(L"rec\\XVR")));
-    EXPECT_TRUE(IsThere(recorder.File(L"rec")));
+    EXPECT_EQ(recorder.Run(), "0");
+    EXPECT_EQ(recorder.Of({L"is empty "}), Lines{L"is empty T:"});
+    EXPECT_FALSE(recorder.Has(L"rec\\XVR"));
+    EXPECT_TRUE(recorder.Has(L"rec"));
 }
 
 TEST(DeleteXVRFolder, AFileOfThatNameIsLeftWithItsFolder) {
-    const Recorder recorder;
-    CreateFolders(recorder.File(L"rec"));
+    Recorder recorder;
+    recorder.EmptyFolder(L"rec");
     WriteWholeFile(recorder.File(L"rec\\XVR"), "x"s);
     recorder.SetInstallDir(recorder.File(L"rec\\"));
-    const Calls calls;
-    EXPECT_EQ(recorder.Perform(), "0");
+    EXPECT_EQ(recorder.Run(), "0");
     EXPECT_EQ(ReadWholeFile(recorder.File(L"rec\\XVR")), "x");
-    EXPECT_EQ(calls.Of(L"remove"), Lines{});
+    EXPECT_EQ(recorder.Removals(), Lines{});
 }
 
 TEST(DeleteXVRFolder, ALinkOfThatNameIsNeitherEnteredNorRemoved) {
-    const Recorder recorder;
+    Recorder recorder;
     recorder.Folder(L"target");
-    CreateFolders(recorder.File(L"rec"));
-    const halvard_tests::Link link(recorder.File(L"rec"), L"XVR", L"../target");
+    const halvard_tests::Link link(recorder.EmptyFolder(L"rec"), L"XVR", L"../target");
     recorder.SetInstallDir(recorder.File(L"rec\\"));
-    {
-        const Calls calls;
-        EXPECT_EQ(recorder.Perform(), "filesystem_error remove_all 145 T:\\Scratch\\rec\\XVR");
-        EXPECT_EQ(calls.Of(L"empty"), Lines{});
-    }
+    EXPECT_EQ(recorder.Run(), "filesystem_error remove_all 145 T:\\Scratch\\rec\\XVR");
+    EXPECT_EQ(recorder.Of({L"is empty "}), Lines{});
     EXPECT_TRUE(recorder.IsWhole(L"target"));
 }
 
 TEST(DeleteXVRFolder, AFolderThatCannotBeAskedOrRemovedKeepsTheOneAbove) {
-    const Recorder recorder;
-    CreateFolders(recorder.File(L"rec\\XVR"));
+    Recorder recorder;
+    recorder.EmptyFolder(L"rec\\XVR");
     recorder.SetInstallDir(recorder.File(L"rec\\"));
     const struct {
-        const wchar_t* start;
+        std::wstring failing;
         std::size_t nth;
         const char* operation;
-    } cases[] = {{L"look", 1, "exists"}, {L"look", 2, "status"}, {L"remove", 1, "remove_all"}};
-    for (const auto& failing : cases) {
-        Calls calls;
-        calls.Fail(failing.start, ERROR_ACCESS_DENIED, failing.nth);
-        EXPECT_EQ(recorder.Perform(),
-                  "filesystem_error "s + failing.operation + " 5 T:\\Scratch\\rec\\XVR");
-        EXPECT_EQ(calls.Of(L"empty"), Lines{});
-        EXPECT_TRUE(IsThere(recorder.File(L"rec\\XVR")));
+    } cases[] = {{kLook, 1, "exists"}, {kLook, 2, "status"}, {L"remove ", 1, "remove_all"}};
+    for (const auto& each : cases) {
+        EXPECT_EQ(recorder.Run(each.failing, ERROR_ACCESS_DENIED, each.nth),
+                  "filesystem_error "s + each.operation + " 5 T:\\Scratch\\rec\\XVR");
+        EXPECT_EQ(recorder.Of({L"is empty "}), Lines{});
+        EXPECT_TRUE(recorder.Has(L"rec\\XVR"));
     }
     WriteWholeFile(recorder.File(L"rec\\XVR\\file"), "x"s);
     const HANDLE held = CreateFileW(recorder.File(L"rec\\XVR\\file").c_str(), GENERIC_READ, 0,
                                     nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    {
-        const Calls calls;
-        EXPECT_EQ(recorder.Perform(), "filesystem_error remove_all 32 T:\\Scratch\\rec\\XVR");
-    }
+    EXPECT_EQ(recorder.Run(), "filesystem_error remove_all 32 T:\\Scratch\\rec\\XVR");
     CloseHandle(held);
 }
 
 TEST(DeleteXVRFolder, TheFolderAboveThatCannotBeRemoved) {
-    const Recorder recorder;
+    Recorder recorder;
     recorder.SetInstallDir(recorder.File(L"rec\\"));
-    CreateFolders(recorder.File(L"rec\\XVR"));
-    EXPECT_EQ(recorder.RunFailing(L"remove", ERROR_ACCESS_DENIED, 2),
+    recorder.EmptyFolder(L"rec\\XVR");
+    EXPECT_EQ(recorder.Run(L"remove ", ERROR_ACCESS_DENIED, 2),
               "filesystem_error remove 5 T:\\Scratch\\rec");
-    EXPECT_TRUE(IsThere(recorder.File(L"rec")));
-    EXPECT_FALSE(IsThere(recorder.File(L"rec\\XVR")));
+    EXPECT_TRUE(recorder.Has(L"rec"));
+    EXPECT_FALSE(recorder.Has(L"rec\\XVR"));
     // Gone already is as good.
-    CreateFolders(recorder.File(L"rec\\XVR"));
-    EXPECT_EQ(recorder.RunFailing(L"remove", ERROR_FILE_NOT_FOUND, 2), "0");
+    recorder.EmptyFolder(L"rec\\XVR");
+    EXPECT_EQ(recorder.Run(L"remove ", ERROR_FILE_NOT_FOUND, 2), "0");
 
-    CreateFolders(recorder.File(L"rec\\XVR"));
+    recorder.EmptyFolder(L"rec\\XVR");
     const CurrentDirectoryScope directory(recorder.File(L"rec")); // in use
-    const Calls calls;
-    EXPECT_EQ(recorder.Perform(), "filesystem_error remove 32 T:\\Scratch\\rec");
+    EXPECT_EQ(recorder.Run(), "filesystem_error remove 32 T:\\Scratch\\rec");
 }
 
 TEST(DeleteXVRFolder, TheFolderAboveGoesAloneOrNotAtAll) {
-    const Recorder recorder;
+    Recorder recorder;
     recorder.SetInstallDir(recorder.File(L"rec\\"));
     recorder.Folder(L"rec\\XVR");
     recorder.Folder(L"rec");
     // As when another program fills it behind the question.
-    FAIL_CALL(executing, ShellExecuteExW, 0, TRUE, NO_ERROR);
-    FAIL_CALL(asking, GetExitCodeProcess, 0, TRUE, NO_ERROR);
     FAIL_CALL(emptying, PathIsDirectoryEmptyW, 0, TRUE, NO_ERROR);
-    EXPECT_EQ(recorder.Perform(), "filesystem_error remove 145 T:\\Scratch\\rec");
+    EXPECT_EQ(recorder.Run(), "filesystem_error remove 145 T:\\Scratch\\rec");
     EXPECT_TRUE(recorder.IsWhole(L"rec"));
-    EXPECT_FALSE(IsThere(recorder.File(L"rec\\XVR")));
+    EXPECT_FALSE(recorder.Has(L"rec\\XVR"));
 }
 
 TEST(DeleteXVRFolder, OnADriveItsFolderGoesAndTheDriveStays) {
-    const Recorder recorder;
+    Recorder recorder;
     recorder.SetInstallDir(L"T:\\");
     CreateFolders(L"T:\\XVR");
-    {
-        const Calls calls;
-        EXPECT_EQ(recorder.Perform(), "0");
-        EXPECT_EQ(calls.Of(L"empty"), Lines{L"empty T:"});
-        EXPECT_EQ(calls.Of(L"remove"), Lines{L"remove folder " + kDrive + L"XVR"});
-        EXPECT_FALSE(IsThere(L"T:\\XVR"));
-    }
+    EXPECT_EQ(recorder.Run(), "0");
+    EXPECT_EQ(recorder.Of({L"is empty "}), Lines{L"is empty T:"});
+    EXPECT_EQ(recorder.Removals(), Lines{L"remove " + kDrive + L"XVR"});
+    EXPECT_FALSE(IsThere(L"T:\\XVR"));
     // A drive that counts as an empty folder is tried like any other.
     CreateFolders(L"T:\\XVR");
-    FAIL_CALL(executing, ShellExecuteExW, 0, TRUE, NO_ERROR);
-    FAIL_CALL(asking, GetExitCodeProcess, 0, TRUE, NO_ERROR);
     FAIL_CALL(emptying, PathIsDirectoryEmptyW, 0, TRUE, NO_ERROR);
-    HOOK(removing, RemoveDirectoryW, [&](LPCWSTR path) {
-        if (path == kDrive) {
-            SetLastError(ERROR_ACCESS_DENIED);
-            return FALSE;
-        }
-        return removing.Original(path);
-    });
-    EXPECT_EQ(recorder.Perform(), "filesystem_error remove 5 T:");
-    EXPECT_EQ(removing.Calls(), 2);
+    EXPECT_EQ(recorder.Run(L"remove " + kDrive, ERROR_ACCESS_DENIED, 2),
+              "filesystem_error remove 5 T:");
+    EXPECT_EQ(recorder.Removals(), (Lines{L"remove " + kDrive + L"XVR", L"remove " + kDrive}));
     EXPECT_TRUE(IsThere(recorder.scratch.Path()));
 }
 
 TEST(DeleteXVRFolder, ALoneBackslashIsTheDriveOfTheCurrentDirectoryWithoutAFolderAbove) {
-    const Recorder recorder;
+    Recorder recorder;
     const CurrentDirectoryScope directory(recorder.Folder(L"here"));
     recorder.SetInstallDir(L"\\");
     CreateFolders(L"T:\\XVR\\below");
-    const Calls calls;
-    EXPECT_EQ(recorder.Perform(), "0");
-    EXPECT_EQ(calls.Of(L"exists"), Lines{L"exists \\XVR"});
-    EXPECT_EQ(calls.Of(L"empty"), Lines{L"empty "});
+    EXPECT_EQ(recorder.Run(), "0");
+    EXPECT_EQ(recorder.Of({L"is there ", L"is empty "}), (Lines{L"is there \\XVR", L"is empty "}));
     EXPECT_FALSE(IsThere(L"T:\\XVR"));
     EXPECT_TRUE(recorder.IsWhole(L"here"));
     EXPECT_TRUE(IsThere(recorder.scratch.Path()));
 }
 
 TEST(DeleteXVRFolder, LeavesItsOwnKeyOpenOnPurposeAndNothingElse) {
-    const Recorder recorder;
+    Recorder recorder;
     const auto leftOpen = [&](const std::wstring& failing, std::size_t nth) {
-        CreateFolders(recorder.File(L"rec\\XVR"));
-        const int before = OpenHandleCount();
-        recorder.RunFailing(failing, ERROR_ACCESS_DENIED, nth);
-        return OpenHandleCount() - before;
+        recorder.EmptyFolder(L"rec\\XVR");
+        recorder.Run(failing, ERROR_ACCESS_DENIED, nth);
+        return recorder.leftOpen;
     };
-    EXPECT_EQ(leftOpen(L"nothing", 1), 0); // no key
+    EXPECT_EQ(leftOpen(L"nothing", 1), Lines{}); // no key
     recorder.SetInstallDir(recorder.File(L"rec\\"));
-    EXPECT_EQ(leftOpen(L"nothing", 1), 1);
-    EXPECT_EQ(leftOpen(L"query", 1), 1);
-    EXPECT_EQ(leftOpen(L"exists", 1), 1);
-    EXPECT_EQ(leftOpen(L"look", 1), 1);
-    EXPECT_EQ(leftOpen(L"look", 2), 1);
-    EXPECT_EQ(leftOpen(L"remove", 1), 1);
-    EXPECT_EQ(leftOpen(L"remove", 2), 1);
-    EXPECT_EQ(leftOpen(L"open", 1), 0);
-    EXPECT_EQ(leftOpen(L"read", 2), 0);
-    EXPECT_EQ(leftOpen(L"start", 1), 0);
-    EXPECT_EQ(leftOpen(L"exit code", 1), 0);
-    EXPECT_EQ(leftOpen(L"open", 2), 0);
+    const Lines itsKey = {L"open HKLM\\"s + kRecorderKey + L" 0x20019"};
+    EXPECT_EQ(leftOpen(L"nothing", 1), itsKey);
+    for (const std::wstring& failing : {L"query "s, L"is there "s, kLook, L"remove "s}) {
+        EXPECT_EQ(leftOpen(failing, 1), itsKey);
+    }
+    EXPECT_EQ(leftOpen(kLook, 2), itsKey);
+    EXPECT_EQ(leftOpen(L"remove ", 2), itsKey);
+    for (const std::wstring& failing : {kOpenKey, L"get "s, L"execute "s, L"exit code "s}) {
+        EXPECT_EQ(leftOpen(failing, 1), Lines{});
+    }
+    EXPECT_EQ(leftOpen(kOpenKey, 2), Lines{});
 }
 
 namespace {
@@ -1368,25 +1028,24 @@ void ExpectOneRun(const std::wstring& program, const std::wstring& commandLine) 
 
 TEST(FolderActions, ReallyAskTheCommandToolToExitWhateverItAnswers) {
     const Machine machine;
-    CreateFolders(machine.File(L"rec\\XVR"));
     const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"7");
     for (const wchar_t* location : {L"T:\\Apps\\Pivot", L"T:\\Apps\\With blanks"}) {
-        for (const auto run : {DeletePVFolder, DeleteXVRFolder}) {
+        for (const Action run : {DeletePVFolder, DeleteXVRFolder}) {
+            machine.EmptyFolder(L"rec\\XVR");
             const PivotInstallation pivot(location);
             const RecorderAt tool(pivot.File(L"pvcmd.exe"));
             SetRegistryString(HKEY_LOCAL_MACHINE, kRecorderKey, L"InstallDir",
                               machine.File(L"rec\\"));
-            EXPECT_EQ(run(machine.session.Get()), 0U);
+            EXPECT_EQ(machine.RunForReal(run), "0");
             ExpectOneRun(L"pvcmd.exe", L"\""s + location + L"\\pvcmd.exe\" exit");
             EXPECT_EQ(IsThere(pivot.Location()), run == DeleteXVRFolder);
-            CreateFolders(machine.File(L"rec\\XVR"));
         }
     }
 }
 
 TEST(FolderActions, GoOnWhenTheCommandToolDoesNotEndInTime) {
     const Machine machine;
-    CreateFolders(machine.File(L"rec\\XVR"));
+    machine.EmptyFolder(L"rec\\XVR");
     const EnvironmentVariable delay(L"HALVARD_RECORD_DELAY", L"1500");
     const PivotInstallation pivot;
     SetRegistryString(HKEY_LOCAL_MACHINE, kRecorderKey, L"InstallDir", machine.File(L"rec\\"));
@@ -1399,10 +1058,10 @@ TEST(FolderActions, GoOnWhenTheCommandToolDoesNotEndInTime) {
         timeouts.push_back(timeout);
         return WAIT_TIMEOUT;
     });
-    EXPECT_EQ(DeleteXVRFolder(machine.session.Get()), 0U);
-    EXPECT_FALSE(IsThere(machine.File(L"rec")));
+    EXPECT_EQ(machine.RunForReal(DeleteXVRFolder), "0");
+    EXPECT_FALSE(machine.Has(L"rec"));
     // A tool that still runs is in use, and so its folder stays.
-    EXPECT_EQ(Perform(kPivot, machine), "filesystem_error remove_all 5 T:\\Apps\\Pivot");
+    EXPECT_EQ(machine.RunForReal(DeletePVFolder), "filesystem_error remove_all 5 T:\\Apps\\Pivot");
     EXPECT_TRUE(IsThere(pivot.File(L"pvcmd.exe")));
     EXPECT_EQ(timeouts, (std::vector<DWORD>{30000, 30000}));
     halvard_tests::WaitForRecordings(2);
@@ -1410,25 +1069,22 @@ TEST(FolderActions, GoOnWhenTheCommandToolDoesNotEndInTime) {
 
 TEST(FolderActions, FailWithoutACommandToolBeforeTheirFolderIsLookedAt) {
     const Machine machine;
-    CreateFolders(machine.File(L"rec\\XVR"));
+    machine.EmptyFolder(L"rec\\XVR");
     const PivotInstallation pivot;
     SetRegistryString(HKEY_LOCAL_MACHINE, kRecorderKey, L"InstallDir", machine.File(L"rec\\"));
-    for (const auto run : {DeletePVFolder, DeleteXVRFolder}) {
-        EXPECT_EQ(OutcomeOf([&] { return run(machine.session.Get()); }),
-                  "system_error Unable to create process 2");
+    for (const Action run : {DeletePVFolder, DeleteXVRFolder}) {
+        EXPECT_EQ(machine.RunForReal(run), "system_error Unable to create process 2");
     }
     EXPECT_TRUE(IsThere(pivot.Location()));
-    EXPECT_TRUE(IsThere(machine.File(L"rec\\XVR")));
+    EXPECT_TRUE(machine.Has(L"rec\\XVR"));
 }
 
 TEST(DeletePVINSTALLDIRFolder, ReallyRunsPowerShellWhateverItAnswers) {
     const Machine machine;
-    PointPivotTo(machine, machine.Folder(L"app"));
+    machine.SetPivotLocation(machine.Folder(L"app"));
     const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"7");
     const RecorderAt powerShell(kPowerShell);
-    EXPECT_EQ(Perform(kPivotInstallDir, machine), "0");
-    ExpectOneRun(L"powershell.exe", L"\""s + kPowerShell +
-                                        L"\" Get-AppxPackage ZenvoCorporationInc-VSXCM* | "
-                                        L"Remove-AppxPackage -AllUsers");
-    EXPECT_FALSE(IsThere(machine.File(L"app")));
+    EXPECT_EQ(machine.RunForReal(DeletePVINSTALLDIRFolder), "0");
+    ExpectOneRun(L"powershell.exe", L"\""s + kPowerShell + L"\" " + kPowerShellArguments);
+    EXPECT_FALSE(machine.Has(L"app"));
 }

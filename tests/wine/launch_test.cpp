@@ -10,7 +10,6 @@
 #include "files.h"
 #include "import_hook.h"
 #include "open_handles.h"
-#include "process_starts.h"
 #include "stand_in_session.h"
 #include "system_text.h"
 
@@ -27,8 +26,13 @@ using halvard::RunCmdCommand;
 using halvard::RunCommandLine;
 using halvard::ShellExecuteAndWait;
 using halvard_tests::AllocationFailure;
+using halvard_tests::CallTrace;
 using halvard_tests::CurrentDirectory;
 using halvard_tests::EnvironmentVariable;
+using halvard_tests::kChildren;
+using halvard_tests::kFileContents;
+using halvard_tests::kInstaller;
+using halvard_tests::kProcesses;
 using halvard_tests::OpenHandleCount;
 using halvard_tests::RecorderAt;
 using halvard_tests::Recording;
@@ -233,20 +237,9 @@ TEST(RunCmdCommand, LeavesTheSecondPipeOpenOnPurposeAndNothingElse) {
     RunCmdCommand(L"exit 0", nullptr); // what the first start of a process loads once
     EXPECT_EQ(LeftOpenBy(L"exit 0"), kOnPurpose);
     EXPECT_EQ(LeftOpenBy(L"exit 0", L"T:\\no such folder"), kOnPurpose);
-    {
-        FAIL_CALL(setting, SetHandleInformation, 0, FALSE, ERROR_ACCESS_DENIED);
-        EXPECT_EQ(LeftOpenBy(L"exit 0"), kOnPurpose);
-    }
-    {
-        FAIL_CALL(asking, GetExitCodeProcess, 0, FALSE, ERROR_ACCESS_DENIED);
-        EXPECT_EQ(LeftOpenBy(L"exit 0"), kOnPurpose);
-    }
-    {
-        FAIL_CALL(peeking, PeekNamedPipe, 0, FALSE, ERROR_BROKEN_PIPE);
-        EXPECT_EQ(LeftOpenBy(L"exit 0"), kOnPurpose);
-    }
-    {
-        FAIL_CALL(reading, ReadFile, 0, FALSE, ERROR_BROKEN_PIPE);
+    for (const wchar_t* failing : {L"inherit ", L"exit code ", L"peek ", L"read "}) {
+        CallTrace calls(kChildren | kFileContents);
+        calls.Fail(failing, ERROR_BROKEN_PIPE, 0);
         EXPECT_EQ(LeftOpenBy(L"exit 0"), kOnPurpose);
     }
 }
@@ -348,9 +341,7 @@ TEST(RunCmdCommand, KeepsPollingAChildThatExitsWith259UntilThePipeFails) {
 }
 
 TEST(RunCmdCommand, PollsExitCodePipeAndOutputInThisOrder) {
-    std::vector<std::wstring> order;
     HOOK(asking, GetExitCodeProcess, [&](HANDLE, LPDWORD exitCode) {
-        order.push_back(L"exit code");
         *exitCode = asking.Calls() == 3 ? 12 : STILL_ACTIVE;
         return TRUE;
     });
@@ -360,49 +351,48 @@ TEST(RunCmdCommand, PollsExitCodePipeAndOutputInThisOrder) {
              EXPECT_EQ(size, 0U);
              EXPECT_EQ(read, nullptr);
              EXPECT_EQ(left, nullptr);
-             order.push_back(L"peek");
              *waiting = peeking.Calls() == 2 ? 0 : 10;
              return TRUE;
          });
     HOOK(reading, ReadFile, [&](HANDLE, LPVOID, DWORD size, LPDWORD read, LPOVERLAPPED) {
-        EXPECT_EQ(size, 10U);
         *read = size;
-        order.push_back(L"read");
         return TRUE;
     });
+    const CallTrace calls(kProcesses | kChildren | kFileContents);
     EXPECT_EQ(RunCmdCommand(L"exit 0", nullptr), 12U);
-    EXPECT_EQ(order, (Lines{L"exit code", L"peek", L"read", L"exit code", L"peek", L"exit code",
-                            L"peek", L"read"}));
+    const std::wstring ask = L"exit code of cmd.exe /C \"exit 0\"";
+    EXPECT_EQ(calls.Of({L"exit code ", L"peek ", L"read "}),
+              (Lines{ask, L"peek pipe", L"read pipe 10", ask, L"peek pipe", ask, L"peek pipe",
+                     L"read pipe 10"}));
 }
 
 TEST(RunCmdCommand, EachCallFailingInTurn) {
     const RecorderAt tool(kTool);
     const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"4");
-    {
+    const struct {
+        const wchar_t* failing;
+        std::size_t nth;
+        DWORD answer;
+    } cases[] = {
         // Without an output pipe the exit code is read once, while the child still runs.
-        FAIL_CALL(piping, CreatePipe, 1, FALSE, ERROR_ACCESS_DENIED);
-        EXPECT_EQ(RunCmdCommand(kTool, nullptr), 259U);
-        EXPECT_EQ(piping.Calls(), 2);
-        EXPECT_EQ(WaitForRecordings(1).size(), 1U);
-    }
-    {
-        FAIL_CALL(piping, CreatePipe, 2, FALSE, ERROR_ACCESS_DENIED);
-        EXPECT_EQ(RunCmdCommand(kTool, nullptr), 4U);
-    }
-    for (const int nth : {1, 2, 3}) {
-        FAIL_CALL(setting, SetHandleInformation, nth, FALSE, ERROR_ACCESS_DENIED);
-        EXPECT_EQ(RunCmdCommand(kTool, nullptr), 4U);
-        EXPECT_EQ(setting.Calls(), 3);
-    }
-    {
+        {L"pipe", 1, 259},
+        {L"pipe", 2, 4},
+        {L"inherit ", 1, 4},
+        {L"inherit ", 2, 4},
+        {L"inherit ", 3, 4},
         // The end of the wait must not hang on a process whose exit code cannot be read.
-        FAIL_CALL(asking, GetExitCodeProcess, 0, FALSE, ERROR_ACCESS_DENIED);
-        EXPECT_EQ(RunCmdCommand(kTool, nullptr), 259U);
-        EXPECT_EQ(asking.Calls(), 1);
-    }
-    {
-        FAIL_CALL(peeking, PeekNamedPipe, 1, FALSE, ERROR_BROKEN_PIPE);
-        EXPECT_EQ(RunCmdCommand(kTool, nullptr), 259U);
+        {L"exit code ", 0, 259},
+        {L"peek ", 1, 259},
+    };
+    std::size_t runs = 0;
+    for (const auto& each : cases) {
+        CallTrace calls(kProcesses | kChildren);
+        calls.Fail(each.failing, ERROR_BROKEN_PIPE, each.nth);
+        EXPECT_EQ(RunCmdCommand(kTool, nullptr), each.answer) << each.failing << each.nth;
+        EXPECT_EQ(calls.Of({L"pipe"}).size(), 2U);
+        EXPECT_EQ(calls.Of({L"inherit "}).size(), 3U);
+        EXPECT_TRUE(each.answer != 259 || calls.Of({L"exit code "}).size() == 1);
+        EXPECT_EQ(WaitForRecordings(++runs).size(), runs);
     }
     {
         // What cannot be read stays in the pipe, and the wait goes on.
@@ -456,15 +446,10 @@ TEST(RunCommandLine, StartsTheCommandInTheDirectory) {
 
 TEST(RunCommandLine, AnEmptyDirectoryMeansThatOfThisProcess) {
     const RecorderAt tool(kTool);
-    HOOK(creating, CreateProcessW,
-         [&](LPCWSTR application, LPWSTR commandLine, LPSECURITY_ATTRIBUTES process,
-             LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags, LPVOID environment,
-             LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION child) {
-             EXPECT_EQ(directory, nullptr);
-             return creating.Original(application, commandLine, process, thread, inherit, flags,
-                                      environment, directory, startup, child);
-         });
+    const CallTrace calls(kProcesses);
     EXPECT_TRUE(RunsWritable(kTool, L"", true));
+    // In no directory.
+    EXPECT_EQ(calls.All(), Lines{L"run T:\\tool.exe"});
     ASSERT_EQ(Recordings().size(), 1U);
     EXPECT_EQ(Recordings()[0].directory, CurrentDirectory());
 }
@@ -497,18 +482,11 @@ TEST(RunCommandLine, WaitsWithoutLimitAndDoesNotReadTheExitCode) {
     const RecorderAt tool(kTool);
     const EnvironmentVariable delay(L"HALVARD_RECORD_DELAY", L"500");
     const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"3");
-    COUNT_CALLS(asking, GetExitCodeProcess);
-    const halvard_tests::ProcessStarts starts;
-    HOOK(waiting, WaitForSingleObject, [&](HANDLE process, DWORD timeout) {
-        EXPECT_EQ(process, starts.Process());
-        EXPECT_EQ(timeout, static_cast<DWORD>(INFINITE));
-        return waiting.Original(process, timeout);
-    });
+    const CallTrace calls(kProcesses | kChildren);
     const ULONGLONG start = GetTickCount64();
     EXPECT_TRUE(RunsWritable(kTool, L"", true));
     EXPECT_GE(GetTickCount64() - start, 500U);
-    EXPECT_EQ(waiting.Calls(), 1);
-    EXPECT_EQ(asking.Calls(), 0);
+    EXPECT_EQ(calls.All(), (Lines{L"run T:\\tool.exe", L"wait for T:\\tool.exe 4294967295"}));
 }
 
 TEST(RunCommandLine, DoesNotExamineTheResultOfTheWait) {
@@ -538,7 +516,7 @@ TEST(RunCommandLine, ReportsThatTheCommandCannotStart) {
 
 TEST(RunCommandLine, ClosesItsHandlesAndLogsNothing) {
     const RecorderAt tool(kTool);
-    const halvard_tests::CallTrace calls(halvard_tests::kInstaller);
+    const CallTrace calls(kInstaller);
     RunsWritable(kTool, L"", true);
     const int before = OpenHandleCount();
     RunsWritable(kTool, L"", true);
@@ -746,7 +724,7 @@ TEST(LaunchSchtasks, LogsToNoSessionEvenWhenAnActionHasStoredOne) {
             execution->hInstApp = reinterpret_cast<HINSTANCE>(result != FALSE ? 42 : 2);
             return result;
         });
-        const halvard_tests::CallTrace calls(halvard_tests::kInstaller);
+        const CallTrace calls(kInstaller);
         EXPECT_EQ(LaunchSchtasks(L"/run"), started != FALSE);
         EXPECT_EQ(calls.All(), (Lines{L"create record 0", L"set field 0 " + line,
                                       L"send 0x4000000 to 0", L"close record"}));
@@ -767,7 +745,7 @@ TEST(LaunchSchtasks, MapsTheCodeOfTheShellToItsMessage) {
             execution->hInstApp = reinterpret_cast<HINSTANCE>(static_cast<INT_PTR>(value));
             return FALSE;
         });
-        const halvard_tests::CallTrace calls(halvard_tests::kInstaller);
+        const CallTrace calls(kInstaller);
         EXPECT_FALSE(LaunchSchtasks(L"/run"));
         EXPECT_EQ(calls.Rests(L"set field 0 "),
                   Lines{L"Quenby_CA failed to launch the following: " + message});

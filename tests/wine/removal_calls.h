@@ -1,209 +1,131 @@
 #pragma once
 
+#include "begins.h"
+#include "call_trace.h"
 #include "import_hook.h"
 
 #include <windows.h>
-#include <winternl.h>
-
-#include <gtest/gtest.h>
 
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
-#include <vector>
+#include <utility>
 
 // The calls by which a tree is removed, watched by the paths of what they are made for.
 
 namespace halvard_tests {
 
-constexpr NTSTATUS kStatusSuccess = 0;
-constexpr NTSTATUS kStatusNoSuchName = static_cast<NTSTATUS>(0xC0000034U);
-constexpr NTSTATUS kStatusNoSuchPath = static_cast<NTSTATUS>(0xC000003AU);
-constexpr NTSTATUS kStatusInvalidName = static_cast<NTSTATUS>(0xC0000033U);
-constexpr NTSTATUS kStatusBadNetworkPath = static_cast<NTSTATUS>(0xC00000BEU);
-constexpr NTSTATUS kStatusAccessDenied = static_cast<NTSTATUS>(0xC0000022U);
-constexpr NTSTATUS kStatusSharingViolation = static_cast<NTSTATUS>(0xC0000043U);
-
 constexpr auto kDispositionWithFlags = static_cast<FILE_INFO_BY_HANDLE_CLASS>(21);
 
-/// Whether the system knows deletions with flags, asked with a new file of the throw-away drive.
-inline bool KnowsDeletionWithFlags(const std::wstring& path) {
-    const HANDLE file =
-        CreateFileW(path.c_str(), DELETE, 7, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
-    DWORD flags = 3;
-    const bool knows =
-        SetFileInformationByHandle(file, kDispositionWithFlags, &flags, sizeof(flags)) != FALSE;
-    CloseHandle(file);
-    DeleteFileW(path.c_str());
-    return knows;
+// How the lines of calls begin that are made for an entry: its opening by the handle of its folder,
+// its deletion, the question for its attributes and for its tag, and the listing of a folder.
+inline std::wstring Opening(const std::wstring& path) {
+    return L"open entry " + path + L" ";
+}
+inline std::wstring Deletion(const std::wstring& path) {
+    return L"change entry " + path + L" ";
+}
+inline std::wstring Question(const std::wstring& path) {
+    return L"about " + path + L" 0";
+}
+inline std::wstring QuestionForTag(const std::wstring& path) {
+    return L"about " + path + L" 9";
+}
+inline std::wstring Listing(const std::wstring& path) {
+    return L"about " + path + L" 10";
 }
 
-/// One opening of an entry by the handle of its folder.
-struct EntryOpening {
-    std::wstring path;
-    std::wstring name;
-    ACCESS_MASK access;
-    ULONG sharing;
-    ULONG options;
-    ULONG attributes;
-    bool isRelative;
-};
-
-/// Watches openings, questions and deletions for the length of a scope. Paths are those of the
-/// first opening, without the prefix of the extended-length form.
-class RemovalCalls {
+/// Changes what the system answers about files and folders. Paths are those of the first opening,
+/// without the prefix of the extended-length form.
+class ChangedAnswers {
 public:
-    /// Asked in front of a call; a result other than success is returned instead of making it.
-    std::function<NTSTATUS(const std::wstring& path)> beforeOpening;
-    std::function<DWORD(const std::wstring& path)> beforeDeletion;
-    std::function<DWORD(const std::wstring& path)> beforeListing;
-    std::function<void(const std::wstring& path)> beforeOpeningPath;
-    /// Whether a deletion is only played: it succeeds and removes nothing.
-    std::function<bool(const std::wstring& path)> simulatesDeletion;
-    /// Told after a call that succeeded, and may change what it answered.
-    std::function<void(const std::wstring& path)> afterOpening;
-    std::function<void(const std::wstring& path)> afterOpeningPath;
-    std::function<DWORD(const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type, void* data)>
-        afterQuestion;
-    /// Whether deletions with flags are known, or as the system has it.
-    bool simulatesFlags = false;
+    /// May change an entry of a listing.
+    std::function<void(const std::wstring& folder, const std::wstring& name,
+                       FILE_ID_BOTH_DIR_INFO& entry)>
+        listed;
 
-    /// "remove PATH" by path, "delete PATH" by handle, each with " refused" behind it when it was.
-    std::vector<std::wstring> removals;
-    std::vector<std::wstring> openedByPath;
-    std::vector<EntryOpening> openings;
-    std::vector<FILE_INFO_BY_HANDLE_CLASS> dispositions;
-    std::vector<DWORD> flags;
-    /// The folders of which a listing was begun.
-    std::vector<std::wstring> listings;
-
-    bool WasOpened(const std::wstring& path) const {
-        for (const EntryOpening& opening : openings) {
-            if (opening.path == path) {
-                return true;
+    /// Lets one entry of a folder be changed.
+    void List(const std::wstring& folder, const std::wstring& name,
+              std::function<void(FILE_ID_BOTH_DIR_INFO& entry)> change) {
+        listed = [folder, name, change = std::move(change)](const std::wstring& in,
+                                                            const std::wstring& entry, auto& info) {
+            if (in == folder && entry == name) {
+                change(info);
             }
-        }
-        return false;
+        };
     }
+
+    /// What has the attribute of a reparse point, asked by its handle.
+    std::set<std::wstring> points;
+    /// The tags that are read there.
+    std::map<std::wstring, DWORD> tags;
+
+    void BecomeLink(const std::wstring& path) {
+        points.insert(path);
+        tags[path] = IO_REPARSE_TAG_MOUNT_POINT;
+    }
+
+protected:
+    explicit ChangedAnswers(const CallTrace& trace) : trace_(trace) {}
 
 private:
-    static std::wstring Plain(const std::wstring& path) {
-        return path.rfind(L"\\\\?\\", 0) == 0 ? path.substr(4) : path;
-    }
-
-    void NoteRemoval(const wchar_t* kind, const std::wstring& path, bool done) {
-        const DWORD code = GetLastError();
-        removals.push_back(kind + path + (done ? L"" : L" refused"));
-        SetLastError(code);
-    }
-
-    BOOL Delete(HANDLE file, FILE_INFO_BY_HANDLE_CLASS type, LPVOID data, DWORD size) {
-        const std::wstring& path = paths_[file];
-        const bool hasFlags = type == kDispositionWithFlags;
-        dispositions.push_back(type);
-        if (hasFlags) {
-            flags.push_back(*static_cast<DWORD*>(data));
-            if (!simulatesFlags && !knowsFlags_) {
-                SetLastError(ERROR_INVALID_PARAMETER);
-                return FALSE;
-            }
+    void Change(const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type, void* data) const {
+        if (type == FileIdBothDirectoryInfo && listed) {
+            auto* next = static_cast<BYTE*>(data);
+            ULONG offset = 0;
+            do {
+                next += offset;
+                auto& entry = *reinterpret_cast<FILE_ID_BOTH_DIR_INFO*>(next);
+                offset = entry.NextEntryOffset;
+                listed(path, std::wstring(entry.FileName, entry.FileNameLength / sizeof(wchar_t)),
+                       entry);
+            } while (offset != 0);
+        } else if (type == FileBasicInfo && points.count(path) != 0) {
+            static_cast<FILE_BASIC_INFO*>(data)->FileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+        } else if (type == FileAttributeTagInfo && tags.count(path) != 0) {
+            *static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data) = {
+                FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT, tags.at(path)};
         }
-        const DWORD code = beforeDeletion ? beforeDeletion(path) : DWORD{ERROR_SUCCESS};
-        SetLastError(code);
-        BOOL done = FALSE;
-        if (code == ERROR_SUCCESS && simulatesDeletion && simulatesDeletion(path)) {
-            done = TRUE;
-        } else if (code == ERROR_SUCCESS) {
-            FILE_DISPOSITION_INFO plain = {TRUE};
-            done = hasFlags && simulatesFlags
-                       ? setting_.Original(file, FileDispositionInfo, &plain, sizeof(plain))
-                       : setting_.Original(file, type, data, size);
-        }
-        NoteRemoval(L"delete ", path, done != FALSE);
-        return done;
     }
 
-    const bool knowsFlags_ = KnowsDeletionWithFlags(L"T:\\asked for deletion");
-    std::map<HANDLE, std::wstring> paths_;
+    const CallTrace& trace_;
 
-    HOOK(removing_, RemoveDirectoryW, [this](LPCWSTR path) {
-        const BOOL done = removing_.Original(path);
-        NoteRemoval(L"remove ", Plain(path), done != FALSE);
-        return done;
-    });
-    HOOK(openingPath_, CreateFileW,
-         [this](LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
-                DWORD disposition, DWORD options, HANDLE model) {
-             openedByPath.push_back(Plain(path));
-             if (beforeOpeningPath) {
-                 beforeOpeningPath(Plain(path));
-             }
-             const HANDLE opened =
-                 openingPath_.Original(path, access, share, security, disposition, options, model);
-             paths_[opened] = Plain(path);
-             if (afterOpeningPath) {
-                 afterOpeningPath(Plain(path));
-             }
-             return opened;
-         });
-    HOOK(opening_, NtOpenFile,
-         [this](PHANDLE opened, ACCESS_MASK access, POBJECT_ATTRIBUTES object,
-                PIO_STATUS_BLOCK result, ULONG sharing, ULONG options) -> NTSTATUS {
-             const std::wstring name(object->ObjectName->Buffer,
-                                     object->ObjectName->Length / sizeof(wchar_t));
-             const std::wstring path = paths_[object->RootDirectory] + L"\\" + name;
-             openings.push_back({path, name, access, sharing, options, object->Attributes,
-                                 object->RootDirectory != nullptr});
-             NTSTATUS status = beforeOpening ? beforeOpening(path) : kStatusSuccess;
-             if (status == kStatusSuccess) {
-                 status = opening_.Original(opened, access, object, result, sharing, options);
-             }
-             if (status == kStatusSuccess) {
-                 paths_[*opened] = path;
-                 if (afterOpening) {
-                     afterOpening(path);
-                 }
-             }
-             return status;
-         });
-    HOOK(setting_, SetFileInformationByHandle,
-         [this](HANDLE file, FILE_INFO_BY_HANDLE_CLASS type, LPVOID data, DWORD size) {
-             return Delete(file, type, data, size);
-         });
     HOOK(asking_, GetFileInformationByHandleEx,
          [this](HANDLE file, FILE_INFO_BY_HANDLE_CLASS type, LPVOID data, DWORD size) -> BOOL {
-             const std::wstring path = paths_[file];
-             if (type == FileIdBothDirectoryInfo && (listings.empty() || listings.back() != path)) {
-                 listings.push_back(path);
-             }
-             const DWORD refusal = type == FileIdBothDirectoryInfo && beforeListing
-                                       ? beforeListing(path)
-                                       : DWORD{ERROR_SUCCESS};
-             if (refusal != ERROR_SUCCESS) {
-                 SetLastError(refusal);
-                 return FALSE;
-             }
              const BOOL done = asking_.Original(file, type, data, size);
-             if (done == FALSE || !afterQuestion) {
-                 return done;
+             if (done != FALSE) {
+                 Change(trace_.Name(file), type, data);
              }
-             const DWORD code = afterQuestion(path, type, data);
-             SetLastError(code);
-             return code == ERROR_SUCCESS ? TRUE : FALSE;
+             return done;
          });
 };
 
-/// Goes through the entries of a listing as the system wrote it.
-template <class Change>
-void ForEachListed(void* data, Change change) {
-    auto* next = static_cast<BYTE*>(data);
-    ULONG offset = 0;
-    do {
-        auto* const info = reinterpret_cast<FILE_ID_BOTH_DIR_INFO*>(next);
-        change(std::wstring(info->FileName, info->FileNameLength / sizeof(wchar_t)), *info);
-        offset = info->NextEntryOffset;
-        next += offset;
-    } while (offset != 0);
-}
+/// Watches the calls by which a tree is removed, and may change what the system answers them.
+class RemovalCalls : public ChangedAnswers, public CallTrace {
+public:
+    RemovalCalls()
+        : ChangedAnswers(static_cast<const CallTrace&>(*this)), CallTrace(kFiles | kFileQuestions) {
+    }
+
+    /// Does something before each call of which the line begins so.
+    void Before(const std::wstring& start, std::function<void()> action) {
+        before = [start, action = std::move(action)](const std::wstring& line) {
+            if (Begins(line, start)) {
+                action();
+            }
+        };
+    }
+
+    /// The entries that were to be deleted by their handles, in their order.
+    Lines Deletions() const {
+        Lines paths = Rests(L"change entry ");
+        for (std::wstring& path : paths) {
+            path.erase(path.rfind(L' '));
+        }
+        // Where no flags are known, the first is tried twice.
+        return WithoutRepeats(paths);
+    }
+};
 
 } // namespace halvard_tests

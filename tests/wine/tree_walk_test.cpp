@@ -2,33 +2,37 @@
 
 #include "file_system_error.h"
 #include "files.h"
-#include "import_hook.h"
+#include "lines.h"
 #include "open_handles.h"
 #include "removal_calls.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <vector>
 
 using halvard::TreeWalk;
 using halvard_tests::CreateFolders;
 using halvard_tests::ExpectFileSystemError;
+using halvard_tests::Listing;
 using halvard_tests::RemovalCalls;
 using halvard_tests::ScratchFolder;
 using halvard_tests::WriteFileAt;
 
 namespace {
 
-std::vector<std::wstring> Visit(const std::wstring& top) {
-    std::vector<std::wstring> visited;
+// Where a walk ends, as the errors name it.
+constexpr char kBegins[] = "recursive_directory_iterator::recursive_directory_iterator";
+constexpr char kGoesOn[] = "recursive_directory_iterator::operator++";
+
+Lines Visit(const std::wstring& top) {
+    Lines visited;
     for (TreeWalk walk(top); walk.Next();) {
         visited.push_back(walk.Path());
     }
     return visited;
 }
 
-std::vector<std::wstring> Sorted(std::vector<std::wstring> paths) {
+Lines Sorted(Lines paths) {
     std::sort(paths.begin(), paths.end());
     return paths;
 }
@@ -42,6 +46,11 @@ protected:
         WriteFileAt(top + L"\\sub\\deep\\c.txt");
     }
 
+    static void ExpectEndsOf(const std::wstring& walked, const char* operation,
+                             const std::wstring& folder, int code) {
+        ExpectFileSystemError([&] { Visit(walked); }, operation, folder, code);
+    }
+
     ScratchFolder scratch;
     std::wstring top = scratch.File(L"tree");
 };
@@ -49,7 +58,7 @@ protected:
 } // namespace
 
 TEST_F(TreeWalkTest, VisitsEveryEntryOnceAndAFolderBeforeWhatItHolds) {
-    const std::vector<std::wstring> visited = Visit(top);
+    const Lines visited = Visit(top);
     EXPECT_EQ(Sorted(visited), Sorted({top + L"\\sub", top + L"\\empty", top + L"\\sub\\b.txt",
                                        top + L"\\sub\\deep", top + L"\\sub\\deep\\c.txt"}));
     const auto position = [&](const std::wstring& name) {
@@ -74,99 +83,72 @@ TEST_F(TreeWalkTest, SpellsPathsAsTheTopWasGiven) {
         EXPECT_EQ(Sorted(Visit(spelled)),
                   Sorted({spelled + L"b.txt", spelled + L"deep", spelled + L"deep\\c.txt"}));
     }
-    const std::vector<std::wstring> root = Visit(L"\\\\?\\" + top + L"\\sub\\deep\\");
-    EXPECT_EQ(root, std::vector<std::wstring>{L"\\\\?\\" + top + L"\\sub\\deep\\c.txt"});
+    const Lines root = Visit(L"\\\\?\\" + top + L"\\sub\\deep\\");
+    EXPECT_EQ(root, Lines{L"\\\\?\\" + top + L"\\sub\\deep\\c.txt"});
 }
 
 TEST_F(TreeWalkTest, SpellsPathsBelowADriveAndItsCurrentDirectory) {
     const halvard_tests::CurrentDirectoryScope directory(top + L"\\sub\\deep");
-    const std::vector<std::wstring> current = Visit(L"T:");
-    const std::vector<std::wstring> relative = Visit(L"..\\deep");
-    EXPECT_EQ(current, std::vector<std::wstring>{L"T:c.txt"});
-    EXPECT_EQ(relative, std::vector<std::wstring>{L"..\\deep\\c.txt"});
+    const Lines current = Visit(L"T:");
+    const Lines relative = Visit(L"..\\deep");
+    EXPECT_EQ(current, Lines{L"T:c.txt"});
+    EXPECT_EQ(relative, Lines{L"..\\deep\\c.txt"});
 
-    const std::vector<std::wstring> drive = Visit(L"T:\\");
+    const Lines drive = Visit(L"T:\\");
     EXPECT_NE(std::find(drive.begin(), drive.end(), top + L"\\sub\\b.txt"), drive.end());
 }
 
 TEST_F(TreeWalkTest, VisitsALinkAndDoesNotEnterIt) {
     const halvard_tests::Link link(top + L"\\empty", L"link", L"../sub");
-    EXPECT_EQ(Visit(top + L"\\empty"), std::vector<std::wstring>{top + L"\\empty\\link"});
-    EXPECT_EQ(Visit(top + L"\\empty\\link"), std::vector<std::wstring>());
+    EXPECT_EQ(Visit(top + L"\\empty"), Lines{top + L"\\empty\\link"});
+    EXPECT_EQ(Visit(top + L"\\empty\\link"), Lines());
 }
 
 TEST_F(TreeWalkTest, EndsAtAnotherFolderThanTheOneListed) {
-    halvard_tests::RemovalCalls calls;
-    calls.afterQuestion = [&](const std::wstring&, FILE_INFO_BY_HANDLE_CLASS type,
-                              void* data) -> DWORD {
-        if (type == FileIdBothDirectoryInfo) {
-            halvard_tests::ForEachListed(data, [](const std::wstring& name, auto& info) {
-                info.FileId.QuadPart ^= name == L"sub" ? 1 : 0;
-            });
-        }
-        return ERROR_SUCCESS;
-    };
-    ExpectFileSystemError([&] { Visit(top); }, "recursive_directory_iterator::operator++",
-                          top + L"\\sub", ERROR_DIR_NOT_EMPTY);
+    RemovalCalls calls;
+    calls.List(top, L"sub", [](FILE_ID_BOTH_DIR_INFO& entry) { entry.FileId.QuadPart ^= 1; });
+    ExpectEndsOf(top, kGoesOn, top + L"\\sub", ERROR_DIR_NOT_EMPTY);
 }
 
 TEST_F(TreeWalkTest, DoesNotEnterWhatHasBecomeALinkSinceItWasListed) {
     RemovalCalls calls;
-    calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
-                              void* data) -> DWORD {
-        if (path == top + L"\\sub" && type == FileBasicInfo) {
-            static_cast<FILE_BASIC_INFO*>(data)->FileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
-        } else if (path == top + L"\\sub" && type == FileAttributeTagInfo) {
-            *static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data) = {FILE_ATTRIBUTE_DIRECTORY |
-                                                                FILE_ATTRIBUTE_REPARSE_POINT,
-                                                            IO_REPARSE_TAG_MOUNT_POINT};
-        }
-        return ERROR_SUCCESS;
-    };
+    calls.BecomeLink(top + L"\\sub");
     EXPECT_EQ(Sorted(Visit(top)), Sorted({top + L"\\sub", top + L"\\empty"}));
 }
 
 TEST_F(TreeWalkTest, TellsNoEntryOfAFolderThatHasBecomeALink) {
     WriteFileAt(top + L"\\sub\\c.txt");
-    halvard_tests::RemovalCalls calls;
-    bool isLink = false;
-    calls.afterQuestion = [&](const std::wstring& path, FILE_INFO_BY_HANDLE_CLASS type,
-                              void* data) -> DWORD {
-        if (isLink && path == top + L"\\sub" && type == FileBasicInfo) {
-            static_cast<FILE_BASIC_INFO*>(data)->FileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
-        } else if (path == top + L"\\sub" && type == FileAttributeTagInfo) {
-            *static_cast<FILE_ATTRIBUTE_TAG_INFO*>(data) = {FILE_ATTRIBUTE_DIRECTORY |
-                                                                FILE_ATTRIBUTE_REPARSE_POINT,
-                                                            IO_REPARSE_TAG_MOUNT_POINT};
-        }
-        return ERROR_SUCCESS;
-    };
-    std::vector<std::wstring> visited;
+    RemovalCalls calls;
+    Lines visited;
     ExpectFileSystemError(
         [&] {
             for (TreeWalk walk(top); walk.Next();) {
                 visited.push_back(walk.Path());
-                isLink = visited.back() == top + L"\\sub\\b.txt";
+                if (visited.back() == top + L"\\sub\\b.txt") {
+                    calls.BecomeLink(top + L"\\sub");
+                }
             }
         },
-        "recursive_directory_iterator::operator++", top + L"\\sub", ERROR_DIR_NOT_EMPTY);
+        kGoesOn, top + L"\\sub", ERROR_DIR_NOT_EMPTY);
     EXPECT_EQ(visited.back(), top + L"\\sub\\b.txt");
 }
 
 TEST_F(TreeWalkTest, LooksUpNothingByAPathBelowTheTop) {
-    const halvard_tests::RemovalCalls calls;
+    const RemovalCalls calls;
     Visit(top);
-    EXPECT_EQ(calls.openedByPath, (std::vector<std::wstring>{top, scratch.Path() + L"\\"}));
+    EXPECT_EQ(calls.Of({L"open file ", L"attributes of "}),
+              (Lines{L"open file 0x81 \\\\?\\" + top,
+                     L"open file 0x1 \\\\?\\" + scratch.Path() + L"\\"}));
     // Without a right that a tool could not share.
-    for (const halvard_tests::EntryOpening& opening : calls.openings) {
-        EXPECT_EQ(opening.access,
-                  ACCESS_MASK{FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | SYNCHRONIZE});
-    }
-    EXPECT_EQ(calls.openings.size(), 3U);
+    const std::wstring access = L" 0x100081 shared 0x3 options 0x204021";
+    EXPECT_EQ(Sorted(calls.Of({L"open entry "})),
+              Sorted({L"open entry " + top + L"\\sub" + access,
+                      L"open entry " + top + L"\\sub\\deep" + access,
+                      L"open entry " + top + L"\\empty" + access}));
 }
 
 TEST_F(TreeWalkTest, AFolderThatHasGoneHoldsNothing) {
-    std::vector<std::wstring> visited;
+    Lines visited;
     for (TreeWalk walk(top); walk.Next();) {
         visited.push_back(walk.Path());
         halvard_tests::RemoveTree(top + L"\\sub");
@@ -175,33 +157,22 @@ TEST_F(TreeWalkTest, AFolderThatHasGoneHoldsNothing) {
 }
 
 TEST_F(TreeWalkTest, NamesTheFolderThatCannotBeListed) {
-    ExpectFileSystemError([&] { Visit(scratch.File(L"missing")); },
-                          "recursive_directory_iterator::recursive_directory_iterator",
-                          scratch.File(L"missing"), ERROR_FILE_NOT_FOUND);
-    ExpectFileSystemError([] { Visit(L""); },
-                          "recursive_directory_iterator::recursive_directory_iterator", L"",
-                          ERROR_PATH_NOT_FOUND);
+    ExpectEndsOf(scratch.File(L"missing"), kBegins, scratch.File(L"missing"), ERROR_FILE_NOT_FOUND);
+    ExpectEndsOf(L"", kBegins, L"", ERROR_PATH_NOT_FOUND);
     const int before = halvard_tests::OpenHandleCount();
     {
-        FAIL_CALL(opening, NtOpenFile, 1, halvard_tests::kStatusAccessDenied, NO_ERROR);
-        ExpectFileSystemError([&] { Visit(top + L"\\sub"); },
-                              "recursive_directory_iterator::operator++", top + L"\\sub\\deep",
-                              ERROR_ACCESS_DENIED);
+        RemovalCalls calls;
+        calls.Fail(L"open entry ", ERROR_ACCESS_DENIED);
+        ExpectEndsOf(top + L"\\sub", kGoesOn, top + L"\\sub\\deep", ERROR_ACCESS_DENIED);
     }
-    const auto failingListing = [&](const std::wstring& folder, int nth, const char* operation) {
-        halvard_tests::RemovalCalls calls;
-        int listings = 0;
-        calls.beforeListing = [&](const std::wstring& path) -> DWORD {
-            return path == folder && ++listings == nth ? ERROR_GEN_FAILURE : ERROR_SUCCESS;
-        };
-        ExpectFileSystemError([&] { Visit(top); }, operation, folder, ERROR_GEN_FAILURE);
-        EXPECT_EQ(listings, nth);
-    };
-    failingListing(top, 1, "recursive_directory_iterator::recursive_directory_iterator");
-    failingListing(top, 2, "recursive_directory_iterator::operator++");
-    for (int nth = 1; nth <= 2; ++nth) {
-        failingListing(top + L"\\sub", nth, "recursive_directory_iterator::operator++");
-        failingListing(top + L"\\sub\\deep", nth, "recursive_directory_iterator::operator++");
+    for (const std::wstring& folder : {top, top + L"\\sub", top + L"\\sub\\deep"}) {
+        for (const std::size_t nth : {1U, 2U}) {
+            RemovalCalls calls;
+            calls.Fail(Listing(folder), ERROR_GEN_FAILURE, nth);
+            ExpectEndsOf(top, folder == top && nth == 1 ? kBegins : kGoesOn, folder,
+                         ERROR_GEN_FAILURE);
+            EXPECT_EQ(calls.Of({Listing(folder)}).size(), nth);
+        }
     }
     EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
 }
