@@ -537,40 +537,42 @@ TEST_F(PostInstallUPATest, MakesItsCallsInThisOrder) {
     const std::wstring telo = L"HKLM\\Software\\Telo";
     const std::wstring manager = L"HKLM\\" + machine_.InstallManager().Path();
     // The task is not taken apart: the Task Scheduler's own calls are those of its client library.
-    EXPECT_EQ(calls.All(),
-              (Lines{
-                   L"event source null Application",
-                   L"open " + counters + L" 0xf003f",
-                   L"create " + counters + L" 0x2",
-                   L"set " + counters + L" Disable Performance Counters 1 4 bytes",
-                   L"close " + counters,
-                   L"make identity",
-                   L"spell identity",
-                   L"open " + telo + L" 0x20019",
-                   L"open " + telo + L" 0xf003f",
-                   L"create " + telo + L" 0x2",
-                   L"set " + telo + L" GUID 1 74 bytes",
-                   L"close " + telo,
-                   L"folder 35",
-                   L"open file 0x60000 " + machine_.DataFolder(),
-                   L"get list",
-                   L"make account",
-                   L"extend list",
-                   L"set list",
-                   L"open " + manager + L" 0x20119",
-                   L"query " + manager + L" InstallDir 260 bytes",
-                   L"close " + manager,
-                   L"open manager 0xf003f",
-                   L"create service TeloLauncher",
-                   L"change service TeloLauncher 3",
-                   L"open manager 0xf003f",
-                   L"open service TeloLauncher 0xf01ff",
-                   L"query service TeloLauncher",
-                   L"start service TeloLauncher",
-               } +
-               Lines(calls.Of({L"query service"}).size() - 1, L"query service TeloLauncher") +
-               Lines{L"enter apartment 0", L"create object"} + Lines(5, L"string") +
-               Lines{executed}));
+    EXPECT_EQ(
+        calls.All(),
+        (Lines{
+             L"event source null Application",
+             L"open " + counters + L" 0xf003f",
+             L"create " + counters + L" 0x2",
+             L"set " + counters + L" Disable Performance Counters 1 4 bytes",
+             L"close " + counters,
+             L"make identity",
+             L"spell identity",
+             L"open " + telo + L" 0x20019",
+             L"open " + telo + L" 0xf003f",
+             L"create " + telo + L" 0x2",
+             L"set " + telo + L" GUID 1 74 bytes",
+             L"close " + telo,
+             L"folder 35",
+             L"open file 0x60000 " + machine_.DataFolder(),
+             L"get list",
+             L"make account",
+             L"extend list",
+             L"set list",
+             L"open " + manager + L" 0x20119",
+             L"query " + manager + L" InstallDir 260 bytes",
+             L"close " + manager,
+             L"open manager 0xf003f",
+             L"create service TeloLauncher, Zenvo User Experience Program Data Uploader, "
+             L"0xf01ff 0x110 2 1, \"" +
+                 machine_.Programs() + L"\\Zenvo\\Manager\\..\\Usage Profile Agent\\TeloDU.exe\"",
+             L"change service TeloLauncher 3 1",
+             L"open manager 0xf003f",
+             L"open service TeloLauncher 0xf01ff",
+             L"query service TeloLauncher",
+             L"start service TeloLauncher",
+         } +
+         Lines(calls.Of({L"query service"}).size() - 1, L"query service TeloLauncher") +
+         Lines{L"enter apartment 0", L"create object"} + Lines(5, L"string") + Lines{executed}));
 }
 
 TEST_F(PostInstallUPATest, StoresItsSessionBeforeAnythingElse) {

@@ -26,6 +26,7 @@
 
 #include "agent_calls.h"
 #include "agent_machine.h"
+#include "begins.h"
 #include "call_trace.h"
 #include "file_system_error.h"
 #include "files.h"
@@ -44,6 +45,7 @@ using halvard::PostInstallUPA;
 using halvard::PreInstallUPA;
 using halvard_tests::AgentCalls;
 using halvard_tests::AgentMachine;
+using halvard_tests::Begins;
 using halvard_tests::CallTrace;
 using halvard_tests::ExpectFileSystemError;
 using halvard_tests::InstalledService;
@@ -257,7 +259,7 @@ TEST_F(AgentInterleavings, APreInstallAtEveryCallOfAPostInstall) {
             EXPECT_TRUE(created ? machine_.Service().WaitUntilGone() : machine_.Service().Exists())
                 << where;
         }
-        created = created || met == L"create service TeloLauncher";
+        created = created || Begins(met, L"create service TeloLauncher");
         started = started || met == L"start service TeloLauncher";
         ExpectIdentity(false, where);
     }
