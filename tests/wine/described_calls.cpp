@@ -476,6 +476,7 @@ const std::vector<DescribedCall>& DescribedCalls() {
                  return L"delete service " + trace.Name(service);
              })),
         CLOSING_CALL(kServiceClosing, CloseServiceHandle, service, L"close service "),
+        CLOSING_CALL(kServiceClosing, DeregisterEventSource, service, L"close event source"),
         OPENING_CALL(kServices, RegisterEventSourceW, Zero,
                      ([](Trace&, LPCWSTR server, LPCWSTR source) {
                          return L"event source " + Text(server) + L" " + Text(source);
