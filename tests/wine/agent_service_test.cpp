@@ -119,16 +119,9 @@ const std::vector<DWORD> kOtherStates = {SERVICE_START_PENDING, SERVICE_RUNNING,
                                          SERVICE_CONTINUE_PENDING, SERVICE_PAUSE_PENDING,
                                          SERVICE_PAUSED};
 
-// Ticks may start again meanwhile: at once, within a sleep, at a limit.
+// Ticks may start again meanwhile: these, counted back from the last one, are the first.
 constexpr DWORD kLastTick = std::numeric_limits<DWORD>::max();
-const DWORD kFirstTicks[] = {0,
-                             kLastTick,
-                             kLastTick - 1,
-                             kLastTick - 999,
-                             kLastTick - 1000,
-                             kLastTick - 1999,
-                             kLastTick - 15000,
-                             kLastTick - 30000};
+const DWORD kFirstTicks[] = {kLastTick, 0, 1, 999, 1000, 1999, 15000, 30000};
 
 // What a service answers, and how the calls to it go.
 struct Course {
@@ -142,9 +135,15 @@ struct Course {
     std::optional<DWORD> startError = std::nullopt;
 };
 
-// Makes StopServiceWithTimeout or StartAgentService, which opens the service so, go this course
-// with every state that may be another one and every first tick. `calls` are those between the
-// openings and the closings.
+// One in which the request to start is refused with this code.
+Course StartRefused(const Answers& queried, DWORD code) {
+    Course course = {queried};
+    course.startError = code;
+    return course;
+}
+
+// Sees which calls a routine makes between its openings and the closings, in every other state and
+// from every first tick.
 void Expect(bool (*routine)(), const Lines& opened, const std::string& what, const Course& course,
             bool result, const Lines& calls) {
     const auto isOther = [](const Answer& answer) {
@@ -157,7 +156,7 @@ void Expect(bool (*routine)(), const Lines& opened, const std::string& what, con
             for (Answer& answer : queried) {
                 answer.state = isOther(answer) ? state : answer.state;
             }
-            ServiceManagerCalls manager(queried, firstTick);
+            ServiceManagerCalls manager(queried, kLastTick - firstTick);
             manager.clock.perLook = course.perLook;
             manager.takes = course.takes;
             manager.stopAnswer = course.stopAnswer;
@@ -267,8 +266,9 @@ TEST(StopServiceWithTimeout, EveryCallThatFailsEndsItWithFalse) {
                pending + Says(kNoStatus));
     // That of services on which others depend too. What it leaves as the state does not count.
     for (const DWORD code : {ERROR_ACCESS_DENIED, ERROR_DEPENDENT_SERVICES_RUNNING}) {
-        ExpectStop("the request", {{Stopping(), kIsRunning}, kIsStopped, {}, 0, code}, false,
-                   pending + kStopRequest + Says(kRefused));
+        Course course = {{Stopping(), kIsRunning}};
+        course.stopError = code;
+        ExpectStop("the request", course, false, pending + kStopRequest + Says(kRefused));
     }
     ExpectStop("a query behind the request", {{Stopping(), kIsRunning, kNoAnswer}, Stopping()},
                false, pending + kStopRequest + Polls({0}) + Says(kNoStatus));
@@ -289,8 +289,7 @@ TEST(StartAgentService, StartsAServiceThatIsStopped) {
                                      {ERROR_SERVICE_MARKED_FOR_DELETE, L"1072"},
                                      {0x7FFFFFFF, L"2147483647"},
                                      {0x80000000, L"-2147483648"}}) {
-        ExpectStart("the code is told as a signed number",
-                    {{kIsStopped}, {}, {}, 0, NO_ERROR, code}, false,
+        ExpectStart("the code is told as a signed number", StartRefused({kIsStopped}, code), false,
                     kQuery + kStartRequest + Says(NotStartedWith(text)));
     }
 }
@@ -352,14 +351,10 @@ TEST(StartAgentService, StartsAServiceThatIsStoppingWhenItHasStopped) {
     answers.push_back(kIsRunning);
     ExpectStart("has the time of its hint for each sleep", {answers}, true,
                 kQuery + Polls(Sleeps(20, 1000)) + started);
-    ExpectStart("runs, and is started all the same",
-                {{Stopping(2000), {SERVICE_RUNNING, 0, 2000}},
-                 {},
-                 {},
-                 0,
-                 NO_ERROR,
-                 ERROR_SERVICE_ALREADY_RUNNING},
-                false, kQuery + Polls({1000}) + kStartRequest + Says(NotStartedWith(L"1056")));
+    ExpectStart(
+        "runs, and is started all the same",
+        StartRefused({Stopping(2000), {SERVICE_RUNNING, 0, 2000}}, ERROR_SERVICE_ALREADY_RUNNING),
+        false, kQuery + Polls({1000}) + kStartRequest + Says(NotStartedWith(L"1056")));
 }
 
 TEST(StartAgentService, DoesNotStartAServiceThatIsStoppingWhenASleepOutlastsItsHint) {
@@ -386,8 +381,7 @@ TEST(StartAgentService, EveryCallThatFailsEndsItWithFalse) {
     ExpectStart("the first query", {{kNoAnswer}}, false, kQuery + Says(kNoStatus));
     ExpectStart("a query while it is stopping", {{Stopping(2000), kNoAnswer}}, false,
                 stopped + Says(kNoStatus));
-    ExpectStart("the request",
-                {{Stopping(2000), afterIt}, {}, {}, 0, NO_ERROR, ERROR_ACCESS_DENIED}, false,
+    ExpectStart("the request", StartRefused({Stopping(2000), afterIt}, ERROR_ACCESS_DENIED), false,
                 stopped + kStartRequest + Says(NotStartedWith(L"5")));
     ExpectStart("the query behind the request", {{Stopping(2000), afterIt, kNoAnswer}}, false,
                 stopped + kStartRequest + kQuery + Says(kNoStatus));

@@ -26,8 +26,8 @@ using ServiceAnswers = std::vector<ServiceAnswer>;
 inline constexpr ServiceAnswer kNoAnswer = {0, 0, 0};
 
 /// A service manager of the tests' own that knows one service, of whatever name, with a clock of
-/// its own. Each call leaves an error of its own behind. It expects the right handles, and of each
-/// query that it is made for what it tells.
+/// its own. Each call leaves an error of its own behind. Services are opened and created by the
+/// manager's handle, and queries have the level and the room that Windows asks for.
 class StandInServiceManager {
 public:
     /// What the queries are answered, one after the other. The last one stays.
