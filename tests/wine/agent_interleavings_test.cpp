@@ -126,9 +126,10 @@ protected:
         EXPECT_EQ(identity.size(), 36U);
     }
 
-    /// Runs `outer` and, before one of its calls that count, `inner`: before each of them in turn,
-    /// on a machine made by `begin`. `then` is told the line of that call and its number. Returns
-    /// the number of calls. The look for the system folder before each TaskKill.exe never counts.
+    /// Runs `outer` and, before each of its calls that count in turn, `inner`, each time on a
+    /// machine as Begin() makes it, with the agent's files or without. `then` is told the line of
+    /// that call, as it is and to be shown. Returns the number of calls. The look for the system
+    /// folder before each TaskKill.exe never counts.
     std::size_t
     AtEveryCall(bool agentOfBefore, const std::function<void()>& outer,
                 const std::function<void()>& inner,
