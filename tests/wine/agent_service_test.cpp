@@ -261,8 +261,8 @@ TEST(StopServiceWithTimeout, GivesAServiceThatItHasAskedThirtySecondsFromItsEntr
 
 TEST(StopServiceWithTimeout, EveryCallThatFailsEndsItWithFalse) {
     const Lines pending = kQuery + StopPolls({1000});
-    ExpectStop("the first query", {{kNoAnswer}}, false, kQuery + Says(kNoStatus));
-    ExpectStop("a query while the stop is pending", {{Stopping(), kNoAnswer}}, false,
+    ExpectStop("the first query", {{kNoAnswer, kIsStopped}}, false, kQuery + Says(kNoStatus));
+    ExpectStop("a query while the stop is pending", {{Stopping(), kNoAnswer, kIsStopped}}, false,
                pending + Says(kNoStatus));
     // That of services on which others depend too. What it leaves as the state does not count.
     for (const DWORD code : {ERROR_ACCESS_DENIED, ERROR_DEPENDENT_SERVICES_RUNNING}) {
@@ -270,8 +270,9 @@ TEST(StopServiceWithTimeout, EveryCallThatFailsEndsItWithFalse) {
         course.stopError = code;
         ExpectStop("the request", course, false, pending + kStopRequest + Says(kRefused));
     }
-    ExpectStop("a query behind the request", {{Stopping(), kIsRunning, kNoAnswer}, Stopping()},
-               false, pending + kStopRequest + Polls({0}) + Says(kNoStatus));
+    ExpectStop("a query behind the request",
+               {{Stopping(), kIsRunning, kNoAnswer, kIsStopped}, Stopping()}, false,
+               pending + kStopRequest + Polls({0}) + Says(kNoStatus));
 }
 
 TEST(StartAgentService, StartsAServiceThatIsStopped) {
@@ -378,15 +379,15 @@ TEST(StartAgentService, DoesNotStartAServiceThatIsStoppingWhenASleepOutlastsItsH
 TEST(StartAgentService, EveryCallThatFailsEndsItWithFalse) {
     const Lines stopped = kQuery + Polls({1000});
     const Answer afterIt = {SERVICE_STOPPED, 0, 2000};
-    ExpectStart("the first query", {{kNoAnswer}}, false, kQuery + Says(kNoStatus));
-    ExpectStart("a query while it is stopping", {{Stopping(2000), kNoAnswer}}, false,
+    ExpectStart("the first query", {{kNoAnswer, kIsRunning}}, false, kQuery + Says(kNoStatus));
+    ExpectStart("a query while it is stopping", {{Stopping(2000), kNoAnswer, kIsRunning}}, false,
                 stopped + Says(kNoStatus));
     ExpectStart("the request", StartRefused({Stopping(2000), afterIt}, ERROR_ACCESS_DENIED), false,
                 stopped + kStartRequest + Says(NotStartedWith(L"5")));
-    ExpectStart("the query behind the request", {{Stopping(2000), afterIt, kNoAnswer}}, false,
-                stopped + kStartRequest + kQuery + Says(kNoStatus));
+    ExpectStart("the query behind the request", {{Stopping(2000), afterIt, kNoAnswer, kIsRunning}},
+                false, stopped + kStartRequest + kQuery + Says(kNoStatus));
     ExpectStart("a query while the start is pending, reported beside its outcome",
-                {{kIsStopped, Starting(2000), kNoAnswer}}, false,
+                {{kIsStopped, Starting(2000), kNoAnswer, kIsRunning}}, false,
                 kQuery + kStartRequest + kQuery + Polls({1000}) + Says(kNoStatus) +
                     Says(kNotStarted));
 }
