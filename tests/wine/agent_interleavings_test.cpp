@@ -26,6 +26,7 @@
 
 #include "agent_calls.h"
 #include "agent_machine.h"
+#include "begins.h"
 #include "call_trace.h"
 #include "file_system_error.h"
 #include "files.h"
@@ -44,6 +45,7 @@ using halvard::PostInstallUPA;
 using halvard::PreInstallUPA;
 using halvard_tests::AgentCalls;
 using halvard_tests::AgentMachine;
+using halvard_tests::Begins;
 using halvard_tests::CallTrace;
 using halvard_tests::ExpectFileSystemError;
 using halvard_tests::InstalledService;
@@ -75,6 +77,12 @@ protected:
 
     UINT PostInstall() const { return PostInstallUPA(session_.Get()); }
 
+    /// An installation that nothing disturbs.
+    void ExpectPostInstall() const {
+        const AgentCalls calls(machine_);
+        EXPECT_EQ(PostInstall(), 0U);
+    }
+
     /// A machine on which two clients have been, with or without an agent of before, whose files
     /// are gone.
     void Begin(bool agentOfBefore) {
@@ -84,8 +92,7 @@ protected:
         machine_.SetStatus(kOtherClient, 2);
         if (agentOfBefore) {
             machine_.SetIdentity(kIdentity);
-            const AgentCalls calls(machine_);
-            EXPECT_EQ(PostInstall(), 0U);
+            ExpectPostInstall();
         }
     }
 
@@ -98,79 +105,83 @@ protected:
         EXPECT_EQ(AfterInstallUPA(0), 0U);
     }
 
-    void ExpectStatuses(const std::string& where) const {
+    /// What each interleaving leaves: the statuses, the task and one identity, that of an agent of
+    /// before or a new one.
+    void ExpectKept(bool agentOfBefore, const std::string& where) const {
         EXPECT_EQ(machine_.Status(kClient), 1U) << where;
         EXPECT_EQ(machine_.Status(kOtherClient), 2U) << where;
+        EXPECT_TRUE(machine_.Task().Exists()) << where;
+        const std::wstring identity = machine_.Identity();
+        EXPECT_EQ(identity.size(), 36U) << where;
+        EXPECT_TRUE(!agentOfBefore || identity == kIdentity) << where;
     }
 
-    /// The one identity of the machine: that of before, or a new one.
-    void ExpectIdentity(bool agentOfBefore, const std::string& where) const {
-        const std::wstring identity = machine_.Identity();
-        if (agentOfBefore) {
-            EXPECT_EQ(identity, kIdentity) << where;
-        } else {
-            EXPECT_EQ(identity.size(), 36U) << where;
-        }
-    }
+    bool Runs() const { return machine_.Service().State() == SERVICE_RUNNING; }
 
     /// Whichever identity the machine has, a later installation keeps it.
     void ExpectItToBeKept() const {
         const std::wstring identity = machine_.Identity();
-        const AgentCalls calls(machine_);
-        EXPECT_EQ(PostInstall(), 0U);
+        ExpectPostInstall();
         EXPECT_EQ(machine_.Identity(), identity);
         EXPECT_EQ(identity.size(), 36U);
     }
 
-    /// Runs `outer` and, before the call number `at` of those that count, `inner`; the line of that
-    /// call, nothing when `outer` makes fewer calls. The look for the system folder before each
-    /// TaskKill.exe never counts.
-    std::wstring RunWithin(std::size_t at, const std::function<void()>& outer,
-                           const std::function<void()>& inner,
-                           const std::wstring& counting = {}) const {
-        AgentCalls calls(machine_);
-        std::wstring met;
-        std::size_t count = 0;
-        calls.before = [&](const std::wstring& line) {
-            if (line == L"folder 37" || line.find(counting) == std::wstring::npos ||
-                ++count != at) {
-                return;
+    /// Runs `outer` and, before each of its calls that count in turn, `inner`, each time on a
+    /// machine as Begin() makes it, with the agent's files or without. `then` is told the line of
+    /// that call, as it is and to be shown. Returns the number of calls. The look for the system
+    /// folder before each TaskKill.exe never counts.
+    std::size_t
+    AtEveryCall(bool agentOfBefore, const std::function<void()>& outer,
+                const std::function<void()>& inner,
+                const std::function<void(const std::wstring& met, const std::string& where)>& then,
+                bool withFiles = true, const std::wstring& counting = {}) {
+        for (std::size_t at = 1;; ++at) {
+            Begin(agentOfBefore);
+            if (withFiles) {
+                machine_.CopyAgent();
             }
-            met = line;
-            inner();
-        };
-        outer();
-        calls.before = nullptr;
-        return met;
+            std::wstring met;
+            std::size_t count = 0;
+            {
+                AgentCalls calls(machine_);
+                calls.before = [&](const std::wstring& line) {
+                    if (line != L"folder 37" && line.find(counting) != std::wstring::npos &&
+                        ++count == at) {
+                        met = line;
+                        inner();
+                    }
+                };
+                outer();
+            }
+            if (met.empty()) {
+                return at - 1;
+            }
+            const std::string where(met.begin(), met.end());
+            then(met, where);
+            ExpectKept(agentOfBefore, where);
+        }
     }
+
+    const std::function<void()> postInstall_ = [this] {
+        EXPECT_EQ(PostInstall(), 0U);
+    };
+    const std::function<void()> preInstall_ = [] {
+        EXPECT_EQ(PreInstallUPA(0), 0U);
+    };
 
     AgentMachine machine_;
     StandInSession session_;
 };
 
-std::string Narrow(const std::wstring& text) {
-    return {text.begin(), text.end()};
-}
-
 } // namespace
 
 TEST_F(AgentInterleavings, TwoPostInstallsAtEveryCall) {
-    for (std::size_t at = 1;; ++at) {
-        Begin(false);
-        const std::wstring met = RunWithin(
-            at, [&] { EXPECT_EQ(PostInstall(), 0U); }, [&] { EXPECT_EQ(PostInstall(), 0U); });
-        if (met.empty()) {
-            EXPECT_GE(at, 13U);
-            break;
-        }
-        const std::string where = Narrow(met);
-        ExpectStatuses(where);
+    const auto then = [this](const std::wstring&, const std::string& where) {
         EXPECT_TRUE(machine_.Service().Exists()) << where;
         EXPECT_FALSE(machine_.Service().IsBeingDeleted()) << where;
-        EXPECT_TRUE(machine_.Task().Exists()) << where;
         EXPECT_TRUE(RegistryValueAt(kCountersKey, L"Disable Performance Counters").has_value());
-        ExpectIdentity(false, where);
-    }
+    };
+    EXPECT_GE(AtEveryCall(false, postInstall_, postInstall_, then, false), 12U);
 }
 
 // One that has found no identity replaces what another has made since then: which of the two stays
@@ -191,11 +202,8 @@ TEST_F(AgentInterleavings, TwoPostInstallsAtEveryCallToTheRegistry) {
                 EXPECT_EQ(PostInstall(), 0U);
                 count = registry.Count();
             }
-            const std::string where = std::to_string(at);
-            ExpectStatuses(where);
-            EXPECT_TRUE(machine_.Service().Exists()) << where;
-            EXPECT_TRUE(machine_.Task().Exists()) << where;
-            ExpectIdentity(agentOfBefore, where);
+            EXPECT_TRUE(machine_.Service().Exists()) << at;
+            ExpectKept(agentOfBefore, std::to_string(at));
             ExpectItToBeKept();
         }
         EXPECT_GE(count, 6U);
@@ -217,9 +225,8 @@ TEST_F(AgentInterleavings, AClientThatRegistersAtEveryCallToTheRegistry) {
             EXPECT_EQ(PostInstall(), 0U);
             count = registry.Count();
         }
-        ExpectStatuses(std::to_string(at));
         EXPECT_EQ(machine_.Status(L"ClientC_TeloStatus"), 1U) << at;
-        ExpectIdentity(false, std::to_string(at));
+        ExpectKept(false, std::to_string(at));
     }
     EXPECT_GE(count, 7U);
 }
@@ -227,120 +234,78 @@ TEST_F(AgentInterleavings, AClientThatRegistersAtEveryCallToTheRegistry) {
 // The one that clears away does not touch keys and task. The service stays if it is made behind its
 // deletion, and with the folder when it runs already.
 TEST_F(AgentInterleavings, APreInstallAtEveryCallOfAPostInstall) {
-    std::wstring met = L"first";
     bool created = false;
     bool started = false;
-    std::size_t at = 1;
-    for (;; ++at) {
-        Begin(false);
-        machine_.CopyAgent();
-        met = RunWithin(
-            at, [&] { EXPECT_EQ(PostInstall(), 0U); },
-            [&] {
-                if (started) {
-                    ExpectFileSystemError([] { PreInstallUPA(0); }, "remove_all", machine_.Folder(),
-                                          ERROR_ACCESS_DENIED);
-                } else {
-                    EXPECT_EQ(PreInstallUPA(0), 0U);
-                }
-            });
-        if (met.empty()) {
-            break;
-        }
-        const std::string where = Narrow(met);
-        ExpectStatuses(where);
-        EXPECT_TRUE(machine_.Task().Exists()) << where;
-        EXPECT_EQ(IsThere(machine_.Folder()), started) << where;
+    const auto preInstall = [&] {
         if (started) {
-            EXPECT_EQ(machine_.Service().State(), static_cast<DWORD>(SERVICE_RUNNING)) << where;
+            ExpectFileSystemError([] { PreInstallUPA(0); }, "remove_all", machine_.Folder(),
+                                  ERROR_ACCESS_DENIED);
         } else {
-            EXPECT_TRUE(created ? machine_.Service().WaitUntilGone() : machine_.Service().Exists())
-                << where;
+            EXPECT_EQ(PreInstallUPA(0), 0U);
         }
-        created = created || met == L"create service TeloLauncher";
+    };
+    const auto then = [&](const std::wstring& met, const std::string& where) {
+        EXPECT_EQ(IsThere(machine_.Folder()), started) << where;
+        EXPECT_TRUE(started   ? Runs()
+                    : created ? machine_.Service().WaitUntilGone()
+                              : machine_.Service().Exists())
+            << where;
+        created = created || Begins(met, L"create service TeloLauncher");
         started = started || met == L"start service TeloLauncher";
-        ExpectIdentity(false, where);
-    }
+    };
+    EXPECT_GE(AtEveryCall(false, postInstall_, preInstall, then), 13U);
     EXPECT_TRUE(created);
     EXPECT_TRUE(started);
-    EXPECT_GE(at, 14U);
 }
 
 TEST_F(AgentInterleavings, APostInstallAtEveryCallOfAPreInstall) {
+    // The agent has no files yet: its service is there and does not start.
+    std::size_t at = 0;
     std::size_t deletion = 0;
-    for (std::size_t at = 1;; ++at) {
-        Begin(true);
-        // The agent has no files yet: its service is there and does not start.
-        const std::wstring met = RunWithin(
-            at, [] { EXPECT_EQ(PreInstallUPA(0), 0U); }, [&] { EXPECT_EQ(PostInstall(), 0U); });
-        if (met.empty()) {
-            EXPECT_GE(at, deletion + 2);
-            break;
-        }
-        const std::string where = Narrow(met);
-        ExpectStatuses(where);
-        EXPECT_EQ(machine_.Identity(), kIdentity) << where;
-        EXPECT_TRUE(machine_.Task().Exists()) << where;
+    const auto then = [&](const std::wstring& met, const std::string& where) {
+        ++at;
         // Opened for its deletion, it can only be marked by the next call.
         deletion = met == L"open service TeloLauncher 0x10000" ? at : deletion;
         const bool deleted = deletion == 0 || at <= deletion + 1;
         EXPECT_EQ(machine_.Service().Exists(), !deleted) << where;
-    }
+    };
+    EXPECT_GE(AtEveryCall(true, preInstall_, postInstall_, then, false), deletion + 1);
     EXPECT_GT(deletion, 0U);
 }
 
 // A folder that one empties cannot be removed by the other: what that raises leaves the action.
 TEST_F(AgentInterleavings, TwoPreInstallsAtEveryCall) {
     int refused = 0;
-    for (std::size_t at = 1;; ++at) {
-        Begin(true);
-        machine_.CopyAgent();
-        bool isRefused = false;
-        const std::wstring met = RunWithin(
-            at, [] { EXPECT_EQ(PreInstallUPA(0), 0U); },
-            [&] {
-                try {
-                    EXPECT_EQ(PreInstallUPA(0), 0U);
-                } catch (const std::filesystem::filesystem_error& error) {
-                    EXPECT_EQ(error.code().value(), ERROR_SHARING_VIOLATION);
-                    isRefused = true;
-                }
-            });
-        // How often an entry is changed before it is gone is up to the engine.
-        refused += isRefused && met.find(L"change entry") != 0 ? 1 : 0;
-        if (met.empty()) {
-            EXPECT_GE(at, 28U);
-            break;
+    bool isRefused = false;
+    const auto preInstall = [&] {
+        isRefused = false;
+        try {
+            EXPECT_EQ(PreInstallUPA(0), 0U);
+        } catch (const std::filesystem::filesystem_error& error) {
+            EXPECT_EQ(error.code().value(), ERROR_SHARING_VIOLATION);
+            isRefused = true;
         }
-        const std::string where = Narrow(met);
-        ExpectStatuses(where);
-        EXPECT_EQ(machine_.Identity(), kIdentity) << where;
-        EXPECT_TRUE(machine_.Task().Exists()) << where;
+    };
+    const auto then = [&](const std::wstring& met, const std::string& where) {
+        // How often an entry is changed before it is gone is up to the engine.
+        refused += isRefused && !Begins(met, L"change entry") ? 1 : 0;
         EXPECT_FALSE(IsThere(machine_.Folder())) << where;
         EXPECT_TRUE(machine_.Service().WaitUntilGone()) << where;
-    }
+    };
+    EXPECT_GE(AtEveryCall(true, preInstall_, preInstall, then), 27U);
     // One for each file of the folder, and one for the look at the folder above.
     EXPECT_EQ(refused, 3);
 }
 
 TEST_F(AgentInterleavings, AnAfterInstallAtEveryCallOfAPostInstallToItsService) {
     const PendingRenames renames;
-    for (std::size_t at = 1;; ++at) {
-        Begin(false);
-        machine_.CopyAgent();
-        const std::wstring met = RunWithin(
-            at, [&] { EXPECT_EQ(PostInstall(), 0U); }, [] { EXPECT_EQ(AfterInstallUPA(0), 0U); },
-            L"TeloLauncher");
-        if (met.empty()) {
-            EXPECT_GE(at, 6U);
-            break;
-        }
-        const std::string where = Narrow(met);
-        ExpectStatuses(where);
-        EXPECT_TRUE(machine_.Task().Exists()) << where;
-        EXPECT_EQ(machine_.Service().State(), static_cast<DWORD>(SERVICE_RUNNING)) << where;
-        ExpectIdentity(false, where);
-    }
+    const auto afterInstall = [] {
+        EXPECT_EQ(AfterInstallUPA(0), 0U);
+    };
+    const auto then = [this](const std::wstring&, const std::string& where) {
+        EXPECT_TRUE(Runs()) << where;
+    };
+    EXPECT_GE(AtEveryCall(false, postInstall_, afterInstall, then, true, L"TeloLauncher"), 5U);
 }
 
 namespace {
@@ -418,10 +383,8 @@ TEST_F(AgentInterleavings, TwoInstallationsSideBySide) {
         EXPECT_EQ(first.Result(), 0U);
         EXPECT_EQ(second.Result(), 0U);
         const std::string where = agentOfBefore ? "an agent of before" : "none";
-        ExpectStatuses(where);
-        EXPECT_TRUE(machine_.Task().Exists()) << where;
-        EXPECT_EQ(machine_.Service().State(), static_cast<DWORD>(SERVICE_RUNNING)) << where;
-        ExpectIdentity(agentOfBefore, where);
+        EXPECT_TRUE(Runs()) << where;
+        ExpectKept(agentOfBefore, where);
         ExpectItToBeKept();
     }
 }
@@ -429,7 +392,7 @@ TEST_F(AgentInterleavings, TwoInstallationsSideBySide) {
 // The agent's own programs end only behind the first removal of the folder.
 TEST_F(AgentInterleavings, AnInstallationOverAnAgentThatRunsFromItsFolder) {
     BeginWithRunningAgent();
-    ASSERT_EQ(machine_.Service().State(), static_cast<DWORD>(SERVICE_RUNNING));
+    ASSERT_TRUE(Runs());
     {
         AgentCalls calls(machine_);
         ExpectFileSystemError([] { PreInstallUPA(0); }, "remove_all", machine_.Folder(),
@@ -437,12 +400,10 @@ TEST_F(AgentInterleavings, AnInstallationOverAnAgentThatRunsFromItsFolder) {
         EXPECT_EQ(calls.Of({L"run"}).size(), 4U);
     }
     // The agent goes on; what the new one needs is as it was.
-    EXPECT_EQ(machine_.Service().State(), static_cast<DWORD>(SERVICE_RUNNING));
+    EXPECT_TRUE(Runs());
     EXPECT_FALSE(machine_.Service().IsBeingDeleted());
     EXPECT_TRUE(IsThere(machine_.File(L"TeloDU.exe")));
-    EXPECT_TRUE(machine_.Task().Exists());
-    EXPECT_EQ(machine_.Identity(), kIdentity);
-    ExpectStatuses("refused");
+    ExpectKept(true, "refused");
     // Set up again beside it, as a package does that ignores the result.
     {
         const AgentCalls calls(machine_);
@@ -450,7 +411,7 @@ TEST_F(AgentInterleavings, AnInstallationOverAnAgentThatRunsFromItsFolder) {
         const PendingRenames renames;
         EXPECT_EQ(AfterInstallUPA(0), 0U);
     }
-    EXPECT_EQ(machine_.Service().State(), static_cast<DWORD>(SERVICE_RUNNING));
+    EXPECT_TRUE(Runs());
     EXPECT_EQ(machine_.Identity(), kIdentity);
 }
 
@@ -477,11 +438,8 @@ TEST_F(AgentInterleavings, AnInstallationOverAnAgentThatRunsFromElsewhere) {
         EXPECT_TRUE(agent.WaitUntilGone());
         EXPECT_FALSE(IsThere(machine_.Folder()));
         machine_.CopyAgent();
-        {
-            const AgentCalls calls(machine_);
-            EXPECT_EQ(PostInstall(), 0U);
-        }
-        EXPECT_EQ(machine_.Service().State(), static_cast<DWORD>(SERVICE_RUNNING));
+        ExpectPostInstall();
+        EXPECT_TRUE(Runs());
         EXPECT_EQ(machine_.Identity(), kIdentity);
     }
 }
@@ -509,20 +467,14 @@ TEST_F(AgentInterleavings, AnInstallationOverAnAgentThatNothingEnds) {
     EXPECT_EQ(agent.State(), static_cast<DWORD>(SERVICE_RUNNING));
     EXPECT_TRUE(agent.IsBeingDeleted());
     EXPECT_FALSE(IsThere(machine_.Folder()));
-    {
-        const AgentCalls calls(machine_);
-        EXPECT_EQ(PostInstall(), 0U);
-    }
+    ExpectPostInstall();
     EXPECT_TRUE(agent.IsBeingDeleted());
-    ExpectStatuses("not ended");
+    ExpectKept(false, "not ended");
     agent.EndProcess();
     EXPECT_TRUE(agent.WaitUntilGone());
     machine_.CopyAgent();
-    {
-        const AgentCalls calls(machine_);
-        EXPECT_EQ(PostInstall(), 0U);
-    }
-    EXPECT_EQ(machine_.Service().State(), static_cast<DWORD>(SERVICE_RUNNING));
+    ExpectPostInstall();
+    EXPECT_TRUE(Runs());
 }
 
 // A service that waits for its deletion keeps its name from the new one.
@@ -531,23 +483,15 @@ TEST_F(AgentInterleavings, APostInstallWhileTheFormerServiceWaitsForItsDeletion)
     const SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
     const SC_HANDLE service = OpenServiceW(manager, kAgentService, DELETE);
     EXPECT_NE(DeleteService(service), FALSE);
-    {
-        const AgentCalls calls(machine_);
-        EXPECT_EQ(PostInstall(), 0U);
-    }
+    ExpectPostInstall();
     EXPECT_TRUE(machine_.Service().IsBeingDeleted());
     CloseServiceHandle(service);
     CloseServiceHandle(manager);
-    EXPECT_EQ(machine_.Identity(), kIdentity);
-    EXPECT_TRUE(machine_.Task().Exists());
-    ExpectStatuses("waiting");
+    ExpectKept(true, "waiting");
     machine_.Service().EndProcess();
     EXPECT_TRUE(machine_.Service().WaitUntilGone());
-    {
-        const AgentCalls calls(machine_);
-        EXPECT_EQ(PostInstall(), 0U);
-    }
-    EXPECT_EQ(machine_.Service().State(), static_cast<DWORD>(SERVICE_RUNNING));
+    ExpectPostInstall();
+    EXPECT_TRUE(Runs());
 }
 
 TEST_F(AgentInterleavings, ARemovalWithALockedFile) {
@@ -566,9 +510,7 @@ TEST_F(AgentInterleavings, ARemovalWithALockedFile) {
     EXPECT_TRUE(IsThere(machine_.File(L"TeloUF.exe")));
     EXPECT_FALSE(older.Exists());
     EXPECT_TRUE(machine_.Service().Exists());
-    EXPECT_TRUE(machine_.Task().Exists());
-    EXPECT_EQ(machine_.Identity(), kIdentity);
-    ExpectStatuses("locked");
+    ExpectKept(true, "locked");
     // Once more when the file is free.
     {
         const AgentCalls calls(machine_);
@@ -576,7 +518,5 @@ TEST_F(AgentInterleavings, ARemovalWithALockedFile) {
     }
     EXPECT_FALSE(IsThere(machine_.Folder()));
     EXPECT_FALSE(machine_.Service().Exists());
-    EXPECT_TRUE(machine_.Task().Exists());
-    EXPECT_EQ(machine_.Identity(), kIdentity);
-    ExpectStatuses("free");
+    ExpectKept(true, "free");
 }

@@ -8,6 +8,7 @@
 #include "import_hook.h"
 #include "installed_service.h"
 #include "registry_key.h"
+#include "service_manager_stand_in.h"
 #include "stand_in_clock.h"
 #include "stand_in_session.h"
 #include "standard_output.h"
@@ -16,6 +17,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <optional>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -24,15 +26,26 @@ using halvard::CreateAgentService;
 using halvard::StartAgentService;
 using halvard::StopServiceWithTimeout;
 using halvard_tests::AllocationFailure;
+using halvard_tests::BytesOf;
 using halvard_tests::CallTrace;
 using halvard_tests::InstalledService;
+using halvard_tests::kMessages;
+using halvard_tests::kNoAnswer;
 using halvard_tests::kRegistry;
+using halvard_tests::kServiceClosing;
+using halvard_tests::kServices;
 using halvard_tests::ScratchFolder;
 using halvard_tests::ScratchKey;
 using halvard_tests::ServiceBehavior;
+using halvard_tests::ServiceManagerCalls;
 using halvard_tests::ServiceScope;
+using halvard_tests::Sleeping;
 using halvard_tests::StandInClock;
+using Answer = halvard_tests::ServiceAnswer;
+using Answers = halvard_tests::ServiceAnswers;
+using Bytes = std::vector<BYTE>;
 using Sleeps = std::vector<DWORD>;
+using namespace std::string_literals;
 
 namespace {
 
@@ -41,7 +54,6 @@ constexpr wchar_t kAgent[] = L"TeloLauncher";
 constexpr wchar_t kInstallManagerKey[] =
     L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\"
     L"Zenvo Meridian Install Manager";
-constexpr DWORD kLastTick = std::numeric_limits<DWORD>::max();
 
 const std::wstring kNoManager = L"Error: Failed to open SCM.\n";
 const std::wstring kNoStatus = L"Error: QueryServiceStatusEx failed.\n";
@@ -54,27 +66,378 @@ const std::wstring kStopped = L"Service stopped successfully.\n";
 const std::wstring kStarted = L"Service started successfully.\n";
 const std::wstring kNotStarted = L"Warning: Service did not start successfully.\n";
 
-// What a message looks like in a record of calls, of which each is one line.
-std::wstring Says(const std::wstring& message) {
-    return L"says " + message + L"\n";
+Lines Says(const std::wstring& message) {
+    return {L"says " + message};
 }
 
-std::wstring Times(std::size_t count, const std::wstring& text) {
-    std::wstring all;
-    for (std::size_t time = 0; time < count; ++time) {
-        all += text;
+std::wstring NotStartedWith(const std::wstring& code) {
+    return L"Unable to start service and Error code is " + code;
+}
+
+const Lines kOpenedManager = {L"open manager 0xf003f"};
+const Lines kOpenedToStop = kOpenedManager + Lines{L"open service TeloLauncher 0x2c"};
+const Lines kOpenedToStart = kOpenedManager + Lines{L"open service TeloLauncher 0xf01ff"};
+const Lines kQuery = {L"query service TeloLauncher"};
+const Lines kStopRequest = {L"control service TeloLauncher 1"};
+const Lines kStartRequest = {L"start service TeloLauncher"};
+const Lines kClosedService = {L"close service TeloLauncher"};
+const Lines kClosedManager = {L"close service manager"};
+const Lines kClosed = kClosedService + kClosedManager;
+
+// A query behind each of these sleeps.
+Lines Polls(const Sleeps& sleeps) {
+    Lines lines;
+    for (const DWORD milliseconds : sleeps) {
+        lines = lines + Sleeping(milliseconds) + kQuery;
     }
-    return all;
+    return lines;
 }
 
-// What is sent to the debugger.
-class Messages {
+// The same with the message of a stop that is pending before each.
+Lines StopPolls(const Sleeps& sleeps) {
+    Lines lines;
+    for (const DWORD milliseconds : sleeps) {
+        lines = lines + Says(kStopPending) + Polls({milliseconds});
+    }
+    return lines;
+}
+
+const Answer kIsRunning = {SERVICE_RUNNING, 0, 0};
+const Answer kIsStopped = {SERVICE_STOPPED, 0, 0};
+
+Answer Stopping(DWORD waitHint = 0, DWORD checkpoint = 1) {
+    return {SERVICE_STOP_PENDING, checkpoint, waitHint};
+}
+
+Answer Starting(DWORD waitHint, DWORD checkpoint = 1) {
+    return {SERVICE_START_PENDING, checkpoint, waitHint};
+}
+
+// Stands for every state but those that a routine treats in a way of its own.
+constexpr DWORD kOtherState = 99;
+const std::vector<DWORD> kOtherStates = {SERVICE_START_PENDING, SERVICE_RUNNING,
+                                         SERVICE_CONTINUE_PENDING, SERVICE_PAUSE_PENDING,
+                                         SERVICE_PAUSED};
+
+// Ticks may start again meanwhile: these, counted back from the last one, are the first.
+constexpr DWORD kLastTick = std::numeric_limits<DWORD>::max();
+const DWORD kFirstTicks[] = {kLastTick, 0, 1, 999, 1000, 1999, 15000, 30000};
+
+// What a service answers, and how the calls to it go.
+struct Course {
+    Answers queried;
+    Answer stopAnswer = kIsStopped;
+    // How many milliseconds the calls take that begin so, and each look at the clock.
+    std::vector<std::pair<std::wstring, DWORD>> takes = {};
+    DWORD perLook = 0;
+    // The code with which the request to stop is refused, and that to start.
+    DWORD stopError = NO_ERROR;
+    std::optional<DWORD> startError = std::nullopt;
+};
+
+// One in which the request to start is refused with this code.
+Course StartRefused(const Answers& queried, DWORD code) {
+    Course course = {queried};
+    course.startError = code;
+    return course;
+}
+
+// Sees which calls a routine makes between its openings and the closings, in every other state and
+// from every first tick.
+void Expect(bool (*routine)(), const Lines& opened, const std::string& what, const Course& course,
+            bool result, const Lines& calls) {
+    const auto isOther = [](const Answer& answer) {
+        return answer.state == kOtherState;
+    };
+    const bool hasOther = std::any_of(course.queried.begin(), course.queried.end(), isOther);
+    for (const DWORD state : hasOther ? kOtherStates : std::vector<DWORD>{0}) {
+        for (const DWORD firstTick : kFirstTicks) {
+            Answers queried = course.queried;
+            for (Answer& answer : queried) {
+                answer.state = isOther(answer) ? state : answer.state;
+            }
+            ServiceManagerCalls manager(queried, kLastTick - firstTick);
+            manager.clock.perLook = course.perLook;
+            manager.takes = course.takes;
+            manager.stopAnswer = course.stopAnswer;
+            manager.stopError = course.stopError;
+            if (course.startError) {
+                manager.Fail(L"start service", *course.startError);
+            }
+            EXPECT_EQ(routine(), result) << what;
+            EXPECT_EQ(manager.All(), opened + calls + kClosed)
+                << what << ", " << state << ", " << firstTick;
+        }
+    }
+}
+
+bool StopAgent() {
+    return StopServiceWithTimeout(kAgent);
+}
+
+void ExpectStop(const std::string& what, const Course& course, bool result, const Lines& calls) {
+    Expect(StopAgent, kOpenedToStop, what, course, result, calls);
+}
+
+void ExpectStart(const std::string& what, const Course& course, bool result, const Lines& calls) {
+    Expect(StartAgentService, kOpenedToStart, what, course, result, calls);
+}
+
+} // namespace
+
+TEST(StopServiceWithTimeout, DoesWhatTheStatesAskFor) {
+    const Lines asked = kQuery + kStopRequest;
+    ExpectStop("stopped already", {{kIsStopped}}, true, kQuery + Says(kAlreadyStopped));
+    ExpectStop("stops with the request", {{{kOtherState}}}, true, asked + Says(kStopped));
+    ExpectStop("sleeps for the whole hint of the last answer",
+               {{{SERVICE_RUNNING, 0, 4000},
+                 Stopping(12000, 2),
+                 Stopping(0, 3),
+                 {SERVICE_RUNNING, 4, 999},
+                 kIsStopped},
+                Stopping(700)},
+               true, asked + Polls({700, 12000, 0, 999}) + Says(kStopped));
+    ExpectStop("sleeps for a tenth of the last hint while the stop was pending",
+               {{Stopping(50000), Stopping(), Stopping(20000), kIsStopped}}, true,
+               kQuery + StopPolls({5000, 1000, 2000}) + Says(kStopped));
+    ExpectStop("gives up stopping and is asked to stop",
+               {{Stopping(), {kOtherState}, Stopping(), kIsStopped}, Stopping(300)}, true,
+               kQuery + StopPolls({1000}) + kStopRequest + Polls({300, 0}) + Says(kStopped));
+}
+
+TEST(StopServiceWithTimeout, SleepsForATenthOfTheHintWhileAStopIsPending) {
+    const std::pair<DWORD, DWORD> hintsAndSleeps[] = {
+        {0, 1000},     {2000, 1000},    {10000, 1000},   {10010, 1001},
+        {50000, 5000}, {100000, 10000}, {200000, 10000}, {INFINITE, 10000}};
+    for (const auto& [hint, sleep] : hintsAndSleeps) {
+        ExpectStop("", {{Stopping(hint), kIsStopped}}, true,
+                   kQuery + StopPolls({sleep}) + Says(kStopped));
+    }
+}
+
+TEST(StopServiceWithTimeout, GivesAPendingStopThirtySecondsFromItsEntry) {
+    ExpectStop("three sleeps end exactly at the limit, a fourth one behind it",
+               {{Stopping(100000)}}, false,
+               kQuery + StopPolls(Sleeps(4, 10000)) + Says(kPendingTimeout));
+    ExpectStop("a millisecond more", {{Stopping(100000)}, {}, {{L"query", 1}}}, false,
+               kQuery + StopPolls(Sleeps(3, 10000)) + Says(kPendingTimeout));
+    const Lines pending = kQuery + StopPolls({1000});
+    for (const wchar_t* const opening : {L"open manager", L"open service"}) {
+        ExpectStop("each opening counts", {{Stopping()}, {}, {{opening, 29001}}}, false,
+                   pending + Says(kPendingTimeout));
+        ExpectStop("whoever gives up stopping too late is not asked to stop",
+                   {{Stopping(), {kOtherState}}, {}, {{opening, 30000}}}, false,
+                   pending + Says(kPendingTimeout));
+        ExpectStop("whoever has stopped is never too late",
+                   {{Stopping(), kIsStopped}, {}, {{opening, 60000}}}, true,
+                   pending + Says(kStopped));
+    }
+}
+
+TEST(StopServiceWithTimeout, GivesAServiceThatItHasAskedThirtySecondsFromItsEntry) {
+    const Lines asked = kQuery + kStopRequest;
+    ExpectStop("has stopped and is never too late",
+               {{kIsRunning, kIsStopped}, Stopping(), {{L"open service", 60000}}}, true,
+               asked + Polls({0}) + Says(kStopped));
+    ExpectStop("what is spent before the request counts",
+               {{Stopping(100000), Stopping(100000), kIsRunning, Stopping(5000)}, Stopping(5000)},
+               false,
+               kQuery + StopPolls({10000, 10000}) + kStopRequest + Polls({5000, 5000, 5000}) +
+                   Says(kStopTimeout));
+    for (const Answer& answer : {Stopping(2000), Answer{SERVICE_RUNNING, 1, 2000}}) {
+        ExpectStop("ignores the request", {{kIsRunning, answer}, answer}, false,
+                   asked + Polls(Sleeps(16, 2000)) + Says(kStopTimeout));
+    }
+    ExpectStop("ten seconds at a time", {{kIsRunning, Stopping(10000)}, Stopping(10000)}, false,
+               asked + Polls(Sleeps(4, 10000)) + Says(kStopTimeout));
+    ExpectStop("a hint beyond the limit is slept through once",
+               {{kIsRunning, Stopping(50000)}, Stopping(50000)}, false,
+               asked + Polls({50000}) + Says(kStopTimeout));
+    // The first query is made before the request, the 31st is the first one that ends too late.
+    ExpectStop("without a hint it asks without sleeping",
+               {{kIsRunning}, kIsRunning, {{L"query", 1000}}}, false,
+               asked + Polls(Sleeps(30, 0)) + Says(kStopTimeout));
+}
+
+TEST(StopServiceWithTimeout, EveryCallThatFailsEndsItWithFalse) {
+    const Lines pending = kQuery + StopPolls({1000});
+    ExpectStop("the first query", {{kNoAnswer, kIsStopped}}, false, kQuery + Says(kNoStatus));
+    ExpectStop("a query while the stop is pending", {{Stopping(), kNoAnswer, kIsStopped}}, false,
+               pending + Says(kNoStatus));
+    // That of services on which others depend too. What it leaves as the state does not count.
+    for (const DWORD code : {ERROR_ACCESS_DENIED, ERROR_DEPENDENT_SERVICES_RUNNING}) {
+        Course course = {{Stopping(), kIsRunning}};
+        course.stopError = code;
+        ExpectStop("the request", course, false, pending + kStopRequest + Says(kRefused));
+    }
+    ExpectStop("a query behind the request",
+               {{Stopping(), kIsRunning, kNoAnswer, kIsStopped}, Stopping()}, false,
+               pending + kStopRequest + Polls({0}) + Says(kNoStatus));
+}
+
+TEST(StartAgentService, StartsAServiceThatIsStopped) {
+    const Lines asked = kQuery + kStartRequest + kQuery;
+    ExpectStart("any other state is taken for running", {{{kOtherState, 1, 2000}}}, true, kQuery);
+    ExpectStart("runs at once", {{kIsStopped, kIsRunning}}, true, asked + Says(kStarted));
+    for (const DWORD state : {SERVICE_STOPPED, SERVICE_STOP_PENDING, SERVICE_CONTINUE_PENDING,
+                              SERVICE_PAUSE_PENDING, SERVICE_PAUSED}) {
+        ExpectStart("is not running", {{kIsStopped, {state}}}, false, asked + Says(kNotStarted));
+    }
+    ExpectStart("is not running in the end", {{kIsStopped, Starting(2000), kIsStopped}}, false,
+                asked + Polls({1000}) + Says(kNotStarted));
+    for (const auto& [code, text] : {std::pair<DWORD, std::wstring>{ERROR_SUCCESS, L"0"},
+                                     {ERROR_SERVICE_DISABLED, L"1058"},
+                                     {ERROR_SERVICE_MARKED_FOR_DELETE, L"1072"},
+                                     {0x7FFFFFFF, L"2147483647"},
+                                     {0x80000000, L"-2147483648"}}) {
+        ExpectStart("the code is told as a signed number", StartRefused({kIsStopped}, code), false,
+                    kQuery + kStartRequest + Says(NotStartedWith(text)));
+    }
+}
+
+TEST(StartAgentService, SleepsForATenthOfTheHintWhileTheStartIsPending) {
+    const std::pair<DWORD, DWORD> hintsAndSleeps[] = {
+        {0, 1000}, {2000, 1000}, {10010, 1001}, {50000, 5000}, {100000, 10000}, {INFINITE, 10000}};
+    for (const auto& [hint, sleep] : hintsAndSleeps) {
+        ExpectStart("", {{kIsStopped, Starting(hint), kIsRunning}}, true,
+                    kQuery + kStartRequest + kQuery + Polls({sleep}) + Says(kStarted));
+    }
+}
+
+TEST(StartAgentService, GivesAPendingStartTheTimeOfItsHintWithoutProgress) {
+    const Lines asked = kQuery + kStartRequest + kQuery;
+    // The second sleep ends exactly when the hint does, the third one behind it.
+    for (const DWORD checkpoint : {1U, 0U}) {
+        ExpectStart("without progress", {{kIsStopped, Starting(2000), Starting(2000, checkpoint)}},
+                    false, asked + Polls(Sleeps(3, 1000)) + Says(kNotStarted));
+    }
+    ExpectStart("a millisecond more", {{kIsStopped, Starting(2000)}, {}, {}, 1}, false,
+                asked + Polls(Sleeps(2, 1000)) + Says(kNotStarted));
+    ExpectStart("it starts again with the last progress",
+                {{kIsStopped, Starting(2000), Starting(2000), Starting(2000, 2)}}, false,
+                asked + Polls(Sleeps(5, 1000)) + Says(kNotStarted));
+    ExpectStart("the hint of the last answer counts",
+                {{kIsStopped, Starting(20000), Starting(1999)}}, false,
+                asked + Polls({2000}) + Says(kNotStarted));
+    // Nor is what the query behind it takes: with that one the first sleep would outlast the hint.
+    ExpectStart("what the request takes is not taken from it",
+                {{kIsStopped, Starting(2000), Starting(2000), kIsRunning},
+                 {},
+                 {{L"start", 60000}, {L"query", 600}}},
+                true, asked + Polls({1000, 1000}) + Says(kStarted));
+    Answers answers = {kIsStopped};
+    for (DWORD checkpoint = 5; checkpoint < 55; ++checkpoint) {
+        // As long as the hint lasts at each step.
+        answers.insert(answers.end(), 2, Starting(2000, checkpoint));
+    }
+    answers.push_back(kIsRunning);
+    ExpectStart("with progress it has all the time", {answers}, true,
+                asked + Polls(Sleeps(100, 1000)) + Says(kStarted));
+}
+
+TEST(StartAgentService, StartsAServiceThatIsStoppingWhenItHasStopped) {
+    const Lines started = kStartRequest + kQuery + Says(kStarted);
+    // One that still gives a hint, and one whose last step shows.
+    for (const Answer& stopped :
+         {Answer{SERVICE_STOPPED, 0, 1000}, Answer{SERVICE_STOPPED, 2, 0}}) {
+        ExpectStart("has stopped", {{Stopping(), stopped, kIsRunning}}, true,
+                    kQuery + Polls({1000}) + started);
+    }
+    ExpectStart("is asked every ten seconds at least",
+                {{Stopping(200000), {SERVICE_STOPPED, 0, 200000}, kIsRunning}}, true,
+                kQuery + Polls({10000}) + started);
+    // Ten times the hint in all, without any progress.
+    Answers answers(20, Stopping(1000));
+    answers.push_back({SERVICE_STOPPED, 0, 1000});
+    answers.push_back(kIsRunning);
+    ExpectStart("has the time of its hint for each sleep", {answers}, true,
+                kQuery + Polls(Sleeps(20, 1000)) + started);
+    ExpectStart(
+        "runs, and is started all the same",
+        StartRefused({Stopping(2000), {SERVICE_RUNNING, 0, 2000}}, ERROR_SERVICE_ALREADY_RUNNING),
+        false, kQuery + Polls({1000}) + kStartRequest + Says(NotStartedWith(L"1056")));
+}
+
+TEST(StartAgentService, DoesNotStartAServiceThatIsStoppingWhenASleepOutlastsItsHint) {
+    // The hint counts that the service gives after the sleep: none as a rule once it has stopped.
+    for (const Answer& after :
+         {Stopping(999), Stopping(999, 0), Stopping(0), kIsStopped, kIsRunning}) {
+        ExpectStart("", {{Stopping(2000), after}}, false,
+                    kQuery + Polls({1000}) + Says(kStopTimeout));
+    }
+    ExpectStart("the second sleep", {{Stopping(1000), Stopping(1000), Stopping(999)}}, false,
+                kQuery + Polls({1000, 1000}) + Says(kStopTimeout));
+    // What the query takes belongs to the sleep before it, what the opening takes does not.
+    ExpectStart("with its query",
+                {{Stopping(2000)}, {}, {{L"open service", 60000}, {L"query", 1001}}}, false,
+                kQuery + Polls({1000}) + Says(kStopTimeout));
+    ExpectStart("progress outweighs a hint that is over",
+                {{Stopping(), Stopping(0, 2), Stopping(50000, 3), Stopping(0, 3)}}, false,
+                kQuery + Polls({1000, 1000, 5000}) + Says(kStopTimeout));
+}
+
+TEST(StartAgentService, EveryCallThatFailsEndsItWithFalse) {
+    const Lines stopped = kQuery + Polls({1000});
+    const Answer afterIt = {SERVICE_STOPPED, 0, 2000};
+    ExpectStart("the first query", {{kNoAnswer, kIsRunning}}, false, kQuery + Says(kNoStatus));
+    ExpectStart("a query while it is stopping", {{Stopping(2000), kNoAnswer, kIsRunning}}, false,
+                stopped + Says(kNoStatus));
+    ExpectStart("the request", StartRefused({Stopping(2000), afterIt}, ERROR_ACCESS_DENIED), false,
+                stopped + kStartRequest + Says(NotStartedWith(L"5")));
+    ExpectStart("the query behind the request", {{Stopping(2000), afterIt, kNoAnswer, kIsRunning}},
+                false, stopped + kStartRequest + kQuery + Says(kNoStatus));
+    ExpectStart("a query while the start is pending, reported beside its outcome",
+                {{kIsStopped, Starting(2000), kNoAnswer, kIsRunning}}, false,
+                kQuery + kStartRequest + kQuery + Polls({1000}) + Says(kNoStatus) +
+                    Says(kNotStarted));
+}
+
+TEST(TheAgentServiceRoutines, AnOpeningThatFailsEndsThemWithFalseAndClosesWhatIsOpen) {
+    const std::pair<bool (*)(), Lines> routines[] = {{StopAgent, kOpenedToStop},
+                                                     {StartAgentService, kOpenedToStart}};
+    for (const auto& [routine, opened] : routines) {
+        {
+            ServiceManagerCalls manager;
+            manager.Fail(L"open manager");
+            EXPECT_FALSE(routine());
+            EXPECT_EQ(manager.All(), kOpenedManager + Says(kNoManager));
+        }
+        ServiceManagerCalls manager;
+        manager.Fail(L"open service");
+        EXPECT_FALSE(routine());
+        EXPECT_EQ(manager.All(), opened + kClosedManager);
+    }
+}
+
+TEST(TheAgentServiceRoutines, AHandleThatCannotBeClosedChangesNothing) {
+    ServiceManagerCalls manager({kIsRunning});
+    manager.closes = false;
+    EXPECT_TRUE(StopAgent());
+    manager.queries = {kIsStopped, kIsRunning};
+    EXPECT_TRUE(StartAgentService());
+    EXPECT_EQ(manager.All(), kOpenedToStop + kQuery + kStopRequest + Says(kStopped) + kClosed +
+                                 kOpenedToStart + kQuery + kStartRequest + kQuery + Says(kStarted) +
+                                 kClosed);
+}
+
+namespace {
+
+// The calls to the system's own service manager. What they open they close again but for these.
+class ServiceCalls : public CallTrace {
 public:
-    const std::wstring& Get() const { return messages_; }
+    explicit ServiceCalls(Lines leftOpen = {})
+        : CallTrace(kServices | kServiceClosing | kMessages), leftOpen_(std::move(leftOpen)) {}
+    ~ServiceCalls() {
+        EXPECT_EQ(LeftOpen(), leftOpen_);
+        EXPECT_EQ(Of({L"close service unknown"}), Lines{});
+    }
+    ServiceCalls(const ServiceCalls&) = delete;
+    ServiceCalls& operator=(const ServiceCalls&) = delete;
+
+    Lines Messages() const { return Rests(L"says "); }
 
 private:
-    std::wstring messages_;
-    HOOK(sending_, OutputDebugStringW, [this](LPCWSTR text) { messages_ += Says(text); });
+    Lines leftOpen_;
 };
 
 // Lets a pending change of a service come to its end while the first sleep, which takes its time,
@@ -94,652 +457,6 @@ private:
         sleeping_.Original(milliseconds);
     });
 };
-
-// The handles of the service manager and its services that were opened and not closed again.
-class OpenServiceHandles {
-public:
-    int Count() const { return count_; }
-
-private:
-    int count_ = 0;
-    HOOK(manager_, OpenSCManagerW, [this](LPCWSTR machine, LPCWSTR database, DWORD access) {
-        return Opened(manager_.Original(machine, database, access));
-    });
-    HOOK(service_, OpenServiceW, [this](SC_HANDLE manager, LPCWSTR name, DWORD access) {
-        return Opened(service_.Original(manager, name, access));
-    });
-    HOOK(closing_, CloseServiceHandle, [this](SC_HANDLE handle) {
-        --count_;
-        return closing_.Original(handle);
-    });
-
-    SC_HANDLE Opened(SC_HANDLE handle) {
-        count_ += handle != nullptr ? 1 : 0;
-        return handle;
-    }
-};
-
-// One answer about a service: state, checkpoint, wait hint in milliseconds.
-struct Answer {
-    DWORD state = SERVICE_STOPPED;
-    DWORD checkpoint = 0;
-    DWORD waitHint = 0;
-};
-using Answers = std::vector<Answer>;
-
-// A service manager of the test's own that knows one service, with a clock of its own. Every call
-// is one line, and so is each message and each sleep. Each call leaves an error of its own behind.
-class StandInServiceManager {
-public:
-    explicit StandInServiceManager(Answers queried = {{}}, DWORD startTick = 0)
-        : queries(std::move(queried)), clock(startTick) {
-        clock.afterSleep = [this] {
-            Write(L"Sleep", L"%u", clock.Sleeps().back());
-        };
-    }
-
-    // What the queries are answered, one after the other. The last one stays.
-    Answers queries;
-    // The answer to a request to stop.
-    Answer stopAnswer = {SERVICE_STOP_PENDING, 1, 0};
-    // The function that fails, at its call of this number, counted from 1; 0 for every call.
-    std::wstring failing;
-    int failingCall = 0;
-    DWORD error = ERROR_ACCESS_DENIED;
-    // How many milliseconds a function takes.
-    std::vector<std::pair<std::wstring, DWORD>> takes;
-    StandInClock clock;
-
-    const std::wstring& Calls() const { return calls_; }
-
-    // The messages alone.
-    const std::wstring& Messages() const { return messages_; }
-
-private:
-    static SC_HANDLE Manager() { return reinterpret_cast<SC_HANDLE>(0x100); }
-    static SC_HANDLE Service() { return reinterpret_cast<SC_HANDLE>(0x200); }
-
-    static const wchar_t* NameOf(SC_HANDLE handle) {
-        return handle == Manager() ? L"manager" : handle == Service() ? L"service" : L"unknown";
-    }
-
-    template <class... Arguments>
-    void Write(const wchar_t* function, const wchar_t* format, Arguments... arguments) {
-        wchar_t text[1025] = {};
-        wsprintfW(text, format, arguments...);
-        calls_.append(function).append(L" ").append(text).append(L"\n");
-    }
-
-    template <class... Arguments>
-    BOOL Call(const wchar_t* function, const wchar_t* format, Arguments... arguments) {
-        Write(function, format, arguments...);
-        for (const auto& [slow, milliseconds] : takes) {
-            clock.now += slow == function ? milliseconds : 0;
-        }
-        const bool fails =
-            failing == function && (++failingSeen_ == failingCall || failingCall == 0);
-        SetLastError(fails ? error : ERROR_INVALID_DATA);
-        return fails ? FALSE : TRUE;
-    }
-
-    BOOL Query(SC_HANDLE service, SC_STATUS_TYPE level, BYTE* buffer, DWORD size, DWORD* needed) {
-        EXPECT_NE(needed, nullptr);
-        SERVICE_STATUS_PROCESS status = {};
-        const BOOL done =
-            Call(L"QueryServiceStatusEx", L"%s %d %u bytes", NameOf(service), level, size);
-        if (done != FALSE) {
-            const Answer& answer = queries[std::min(told_++, queries.size() - 1)];
-            status.dwCurrentState = answer.state;
-            status.dwCheckPoint = answer.checkpoint;
-            status.dwWaitHint = answer.waitHint;
-        } else {
-            // A query that fails has nothing to tell, whatever it leaves in the buffer.
-            status.dwCurrentState = SERVICE_RUNNING;
-        }
-        *reinterpret_cast<SERVICE_STATUS_PROCESS*>(buffer) = status;
-        return done;
-    }
-
-    std::wstring calls_;
-    std::wstring messages_;
-    int failingSeen_ = 0;
-    std::size_t told_ = 0;
-
-    HOOK(openManager_, OpenSCManagerW, [this](LPCWSTR machine, LPCWSTR database, DWORD access) {
-        return Call(L"OpenSCManagerW", L"%s %s 0x%x", machine, database, access) != FALSE
-                   ? Manager()
-                   : nullptr;
-    });
-    HOOK(openService_, OpenServiceW, [this](SC_HANDLE manager, LPCWSTR name, DWORD access) {
-        return Call(L"OpenServiceW", L"%s %s 0x%x", NameOf(manager), name, access) != FALSE
-                   ? Service()
-                   : nullptr;
-    });
-    HOOK(query_, QueryServiceStatusEx,
-         [this](SC_HANDLE service, SC_STATUS_TYPE level, LPBYTE buffer, DWORD size,
-                LPDWORD needed) { return Query(service, level, buffer, size, needed); });
-    HOOK(control_, ControlService,
-         [this](SC_HANDLE service, DWORD control, LPSERVICE_STATUS status) {
-             status->dwCurrentState = stopAnswer.state;
-             status->dwCheckPoint = stopAnswer.checkpoint;
-             status->dwWaitHint = stopAnswer.waitHint;
-             return Call(L"ControlService", L"%s %u", NameOf(service), control);
-         });
-    HOOK(start_, StartServiceW, [this](SC_HANDLE service, DWORD count, LPCWSTR* arguments) {
-        return Call(L"StartServiceW", L"%s %u %s", NameOf(service), count,
-                    arguments == nullptr ? L"null" : L"arguments");
-    });
-    HOOK(create_, CreateServiceW,
-         [this](SC_HANDLE manager, LPCWSTR name, LPCWSTR displayName, DWORD access, DWORD type,
-                DWORD start, DWORD errorControl, LPCWSTR path, LPCWSTR group, LPDWORD tag,
-                LPCWSTR dependencies, LPCWSTR account, LPCWSTR password) {
-             return Call(L"CreateServiceW", L"%s %s, %s, 0x%x 0x%x %u %u, %s, %s %s %s %s %s",
-                         NameOf(manager), name, displayName, access, type, start, errorControl,
-                         path, group, tag == nullptr ? L"null" : L"tag", dependencies, account,
-                         password) != FALSE
-                        ? Service()
-                        : nullptr;
-         });
-    HOOK(change_, ChangeServiceConfig2W, [this](SC_HANDLE service, DWORD level, LPVOID info) {
-        return Call(L"ChangeServiceConfig2W", L"%s %u %d", NameOf(service), level,
-                    static_cast<const SERVICE_DELAYED_AUTO_START_INFO*>(info)->fDelayedAutostart);
-    });
-    HOOK(close_, CloseServiceHandle,
-         [this](SC_HANDLE handle) { return Call(L"CloseServiceHandle", L"%s", NameOf(handle)); });
-    HOOK(say_, OutputDebugStringW, [this](LPCWSTR text) {
-        calls_ += Says(text);
-        messages_ += Says(text);
-    });
-};
-
-std::wstring Sleeping(DWORD milliseconds) {
-    return L"Sleep " + std::to_wstring(milliseconds) + L"\n";
-}
-
-const std::wstring kOpenedManager = L"OpenSCManagerW (null) (null) 0xf003f\n";
-const std::wstring kOpenedToStop = kOpenedManager + L"OpenServiceW manager " + kName + L" 0x2c\n";
-const std::wstring kOpenedToStart =
-    kOpenedManager + L"OpenServiceW manager " + kAgent + L" 0xf01ff\n";
-const std::wstring kQueried = L"QueryServiceStatusEx service 0 36 bytes\n";
-const std::wstring kStopRequested = L"ControlService service 1\n";
-const std::wstring kStartRequested = L"StartServiceW service 0 null\n";
-const std::wstring kClosedService = L"CloseServiceHandle service\n";
-const std::wstring kClosedManager = L"CloseServiceHandle manager\n";
-const std::wstring kClosed = kClosedService + kClosedManager;
-
-const Answer kIsRunning = {SERVICE_RUNNING, 0, 0};
-const Answer kIsStopped = {SERVICE_STOPPED, 0, 0};
-
-// Every state but those that a routine treats in a way of its own.
-const DWORD kOtherStates[] = {SERVICE_START_PENDING, SERVICE_RUNNING, SERVICE_CONTINUE_PENDING,
-                              SERVICE_PAUSE_PENDING, SERVICE_PAUSED};
-
-} // namespace
-
-TEST(StopServiceWithTimeout, AStoppedServiceIsLeftAsItIs) {
-    const StandInServiceManager manager({kIsStopped});
-    EXPECT_TRUE(StopServiceWithTimeout(kName));
-    EXPECT_EQ(manager.Calls(), kOpenedToStop + kQueried + Says(kAlreadyStopped) + kClosed);
-}
-
-TEST(StopServiceWithTimeout, AServiceThatStopsWithTheRequestIsNotWaitedFor) {
-    for (const DWORD state : kOtherStates) {
-        StandInServiceManager manager(Answers{{state}});
-        manager.stopAnswer = kIsStopped;
-        EXPECT_TRUE(StopServiceWithTimeout(kName));
-        EXPECT_EQ(manager.Calls(),
-                  kOpenedToStop + kQueried + kStopRequested + Says(kStopped) + kClosed);
-    }
-}
-
-TEST(StopServiceWithTimeout, SleepsForTheWholeHintOfTheLastAnswerAfterTheRequest) {
-    StandInServiceManager manager({{SERVICE_RUNNING, 0, 4000},
-                                   {SERVICE_STOP_PENDING, 2, 12000},
-                                   {SERVICE_STOP_PENDING, 3, 0},
-                                   {SERVICE_RUNNING, 4, 999},
-                                   kIsStopped});
-    manager.stopAnswer = {SERVICE_STOP_PENDING, 1, 700};
-    EXPECT_TRUE(StopServiceWithTimeout(kName));
-    EXPECT_EQ(manager.Calls(), kOpenedToStop + kQueried + kStopRequested + Sleeping(700) +
-                                   kQueried + Sleeping(12000) + kQueried + Sleeping(0) + kQueried +
-                                   Sleeping(999) + kQueried + Says(kStopped) + kClosed);
-}
-
-TEST(StopServiceWithTimeout, SleepsForATenthOfTheHintWhileAStopIsPending) {
-    const std::pair<DWORD, DWORD> hintsAndSleeps[] = {
-        {0, 1000},     {2000, 1000},    {10000, 1000},   {10010, 1001},
-        {50000, 5000}, {100000, 10000}, {200000, 10000}, {INFINITE, 10000}};
-    for (const auto& [hint, sleep] : hintsAndSleeps) {
-        const StandInServiceManager manager({{SERVICE_STOP_PENDING, 1, hint}, kIsStopped});
-        EXPECT_TRUE(StopServiceWithTimeout(kName));
-        EXPECT_EQ(manager.Calls(), kOpenedToStop + kQueried + Says(kStopPending) + Sleeping(sleep) +
-                                       kQueried + Says(kStopped) + kClosed);
-    }
-}
-
-TEST(StopServiceWithTimeout, TakesTheHintOfTheLastAnswerWhileAStopIsPending) {
-    const StandInServiceManager manager({{SERVICE_STOP_PENDING, 1, 50000},
-                                         {SERVICE_STOP_PENDING, 1, 0},
-                                         {SERVICE_STOP_PENDING, 1, 20000},
-                                         kIsStopped});
-    EXPECT_TRUE(StopServiceWithTimeout(kName));
-    EXPECT_EQ(manager.clock.Sleeps(), (Sleeps{5000, 1000, 2000}));
-    EXPECT_EQ(manager.Messages(), Times(3, Says(kStopPending)) + Says(kStopped));
-    EXPECT_EQ(manager.Calls().find(kStopRequested), std::wstring::npos);
-}
-
-TEST(StopServiceWithTimeout, AServiceThatGivesUpStoppingIsAskedToStop) {
-    for (const DWORD state : kOtherStates) {
-        StandInServiceManager manager({{SERVICE_STOP_PENDING, 1, 0},
-                                       {state, 0, 0},
-                                       {SERVICE_STOP_PENDING, 1, 0},
-                                       kIsStopped});
-        manager.stopAnswer = {SERVICE_STOP_PENDING, 1, 300};
-        EXPECT_TRUE(StopServiceWithTimeout(kName));
-        EXPECT_EQ(manager.Calls(), kOpenedToStop + kQueried + Says(kStopPending) + Sleeping(1000) +
-                                       kQueried + kStopRequested + Sleeping(300) + kQueried +
-                                       Sleeping(0) + kQueried + Says(kStopped) + kClosed);
-    }
-}
-
-TEST(StopServiceWithTimeout, APendingStopHasThirtySeconds) {
-    // Three sleeps end exactly at the limit, a fourth one behind it.
-    const StandInServiceManager manager({{SERVICE_STOP_PENDING, 1, 100000}});
-    EXPECT_FALSE(StopServiceWithTimeout(kName));
-    EXPECT_EQ(manager.Calls(), kOpenedToStop + kQueried +
-                                   Times(4, Says(kStopPending) + Sleeping(10000) + kQueried) +
-                                   Says(kPendingTimeout) + kClosed);
-}
-
-TEST(StopServiceWithTimeout, AServiceThatGivesUpStoppingTooLateIsNotAskedToStop) {
-    for (const DWORD state : kOtherStates) {
-        StandInServiceManager manager({{SERVICE_STOP_PENDING, 1, 0}, {state, 0, 0}});
-        manager.takes.emplace_back(L"OpenServiceW", 30000);
-        EXPECT_FALSE(StopServiceWithTimeout(kName));
-        EXPECT_EQ(manager.Calls(), kOpenedToStop + kQueried + Says(kStopPending) + Sleeping(1000) +
-                                       kQueried + Says(kPendingTimeout) + kClosed);
-    }
-}
-
-TEST(StopServiceWithTimeout, ThirtySecondsAndAMillisecondAreTooMuch) {
-    StandInServiceManager manager({{SERVICE_STOP_PENDING, 1, 100000}});
-    manager.takes.emplace_back(L"QueryServiceStatusEx", 1);
-    EXPECT_FALSE(StopServiceWithTimeout(kName));
-    EXPECT_EQ(manager.Messages(), Times(3, Says(kStopPending)) + Says(kPendingTimeout));
-}
-
-TEST(StopServiceWithTimeout, AServiceThatHasStoppedIsNeverTooLate) {
-    for (const DWORD state : {DWORD{SERVICE_STOP_PENDING}, DWORD{SERVICE_RUNNING}}) {
-        StandInServiceManager manager({{state}, kIsStopped});
-        manager.stopAnswer = {SERVICE_STOP_PENDING, 1, 0};
-        manager.takes.emplace_back(L"OpenServiceW", 60000);
-        EXPECT_TRUE(StopServiceWithTimeout(kName));
-        EXPECT_EQ(manager.clock.Sleeps().size(), 1U);
-    }
-}
-
-TEST(StopServiceWithTimeout, TheTimeCountsFromItsEntry) {
-    for (const wchar_t* const function : {L"OpenSCManagerW", L"OpenServiceW"}) {
-        StandInServiceManager manager(Answers{{SERVICE_STOP_PENDING}});
-        manager.takes.emplace_back(function, 29001);
-        EXPECT_FALSE(StopServiceWithTimeout(kName));
-        EXPECT_EQ(manager.Messages(), Says(kStopPending) + Says(kPendingTimeout));
-    }
-    // What is spent before the request counts for the wait behind it too.
-    StandInServiceManager manager({{SERVICE_STOP_PENDING, 1, 100000},
-                                   {SERVICE_STOP_PENDING, 1, 100000},
-                                   kIsRunning,
-                                   {SERVICE_STOP_PENDING, 1, 5000}});
-    manager.stopAnswer = {SERVICE_STOP_PENDING, 1, 5000};
-    EXPECT_FALSE(StopServiceWithTimeout(kName));
-    EXPECT_EQ(manager.clock.Sleeps(), (Sleeps{10000, 10000, 5000, 5000, 5000}));
-    EXPECT_EQ(manager.Messages(), Times(2, Says(kStopPending)) + Says(kStopTimeout));
-}
-
-TEST(StopServiceWithTimeout, AServiceThatIgnoresTheRequestHasThirtySeconds) {
-    for (const DWORD state : {DWORD{SERVICE_STOP_PENDING}, DWORD{SERVICE_RUNNING}}) {
-        StandInServiceManager manager({kIsRunning, {state, 1, 2000}});
-        manager.stopAnswer = {state, 1, 2000};
-        EXPECT_FALSE(StopServiceWithTimeout(kName));
-        EXPECT_EQ(manager.Calls(), kOpenedToStop + kQueried + kStopRequested +
-                                       Times(16, Sleeping(2000) + kQueried) + Says(kStopTimeout) +
-                                       kClosed);
-    }
-}
-
-TEST(StopServiceWithTimeout, AHintBeyondTheLimitIsSleptThroughOnce) {
-    StandInServiceManager manager({kIsRunning, {SERVICE_STOP_PENDING, 1, 50000}});
-    manager.stopAnswer = {SERVICE_STOP_PENDING, 1, 50000};
-    EXPECT_FALSE(StopServiceWithTimeout(kName));
-    EXPECT_EQ(manager.clock.Sleeps(), Sleeps{50000});
-    EXPECT_EQ(manager.Messages(), Says(kStopTimeout));
-}
-
-TEST(StopServiceWithTimeout, WithoutAHintItAsksWithoutSleepingUntilTheLimit) {
-    StandInServiceManager manager({kIsRunning});
-    manager.stopAnswer = kIsRunning;
-    manager.takes.emplace_back(L"QueryServiceStatusEx", 1000);
-    EXPECT_FALSE(StopServiceWithTimeout(kName));
-    // The first query is made before the request, the 31st is the first one that ends too late.
-    EXPECT_EQ(manager.clock.Sleeps(), Sleeps(30, 0));
-    EXPECT_EQ(manager.Calls(), kOpenedToStop + kQueried + kStopRequested +
-                                   Times(30, Sleeping(0) + kQueried) + Says(kStopTimeout) +
-                                   kClosed);
-}
-
-TEST(StopServiceWithTimeout, TicksMayStartAgainMeanwhile) {
-    for (const DWORD start : {kLastTick, kLastTick - 1, kLastTick - 15000, kLastTick - 30000}) {
-        {
-            const StandInServiceManager manager({{SERVICE_STOP_PENDING, 1, 100000}}, start);
-            EXPECT_FALSE(StopServiceWithTimeout(kName));
-            EXPECT_EQ(manager.clock.Sleeps(), Sleeps(4, 10000)) << start;
-        }
-        StandInServiceManager manager({kIsRunning, {SERVICE_STOP_PENDING, 1, 10000}}, start);
-        manager.stopAnswer = {SERVICE_STOP_PENDING, 1, 10000};
-        EXPECT_FALSE(StopServiceWithTimeout(kName));
-        EXPECT_EQ(manager.clock.Sleeps(), Sleeps(4, 10000)) << start;
-    }
-}
-
-TEST(StopServiceWithTimeout, EveryCallThatFailsEndsItWithFalseAndClosesWhatIsOpen) {
-    struct Failure {
-        const wchar_t* function;
-        int call;
-        std::wstring calls;
-    };
-    const std::wstring pending = kQueried + Says(kStopPending) + Sleeping(1000);
-    const std::vector<Failure> failures = {
-        {L"OpenSCManagerW", 1, kOpenedManager + Says(kNoManager)},
-        {L"OpenServiceW", 1, kOpenedToStop + kClosedManager},
-        {L"QueryServiceStatusEx", 1, kOpenedToStop + kQueried + Says(kNoStatus) + kClosed},
-        {L"QueryServiceStatusEx", 2,
-         kOpenedToStop + pending + kQueried + Says(kNoStatus) + kClosed},
-        {L"ControlService", 1,
-         kOpenedToStop + pending + kQueried + kStopRequested + Says(kRefused) + kClosed},
-        {L"QueryServiceStatusEx", 3,
-         kOpenedToStop + pending + kQueried + kStopRequested + Sleeping(0) + kQueried +
-             Says(kNoStatus) + kClosed},
-    };
-    for (const Failure& failure : failures) {
-        StandInServiceManager manager(
-            {{SERVICE_STOP_PENDING}, kIsRunning, {SERVICE_STOP_PENDING}, kIsStopped});
-        // Not taken at its word when the request is refused.
-        manager.stopAnswer = failure.function == std::wstring(L"ControlService")
-                                 ? kIsStopped
-                                 : Answer{SERVICE_STOP_PENDING};
-        manager.failing = failure.function;
-        manager.failingCall = failure.call;
-        EXPECT_FALSE(StopServiceWithTimeout(kName));
-        EXPECT_EQ(manager.Calls(), failure.calls);
-    }
-}
-
-TEST(StopServiceWithTimeout, AHandleThatCannotBeClosedChangesNothing) {
-    StandInServiceManager manager({kIsRunning});
-    manager.stopAnswer = kIsStopped;
-    manager.failing = L"CloseServiceHandle";
-    EXPECT_TRUE(StopServiceWithTimeout(kName));
-    EXPECT_EQ(manager.Calls(),
-              kOpenedToStop + kQueried + kStopRequested + Says(kStopped) + kClosed);
-}
-
-TEST(StopServiceWithTimeout, RunningDependentsMakeTheRequestFailAndAreLeft) {
-    StandInServiceManager manager({kIsRunning});
-    manager.failing = L"ControlService";
-    manager.error = ERROR_DEPENDENT_SERVICES_RUNNING;
-    EXPECT_FALSE(StopServiceWithTimeout(kName));
-    EXPECT_EQ(manager.Calls(),
-              kOpenedToStop + kQueried + kStopRequested + Says(kRefused) + kClosed);
-}
-
-TEST(StartAgentService, EveryStateButStoppedAndStoppingIsTakenForRunning) {
-    for (const DWORD state : kOtherStates) {
-        const StandInServiceManager manager({{state, 1, 2000}});
-        EXPECT_TRUE(StartAgentService());
-        EXPECT_EQ(manager.Calls(), kOpenedToStart + kQueried + kClosed);
-    }
-}
-
-TEST(StartAgentService, AServiceThatRunsAtOnceIsNotWaitedFor) {
-    const StandInServiceManager manager({kIsStopped, kIsRunning});
-    EXPECT_TRUE(StartAgentService());
-    EXPECT_EQ(manager.Calls(),
-              kOpenedToStart + kQueried + kStartRequested + kQueried + Says(kStarted) + kClosed);
-}
-
-TEST(StartAgentService, AServiceThatIsNotRunningInTheEndHasNotStarted) {
-    for (const DWORD state : {SERVICE_STOPPED, SERVICE_STOP_PENDING, SERVICE_CONTINUE_PENDING,
-                              SERVICE_PAUSE_PENDING, SERVICE_PAUSED}) {
-        const StandInServiceManager atOnce({kIsStopped, {static_cast<DWORD>(state)}});
-        EXPECT_FALSE(StartAgentService());
-        EXPECT_EQ(atOnce.Calls(), kOpenedToStart + kQueried + kStartRequested + kQueried +
-                                      Says(kNotStarted) + kClosed);
-    }
-    const StandInServiceManager later({kIsStopped, {SERVICE_START_PENDING, 1, 2000}, kIsStopped});
-    EXPECT_FALSE(StartAgentService());
-    EXPECT_EQ(later.Calls(), kOpenedToStart + kQueried + kStartRequested + kQueried +
-                                 Sleeping(1000) + kQueried + Says(kNotStarted) + kClosed);
-}
-
-TEST(StartAgentService, SleepsForATenthOfTheHintWhileTheStartIsPending) {
-    const std::pair<DWORD, DWORD> hintsAndSleeps[] = {
-        {0, 1000}, {2000, 1000}, {10010, 1001}, {50000, 5000}, {100000, 10000}, {INFINITE, 10000}};
-    for (const auto& [hint, sleep] : hintsAndSleeps) {
-        const StandInServiceManager manager(
-            {kIsStopped, {SERVICE_START_PENDING, 1, hint}, kIsRunning});
-        EXPECT_TRUE(StartAgentService());
-        EXPECT_EQ(manager.Calls(), kOpenedToStart + kQueried + kStartRequested + kQueried +
-                                       Sleeping(sleep) + kQueried + Says(kStarted) + kClosed);
-    }
-}
-
-TEST(StartAgentService, WithoutProgressAPendingStartHasTheTimeOfItsHint) {
-    // The second sleep ends exactly when the hint does, the third one behind it.
-    for (const DWORD checkpoint : {1U, 0U}) {
-        const StandInServiceManager manager({kIsStopped,
-                                             {SERVICE_START_PENDING, 1, 2000},
-                                             {SERVICE_START_PENDING, checkpoint, 2000}});
-        EXPECT_FALSE(StartAgentService());
-        EXPECT_EQ(manager.Calls(), kOpenedToStart + kQueried + kStartRequested + kQueried +
-                                       Times(3, Sleeping(1000) + kQueried) + Says(kNotStarted) +
-                                       kClosed);
-    }
-    StandInServiceManager slow({kIsStopped, {SERVICE_START_PENDING, 1, 2000}});
-    slow.clock.perLook = 1;
-    EXPECT_FALSE(StartAgentService());
-    EXPECT_EQ(slow.clock.Sleeps(), Sleeps(2, 1000));
-}
-
-TEST(StartAgentService, WithProgressAPendingStartHasAllTheTime) {
-    Answers answers = {kIsStopped};
-    for (DWORD checkpoint = 5; checkpoint < 55; ++checkpoint) {
-        // As long as the hint lasts at each step.
-        answers.insert(answers.end(), 2, {SERVICE_START_PENDING, checkpoint, 2000});
-    }
-    answers.push_back(kIsRunning);
-    const StandInServiceManager manager(answers);
-    EXPECT_TRUE(StartAgentService());
-    EXPECT_EQ(manager.clock.Sleeps(), Sleeps(100, 1000));
-    EXPECT_EQ(manager.Messages(), Says(kStarted));
-}
-
-TEST(StartAgentService, TheTimeOfTheHintStartsAgainWithTheLastProgress) {
-    const StandInServiceManager manager({kIsStopped,
-                                         {SERVICE_START_PENDING, 1, 2000},
-                                         {SERVICE_START_PENDING, 1, 2000},
-                                         {SERVICE_START_PENDING, 2, 2000},
-                                         {SERVICE_START_PENDING, 2, 2000}});
-    EXPECT_FALSE(StartAgentService());
-    EXPECT_EQ(manager.clock.Sleeps(), Sleeps(5, 1000));
-}
-
-TEST(StartAgentService, ComparesWithTheHintOfTheLastAnswer) {
-    const StandInServiceManager shorter(
-        {kIsStopped, {SERVICE_START_PENDING, 1, 20000}, {SERVICE_START_PENDING, 1, 1999}});
-    EXPECT_FALSE(StartAgentService());
-    EXPECT_EQ(shorter.clock.Sleeps(), Sleeps{2000});
-}
-
-TEST(StartAgentService, WhatTheRequestTakesIsNotTakenFromTheHint) {
-    StandInServiceManager manager({kIsStopped,
-                                   {SERVICE_START_PENDING, 1, 2000},
-                                   {SERVICE_START_PENDING, 1, 2000},
-                                   kIsRunning});
-    // Nor is what the query behind it takes: with that one the first sleep would outlast the hint.
-    manager.takes = {{L"StartServiceW", 60000}, {L"QueryServiceStatusEx", 600}};
-    EXPECT_TRUE(StartAgentService());
-    EXPECT_EQ(manager.clock.Sleeps(), Sleeps(2, 1000));
-}
-
-TEST(StartAgentService, AQueryThatFailsWhileTheStartIsPendingIsReportedBesideItsOutcome) {
-    StandInServiceManager manager({kIsStopped, {SERVICE_START_PENDING, 1, 2000}});
-    manager.failing = L"QueryServiceStatusEx";
-    manager.failingCall = 3;
-    EXPECT_FALSE(StartAgentService());
-    EXPECT_EQ(manager.Calls(), kOpenedToStart + kQueried + kStartRequested + kQueried +
-                                   Sleeping(1000) + kQueried + Says(kNoStatus) + Says(kNotStarted) +
-                                   kClosed);
-}
-
-TEST(StartAgentService, AServiceThatIsStoppingIsStartedWhenItHasStopped) {
-    // A stopped service that still gives a hint, and one whose last step shows.
-    for (const Answer& stopped :
-         {Answer{SERVICE_STOPPED, 0, 1000}, Answer{SERVICE_STOPPED, 2, 0}}) {
-        const StandInServiceManager manager({{SERVICE_STOP_PENDING, 1, 0}, stopped, kIsRunning});
-        EXPECT_TRUE(StartAgentService());
-        EXPECT_EQ(manager.Calls(), kOpenedToStart + kQueried + Sleeping(1000) + kQueried +
-                                       kStartRequested + kQueried + Says(kStarted) + kClosed);
-    }
-}
-
-TEST(StartAgentService, AServiceThatIsStoppingHasTheTimeOfItsHintForEachSleep) {
-    // Ten times the hint in all, without any progress.
-    Answers answers(20, {SERVICE_STOP_PENDING, 1, 1000});
-    answers.push_back({SERVICE_STOPPED, 0, 1000});
-    answers.push_back(kIsRunning);
-    const StandInServiceManager manager(answers);
-    EXPECT_TRUE(StartAgentService());
-    EXPECT_EQ(manager.clock.Sleeps(), Sleeps(20, 1000));
-    EXPECT_EQ(manager.Messages(), Says(kStarted));
-}
-
-TEST(StartAgentService, AServiceThatIsStoppingIsNotStartedWhenASleepOutlastsItsHint) {
-    // The hint counts that the service gives after the sleep: none as a rule once it has stopped.
-    for (const Answer& after :
-         {Answer{SERVICE_STOP_PENDING, 1, 999}, Answer{SERVICE_STOP_PENDING, 0, 999},
-          Answer{SERVICE_STOP_PENDING, 1, 0}, Answer{SERVICE_STOPPED, 0, 0},
-          Answer{SERVICE_RUNNING, 0, 0}}) {
-        const StandInServiceManager manager({{SERVICE_STOP_PENDING, 1, 2000}, after});
-        EXPECT_FALSE(StartAgentService());
-        EXPECT_EQ(manager.Calls(), kOpenedToStart + kQueried + Sleeping(1000) + kQueried +
-                                       Says(kStopTimeout) + kClosed);
-    }
-    // What the query takes belongs to the sleep before it, what the opening takes does not.
-    StandInServiceManager slow({{SERVICE_STOP_PENDING, 1, 2000}});
-    slow.takes.emplace_back(L"OpenServiceW", 60000);
-    slow.takes.emplace_back(L"QueryServiceStatusEx", 1001);
-    EXPECT_FALSE(StartAgentService());
-    EXPECT_EQ(slow.clock.Sleeps(), Sleeps{1000});
-    EXPECT_EQ(slow.Messages(), Says(kStopTimeout));
-}
-
-TEST(StartAgentService, AServiceThatIsStoppingIsAskedEveryTenSecondsAtLeast) {
-    const StandInServiceManager manager(
-        {{SERVICE_STOP_PENDING, 1, 200000}, {SERVICE_STOPPED, 0, 200000}, kIsRunning});
-    EXPECT_TRUE(StartAgentService());
-    EXPECT_EQ(manager.clock.Sleeps(), Sleeps{10000});
-}
-
-TEST(StartAgentService, ProgressOutweighsAHintThatIsOver) {
-    const StandInServiceManager manager({{SERVICE_STOP_PENDING, 1, 0},
-                                         {SERVICE_STOP_PENDING, 2, 0},
-                                         {SERVICE_STOP_PENDING, 3, 50000},
-                                         {SERVICE_STOP_PENDING, 3, 0}});
-    EXPECT_FALSE(StartAgentService());
-    EXPECT_EQ(manager.clock.Sleeps(), (Sleeps{1000, 1000, 5000}));
-    EXPECT_EQ(manager.Messages(), Says(kStopTimeout));
-}
-
-TEST(StartAgentService, AServiceThatRunsAfterAPendingStopIsStartedAllTheSame) {
-    StandInServiceManager manager({{SERVICE_STOP_PENDING, 1, 2000}, {SERVICE_RUNNING, 0, 2000}});
-    manager.failing = L"StartServiceW";
-    manager.error = ERROR_SERVICE_ALREADY_RUNNING;
-    EXPECT_FALSE(StartAgentService());
-    EXPECT_EQ(manager.Calls(),
-              kOpenedToStart + kQueried + Sleeping(1000) + kQueried + kStartRequested +
-                  Says(L"Unable to start service and Error code is 1056") + kClosed);
-}
-
-TEST(StartAgentService, TicksMayStartAgainMeanwhile) {
-    for (const DWORD start : {kLastTick, kLastTick - 999, kLastTick - 1000, kLastTick - 1999}) {
-        {
-            const StandInServiceManager manager({kIsStopped, {SERVICE_START_PENDING, 1, 2000}},
-                                                start);
-            EXPECT_FALSE(StartAgentService());
-            EXPECT_EQ(manager.clock.Sleeps(), Sleeps(3, 1000)) << start;
-        }
-        const StandInServiceManager manager({{SERVICE_STOP_PENDING, 1, 1000},
-                                             {SERVICE_STOP_PENDING, 1, 1000},
-                                             {SERVICE_STOP_PENDING, 1, 999}},
-                                            start);
-        EXPECT_FALSE(StartAgentService());
-        EXPECT_EQ(manager.clock.Sleeps(), Sleeps(2, 1000)) << start;
-    }
-}
-
-TEST(StartAgentService, EveryCallThatFailsEndsItWithFalseAndClosesWhatIsOpen) {
-    struct Failure {
-        const wchar_t* function;
-        int call;
-        std::wstring calls;
-    };
-    const std::wstring stopped = kOpenedToStart + kQueried + Sleeping(1000) + kQueried;
-    const std::vector<Failure> failures = {
-        {L"OpenSCManagerW", 1, kOpenedManager + Says(kNoManager)},
-        {L"OpenServiceW", 1, kOpenedToStart + kClosedManager},
-        {L"QueryServiceStatusEx", 1, kOpenedToStart + kQueried + Says(kNoStatus) + kClosed},
-        {L"QueryServiceStatusEx", 2, stopped + Says(kNoStatus) + kClosed},
-        {L"StartServiceW", 1,
-         stopped + kStartRequested + Says(L"Unable to start service and Error code is 5") +
-             kClosed},
-        {L"QueryServiceStatusEx", 3,
-         stopped + kStartRequested + kQueried + Says(kNoStatus) + kClosed},
-    };
-    for (const Failure& failure : failures) {
-        StandInServiceManager manager({{SERVICE_STOP_PENDING, 1, 2000},
-                                       {SERVICE_STOPPED, 0, 2000},
-                                       {SERVICE_START_PENDING, 1, 2000},
-                                       kIsRunning});
-        manager.failing = failure.function;
-        manager.failingCall = failure.call;
-        EXPECT_FALSE(StartAgentService());
-        EXPECT_EQ(manager.Calls(), failure.calls);
-    }
-}
-
-TEST(StartAgentService, TellsTheCodeOfAStartThatIsRefusedAsASignedNumber) {
-    for (const auto& [code, text] : {std::pair<DWORD, std::wstring>{ERROR_SUCCESS, L"0"},
-                                     {ERROR_SERVICE_DISABLED, L"1058"},
-                                     {ERROR_SERVICE_MARKED_FOR_DELETE, L"1072"},
-                                     {0x7FFFFFFF, L"2147483647"},
-                                     {0x80000000, L"-2147483648"}}) {
-        StandInServiceManager manager({kIsStopped});
-        manager.failing = L"StartServiceW";
-        manager.error = code;
-        EXPECT_FALSE(StartAgentService());
-        EXPECT_EQ(manager.Messages(), Says(L"Unable to start service and Error code is " + text));
-    }
-}
-
-TEST(StartAgentService, AHandleThatCannotBeClosedChangesNothing) {
-    StandInServiceManager manager({kIsStopped, kIsRunning});
-    manager.failing = L"CloseServiceHandle";
-    EXPECT_TRUE(StartAgentService());
-    EXPECT_EQ(manager.Calls(),
-              kOpenedToStart + kQueried + kStartRequested + kQueried + Says(kStarted) + kClosed);
-}
-
-namespace {
 
 // A folder of the tests with the service's program where an agent would be whose install manager
 // lies in "Manager".
@@ -766,98 +483,102 @@ private:
     ScratchFolder scratch_;
 };
 
-class AgentServiceTest : public testing::Test {
-protected:
-    AgentFolder folder_;
+struct AgentServiceTest : testing::Test {
+    AgentFolder folder;
 };
 
 using StopServiceWithTimeoutTest = AgentServiceTest;
 using StartAgentServiceTest = AgentServiceTest;
 using CreateAgentServiceTest = AgentServiceTest;
 
+struct RunningService : InstalledService {
+    RunningService(const std::wstring& name, const AgentFolder& folder,
+                   const ServiceBehavior& behavior = {})
+        : InstalledService(name, folder.Program(), behavior) {
+        Start();
+    }
+};
+
+// A service that has been asked to stop.
+struct StoppingService : RunningService {
+    StoppingService(const std::wstring& name, const AgentFolder& folder,
+                    const ServiceBehavior& behavior)
+        : RunningService(name, folder, behavior) {
+        RequestStop();
+    }
+};
+
+// A stop or a start that is pending until the test lets it proceed.
+ServiceBehavior SlowStop(DWORD waitHint = 0, DWORD stoppedWaitHint = 0) {
+    return {NO_ERROR, 0, false, INFINITE, waitHint, 0, stoppedWaitHint};
+}
+
+ServiceBehavior SlowStart(DWORD waitHint, DWORD checkpointInterval = 0) {
+    return {NO_ERROR, INFINITE, false, 0, waitHint, checkpointInterval};
+}
+
 } // namespace
 
 TEST_F(StopServiceWithTimeoutTest, ARealServiceThatIsStopped) {
-    const InstalledService service(kName, folder_.Program());
-    const Messages messages;
-    const OpenServiceHandles handles;
+    const InstalledService service(kName, folder.Program());
+    const ServiceCalls calls;
     EXPECT_TRUE(StopServiceWithTimeout(kName));
-    EXPECT_EQ(handles.Count(), 0);
-    EXPECT_EQ(messages.Get(), Says(kAlreadyStopped));
+    EXPECT_EQ(calls.Messages(), Lines{kAlreadyStopped});
 }
 
 TEST_F(StopServiceWithTimeoutTest, ARealServiceThatIsNotThere) {
     const ServiceScope service(kName);
-    const Messages messages;
-    const OpenServiceHandles handles;
+    const ServiceCalls calls;
     EXPECT_FALSE(StopServiceWithTimeout(kName));
     EXPECT_FALSE(StopServiceWithTimeout(L""));
-    EXPECT_EQ(handles.Count(), 0);
-    EXPECT_EQ(messages.Get(), std::wstring());
+    EXPECT_EQ(calls.Messages(), Lines{});
 }
 
 TEST_F(StopServiceWithTimeoutTest, ARealServiceThatRuns) {
-    InstalledService service(kName, folder_.Program());
-    service.Start();
-    const Messages messages;
-    const OpenServiceHandles handles;
+    const RunningService service(kName, folder);
+    const ServiceCalls calls;
     EXPECT_TRUE(StopServiceWithTimeout(kName));
-    EXPECT_EQ(handles.Count(), 0);
-    EXPECT_EQ(messages.Get(), Says(kStopped));
+    EXPECT_EQ(calls.Messages(), Lines{kStopped});
     EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_STOPPED));
     EXPECT_TRUE(service.WaitForProcess());
 }
 
 TEST_F(StopServiceWithTimeoutTest, ARealServiceThatTakesItsTimeToStop) {
     // In real time: the hint is slept through as often as it takes.
-    ServiceBehavior behavior;
-    behavior.stopPending = 300;
-    behavior.waitHint = 100;
-    InstalledService service(kName, folder_.Program(), behavior);
-    service.Start();
-    const Messages messages;
+    const RunningService service(kName, folder, {NO_ERROR, 0, false, 300, 100});
+    const ServiceCalls calls;
     const ULONGLONG start = GetTickCount64();
     EXPECT_TRUE(StopServiceWithTimeout(kName));
     EXPECT_GE(GetTickCount64() - start, 280U);
-    EXPECT_EQ(messages.Get(), Says(kStopped));
+    EXPECT_EQ(calls.Messages(), Lines{kStopped});
     EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_STOPPED));
 }
 
 TEST_F(StopServiceWithTimeoutTest, ARealServiceThatIsStoppingAlready) {
     // In real time: the shortest sleep there is.
-    ServiceBehavior behavior;
-    behavior.stopPending = INFINITE;
-    InstalledService service(kName, folder_.Program(), behavior);
-    service.Start();
-    service.RequestStop();
-    const Messages messages;
+    const StoppingService service(kName, folder, SlowStop());
+    const ServiceCalls calls;
     const ChangeDuringSleep change(service);
     const ULONGLONG start = GetTickCount64();
     EXPECT_TRUE(StopServiceWithTimeout(kName));
     EXPECT_GE(GetTickCount64() - start, 980U);
     EXPECT_EQ(change.Get(), Sleeps{1000});
-    EXPECT_EQ(messages.Get(), Says(kStopPending) + Says(kStopped));
+    EXPECT_EQ(calls.Messages(), (Lines{kStopPending, kStopped}));
 }
 
 TEST_F(StopServiceWithTimeoutTest, ARealServiceWhoseStopIsPendingWithSomeHint) {
     for (const auto& [hint, sleep, sleepsInAll] :
          {std::tuple<DWORD, DWORD, std::size_t>{0, 1000, 31}, {2000, 1000, 31}, {50000, 5000, 7}}) {
-        ServiceBehavior behavior;
-        behavior.stopPending = INFINITE;
-        behavior.waitHint = hint;
-        InstalledService service(kName, folder_.Program(), behavior);
-        service.Start();
-        service.RequestStop();
+        const StoppingService service(kName, folder, SlowStop(hint));
         {
-            const Messages messages;
+            const ServiceCalls calls;
             const StandInClock clock;
             EXPECT_FALSE(StopServiceWithTimeout(kName));
             EXPECT_EQ(clock.Sleeps(), Sleeps(sleepsInAll, sleep));
-            EXPECT_EQ(messages.Get(),
-                      Times(sleepsInAll, Says(kStopPending)) + Says(kPendingTimeout));
+            EXPECT_EQ(calls.Messages(), Lines(sleepsInAll, kStopPending) + Lines{kPendingTimeout});
             EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_STOP_PENDING));
         }
-        const Messages messages;
+        const ServiceCalls calls;
         StandInClock clock;
         clock.afterSleep = [&] {
             if (clock.Sleeps().size() == 3) {
@@ -867,47 +588,37 @@ TEST_F(StopServiceWithTimeoutTest, ARealServiceWhoseStopIsPendingWithSomeHint) {
         };
         EXPECT_TRUE(StopServiceWithTimeout(kName));
         EXPECT_EQ(clock.Sleeps(), Sleeps(3, sleep));
-        EXPECT_EQ(messages.Get(), Times(3, Says(kStopPending)) + Says(kStopped));
+        EXPECT_EQ(calls.Messages(), Lines(3, kStopPending) + Lines{kStopped});
     }
 }
 
 TEST_F(StopServiceWithTimeoutTest, ARealServiceThatIsAskedToStopSleepsWithItsHint) {
     for (const auto& [hint, sleeps] :
          {std::pair<DWORD, Sleeps>{2000, Sleeps(16, 2000)}, {50000, Sleeps(1, 50000)}}) {
-        ServiceBehavior behavior;
-        behavior.stopPending = INFINITE;
-        behavior.waitHint = hint;
-        InstalledService service(kName, folder_.Program(), behavior);
-        service.Start();
-        const Messages messages;
+        const RunningService service(kName, folder, SlowStop(hint));
+        const ServiceCalls calls;
         const StandInClock clock;
         EXPECT_FALSE(StopServiceWithTimeout(kName));
         EXPECT_EQ(clock.Sleeps(), sleeps);
-        EXPECT_EQ(messages.Get(), Says(kStopTimeout));
+        EXPECT_EQ(calls.Messages(), Lines{kStopTimeout});
     }
 }
 
 TEST_F(StopServiceWithTimeoutTest, ARealServiceThatIgnoresTheStop) {
-    ServiceBehavior behavior;
-    behavior.stopIgnored = true;
-    InstalledService service(kName, folder_.Program(), behavior);
-    service.Start();
-    const Messages messages;
-    const OpenServiceHandles handles;
+    const RunningService service(kName, folder, {NO_ERROR, 0, true});
+    const ServiceCalls calls;
     StandInClock clock;
     clock.perLook = 3000;
     EXPECT_FALSE(StopServiceWithTimeout(kName));
-    EXPECT_EQ(handles.Count(), 0);
     EXPECT_EQ(clock.Sleeps(), Sleeps(11, 0));
-    EXPECT_EQ(messages.Get(), Says(kStopTimeout));
+    EXPECT_EQ(calls.Messages(), Lines{kStopTimeout});
     EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_RUNNING));
 }
 
 TEST_F(StopServiceWithTimeoutTest, NothingButItsMessagesIsSaid) {
     const halvard_tests::StandInSession session;
     const halvard_tests::CurrentSessionScope current(session.Get());
-    InstalledService service(kName, folder_.Program());
-    service.Start();
+    const RunningService service(kName, folder);
     EXPECT_EQ(halvard_tests::StandardOutputOf([] {
                   EXPECT_TRUE(StopServiceWithTimeout(kName));
                   EXPECT_TRUE(StopServiceWithTimeout(kName));
@@ -918,20 +629,16 @@ TEST_F(StopServiceWithTimeoutTest, NothingButItsMessagesIsSaid) {
                   EXPECT_EQ(opening.Calls(), 2);
               }),
               "");
-    EXPECT_EQ(session.LogLines(), std::vector<std::wstring>{});
+    EXPECT_EQ(session.LogLines(), Lines{});
 }
 
 TEST_F(StopServiceWithTimeoutTest, ARealServiceThatIsDeletedMeanwhile) {
     for (const bool stopping : {false, true}) {
-        ServiceBehavior behavior;
-        behavior.stopPending = INFINITE;
-        InstalledService service(kName, folder_.Program(), behavior);
-        service.Start();
+        const RunningService service(kName, folder, SlowStop());
         if (stopping) {
             service.RequestStop();
         }
-        const Messages messages;
-        const OpenServiceHandles handles;
+        const ServiceCalls calls;
         StandInClock clock;
         clock.perLook = 1000;
         clock.afterSleep = [&] {
@@ -943,8 +650,7 @@ TEST_F(StopServiceWithTimeoutTest, ARealServiceThatIsDeletedMeanwhile) {
         };
         EXPECT_TRUE(StopServiceWithTimeout(kName));
         EXPECT_EQ(clock.Sleeps().size(), 2U);
-        EXPECT_EQ(handles.Count(), 0);
-        EXPECT_EQ(messages.Get(), Times(stopping ? 2 : 0, Says(kStopPending)) + Says(kStopped));
+        EXPECT_EQ(calls.Messages(), Lines(stopping ? 2 : 0, kStopPending) + Lines{kStopped});
         EXPECT_TRUE(service.WaitUntilGone());
     }
 }
@@ -953,16 +659,11 @@ TEST_F(StopServiceWithTimeoutTest, ARealServiceThatIsDeletedAndWhoseProcessEndsM
     // The engine keeps the state of a deleted service whose process is gone, so that the time runs
     // out. On Windows it counts as stopped.
     for (const bool stopping : {false, true}) {
-        ServiceBehavior behavior;
-        behavior.stopPending = INFINITE;
-        behavior.waitHint = 10000;
-        InstalledService service(kName, folder_.Program(), behavior);
-        service.Start();
+        const RunningService service(kName, folder, SlowStop(10000));
         if (stopping) {
             service.RequestStop();
         }
-        const Messages messages;
-        const OpenServiceHandles handles;
+        const ServiceCalls calls;
         StandInClock clock;
         clock.afterSleep = [&] {
             if (clock.Sleeps().size() == 2) {
@@ -972,15 +673,13 @@ TEST_F(StopServiceWithTimeoutTest, ARealServiceThatIsDeletedAndWhoseProcessEndsM
         };
         EXPECT_FALSE(StopServiceWithTimeout(kName));
         EXPECT_EQ(clock.Sleeps(), stopping ? Sleeps(31, 1000) : Sleeps(4, 10000));
-        EXPECT_EQ(handles.Count(), 0);
-        EXPECT_EQ(messages.Get(), stopping ? Times(31, Says(kStopPending)) + Says(kPendingTimeout)
-                                           : Says(kStopTimeout));
+        EXPECT_EQ(calls.Messages(), stopping ? Lines(31, kStopPending) + Lines{kPendingTimeout}
+                                             : Lines{kStopTimeout});
     }
 }
 
 TEST_F(StopServiceWithTimeoutTest, ItsMessagesReachTheDebugger) {
-    InstalledService service(kName, folder_.Program());
-    service.Start();
+    const RunningService service(kName, folder);
     const std::vector<std::string> texts = halvard_tests::DebuggerOutputOf([] {
         StopServiceWithTimeout(kName);
         StopServiceWithTimeout(kName);
@@ -991,70 +690,49 @@ TEST_F(StopServiceWithTimeoutTest, ItsMessagesReachTheDebugger) {
 
 TEST_F(StartAgentServiceTest, ARealServiceThatIsNotThere) {
     const ServiceScope service(kAgent);
-    const Messages messages;
-    const OpenServiceHandles handles;
+    const ServiceCalls calls;
     EXPECT_FALSE(StartAgentService());
-    EXPECT_EQ(handles.Count(), 0);
-    EXPECT_EQ(messages.Get(), std::wstring());
+    EXPECT_EQ(calls.Messages(), Lines{});
 }
 
 TEST_F(StartAgentServiceTest, ARealServiceThatIsStopped) {
-    const InstalledService service(kAgent, folder_.Program());
-    const Messages messages;
-    const OpenServiceHandles handles;
+    const InstalledService service(kAgent, folder.Program());
+    const ServiceCalls calls;
     StandInClock clock;
     // Whether it runs at the first look or at the second one.
     clock.afterSleep = [&] {
         service.WaitForState(SERVICE_RUNNING);
     };
     EXPECT_TRUE(StartAgentService());
-    EXPECT_EQ(handles.Count(), 0);
-    EXPECT_EQ(messages.Get(), Says(kStarted));
+    EXPECT_EQ(calls.Messages(), Lines{kStarted});
     EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_RUNNING));
 }
 
 TEST_F(StartAgentServiceTest, ARealServiceThatRuns) {
-    InstalledService service(kAgent, folder_.Program());
-    service.Start();
+    const RunningService service(kAgent, folder);
     const DWORD process = service.Status().dwProcessId;
-    const Messages messages;
-    const OpenServiceHandles handles;
-    COUNT_CALLS(starting, StartServiceW);
+    const ServiceCalls calls;
     EXPECT_TRUE(StartAgentService());
-    EXPECT_EQ(starting.Calls(), 0);
-    EXPECT_EQ(handles.Count(), 0);
-    EXPECT_EQ(messages.Get(), std::wstring());
+    EXPECT_EQ(calls.All(), kOpenedToStart + kQuery + kClosed);
     EXPECT_EQ(service.Status().dwProcessId, process);
 }
 
 TEST_F(StartAgentServiceTest, ARealServiceThatIsStoppingAndGivesNoHintInTheEnd) {
     // In real time.
-    ServiceBehavior behavior;
-    behavior.stopPending = INFINITE;
-    behavior.waitHint = 5000;
-    InstalledService service(kAgent, folder_.Program(), behavior);
-    service.Start();
-    service.RequestStop();
-    const Messages messages;
+    const StoppingService service(kAgent, folder, SlowStop(5000));
+    const ServiceCalls calls;
     const ChangeDuringSleep change(service);
     const ULONGLONG start = GetTickCount64();
     EXPECT_FALSE(StartAgentService());
     EXPECT_GE(GetTickCount64() - start, 980U);
     EXPECT_EQ(change.Get(), Sleeps{1000});
-    EXPECT_EQ(messages.Get(), Says(kStopTimeout));
+    EXPECT_EQ(calls.Messages(), Lines{kStopTimeout});
     EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_STOPPED));
 }
 
 TEST_F(StartAgentServiceTest, ARealServiceThatIsStoppingAndGivesAHintInTheEnd) {
-    ServiceBehavior behavior;
-    behavior.stopPending = INFINITE;
-    behavior.waitHint = 2000;
-    behavior.stoppedWaitHint = 2000;
-    InstalledService service(kAgent, folder_.Program(), behavior);
-    service.Start();
-    service.RequestStop();
-    const Messages messages;
-    const OpenServiceHandles handles;
+    const StoppingService service(kAgent, folder, SlowStop(2000, 2000));
+    const ServiceCalls calls;
     StandInClock clock;
     clock.afterSleep = [&] {
         if (clock.Sleeps().size() == 3) {
@@ -1065,34 +743,26 @@ TEST_F(StartAgentServiceTest, ARealServiceThatIsStoppingAndGivesAHintInTheEnd) {
         }
     };
     EXPECT_TRUE(StartAgentService());
-    EXPECT_EQ(handles.Count(), 0);
-    EXPECT_EQ(messages.Get(), Says(kStarted));
+    EXPECT_EQ(calls.Messages(), Lines{kStarted});
     EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_RUNNING));
 }
 
 TEST_F(StartAgentServiceTest, ARealServiceThatTakesItsTimeToStart) {
     // In real time.
-    ServiceBehavior behavior;
-    behavior.startPending = INFINITE;
-    behavior.waitHint = 5000;
-    const InstalledService service(kAgent, folder_.Program(), behavior);
-    const Messages messages;
+    const InstalledService service(kAgent, folder.Program(), SlowStart(5000));
+    const ServiceCalls calls;
     const ChangeDuringSleep change(service);
     const ULONGLONG start = GetTickCount64();
     EXPECT_TRUE(StartAgentService());
     EXPECT_GE(GetTickCount64() - start, 980U);
     EXPECT_EQ(change.Get(), Sleeps{1000});
-    EXPECT_EQ(messages.Get(), Says(kStarted));
+    EXPECT_EQ(calls.Messages(), Lines{kStarted});
 }
 
 TEST_F(StartAgentServiceTest, ARealServiceThatStartsWithProgress) {
-    ServiceBehavior behavior;
-    behavior.startPending = INFINITE;
-    // Shorter than any sleep: nothing but progress makes up for it.
-    behavior.waitHint = 500;
-    behavior.checkpointInterval = 5;
-    const InstalledService service(kAgent, folder_.Program(), behavior);
-    const Messages messages;
+    // With a hint shorter than any sleep: nothing but progress makes up for it.
+    const InstalledService service(kAgent, folder.Program(), SlowStart(500, 5));
+    const ServiceCalls calls;
     StandInClock clock;
     clock.afterSleep = [&] {
         if (clock.Sleeps().size() < 5) {
@@ -1104,103 +774,75 @@ TEST_F(StartAgentServiceTest, ARealServiceThatStartsWithProgress) {
     };
     EXPECT_TRUE(StartAgentService());
     EXPECT_EQ(clock.Sleeps(), Sleeps(5, 1000));
-    EXPECT_EQ(messages.Get(), Says(kStarted));
+    EXPECT_EQ(calls.Messages(), Lines{kStarted});
 }
 
 TEST_F(StartAgentServiceTest, ARealServiceThatStartsWithoutProgress) {
-    ServiceBehavior behavior;
-    behavior.startPending = INFINITE;
-    behavior.waitHint = 2000;
-    const InstalledService service(kAgent, folder_.Program(), behavior);
-    const Messages messages;
-    const OpenServiceHandles handles;
+    const InstalledService service(kAgent, folder.Program(), SlowStart(2000));
+    const ServiceCalls calls;
     StandInClock clock;
     // What it gives before its own first report is the service manager's.
     clock.afterSleep = [&] {
         service.WaitForProgress(0);
     };
     EXPECT_FALSE(StartAgentService());
-    EXPECT_EQ(handles.Count(), 0);
     EXPECT_GE(clock.Sleeps().size(), 3U);
     EXPECT_LE(clock.Sleeps().size(), 4U);
-    EXPECT_EQ(messages.Get(), Says(kNotStarted));
+    EXPECT_EQ(calls.Messages(), Lines{kNotStarted});
     EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_START_PENDING));
 }
 
 TEST_F(StartAgentServiceTest, ARealServiceThatRefusesToStart) {
-    ServiceBehavior behavior;
-    behavior.startFailure = ERROR_ACCESS_DENIED;
-    const InstalledService service(kAgent, folder_.Program(), behavior);
-    const Messages messages;
+    const InstalledService service(kAgent, folder.Program(), {ERROR_ACCESS_DENIED});
+    const ServiceCalls calls;
     StandInClock clock;
     clock.afterSleep = [&] {
         service.WaitForState(SERVICE_STOPPED);
     };
     EXPECT_FALSE(StartAgentService());
-    EXPECT_EQ(messages.Get(), Says(kNotStarted));
+    EXPECT_EQ(calls.Messages(), Lines{kNotStarted});
     EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_STOPPED));
 }
 
 TEST_F(StartAgentServiceTest, ARealServiceWhoseProcessEndsWhileItStarts) {
     // Whether its state is kept or counts as stopped, it has not started.
-    ServiceBehavior behavior;
-    behavior.startPending = INFINITE;
-    behavior.waitHint = 2000;
-    const InstalledService service(kAgent, folder_.Program(), behavior);
-    const Messages messages;
-    const OpenServiceHandles handles;
+    const InstalledService service(kAgent, folder.Program(), SlowStart(2000));
+    const ServiceCalls calls;
     StandInClock clock;
     clock.afterSleep = [&] {
         service.EndProcess();
     };
     EXPECT_FALSE(StartAgentService());
-    EXPECT_EQ(handles.Count(), 0);
-    EXPECT_EQ(messages.Get(), Says(kNotStarted));
+    EXPECT_EQ(calls.Messages(), Lines{kNotStarted});
 }
 
 TEST_F(StartAgentServiceTest, ARealServiceWithoutAProgram) {
-    const InstalledService service(kAgent, folder_.Manager() + L"\\missing.exe");
-    const Messages messages;
-    const OpenServiceHandles handles;
+    const InstalledService service(kAgent, folder.Manager() + L"\\missing.exe");
+    const ServiceCalls calls;
     EXPECT_FALSE(StartAgentService());
-    EXPECT_EQ(handles.Count(), 0);
-    EXPECT_EQ(messages.Get(), Says(L"Unable to start service and Error code is 2"));
+    EXPECT_EQ(calls.Messages(), Lines{NotStartedWith(L"2")});
 }
 
 TEST_F(StartAgentServiceTest, ItsMessagesReachTheDebugger) {
-    const InstalledService service(kAgent, folder_.Manager() + L"\\missing.exe");
+    const InstalledService service(kAgent, folder.Manager() + L"\\missing.exe");
     EXPECT_EQ(halvard_tests::DebuggerOutputOf([] { StartAgentService(); }),
               std::vector<std::string>{"Unable to start service and Error code is 2"});
 }
 
 namespace {
 
+const std::wstring kDisplayName = L"Zenvo User Experience Program Data Uploader";
+// The path follows, and nothing behind it.
+const std::wstring kCreating =
+    L"create service TeloLauncher, " + kDisplayName + L", 0xf01ff 0x110 2 1, ";
+
 std::wstring PathIn(const std::wstring& installDir) {
     return L"\"" + installDir + L"\\..\\Usage Profile Agent\\TeloDU.exe\"";
 }
 
-// What the service manager knows of a service.
-struct Configuration {
-    DWORD type = 0;
-    DWORD start = 0;
-    DWORD errorControl = 0;
-    DWORD tag = 0;
-    std::wstring path;
-    std::wstring group;
-    std::wstring dependencies;
-    std::wstring account;
-    std::wstring displayName;
-};
-
-bool operator==(const Configuration& left, const Configuration& right) {
-    const auto all = [](const Configuration& each) {
-        return std::tie(each.type, each.start, each.errorControl, each.tag, each.path, each.group,
-                        each.dependencies, each.account, each.displayName);
-    };
-    return all(left) == all(right);
-}
-
-Configuration ConfigurationOf(const wchar_t* name) {
+// What the service manager knows of a service: type, start, error control, tag, program, group,
+// dependencies, account, displayed name.
+Lines ConfigurationOf(const wchar_t* name) {
     BYTE buffer[8192] = {};
     DWORD needed = 0;
     SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
@@ -1211,14 +853,17 @@ Configuration ConfigurationOf(const wchar_t* name) {
               FALSE);
     CloseServiceHandle(service);
     CloseServiceHandle(manager);
-    const auto text = [](LPCWSTR value) {
-        return value == nullptr ? std::wstring() : value;
-    };
-    return {config->dwServiceType,          config->dwStartType,
-            config->dwErrorControl,         config->dwTagId,
-            text(config->lpBinaryPathName), text(config->lpLoadOrderGroup),
-            text(config->lpDependencies),   text(config->lpServiceStartName),
-            text(config->lpDisplayName)};
+    Lines lines;
+    for (const DWORD number :
+         {config->dwServiceType, config->dwStartType, config->dwErrorControl, config->dwTagId}) {
+        lines.push_back(std::to_wstring(number));
+    }
+    for (const wchar_t* const text :
+         {config->lpBinaryPathName, config->lpLoadOrderGroup, config->lpDependencies,
+          config->lpServiceStartName, config->lpDisplayName}) {
+        lines.emplace_back(text == nullptr ? L"" : text);
+    }
+    return lines;
 }
 
 // The first handle of the service manager that is opened, closed at the end: it is left open.
@@ -1242,27 +887,17 @@ private:
 
 // The path of the service that is created while "InstallDir" is as a test has set it.
 std::wstring CreatedPath() {
-    std::wstring path;
-    HOOK(creating, CreateServiceW,
-         [&](SC_HANDLE, LPCWSTR, LPCWSTR, DWORD, DWORD, DWORD, DWORD, LPCWSTR given, LPCWSTR,
-             LPDWORD, LPCWSTR, LPCWSTR, LPCWSTR) -> SC_HANDLE {
-             path = given;
-             return nullptr;
-         });
-    const LeftManager manager;
+    const ServiceManagerCalls manager;
     CreateAgentService();
-    EXPECT_EQ(creating.Calls(), 1);
-    return path;
+    const Lines paths = manager.Rests(kCreating);
+    EXPECT_EQ(paths.size(), 1U);
+    return paths.empty() ? std::wstring() : paths[0];
 }
 
-const std::wstring kCreated = L"CreateServiceW manager TeloLauncher, "
-                              L"Zenvo User Experience Program Data Uploader, "
-                              L"0xf01ff 0x110 2 1, " +
-                              PathIn(L"C:\\Zenvo\\MIM") + L", (null) null (null) (null) (null)\n";
-const std::wstring kDelayed = L"ChangeServiceConfig2W service 3 1\n";
-
 struct InstallManager {
-    InstallManager() { key.SetString(L"InstallDir", L"C:\\Zenvo\\MIM"); }
+    explicit InstallManager(const std::wstring& folder = L"C:\\Zenvo\\MIM") {
+        key.SetString(L"InstallDir", folder);
+    }
 
     ScratchKey key{kInstallManagerKey};
 };
@@ -1270,51 +905,41 @@ struct InstallManager {
 } // namespace
 
 TEST(CreateAgentService, MakesItsCallsInThisOrderAndLeavesTheManagerOpen) {
+    const Lines created = kOpenedManager + Lines{kCreating + PathIn(L"C:\\Zenvo\\MIM")};
+    const Lines all = created + Lines{L"change service TeloLauncher 3 1"} + kClosedService;
+    struct Case {
+        std::wstring failing;
+        DWORD code;
+        Lines calls;
+        std::string output;
+    };
+    const Case cases[] = {
+        {L"nothing", 0, all, ""},
+        {L"change service", ERROR_ACCESS_DENIED, all, ""},
+        {L"create service", ERROR_SERVICE_EXISTS, created, ""},
+        {L"create service", ERROR_SERVICE_MARKED_FOR_DELETE, created, ""},
+        {L"create service", ERROR_DUPLICATE_SERVICE_NAME, created, ""},
+        {L"create service", ERROR_ACCESS_DENIED, created, ""},
+        // With the end of line that the run-time's text streams write.
+        {L"open manager", ERROR_ACCESS_DENIED, kOpenedManager, "Error: Failed to open SCM.\r\n"},
+    };
     const InstallManager installed;
-    const StandInServiceManager manager;
-    EXPECT_EQ(halvard_tests::StandardOutputOf([] { CreateAgentService(); }), "");
-    EXPECT_EQ(manager.Calls(), kOpenedManager + kCreated + kDelayed + kClosedService);
-}
-
-TEST(CreateAgentService, AManagerThatCannotBeOpenedIsReportedOnStandardOutput) {
-    const InstallManager installed;
-    StandInServiceManager manager;
-    manager.failing = L"OpenSCManagerW";
-    // With the end of line that the run-time's text streams write.
-    EXPECT_EQ(halvard_tests::StandardOutputOf([] { CreateAgentService(); }),
-              "Error: Failed to open SCM.\r\n");
-    EXPECT_EQ(manager.Calls(), kOpenedManager);
-}
-
-TEST(CreateAgentService, AServiceThatCannotBeCreatedIsLeftAndNotReported) {
-    const InstallManager installed;
-    for (const DWORD code : {ERROR_SERVICE_EXISTS, ERROR_SERVICE_MARKED_FOR_DELETE,
-                             ERROR_DUPLICATE_SERVICE_NAME, ERROR_ACCESS_DENIED}) {
-        StandInServiceManager manager;
-        manager.failing = L"CreateServiceW";
-        manager.error = code;
-        EXPECT_EQ(halvard_tests::StandardOutputOf([] { CreateAgentService(); }), "");
-        EXPECT_EQ(manager.Calls(), kOpenedManager + kCreated);
+    for (const Case& tested : cases) {
+        ServiceManagerCalls manager;
+        manager.Fail(tested.failing, tested.code);
+        EXPECT_EQ(halvard_tests::StandardOutputOf([] { CreateAgentService(); }), tested.output);
+        EXPECT_EQ(manager.All(), tested.calls);
     }
-}
-
-TEST(CreateAgentService, AStartThatCannotBeDelayedChangesNothing) {
-    const InstallManager installed;
-    StandInServiceManager manager;
-    manager.failing = L"ChangeServiceConfig2W";
-    EXPECT_EQ(halvard_tests::StandardOutputOf([] { CreateAgentService(); }), "");
-    EXPECT_EQ(manager.Calls(), kOpenedManager + kCreated + kDelayed + kClosedService);
 }
 
 TEST(CreateAgentService, ReadsTheInstallManagersFolderInThe64BitView) {
     const InstallManager installed;
-    const StandInServiceManager manager;
+    const ServiceManagerCalls manager;
     const CallTrace registry(kRegistry);
     CreateAgentService();
-    const std::wstring key = std::wstring(L"HKLM\\") + kInstallManagerKey;
-    EXPECT_EQ(registry.All(), (std::vector<std::wstring>{L"open " + key + L" 0x20119",
-                                                         L"query " + key + L" InstallDir 260 bytes",
-                                                         L"close " + key}));
+    const std::wstring key = L"HKLM\\"s + kInstallManagerKey;
+    EXPECT_EQ(registry.All(), (Lines{L"open " + key + L" 0x20119",
+                                     L"query " + key + L" InstallDir 260 bytes", L"close " + key}));
 }
 
 TEST(CreateAgentService, AFolderThatCannotBeReadIsEmpty) {
@@ -1353,98 +978,78 @@ TEST(CreateAgentService, TheFolderOfThe32BitViewDoesNotCount) {
     EXPECT_EQ(CreatedPath(), PathIn(L""));
 }
 
-TEST(CreateAgentService, AFolderHasAtMost260BytesWithItsTerminator) {
-    const ScratchKey key(kInstallManagerKey);
-    for (const std::size_t length : {0U, 1U, 128U, 129U}) {
-        const std::wstring directory(length, L'd');
-        key.SetString(L"InstallDir", directory);
-        EXPECT_EQ(CreatedPath(), PathIn(directory)) << length;
-    }
-    for (const std::size_t length : {130U, 131U, 259U, 1024U, 5000U}) {
-        key.SetString(L"InstallDir", std::wstring(length, L'd'));
-        EXPECT_EQ(CreatedPath(), PathIn(L"")) << length;
-    }
-}
-
-TEST(CreateAgentService, AFolderStoredWithoutATerminatorEndsWhereTheValueDoes) {
-    const ScratchKey key(kInstallManagerKey);
-    // Longer than what is stored of it: the system takes in a terminator that comes next.
-    const std::wstring text(200, L'd');
-    const auto store = [&](DWORD bytes) {
-        RegSetValueExW(key.Get(), L"InstallDir", 0, REG_SZ,
-                       reinterpret_cast<const BYTE*>(text.data()), bytes);
-        EXPECT_EQ(key.Read(L"InstallDir").bytes.size(), bytes);
+TEST(CreateAgentService, TakesAFolderOfAtMost260BytesAsItIsStored) {
+    struct Case {
+        DWORD type;
+        std::wstring characters;
+        std::size_t bytes;
+        std::wstring folder;
     };
-    for (const DWORD length : {1U, 129U, 130U}) {
-        store(2 * length);
-        EXPECT_EQ(CreatedPath(), PathIn(text.substr(0, length))) << length;
+    const auto d = [](std::size_t length) {
+        return std::wstring(length, L'd');
+    };
+    std::vector<Case> cases = {
+        // Without a terminator it ends where the value does.
+        {REG_SZ, d(1), 2, d(1)},
+        {REG_SZ, d(129), 258, d(129)},
+        {REG_SZ, d(130), 260, d(130)},
+        {REG_SZ, d(131), 262, L""},
+        {REG_SZ, d(140), 280, L""},
+        // A last byte of its own is a character of its own.
+        {REG_SZ, d(3), 5, d(3)},
+        {REG_SZ, d(130), 259, d(130)},
+        // It ends at the first null character.
+        {REG_SZ, L"C:\\A\0B\0"s, 14, L"C:\\A"},
+        {REG_SZ, L"\0"s, 2, L""},
+        {REG_SZ, L"", 0, L""},
+        {REG_SZ, L"C:\\Zenvo\\\0"s, 20, L"C:\\Zenvo\\"},
+        {REG_DWORD, L"AB", 4, L"AB"},
+    };
+    for (const std::size_t length : {0U, 1U, 128U, 129U, 130U, 131U, 259U, 1024U, 5000U}) {
+        cases.push_back(
+            {REG_SZ, d(length) + L'\0', 2 * length + 2, length < 130 ? d(length) : L""});
     }
-    for (const DWORD length : {131U, 140U}) {
-        store(2 * length);
-        EXPECT_EQ(CreatedPath(), PathIn(L"")) << length;
-    }
-    // A last byte of its own is a character of its own.
-    store(5);
-    EXPECT_EQ(CreatedPath(), PathIn(L"ddd"));
-    store(259);
-    EXPECT_EQ(CreatedPath(), PathIn(text.substr(0, 130)));
-}
-
-TEST(CreateAgentService, AFolderEndsAtItsFirstNullCharacter) {
-    const ScratchKey key(kInstallManagerKey);
-    key.SetCharacters(L"InstallDir", REG_SZ, std::wstring(L"C:\\A\0B\0", 7));
-    EXPECT_EQ(CreatedPath(), PathIn(L"C:\\A"));
-    key.SetCharacters(L"InstallDir", REG_SZ, std::wstring(1, L'\0'));
-    EXPECT_EQ(CreatedPath(), PathIn(L""));
-    key.SetBytes(L"InstallDir", REG_SZ, {});
-    EXPECT_EQ(CreatedPath(), PathIn(L""));
-}
-
-TEST(CreateAgentService, AValueOfAnyTypeIsTakenForTextAsItIsStored) {
-    const ScratchKey key(kInstallManagerKey);
     for (const DWORD type : {REG_SZ, REG_EXPAND_SZ, REG_MULTI_SZ, REG_BINARY, REG_NONE}) {
-        key.SetCharacters(L"InstallDir", type, std::wstring(L"%SystemRoot%\\A%s%d\0\0", 20));
-        EXPECT_EQ(CreatedPath(), PathIn(L"%SystemRoot%\\A%s%d")) << type;
+        const std::wstring folder = L"%SystemRoot%\\A%s%d";
+        cases.push_back({type, folder + L"\0\0"s, 2 * folder.size() + 4, folder});
     }
-    key.SetBytes(L"InstallDir", REG_DWORD, {'A', 0, 'B', 0});
-    EXPECT_EQ(CreatedPath(), PathIn(L"AB"));
-}
-
-TEST(CreateAgentService, AFolderThatEndsInABackslashGetsAnotherOne) {
     const ScratchKey key(kInstallManagerKey);
-    key.SetString(L"InstallDir", L"C:\\Zenvo\\");
-    EXPECT_EQ(CreatedPath(), L"\"C:\\Zenvo\\\\..\\Usage Profile Agent\\TeloDU.exe\"");
+    for (const Case& tested : cases) {
+        // Longer than what is stored of it: the system takes in a terminator that comes next.
+        const Bytes bytes = BytesOf(tested.characters + d(2));
+        RegSetValueExW(key.Get(), L"InstallDir", 0, tested.type, bytes.data(),
+                       static_cast<DWORD>(tested.bytes));
+        EXPECT_EQ(key.Read(L"InstallDir"),
+                  (ScratchKey::Value{
+                      tested.type, Bytes(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(
+                                                                            tested.bytes))}));
+        EXPECT_EQ(CreatedPath(), PathIn(tested.folder)) << tested.type << " " << tested.bytes;
+    }
 }
 
 TEST(CreateAgentService, TheServiceManagerKnowsEveryPropertyAsGiven) {
     const InstallManager installed;
     const ServiceScope service(kAgent);
-    const Messages messages;
     const LeftManager manager;
+    const ServiceCalls calls(kOpenedManager);
     CreateAgentService();
-    const Configuration configuration = ConfigurationOf(kAgent);
-    EXPECT_EQ(configuration.type,
-              static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS | SERVICE_INTERACTIVE_PROCESS));
-    EXPECT_EQ(configuration.start, static_cast<DWORD>(SERVICE_AUTO_START));
-    EXPECT_EQ(configuration.errorControl, static_cast<DWORD>(SERVICE_ERROR_NORMAL));
-    EXPECT_EQ(configuration.path, PathIn(L"C:\\Zenvo\\MIM"));
-    EXPECT_EQ(configuration.group, L"");
-    EXPECT_EQ(configuration.tag, 0U);
-    EXPECT_EQ(configuration.dependencies, L"");
-    EXPECT_EQ(configuration.account, L"LocalSystem");
-    EXPECT_EQ(configuration.displayName, L"Zenvo User Experience Program Data Uploader");
+    EXPECT_EQ(ConfigurationOf(kAgent),
+              (Lines{std::to_wstring(SERVICE_WIN32_OWN_PROCESS | SERVICE_INTERACTIVE_PROCESS),
+                     std::to_wstring(SERVICE_AUTO_START), std::to_wstring(SERVICE_ERROR_NORMAL),
+                     L"0", PathIn(L"C:\\Zenvo\\MIM"), L"", L"", L"LocalSystem", kDisplayName}));
     EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_STOPPED));
-    EXPECT_EQ(messages.Get(), std::wstring());
+    EXPECT_EQ(calls.Messages(), Lines{});
 }
 
 TEST(CreateAgentService, TheHandleOfTheManagerStaysUsable) {
     const InstallManager installed;
     const ServiceScope service(kAgent);
     const LeftManager manager;
-    COUNT_CALLS(closing, CloseServiceHandle);
-    CreateAgentService();
-    // The service alone.
-    EXPECT_EQ(closing.Calls(), 1);
+    {
+        const ServiceCalls calls(kOpenedManager);
+        CreateAgentService();
+        EXPECT_EQ(calls.Of({L"close"}), kClosedService);
+    }
     SC_HANDLE opened = OpenServiceW(manager.Get(), kAgent, SERVICE_QUERY_STATUS);
     EXPECT_NE(opened, nullptr);
     CloseServiceHandle(opened);
@@ -1452,35 +1057,31 @@ TEST(CreateAgentService, TheHandleOfTheManagerStaysUsable) {
 
 TEST_F(CreateAgentServiceTest, AServiceThatExistsKeepsItsConfiguration) {
     const InstallManager installed;
-    const InstalledService service(kAgent, folder_.Program());
-    const Configuration before = ConfigurationOf(kAgent);
-    EXPECT_EQ(before.path, folder_.Program());
+    const InstalledService service(kAgent, folder.Program());
+    const Lines before = ConfigurationOf(kAgent);
+    EXPECT_EQ(before[4], folder.Program());
     const LeftManager manager;
-    COUNT_CALLS(changing, ChangeServiceConfig2W);
+    const ServiceCalls calls(kOpenedManager);
     EXPECT_EQ(halvard_tests::StandardOutputOf([] { CreateAgentService(); }), "");
-    EXPECT_EQ(changing.Calls(), 0);
+    EXPECT_EQ(calls.Of({L"change"}), Lines{});
     EXPECT_EQ(ConfigurationOf(kAgent), before);
 }
 
 TEST_F(CreateAgentServiceTest, WhatItCreatesStartsAndStops) {
-    const ScratchKey key(kInstallManagerKey);
-    key.SetString(L"InstallDir", folder_.Manager());
+    const InstallManager installed(folder.Manager());
     const ServiceScope service(kAgent);
-    const Messages messages;
     StandInClock clock;
     clock.afterSleep = [&] {
         service.WaitForState(SERVICE_RUNNING);
     };
-    {
-        const LeftManager manager;
-        CreateAgentService();
-    }
+    const LeftManager manager;
+    const ServiceCalls calls(kOpenedManager);
+    CreateAgentService();
     EXPECT_TRUE(StartAgentService());
     EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_RUNNING));
-    clock.afterSleep = [] {
-    };
+    clock.afterSleep = nullptr;
     EXPECT_TRUE(StopServiceWithTimeout(kAgent));
-    EXPECT_EQ(messages.Get(), Says(kStarted) + Says(kStopped));
+    EXPECT_EQ(calls.Messages(), (Lines{kStarted, kStopped}));
     EXPECT_EQ(service.State(), static_cast<DWORD>(SERVICE_STOPPED));
 }
 
@@ -1489,35 +1090,20 @@ TEST(TheAgentServiceRoutines, ThrowNothingSinceTheyAllocateNothing) {
     static_assert(noexcept(StartAgentService()));
     static_assert(noexcept(CreateAgentService()));
     const InstallManager installed;
-    const std::wstring name = kName;
-    SC_HANDLE handle = reinterpret_cast<SC_HANDLE>(0x100);
-    // Nothing of the test allocates while they run.
-    FAIL_CALL(managers, OpenSCManagerW, 0, handle, NO_ERROR);
-    FAIL_CALL(services, OpenServiceW, 0, handle, NO_ERROR);
-    FAIL_CALL(closing, CloseServiceHandle, 0, TRUE, NO_ERROR);
-    FAIL_CALL(stopping, ControlService, 0, FALSE, ERROR_ACCESS_DENIED);
-    FAIL_CALL(starting, StartServiceW, 0, FALSE, ERROR_ACCESS_DENIED);
-    FAIL_CALL(creating, CreateServiceW, 0, handle, NO_ERROR);
-    FAIL_CALL(changing, ChangeServiceConfig2W, 0, TRUE, NO_ERROR);
-    HOOK(sleeping, Sleep, [](DWORD) {});
-    DWORD state = SERVICE_STOP_PENDING;
-    HOOK(querying, QueryServiceStatusEx,
-         [&state](SC_HANDLE, SC_STATUS_TYPE, LPBYTE buffer, DWORD, LPDWORD) -> BOOL {
-             auto* const status = reinterpret_cast<SERVICE_STATUS_PROCESS*>(buffer);
-             status->dwCurrentState = std::exchange(state, SERVICE_STOPPED);
-             status->dwWaitHint = INFINITE;
-             return TRUE;
-         });
-    const AllocationFailure failure(1);
-    EXPECT_TRUE(StopServiceWithTimeout(name));
-    state = SERVICE_STOP_PENDING;
-    EXPECT_FALSE(StartAgentService());
-    CreateAgentService();
-    state = SERVICE_RUNNING;
-    EXPECT_FALSE(StopServiceWithTimeout(name));
-    EXPECT_FALSE(failure.Happened());
-    EXPECT_EQ(sleeping.Calls(), 2);
-    EXPECT_EQ(starting.Calls(), 1);
-    EXPECT_EQ(stopping.Calls(), 1);
-    EXPECT_EQ(changing.Calls(), 1);
+    const std::wstring name = kAgent;
+    ServiceManagerCalls manager({Stopping(INFINITE), {SERVICE_STOPPED, 0, INFINITE}});
+    manager.stopError = ERROR_ACCESS_DENIED;
+    manager.Fail(L"start service");
+    {
+        const AllocationFailure failure(1);
+        EXPECT_TRUE(StopServiceWithTimeout(name));
+        EXPECT_FALSE(StartAgentService());
+        CreateAgentService();
+        manager.queries[0] = kIsRunning;
+        EXPECT_FALSE(StopServiceWithTimeout(name));
+        EXPECT_FALSE(failure.Happened());
+    }
+    EXPECT_EQ(manager.Of({L"sleep", L"start", L"change", L"control"}),
+              Sleeping(10000) + Sleeping(10000) + kStartRequest +
+                  Lines{L"change service TeloLauncher 3 1"} + kStopRequest);
 }

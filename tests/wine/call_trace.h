@@ -29,8 +29,11 @@ enum CallGroup : unsigned {
     kSecurity = 1U << 11U,       // access lists
     kCom = 1U << 12U,            // apartments, objects, identities
     kDevices = 1U << 13U,        // devices and their properties
-    kClosing = 1U << 14U,        // what gives back a handle or memory, keys and records apart
-    kEveryCall = (1U << 15U) - 1,
+    kClosing = 1U << 14U, // what gives back a handle or memory, keys, records and services apart
+    kServiceClosing = 1U << 15U, // what closes a service or the service control manager
+    kMessages = 1U << 16U,       // what the debugger is told
+    kSleeps = 1U << 17U,
+    kEveryCall = (1U << 18U) - 1,
 };
 
 /// The lines that begin with one of these texts.
@@ -88,6 +91,8 @@ public:
     /// Notes a call. Whether it is to be made; FailureCode() says with which code it fails else.
     bool Comes(const std::wstring& line);
     DWORD FailureCode() const { return code_; }
+    /// Notes a call that can neither fail nor open anything.
+    void Passes(const std::wstring& line) { lines_.push_back(line); }
     /// Notes a call that gives back what a handle stands for.
     void Closes(const std::wstring& line, Resource kind, const void* handle);
     /// Notes what the call that came last has opened, and what that is for.

@@ -15,11 +15,13 @@
 #include <gtest/gtest.h>
 
 #include <clocale>
+#include <functional>
 #include <iterator>
 #include <stdexcept>
 
 using halvard::CheckForClients;
 using halvard::SetClientStatus;
+using halvard_tests::BytesOf;
 using halvard_tests::CallTrace;
 using halvard_tests::KeyExists;
 using halvard_tests::kRegistry;
@@ -40,11 +42,6 @@ const std::wstring kUserKey = L"HKCU\\" + kTelo;
 const std::wstring kStatusKey = L"HKLM\\" + kTelo;
 const std::wstring kAgentKey = L"HKLM\\" + kAgent;
 constexpr UINT kSkip = ERROR_NO_MORE_ITEMS;
-
-Bytes BytesOf(const std::wstring& characters) {
-    const auto* const first = reinterpret_cast<const BYTE*>(characters.data());
-    return {first, first + characters.size() * sizeof(wchar_t)};
-}
 
 Value Text(const std::wstring& text) {
     return {REG_SZ, BytesOf(text + L'\0')};
@@ -138,6 +135,19 @@ protected:
     }
 
     UINT Remove(const std::wstring& client) const { return Run(Data(client, L"ALL", L"1.2.3.4")); }
+
+    // Runs with this call to the registry refused; no handle stays open. How many calls came.
+    std::size_t ExpectWithRefusal(std::size_t number, UINT result, const char* what) const {
+        const int before = OpenHandleCount();
+        std::size_t count = 0;
+        {
+            const CallTrace calls(kRegistry, number);
+            EXPECT_EQ(CheckForClients(session.Get()), result) << what;
+            count = calls.Count();
+        }
+        EXPECT_EQ(OpenHandleCount(), before) << what;
+        return count;
+    }
 
     const StandInSession session;
 };
@@ -246,9 +256,8 @@ TEST_F(CheckForClientsTest, DataTooShortForAnAbsentItemLeavesTheAction) {
     for (const wchar_t* data : {L"", L"ALL", L"Foo=x", L"Action=ALL", L"Action=ALL;x"}) {
         SetLastClient(L"Last");
         const StandInSession logging;
-        session.SetProperty(L"CustomActionData", data);
         const CallTrace calls(kRegistry);
-        EXPECT_THROW(CheckForClients(session.Get()), std::out_of_range) << data;
+        EXPECT_THROW(Run(data), std::out_of_range) << data;
         EXPECT_EQ(calls.All(), Lines{});
         EXPECT_EQ(logging.LogLines(), Lines{L"CustomActionData: "s + data});
         EXPECT_EQ(halvard::CurrentSession(), session.Get());
@@ -257,9 +266,8 @@ TEST_F(CheckForClientsTest, DataTooShortForAnAbsentItemLeavesTheAction) {
 }
 
 TEST_F(CheckForClientsTest, TheFirstClientCreatesItsValues) {
-    session.SetProperty(L"CustomActionData", Data(L"Foo", L"", L"1.2"));
     const CallTrace calls(kRegistry);
-    EXPECT_EQ(CheckForClients(session.Get()), 0U);
+    EXPECT_EQ(Run(Data(L"Foo", L"", L"1.2")), 0U);
     EXPECT_EQ(calls.All(),
               (Lines{L"open " + kStatusKey + L" 0x20019", L"open " + kUserKey + L" 0xf003f",
                      L"create " + kUserKey + L" 0x2", L"set " + kUserKey + L" TeloClient 1 8 bytes",
@@ -302,9 +310,8 @@ TEST_F(CheckForClientsTest, AnInstallationReadsEveryStatusAndTheVersion) {
     SetStatus(L"Other", 1);
     SetInstalledVersion(L"1.2.3");
     SetLastClient(L"Last");
-    session.SetProperty(L"CustomActionData", Data(L"Foo", L"", L"1.2.3.4"));
     const CallTrace calls(kRegistry);
-    EXPECT_EQ(CheckForClients(session.Get()), 0U);
+    EXPECT_EQ(Run(Data(L"Foo", L"", L"1.2.3.4")), 0U);
     const std::wstring status = L"open " + kStatusKey + L" 0xf003f";
     EXPECT_EQ(
         calls.All(),
@@ -324,9 +331,8 @@ TEST_F(CheckForClientsTest, ARemovalReadsTheLastClientAndNoVersion) {
     SetStatus(L"Foo_TeloStatus", 1);
     SetInstalledVersion(L"9.9");
     SetLastClient(L"Foo");
-    session.SetProperty(L"CustomActionData", Data(L"Bar", L"ALL", L"1.2"));
     const CallTrace calls(kRegistry);
-    EXPECT_EQ(CheckForClients(session.Get()), 0U);
+    EXPECT_EQ(Run(Data(L"Bar", L"ALL", L"1.2")), 0U);
     const std::wstring status = L"open " + kStatusKey + L" 0xf003f";
     EXPECT_EQ(
         calls.All(),
@@ -642,15 +648,11 @@ TEST_F(CheckForClientsTest, AFirstClientWithEachCallRefusedInTurn) {
         std::size_t number = 0;
         for (const Refusal& refusal : refusals) {
             RemoveKeys();
-            const int before = OpenHandleCount();
-            {
-                const CallTrace calls(kRegistry, ++number + more);
-                EXPECT_EQ(CheckForClients(session.Get()), 0U) << refusal.what;
-                // A key that cannot be created is not written to.
-                const std::size_t made = number == 3 || number == 6 ? 6 : 7;
-                EXPECT_EQ(calls.Count(), made + more) << refusal.what;
-            }
-            EXPECT_EQ(OpenHandleCount(), before) << refusal.what;
+            ++number;
+            // A key that cannot be created is not written to.
+            const std::size_t made = number == 3 || number == 6 ? 6 : 7;
+            EXPECT_EQ(ExpectWithRefusal(number + more, 0, refusal.what), made + more)
+                << refusal.what;
             EXPECT_EQ(LastClient(), refusal.lastClient) << refusal.what;
             EXPECT_EQ(Status(L"Foo_TeloStatus"),
                       refusal.statusIsWritten ? std::optional(status) : std::nullopt)
@@ -697,15 +699,8 @@ TEST_F(CheckForClientsTest, AnInstallationAmongClientsWithEachCallRefusedInTurn)
                 const bool barIsSeen = barIsActive && number != 4 && number != 5;
                 const bool agentIsSeen = agentIsThere && number != 8 && number != 9;
                 const UINT expected = barIsSeen || agentIsSeen ? refusal.result : 0U;
-                const int before = OpenHandleCount();
-                {
-                    const CallTrace calls(kRegistry, number);
-                    EXPECT_EQ(CheckForClients(session.Get()), expected) << refusal.what;
-                    if (number == std::size(refusals)) {
-                        EXPECT_EQ(calls.Count(), number - 1);
-                    }
-                }
-                EXPECT_EQ(OpenHandleCount(), before) << refusal.what;
+                const std::size_t made = ExpectWithRefusal(number, expected, refusal.what);
+                EXPECT_TRUE(number < std::size(refusals) || made == number - 1) << made;
                 EXPECT_EQ(LastClient(), refusal.lastClient) << refusal.what;
                 EXPECT_EQ(Status(L"Foo_TeloStatus"), refusal.status) << refusal.what;
                 EXPECT_EQ(Status(L"Bar_TeloStatus"), Number(barIsActive ? 1 : 2));
@@ -744,15 +739,8 @@ TEST_F(CheckForClientsTest, ARemovalAmongClientsWithEachCallRefusedInTurn) {
         SetStatus(L"Foo_TeloStatus", 1);
         SetStatus(L"Last_TeloStatus", 1);
         SetLastClient(L"Last");
-        const int before = OpenHandleCount();
-        {
-            const CallTrace calls(kRegistry, ++number);
-            EXPECT_EQ(CheckForClients(session.Get()), refusal.result) << refusal.what;
-            if (number == std::size(refusals)) {
-                EXPECT_EQ(calls.Count(), number - 1);
-            }
-        }
-        EXPECT_EQ(OpenHandleCount(), before) << refusal.what;
+        const std::size_t made = ExpectWithRefusal(++number, refusal.result, refusal.what);
+        EXPECT_TRUE(number < std::size(refusals) || made == number - 1) << made;
         EXPECT_EQ(LastClient(), refusal.lastClient) << refusal.what;
         EXPECT_EQ(Status(L"Foo_TeloStatus"), refusal.foo) << refusal.what;
         EXPECT_EQ(Status(L"Last_TeloStatus"), refusal.last) << refusal.what;
@@ -811,51 +799,32 @@ TEST_F(CheckForClientsTest, WhatTheRegistryDoesNotListIsNoClient) {
 }
 
 TEST_F(CheckForClientsTest, AClientThatComesOrGoesMeanwhileKeepsItsOwnStatus) {
-    SetStatus(L"Bar_TeloStatus", 1);
-    session.SetProperty(L"CustomActionData", Data(L"Foo", L"", L"1.2"));
-    {
-        // Bar goes behind the listing: its value is there and says so.
+    // What happens behind the listing.
+    const auto installFooWhile = [this](const std::function<void()>& change) {
         CallTrace calls(kRegistry);
         calls.before = [&](const std::wstring&) {
             if (calls.Count() == 2) {
-                SetStatus(L"Bar_TeloStatus", 2);
+                change();
             }
         };
-        EXPECT_EQ(CheckForClients(session.Get()), 0U);
-    }
+        EXPECT_EQ(Install(L"Foo", L"1.2"), 0U);
+    };
+    SetStatus(L"Bar_TeloStatus", 1);
+    // Bar goes: its value is there and says so.
+    installFooWhile([] { SetStatus(L"Bar_TeloStatus", 2); });
     EXPECT_EQ(Status(L"Foo_TeloStatus"), Number(1));
     EXPECT_EQ(Status(L"Bar_TeloStatus"), Number(2));
-    {
-        // Zoo comes behind the listing, and its value goes with the next one.
-        CallTrace calls(kRegistry);
-        calls.before = [&](const std::wstring&) {
-            if (calls.Count() == 2) {
-                SetStatus(L"Zoo_TeloStatus", 1);
-                SetLastClient(L"Zoo");
-                RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kTelo.c_str(), L"Bar_TeloStatus");
-            }
-        };
-        EXPECT_EQ(CheckForClients(session.Get()), 0U);
-    }
+    // Zoo comes, and the value of Bar goes.
+    installFooWhile([] {
+        SetStatus(L"Zoo_TeloStatus", 1);
+        SetLastClient(L"Zoo");
+        RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kTelo.c_str(), L"Bar_TeloStatus");
+    });
     EXPECT_EQ(LastClient(), Text(L"Foo"));
     EXPECT_EQ(Status(L"Foo_TeloStatus"), Number(1));
     EXPECT_EQ(Status(L"Zoo_TeloStatus"), Number(1));
     EXPECT_EQ(Status(L"Bar_TeloStatus"), std::nullopt);
-    EXPECT_EQ(CheckForClients(session.Get()), kSkip);
-}
-
-TEST_F(CheckForClientsTest, LeavesNoHandleOpen) {
-    SetStatus(L"Bar_TeloStatus", 1);
-    SetInstalledVersion(L"1.2");
-    SetLastClient(L"Last");
-    const auto runAll = [&] {
-        EXPECT_EQ(Install(L"Foo"), kSkip);
-        EXPECT_EQ(Remove(L"Foo"), kSkip);
-    };
-    runAll();
-    const int before = OpenHandleCount();
-    runAll();
-    EXPECT_EQ(OpenHandleCount(), before);
+    EXPECT_EQ(Install(L"Foo", L"1.2"), kSkip);
 }
 
 TEST_F(CheckForClientsTest, LeavesNoHandleOpenWhenMemoryRunsOut) {
@@ -863,8 +832,7 @@ TEST_F(CheckForClientsTest, LeavesNoHandleOpenWhenMemoryRunsOut) {
     SetInstalledVersion(L"1.2");
     SetLastClient(L"Last");
     for (const wchar_t* action : {L"", L"ALL"}) {
-        session.SetProperty(L"CustomActionData", Data(L"Foo", action, L"1.2.3.4"));
-        CheckForClients(session.Get());
+        EXPECT_EQ(Run(Data(L"Foo", action, L"1.2.3.4")), kSkip);
         const int before = OpenHandleCount();
         int thrown = 0;
         const int reached =
@@ -897,25 +865,13 @@ TEST_F(ReadClientsTest, AStatusThatCannotBeReadIsTakenOverFromTheRecordBefore) {
          path + L"\\below\\Long_TeloStatus", path + L"\\GUID", path + L"\\Other_TeloStatus",
          path + L"\\TeloStatus"},
         L"Foo");
-    struct Expected {
-        std::wstring clientName;
-        bool enabled;
-        bool self;
-        DWORD status;
-    };
-    const Expected expected[] = {{L"absent", false, false, 0},
-                                 {L"Foo", true, true, 1},
-                                 {L"Long", false, false, 1},
-                                 {L"Other", false, false, 2},
-                                 {L"TeloStatus", false, false, 2}};
-    ASSERT_EQ(clients.records.size(), std::size(expected));
-    for (std::size_t index = 0; index < std::size(expected); ++index) {
-        const halvard::ClientRecord& record = clients.records[index];
-        EXPECT_EQ(record.clientName, expected[index].clientName);
-        EXPECT_EQ(record.enabled, expected[index].enabled);
-        EXPECT_EQ(record.self, expected[index].self);
-        EXPECT_EQ(record.status, expected[index].status);
+    Lines records;
+    for (const halvard::ClientRecord& record : clients.records) {
+        records.push_back(record.clientName + (record.enabled ? L" enabled" : L"") +
+                          (record.self ? L" self " : L" ") + std::to_wstring(record.status));
     }
+    EXPECT_EQ(records,
+              (Lines{L"absent 0", L"Foo enabled self 1", L"Long 1", L"Other 2", L"TeloStatus 2"}));
     EXPECT_EQ(clients.statusName, L"Foo_TeloStatus");
 }
 

@@ -155,6 +155,15 @@ struct Hooked<Function> {
         });
     }
 
+    // A function that has nothing to fail with.
+    template <class Line>
+    static DescribedCall Passes(unsigned group, const char* name, Line line) {
+        return Make(group, name, [line](const auto& hook, CallTrace& trace, auto... all) {
+            trace.Passes(line(all...));
+            return hook.Original(all...);
+        });
+    }
+
     // A function that gives something back: that of its first argument.
     static DescribedCall GivesBack(unsigned group, const char* name, Resource kind,
                                    const wchar_t* what) {
@@ -166,8 +175,10 @@ struct Hooked<Function> {
             } else {
                 handle = reinterpret_cast<const void*>(std::uintptr_t{first});
             }
-            const bool isKey = std::is_same_v<decltype(first), HKEY>;
-            trace.Closes(isKey ? L"close " + trace.Name(handle) : std::wstring(what), kind, handle);
+            const bool isNamed =
+                std::is_same_v<decltype(first), HKEY> || std::is_same_v<decltype(first), SC_HANDLE>;
+            trace.Closes(what + (isNamed ? trace.Name(kind, handle) : std::wstring()), kind,
+                         handle);
             return hook.Original(first);
         });
     }
@@ -195,6 +206,7 @@ private:
     Hooked<&function>::MayFail(group, #function, failure{}, line, Nothing{})
 #define OPENING_CALL(group, function, failure, line, opened)                                       \
     Hooked<&function>::MayFail(group, #function, failure{}, line, opened)
+#define PASSING_CALL(group, function, line) Hooked<&function>::Passes(group, #function, line)
 #define CLOSING_CALL(group, function, kind, what)                                                  \
     Hooked<&function>::GivesBack(group, #function, Resource::kind, what)
 
@@ -259,7 +271,7 @@ const std::vector<DescribedCall>& DescribedCalls() {
         CALL(kRegistry, RegDeleteTreeW, TheCode, ([](Trace& trace, HKEY key, LPCWSTR subkey) {
                  return L"delete tree " + Below(trace, key, subkey);
              })),
-        CLOSING_CALL(kRegistry, RegCloseKey, kernel, L""),
+        CLOSING_CALL(kRegistry, RegCloseKey, kernel, L"close "),
         CALL(kRegistryListing, RegQueryInfoKeyW, TheCode,
              [](Trace& trace, HKEY key, auto...) { return L"count " + trace.Name(key); }),
         CALL(kRegistryListing, RegEnumKeyExW, TheCode,
@@ -422,8 +434,17 @@ const std::vector<DescribedCall>& DescribedCalls() {
                          trace.Opened(Resource::service, service, name);
                      })),
         OPENING_CALL(kServices, CreateServiceW, Zero,
-                     ([](Trace&, SC_HANDLE, LPCWSTR name, auto...) {
-                         return L"create service " + Text(name);
+                     ([](Trace&, SC_HANDLE, LPCWSTR name, LPCWSTR displayName, DWORD access,
+                         DWORD type, DWORD start, DWORD errorControl, LPCWSTR path, LPCWSTR group,
+                         LPDWORD tag, LPCWSTR dependencies, LPCWSTR account, LPCWSTR password) {
+                         return L"create service " + Text(name) + L", " + Text(displayName) + L"," +
+                                Hex(access) + Hex(type) + Number(start) + Number(errorControl) +
+                                L", " + Text(path) +
+                                (group == nullptr ? std::wstring() : L" in " + Text(group)) +
+                                (tag == nullptr ? L"" : L" with tag") +
+                                (dependencies == nullptr ? L"" : L" with dependencies") +
+                                (account == nullptr ? std::wstring() : L" as " + Text(account)) +
+                                (password == nullptr ? L"" : L" with password");
                      }),
                      ([](Trace& trace, SC_HANDLE service, SC_HANDLE, LPCWSTR name, auto...) {
                          trace.Opened(Resource::service, service, name);
@@ -442,17 +463,25 @@ const std::vector<DescribedCall>& DescribedCalls() {
              ([](Trace& trace, SC_HANDLE service, DWORD control, auto...) {
                  return L"control service " + trace.Name(service) + Number(control);
              })),
-        CALL(kServices, StartServiceW, Zero, ([](Trace& trace, SC_HANDLE service, auto...) {
-                 return L"start service " + trace.Name(service);
+        CALL(kServices, StartServiceW, Zero,
+             ([](Trace& trace, SC_HANDLE service, DWORD count, LPCWSTR* arguments) {
+                 return L"start service " + trace.Name(service) +
+                        (count == 0 && arguments == nullptr ? L"" : L" with arguments");
              })),
         CALL(kServices, ChangeServiceConfig2W, Zero,
-             ([](Trace& trace, SC_HANDLE service, DWORD level, auto...) {
-                 return L"change service " + trace.Name(service) + Number(level);
+             ([](Trace& trace, SC_HANDLE service, DWORD level, LPVOID info) {
+                 return L"change service " + trace.Name(service) + Number(level) +
+                        (level == SERVICE_CONFIG_DELAYED_AUTO_START_INFO
+                             ? Number(static_cast<DWORD>(
+                                   static_cast<const SERVICE_DELAYED_AUTO_START_INFO*>(info)
+                                       ->fDelayedAutostart))
+                             : std::wstring());
              })),
         CALL(kServices, DeleteService, Zero, ([](Trace& trace, SC_HANDLE service) {
                  return L"delete service " + trace.Name(service);
              })),
-        CLOSING_CALL(kClosing, CloseServiceHandle, service, L"close service"),
+        CLOSING_CALL(kServiceClosing, CloseServiceHandle, service, L"close service "),
+        CLOSING_CALL(kServiceClosing, DeregisterEventSource, service, L"close event source"),
         OPENING_CALL(kServices, RegisterEventSourceW, Zero,
                      ([](Trace&, LPCWSTR server, LPCWSTR source) {
                          return L"event source " + Text(server) + L" " + Text(source);
@@ -548,6 +577,12 @@ const std::vector<DescribedCall>& DescribedCalls() {
              ([](Trace&, HDEVINFO, PSP_DEVINFO_DATA, DWORD property, PDWORD, PBYTE, DWORD size,
                  PDWORD) { return L"property" + Number(property) + Number(size); })),
         CLOSING_CALL(kDevices, SetupDiDestroyDeviceInfoList, memory, L"close devices"),
+
+        // Messages and waits
+        PASSING_CALL(kMessages, OutputDebugStringW,
+                     [](LPCWSTR text) { return L"says " + Text(text); }),
+        PASSING_CALL(kSleeps, Sleep,
+                     [](DWORD milliseconds) { return L"sleep" + Number(milliseconds); }),
 
         // What gives something back
         CLOSING_CALL(kClosing, CloseHandle, kernel, L"close handle"),

@@ -12,6 +12,7 @@
 #include "installed_service.h"
 #include "lines.h"
 #include "open_handles.h"
+#include "service_manager_stand_in.h"
 #include "stand_in_session.h"
 
 #include <msi.h>
@@ -32,6 +33,7 @@ using halvard_tests::InstalledService;
 using halvard_tests::kInstaller;
 using halvard_tests::ScratchFolder;
 using halvard_tests::ServiceBehavior;
+using halvard_tests::ServiceManagerCalls;
 using halvard_tests::ServiceScope;
 using halvard_tests::StandInSession;
 
@@ -102,6 +104,19 @@ void ExpectFolderError(const std::wstring& program, const std::wstring& parent,
         EXPECT_EQ(error.path2().wstring(), directory) << program.c_str();
         EXPECT_EQ(error.code(), std::error_code(static_cast<int>(refusal), std::system_category()))
             << program.c_str();
+    }
+}
+
+// `run` throws with this code.
+template <class Run>
+void ExpectRefusedConfiguration(DWORD code, Run run) {
+    try {
+        run();
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code(), std::error_code(static_cast<int>(code), std::system_category()));
+        EXPECT_EQ(std::string(error.what()).find("Unable to call QueryServiceConfig: "), 0U)
+            << error.what();
     }
 }
 
@@ -201,18 +216,10 @@ TEST(DeleteServiceIfBinaryIsInDirectory, WhatLeavesTheRemovalLeavesTheAction) {
     const CurrentSessionScope current;
     const StandInSession session;
     session.SetProperty(L"CustomActionData", L"ServiceName=Spooler;DirectoryOfBinary=T:\\");
-    FAIL_CALL(reading, QueryServiceConfigW, 0, FALSE, ERROR_ACCESS_DENIED);
-    FAIL_CALL(manager, OpenSCManagerW, 0, reinterpret_cast<SC_HANDLE>(1), NO_ERROR);
-    FAIL_CALL(opening, OpenServiceW, 0, reinterpret_cast<SC_HANDLE>(2), NO_ERROR);
-    FAIL_CALL(closing, CloseServiceHandle, 0, TRUE, NO_ERROR);
-    try {
-        DeleteServiceIfBinaryIsInDirectory(session.Get());
-        ADD_FAILURE() << "nothing was thrown";
-    } catch (const std::system_error& error) {
-        EXPECT_EQ(error.code(), std::error_code(ERROR_ACCESS_DENIED, std::system_category()));
-        EXPECT_NE(std::string(error.what()).find("Unable to call QueryServiceConfig"),
-                  std::string::npos);
-    }
+    ServiceManagerCalls manager;
+    manager.Fail(L"configuration");
+    ExpectRefusedConfiguration(ERROR_ACCESS_DENIED,
+                               [&] { DeleteServiceIfBinaryIsInDirectory(session.Get()); });
 }
 
 TEST(RemoveServiceInDirectory, LeavesAServiceThatRunsFromElsewhere) {
@@ -417,301 +424,191 @@ TEST(RemoveServiceInDirectory, PathsTooLongForTheLogAreStillCompared) {
 
 namespace {
 
-// A service manager of the test's own that knows one service. Every call is one line, and so is
-// what is logged; each of them leaves an error of its own behind.
-class StandInServiceManager {
-public:
-    std::wstring binaryPath = kProgram;
-    bool hasBinaryPath = true;
-    DWORD managerError = NO_ERROR;
-    DWORD openError = NO_ERROR;
-    // The sizes that are asked for, one after the other, before the configuration is there.
-    std::vector<DWORD> configSizes = {1000};
-    DWORD configError = NO_ERROR;
-    DWORD controlError = NO_ERROR;
+// The calls of a removal to a service manager that knows one service, and to the installer's log.
+struct ManagerCalls : ServiceManagerCalls {
+    ManagerCalls() : ServiceManagerCalls({{}}, 0, kInstaller) { binaryPath = kProgram; }
+
     // What is told as the state: first by the request to stop, then by each query. 0 is a query
-    // that fails. The last one stays.
-    std::vector<DWORD> states = {SERVICE_STOPPED};
-    DWORD deleteError = NO_ERROR;
-
-    const Lines& Calls() const { return calls_; }
-
-private:
-    static SC_HANDLE Manager() { return reinterpret_cast<SC_HANDLE>(0x100); }
-    static SC_HANDLE Service() { return reinterpret_cast<SC_HANDLE>(0x200); }
-
-    static std::wstring NameOf(SC_HANDLE handle) {
-        return handle == Manager() ? L" manager" : handle == Service() ? L" service" : L" unknown";
-    }
-
-    BOOL Call(const std::wstring& line, DWORD error) {
-        calls_.push_back(line);
-        SetLastError(error == NO_ERROR ? ERROR_INVALID_DATA : error);
-        return error == NO_ERROR ? TRUE : FALSE;
-    }
-
-    BOOL TellState(SERVICE_STATUS* status) {
-        const DWORD state = states[std::min(told_++, states.size() - 1)];
-        status->dwCurrentState = state == 0 ? SERVICE_STOPPED : state;
-        return state == 0 ? FALSE : TRUE;
-    }
-
-    BOOL TellConfig(SC_HANDLE service, QUERY_SERVICE_CONFIGW* config, DWORD size, DWORD* needed) {
-        const bool given = config != nullptr;
-        calls_.push_back(L"QueryServiceConfigW" + NameOf(service) +
-                         (given ? L" buffer " : L" null ") + std::to_wstring(size));
-        if (asked_ < configSizes.size()) {
-            *needed = configSizes[asked_++];
-            SetLastError(ERROR_INSUFFICIENT_BUFFER);
-            return FALSE;
+    // that fails.
+    void Tell(const std::vector<DWORD>& states) {
+        stopAnswer = {states[0]};
+        queries.clear();
+        for (std::size_t query = states.size() > 1 ? 1 : 0; query < states.size(); ++query) {
+            queries.push_back({states[query]});
         }
-        if (configError != NO_ERROR) {
-            SetLastError(configError);
-            return FALSE;
-        }
-        *config = {};
-        config->lpBinaryPathName = hasBinaryPath ? binaryPath.data() : nullptr;
-        return TRUE;
     }
 
-    Lines calls_;
-    std::size_t asked_ = 0;
-    std::size_t told_ = 0;
-
-    HOOK(openManager_, OpenSCManagerW, [this](LPCWSTR machine, LPCWSTR database, DWORD access) {
-        wchar_t number[16] = {};
-        wsprintfW(number, L" 0x%x", access);
-        const BOOL done = Call(std::wstring(L"OpenSCManagerW ") +
-                                   (machine == nullptr ? L"null " : machine) + database + number,
-                               managerError);
-        return done != FALSE ? Manager() : nullptr;
-    });
-    HOOK(openService_, OpenServiceW, [this](SC_HANDLE manager, LPCWSTR name, DWORD access) {
-        asked_ = 0;
-        told_ = 0;
-        wchar_t number[16] = {};
-        wsprintfW(number, L" 0x%x", access);
-        const BOOL done = Call(L"OpenServiceW" + NameOf(manager) + L" " + name + number, openError);
-        return done != FALSE ? Service() : nullptr;
-    });
-    HOOK(config_, QueryServiceConfigW,
-         [this](SC_HANDLE service, LPQUERY_SERVICE_CONFIGW config, DWORD size, LPDWORD needed) {
-             return TellConfig(service, config, size, needed);
-         });
-    HOOK(control_, ControlService,
-         [this](SC_HANDLE service, DWORD control, LPSERVICE_STATUS status) {
-             TellState(status);
-             return Call(L"ControlService" + NameOf(service) + L" " + std::to_wstring(control),
-                         controlError);
-         });
-    HOOK(query_, QueryServiceStatus, [this](SC_HANDLE service, LPSERVICE_STATUS status) {
-        Call(L"QueryServiceStatus" + NameOf(service), NO_ERROR);
-        return TellState(status);
-    });
-    HOOK(sleep_, Sleep, [this](DWORD milliseconds) {
-        calls_.push_back(L"Sleep " + std::to_wstring(milliseconds));
-    });
-    const CurrentSessionScope other_{99};
-    HOOK(delete_, DeleteService, [this](SC_HANDLE service) {
-        return Call(L"DeleteService" + NameOf(service), deleteError);
-    });
-    HOOK(close_, CloseServiceHandle, [this](SC_HANDLE handle) {
-        return Call(L"CloseServiceHandle" + NameOf(handle), NO_ERROR);
-    });
-    HOOK(create_, MsiCreateRecord, [this](UINT fields) {
-        SetLastError(ERROR_INVALID_FUNCTION);
-        return create_.Original(fields);
-    });
-    HOOK(log_, MsiRecordSetStringW, [this](MSIHANDLE record, UINT field, LPCWSTR text) {
-        calls_.push_back(text);
-        return log_.Original(record, field, text);
-    });
-    HOOK(process_, MsiProcessMessage,
-         [this](MSIHANDLE session, INSTALLMESSAGE type, MSIHANDLE record) {
-             EXPECT_EQ(session, 0U);
-             EXPECT_EQ(type, INSTALLMESSAGE_INFO);
-             return process_.Original(session, type, record);
-         });
+    const CurrentSessionScope other{99}; // none of the lines may reach it
 };
 
-const Lines kOpened = {L"OpenSCManagerW null ServicesActive 0xf003f",
-                       std::wstring(L"OpenServiceW manager ") + kName + L" 0xf003f"};
-const Lines kConfigured = {L"QueryServiceConfigW service null 0",
-                           L"QueryServiceConfigW service buffer 1000"};
-const Lines kStopRequested = {L"ControlService service 1"};
-const Lines kDeletion = {L"DeleteService service"};
-const Lines kClosed = {L"CloseServiceHandle service", L"CloseServiceHandle manager"};
-
-Lines Polls(std::size_t count) {
+// How these lines reach the log of session 0.
+Lines Logged(const Lines& texts) {
     Lines lines;
-    for (std::size_t poll = 0; poll < count; ++poll) {
-        lines = lines + Lines{kWaiting, L"Sleep 101", L"QueryServiceStatus service"};
+    for (const std::wstring& text : texts) {
+        lines = lines + Lines{L"create record 0", L"set field 0 " + text, L"send 0x4000000 to 0",
+                              L"close record"};
     }
     return lines;
 }
 
-Lines DeletionAfter(std::size_t polls) {
-    return kOpened + kConfigured + LinesOfFoundService() + kStopRequested + Polls(polls) +
-           kDeletion + DeletedLine() + kClosed;
+const std::wstring kService = kName;
+const Lines kOpenedManager = {L"open manager 0xf003f in ServicesActive"};
+const Lines kOpened = kOpenedManager + Lines{L"open service " + kService + L" 0xf003f"};
+const Lines kStopRequested = {L"control service " + kService + L" 1"};
+const Lines kDeletion = {L"delete service " + kService};
+const Lines kClosedManager = {L"close service manager"};
+const Lines kClosed = Lines{L"close service " + kService} + kClosedManager;
+
+Lines Configured(const std::vector<DWORD>& sizes) {
+    Lines lines;
+    for (const DWORD size : sizes) {
+        lines.push_back(L"configuration of service " + kService + L" " + std::to_wstring(size));
+    }
+    return lines;
+}
+
+const Lines kConfigured = Configured({0, 1000});
+
+Lines Polls(std::size_t count) {
+    Lines lines;
+    for (std::size_t poll = 0; poll < count; ++poll) {
+        lines = lines + Logged({kWaiting}) + Lines{L"sleep 101", L"query service " + kService};
+    }
+    return lines;
+}
+
+Lines DeletionAfter(std::size_t polls, const Lines& configured = kConfigured) {
+    return kOpened + configured + Logged(LinesOfFoundService()) + kStopRequested + Polls(polls) +
+           kDeletion + Logged(DeletedLine()) + kClosed;
 }
 
 } // namespace
 
 TEST(RemoveServiceInDirectory, MakesItsCallsInThisOrder) {
     const ServiceFolder folder;
-    const StandInServiceManager manager;
+    const ManagerCalls manager;
     RemoveServiceInDirectory(kName, kFolder);
-    EXPECT_EQ(manager.Calls(), DeletionAfter(0));
+    EXPECT_EQ(manager.All(), DeletionAfter(0));
 }
 
-TEST(RemoveServiceInDirectory, AnEmptyNameAsksNobody) {
-    const StandInServiceManager manager;
-    RemoveServiceInDirectory(L"", kFolder);
-    EXPECT_EQ(manager.Calls(), Lines{L"Empty service name provided"});
-}
-
-TEST(RemoveServiceInDirectory, LogsToNoSessionWhateverTheCurrentOneIs) {
+TEST(RemoveServiceInDirectory, AnEmptyNameAsksNobodyAndIsLoggedToNoSession) {
+    const ManagerCalls manager;
     const StandInSession session;
     const CurrentSessionScope current(session.Get());
-    // Expects session 0 with every line.
-    const StandInServiceManager manager;
     RemoveServiceInDirectory(L"", kFolder);
-    EXPECT_EQ(manager.Calls().size(), 1U);
+    EXPECT_EQ(manager.All(), Logged({L"Empty service name provided"}));
     EXPECT_EQ(session.LogLines(), Lines{});
 }
 
-TEST(RemoveServiceInDirectory, AManagerThatCannotBeOpenedIsLogged) {
-    StandInServiceManager manager;
-    manager.managerError = ERROR_ACCESS_DENIED;
-    RemoveServiceInDirectory(kName, kFolder);
-    EXPECT_EQ(manager.Calls(), (Lines{L"OpenSCManagerW null ServicesActive 0xf003f",
-                                      L"Unable call  OpenSCManager. Error code: 5"}));
-}
-
-TEST(RemoveServiceInDirectory, AServiceThatCannotBeOpenedIsLoggedAndTheManagerClosed) {
-    StandInServiceManager manager;
-    manager.openError = ERROR_ACCESS_DENIED;
-    RemoveServiceInDirectory(kName, kFolder);
-    const Lines refused = {std::wstring(L"Unable to open service ") + kName + L". Error code: 5",
-                           L"CloseServiceHandle manager"};
-    EXPECT_EQ(manager.Calls(), kOpened + refused);
+TEST(RemoveServiceInDirectory, WhatCannotBeOpenedIsLoggedAndTheManagerClosed) {
+    const std::pair<std::wstring, Lines> refusals[] = {
+        {L"open manager", kOpenedManager + Logged({L"Unable call  OpenSCManager. Error code: 5"})},
+        {L"open service", kOpened +
+                              Logged({L"Unable to open service " + kService + L". Error code: 5"}) +
+                              kClosedManager},
+    };
+    for (const auto& [refused, calls] : refusals) {
+        ManagerCalls manager;
+        manager.Fail(refused);
+        RemoveServiceInDirectory(kName, kFolder);
+        EXPECT_EQ(manager.All(), calls);
+    }
 }
 
 TEST(RemoveServiceInDirectory, AConfigurationThatGrowsIsAskedForAgain) {
     const ServiceFolder folder;
-    StandInServiceManager manager;
-    manager.configSizes = {100, 300, 400};
+    ManagerCalls manager;
+    manager.configurationSizes = {100, 300, 400};
     RemoveServiceInDirectory(kName, kFolder);
-    Lines expected = DeletionAfter(0);
-    expected.erase(expected.begin() + 3);
-    const Lines asked = {L"QueryServiceConfigW service buffer 100",
-                         L"QueryServiceConfigW service buffer 300",
-                         L"QueryServiceConfigW service buffer 400"};
-    expected.insert(expected.begin() + 3, asked.begin(), asked.end());
-    EXPECT_EQ(manager.Calls(), expected);
+    EXPECT_EQ(manager.All(), DeletionAfter(0, Configured({0, 100, 300, 400})));
 }
 
 TEST(RemoveServiceInDirectory, AConfigurationThatWantsNoMoreRoomThanItHadIsAnError) {
     for (const DWORD size : {100U, 99U}) {
-        StandInServiceManager manager;
-        manager.configSizes = {100, size, 0, 0};
-        try {
-            RemoveServiceInDirectory(kName, kFolder);
-            ADD_FAILURE() << "nothing was thrown";
-        } catch (const std::system_error& error) {
-            EXPECT_EQ(error.code(),
-                      std::error_code(ERROR_INSUFFICIENT_BUFFER, std::system_category()));
-        }
-        const Lines asked = {L"QueryServiceConfigW service null 0",
-                             L"QueryServiceConfigW service buffer 100"};
-        EXPECT_EQ(manager.Calls(), kOpened + asked + kClosed);
+        ManagerCalls manager;
+        manager.configurationSizes = {100, size, 0, 0};
+        ExpectRefusedConfiguration(ERROR_INSUFFICIENT_BUFFER,
+                                   [] { RemoveServiceInDirectory(kName, kFolder); });
+        EXPECT_EQ(manager.All(), kOpened + Configured({0, 100}) + kClosed);
     }
 }
 
 // A driver's program, as the service manager stores it.
 TEST(RemoveServiceInDirectory, FindsTheFolderOfADriver) {
     const ServiceFolder folder;
-    StandInServiceManager manager;
-    manager.binaryPath = std::wstring(L"\\??\\") + kProgram;
+    ManagerCalls manager;
+    const std::wstring program = std::wstring(L"\\??\\") + kProgram;
+    manager.binaryPath = program.c_str();
     RemoveServiceInDirectory(kName, kFolder);
-    EXPECT_EQ(std::count(manager.Calls().begin(), manager.Calls().end(), kDeletion[0]), 1);
+    EXPECT_EQ(manager.Of(kDeletion), kDeletion);
 }
 
 TEST(RemoveServiceInDirectory, AConfigurationThatCannotBeReadThrowsAndClosesBothHandles) {
     for (const DWORD code : {ERROR_ACCESS_DENIED, ERROR_INVALID_HANDLE, ERROR_MORE_DATA}) {
         for (const bool afterGrowth : {false, true}) {
-            StandInServiceManager manager;
-            manager.configError = code;
-            Lines asked = kConfigured;
-            if (!afterGrowth) {
-                manager.configSizes.clear();
-                asked.pop_back();
-            }
-            try {
-                RemoveServiceInDirectory(kName, kFolder);
-                ADD_FAILURE() << "nothing was thrown";
-            } catch (const std::system_error& error) {
-                EXPECT_EQ(error.code(),
-                          std::error_code(static_cast<int>(code), std::system_category()));
-                EXPECT_EQ(std::string(error.what()).find("Unable to call QueryServiceConfig: "), 0U)
-                    << error.what();
-            }
-            EXPECT_EQ(manager.Calls(), kOpened + asked + kClosed);
+            ManagerCalls manager;
+            manager.configurationError = code;
+            manager.configurationSizes.resize(afterGrowth ? 1 : 0);
+            ExpectRefusedConfiguration(code, [] { RemoveServiceInDirectory(kName, kFolder); });
+            EXPECT_EQ(manager.All(),
+                      kOpened + (afterGrowth ? kConfigured : Configured({0})) + kClosed);
         }
     }
 }
 
 TEST(RemoveServiceInDirectory, AFolderThatIsNotTheSameClosesBothHandlesAndCallsNothingElse) {
     const ServiceFolder folder;
-    const StandInServiceManager manager;
+    const ManagerCalls manager;
     RemoveServiceInDirectory(kName, L"T:\\Scratch");
-    EXPECT_EQ(manager.Calls(), kOpened + kConfigured + LinesOfFoundService() +
-                                   NotInLine(kProgram, L"T:\\Scratch") + kClosed);
+    EXPECT_EQ(manager.All(),
+              kOpened + kConfigured +
+                  Logged(LinesOfFoundService() + NotInLine(kProgram, L"T:\\Scratch")) + kClosed);
 }
 
 TEST(RemoveServiceInDirectory, AFolderThatCannotBeComparedClosesBothHandles) {
     const ServiceFolder folder;
-    const StandInServiceManager manager;
-    EXPECT_THROW(RemoveServiceInDirectory(kName, L"T:\\Scratch\\missing"),
-                 std::filesystem::filesystem_error);
+    const auto run = [] {
+        const ManagerCalls manager;
+        EXPECT_THROW(RemoveServiceInDirectory(kName, L"T:\\Scratch\\missing"),
+                     std::filesystem::filesystem_error);
+        EXPECT_EQ(manager.All(), kOpened + kConfigured + Logged(LinesOfFoundService()) + kClosed);
+    };
+    run();
     const int before = halvard_tests::OpenHandleCount();
-    const std::size_t calls = manager.Calls().size();
-    EXPECT_THROW(RemoveServiceInDirectory(kName, L"T:\\Scratch\\missing"),
-                 std::filesystem::filesystem_error);
+    run();
     EXPECT_EQ(halvard_tests::OpenHandleCount(), before);
-    EXPECT_EQ(Lines(manager.Calls().begin(), manager.Calls().begin() + static_cast<int>(calls)),
-              kOpened + kConfigured + LinesOfFoundService() + kClosed);
 }
 
 TEST(RemoveServiceInDirectory, AConfigurationWithoutAProgramIsInNoFolder) {
     const ServiceFolder folder;
-    StandInServiceManager manager;
-    manager.hasBinaryPath = false;
+    ManagerCalls manager;
+    manager.binaryPath = nullptr;
     EXPECT_THROW(RemoveServiceInDirectory(kName, kFolder), std::filesystem::filesystem_error);
-    const Lines logged = {L"binary path = \n", L"Parent path of  is "};
-    EXPECT_EQ(manager.Calls(), kOpened + kConfigured + logged + kClosed);
+    const Lines logged = Logged({L"binary path = \n", L"Parent path of  is "});
+    EXPECT_EQ(manager.All(), kOpened + kConfigured + logged + kClosed);
 }
 
 TEST(RemoveServiceInDirectory, AStopThatIsRefusedIsNotWaitedFor) {
     const ServiceFolder folder;
     for (const DWORD code :
          {ERROR_SERVICE_NOT_ACTIVE, ERROR_SERVICE_CANNOT_ACCEPT_CTRL, ERROR_ACCESS_DENIED}) {
-        StandInServiceManager manager;
-        manager.controlError = code;
-        manager.states = {SERVICE_STOP_PENDING};
+        ManagerCalls manager;
+        manager.stopError = code;
+        manager.Tell({SERVICE_STOP_PENDING});
         RemoveServiceInDirectory(kName, kFolder);
-        EXPECT_EQ(manager.Calls(), DeletionAfter(0));
+        EXPECT_EQ(manager.All(), DeletionAfter(0));
     }
 }
 
 TEST(RemoveServiceInDirectory, WaitsUntilTheStateIsStopped) {
     const ServiceFolder folder;
     for (const std::size_t polls : {1U, 3U, 29U, 30U}) {
-        StandInServiceManager manager;
-        manager.states.assign(polls, SERVICE_STOP_PENDING);
-        manager.states.push_back(SERVICE_STOPPED);
+        ManagerCalls manager;
+        std::vector<DWORD> states(polls, SERVICE_STOP_PENDING);
+        states.push_back(SERVICE_STOPPED);
+        manager.Tell(states);
         RemoveServiceInDirectory(kName, kFolder);
-        EXPECT_EQ(manager.Calls(), DeletionAfter(polls));
+        EXPECT_EQ(manager.All(), DeletionAfter(polls));
     }
 }
 
@@ -719,36 +616,33 @@ TEST(RemoveServiceInDirectory, GivesUpAfter30WaitsInEveryOtherState) {
     const ServiceFolder folder;
     for (const DWORD state : {SERVICE_START_PENDING, SERVICE_STOP_PENDING, SERVICE_RUNNING,
                               SERVICE_CONTINUE_PENDING, SERVICE_PAUSE_PENDING, SERVICE_PAUSED}) {
-        StandInServiceManager manager;
-        manager.states = {state};
+        ManagerCalls manager;
+        manager.Tell({state});
         RemoveServiceInDirectory(kName, kFolder);
-        EXPECT_EQ(manager.Calls(), DeletionAfter(30));
+        EXPECT_EQ(manager.All(), DeletionAfter(30));
     }
 }
 
 TEST(RemoveServiceInDirectory, AStateThatCannotBeAskedForStaysAsItWas) {
     const ServiceFolder folder;
-    {
-        StandInServiceManager manager;
-        manager.states = {SERVICE_RUNNING, 0, 0, SERVICE_STOPPED};
+    const std::pair<std::vector<DWORD>, std::size_t> statesAndPolls[] = {
+        {{SERVICE_RUNNING, 0, 0, SERVICE_STOPPED}, 3}, {{SERVICE_RUNNING, 0}, 30}};
+    for (const auto& [states, polls] : statesAndPolls) {
+        ManagerCalls manager;
+        manager.Tell(states);
         RemoveServiceInDirectory(kName, kFolder);
-        EXPECT_EQ(manager.Calls(), DeletionAfter(3));
+        EXPECT_EQ(manager.All(), DeletionAfter(polls));
     }
-    StandInServiceManager manager;
-    manager.states = {SERVICE_RUNNING, 0};
-    RemoveServiceInDirectory(kName, kFolder);
-    EXPECT_EQ(manager.Calls(), DeletionAfter(30));
 }
 
 TEST(RemoveServiceInDirectory, ADeletionThatIsRefusedIsLogged) {
     const ServiceFolder folder;
-    StandInServiceManager manager;
-    manager.deleteError = ERROR_SERVICE_MARKED_FOR_DELETE;
+    ManagerCalls manager;
+    manager.Fail(L"delete service", ERROR_SERVICE_MARKED_FOR_DELETE);
     RemoveServiceInDirectory(kName, kFolder);
-    EXPECT_EQ(manager.Calls(),
-              kOpened + kConfigured + LinesOfFoundService() + kStopRequested + kDeletion +
-                  Lines{std::wstring(L"Unable to delete ") + kName + L". Error code: 1072"} +
-                  kClosed);
+    EXPECT_EQ(manager.All(),
+              kOpened + kConfigured + Logged(LinesOfFoundService()) + kStopRequested + kDeletion +
+                  Logged({L"Unable to delete " + kService + L". Error code: 1072"}) + kClosed);
 }
 
 TEST(RemoveServiceInDirectory, DeletesNothingWhenMemoryRunsOut) {
