@@ -818,9 +818,12 @@ TEST(PermissionActions, RegisterAndUnregisterARealServer) {
     EXPECT_EQ(run(SetPermissionsRegisterDLL, folder + L"\\", server), 0U);
     EXPECT_NE(RegisteredServer(), std::nullopt);
     EXPECT_FALSE(IsServerKeyMarked());
-    const int before = OpenHandleCount();
+    const auto openHandles = [&] {
+        return OpenHandleCount() - starts.HandlesHeld();
+    };
+    const int before = openHandles();
     EXPECT_EQ(run(UnregisterDLL, folder + L"\\", server), 0U);
-    EXPECT_EQ(OpenHandleCount() - before, 2);
+    EXPECT_EQ(openHandles() - before, 2);
     EXPECT_EQ(RegisteredServer(), std::nullopt);
 
     EXPECT_EQ(run(SetPermissionsRegisterDLL, folder + L"\\", L"missing.dll"), 1603U);

@@ -38,6 +38,9 @@ public:
     /// The handle that the last start gave, which is the caller's; null when it failed.
     HANDLE Process() const { return process_; }
 
+    /// How many handles of processes it holds itself, for tests that count open handles.
+    int HandlesHeld() const { return static_cast<int>(started_.size()); }
+
     void WaitUntilAllHaveEnded() const {
         for (const halvard::OwnedHandle& process : started_) {
             WaitForSingleObject(process.get(), INFINITE);
