@@ -266,7 +266,7 @@ TEST(StopServiceWithTimeout, EveryCallThatFailsEndsItWithFalse) {
                pending + Says(kNoStatus));
     // That of services on which others depend too. What it leaves as the state does not count.
     for (const DWORD code : {ERROR_ACCESS_DENIED, ERROR_DEPENDENT_SERVICES_RUNNING}) {
-        Course course = {{Stopping(), kIsRunning}};
+        Course course = {{Stopping(), kIsRunning, kIsStopped}};
         course.stopError = code;
         ExpectStop("the request", course, false, pending + kStopRequest + Says(kRefused));
     }
