@@ -1,7 +1,7 @@
 #include "action_contracts.h"
 
 #include "agent/agent_install.h"
-#include "agent/client_registry.h"
+#include "agent/check_for_clients.h"
 #include "cleanup/folder_actions.h"
 #include "com_server/registration.h"
 #include "launch/context_menu.h"
@@ -16,6 +16,7 @@
 #include "runtime/launch_conditions.h"
 #include "tasks/benchmark_task.h"
 #include "tasks/elevated_task.h"
+#include "tasks/launch_pv.h"
 #include "tasks/pv_dvr_tasks.h"
 
 #include "agent_calls.h"

@@ -529,7 +529,8 @@ TEST_F(PostInstallUPATest, LogsItsDataAndItemsAndUsesThemWhole) {
         // Absent items are text from further on.
         {L"nothing that is a key", L"that is a key", L" a key", L"that is a key", true},
         // A task that is refused is run all the same.
-        {L"TaskName=A <b>;CommandToLaunch=c;Username=u", L"A <b>", L"c", L"u", false},
+        {L"TaskName=HalvardAgentTask;CommandToLaunch=c <d>;Username=u", name, L"c <d>", L"u",
+         false},
     };
     // Too long for the log.
     const auto logged = [](const std::wstring& text) {
@@ -716,8 +717,13 @@ TEST_F(PostInstallUPATest, KeepsAnIdentityOfAnyKind) {
     };
     for (const Value& value : kept) {
         machine_.SetIdentity(value.type, value.bytes);
-        PostInstallCalls();
+        const AgentCalls calls(machine_, 0, NO_ERROR, kAgentCalls | kRegistry);
+        EXPECT_EQ(PostInstall(), 0U);
         EXPECT_EQ(RegistryValueAt(kTeloKey, L"GUID"), value);
+        const std::wstring telo = L"HKLM\\Software\\Telo";
+        EXPECT_EQ(calls.Of({L"open " + telo, L"query " + telo, L"set " + telo, L"close " + telo}),
+                  (Lines{L"open " + telo + L" 0x20019", L"query " + telo + L" GUID 520 bytes",
+                         L"close " + telo}));
     }
 }
 

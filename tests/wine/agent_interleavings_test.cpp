@@ -269,7 +269,8 @@ TEST_F(AgentInterleavings, APostInstallAtEveryCallOfAPreInstall) {
         const bool deleted = deletion == 0 || at <= deletion + 1;
         EXPECT_EQ(machine_.Service().Exists(), !deleted) << where;
     };
-    EXPECT_GE(AtEveryCall(true, preInstall_, postInstall_, then, false), deletion + 1);
+    const std::size_t calls = AtEveryCall(true, preInstall_, postInstall_, then, false);
+    EXPECT_GE(calls, deletion + 1);
     EXPECT_GT(deletion, 0U);
 }
 

@@ -319,7 +319,8 @@ TEST(StartAgentService, GivesAPendingStartTheTimeOfItsHintWithoutProgress) {
     ExpectStart("the hint of the last answer counts",
                 {{kIsStopped, Starting(20000), Starting(1999)}}, false,
                 asked + Polls({2000}) + Says(kNotStarted));
-    // Nor is what the query behind it takes: with that one the first sleep would outlast the hint.
+    // What the request and the query behind it take is not taken from the hint: with the query's
+    // the first sleep would outlast it.
     ExpectStart("what the request takes is not taken from it",
                 {{kIsStopped, Starting(2000), Starting(2000), kIsRunning},
                  {},
@@ -513,6 +514,14 @@ ServiceBehavior SlowStop(DWORD waitHint = 0, DWORD stoppedWaitHint = 0) {
     return {NO_ERROR, 0, false, INFINITE, waitHint, 0, stoppedWaitHint};
 }
 
+ServiceBehavior StopIn(DWORD milliseconds, DWORD waitHint) {
+    return {NO_ERROR, 0, false, milliseconds, waitHint};
+}
+
+ServiceBehavior IgnoredStop() {
+    return {NO_ERROR, 0, true};
+}
+
 ServiceBehavior SlowStart(DWORD waitHint, DWORD checkpointInterval = 0) {
     return {NO_ERROR, INFINITE, false, 0, waitHint, checkpointInterval};
 }
@@ -545,7 +554,7 @@ TEST_F(StopServiceWithTimeoutTest, ARealServiceThatRuns) {
 
 TEST_F(StopServiceWithTimeoutTest, ARealServiceThatTakesItsTimeToStop) {
     // In real time: the hint is slept through as often as it takes.
-    const RunningService service(kName, folder, {NO_ERROR, 0, false, 300, 100});
+    const RunningService service(kName, folder, StopIn(300, 100));
     const ServiceCalls calls;
     const ULONGLONG start = GetTickCount64();
     EXPECT_TRUE(StopServiceWithTimeout(kName));
@@ -605,7 +614,7 @@ TEST_F(StopServiceWithTimeoutTest, ARealServiceThatIsAskedToStopSleepsWithItsHin
 }
 
 TEST_F(StopServiceWithTimeoutTest, ARealServiceThatIgnoresTheStop) {
-    const RunningService service(kName, folder, {NO_ERROR, 0, true});
+    const RunningService service(kName, folder, IgnoredStop());
     const ServiceCalls calls;
     StandInClock clock;
     clock.perLook = 3000;

@@ -30,8 +30,9 @@ enum CallGroup : unsigned {
     kCom = 1U << 12U,            // apartments, objects, identities
     kDevices = 1U << 13U,        // devices and their properties
     kClosing = 1U << 14U, // what gives back a handle or memory, keys, records and services apart
-    kServiceClosing = 1U << 15U, // what closes a service or the service control manager
-    kMessages = 1U << 16U,       // what the debugger is told
+    kServiceClosing =
+        1U << 15U,         // what closes a service, the service control manager, an event source
+    kMessages = 1U << 16U, // what the debugger is told
     kSleeps = 1U << 17U,
     kEveryCall = (1U << 18U) - 1,
 };
@@ -59,7 +60,8 @@ public:
     CallTrace& operator=(const CallTrace&) = delete;
 
     /// Makes the call number `nth`, counted from 1, of those whose lines begin with `start` fail; 0
-    /// for each of them. `before` may say so of the call that is about to come.
+    /// for each of them. `before` may say so of the call that is about to come. Only the last that
+    /// was said holds, the constructor's included.
     void Fail(const std::wstring& start, DWORD code = ERROR_ACCESS_DENIED, std::size_t nth = 1);
 
     /// Called before each call that may fail, with its line.

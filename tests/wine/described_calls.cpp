@@ -312,7 +312,7 @@ const std::vector<DescribedCall>& DescribedCalls() {
         CALL(kFiles, DeleteFileW, Zero,
              [](Trace&, LPCWSTR path) { return L"delete file " + Text(path); }),
         CALL(kFiles, _wremove, MinusOne,
-             [](Trace&, const wchar_t* path) { return L"delete file " + Text(path); }),
+             [](Trace&, const wchar_t* path) { return L"unlink " + Text(path); }),
         CALL(kFiles, MoveFileExW, Zero, ([](Trace&, LPCWSTR from, LPCWSTR to, DWORD flags) {
                  return L"move " + Text(from) + L" to " + Text(to) + Hex(flags);
              })),
@@ -453,7 +453,7 @@ const std::vector<DescribedCall>& DescribedCalls() {
                  return L"query service " + trace.Name(service);
              })),
         CALL(kServices, QueryServiceStatus, Zero, ([](Trace& trace, SC_HANDLE service, auto...) {
-                 return L"query service " + trace.Name(service);
+                 return L"state of service " + trace.Name(service);
              })),
         CALL(kServices, QueryServiceConfigW, Zero,
              ([](Trace& trace, SC_HANDLE service, LPQUERY_SERVICE_CONFIGW, DWORD size, LPDWORD) {

@@ -39,7 +39,8 @@ using RemoveAllTest = ScratchTree;
 using FallbackTest = ScratchTree;
 
 // How the lines of calls begin that change something by a path.
-const Lines kChangesByPath = {L"remove ", L"delete file ", L"set attributes ", L"move "};
+const Lines kChangesByPath = {L"remove ", L"delete file ", L"unlink ", L"set attributes ",
+                              L"move "};
 
 const std::vector<DWORD> kMeanUnknownClass = {ERROR_INVALID_FUNCTION, ERROR_NOT_SUPPORTED,
                                               ERROR_INVALID_PARAMETER, ERROR_CALL_NOT_IMPLEMENTED,

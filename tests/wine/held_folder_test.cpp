@@ -390,7 +390,6 @@ TEST_F(LinkTest, AnEntryOfWhichTheNameIsAPathIsLeft) {
 }
 
 TEST_F(LinkTest, ATopIsKnownByItsNameAndItsIdentity) {
-    // Without another entry no identity is listed, and any folder will do.
     CreateFolders(Beside(L"other"));
     const struct {
         const char* name;

@@ -19,7 +19,6 @@
 using halvard::CreateDVRLogonSchTask;
 using halvard::CreateLogonSchTask;
 using halvard::DeleteSchedTaskonBranding;
-using halvard::LaunchPV;
 using halvard::RegKeyError;
 using halvard::RemoveDVRSchedularTask;
 using halvard::RemovePVSchedularTask;
@@ -36,7 +35,6 @@ using halvard_tests::kProcesses;
 using halvard_tests::kRegistry;
 using halvard_tests::PivotInstallation;
 using halvard_tests::PlayedPrograms;
-using halvard_tests::ProcessStart;
 using halvard_tests::ProcessStarts;
 using halvard_tests::ReadingOf;
 using halvard_tests::ReadWholeFile;
@@ -406,21 +404,6 @@ const LogonTask kTasks[] = {
 
 INSTANTIATE_TEST_SUITE_P(LogonTasks, CreateLogonTask, testing::ValuesIn(kTasks));
 INSTANTIATE_TEST_SUITE_P(LogonTasks, RemoveLogonTask, testing::ValuesIn(kTasks));
-
-TEST(LaunchPV, RunsTheTaskAndReportsOneInAnyCase) {
-    const std::wstring directory = CurrentDirectory();
-    {
-        const RecorderAt schtasks(halvard_tests::kSchtasks);
-        COUNT_CALLS(waiting, WaitForSingleObject);
-        EXPECT_EQ(LaunchPV(0), 1U);
-        EXPECT_EQ(waiting.Calls(), 1);
-        EXPECT_EQ(Recordings(), (std::vector<Recording>{{L"schtasks.exe", directory,
-                                                         L"schtasks /run /TN \"StartPV\""}}));
-    }
-    FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(LaunchPV(0), 1U);
-    EXPECT_EQ(creating.Calls(), 1);
-}
 
 namespace {
 

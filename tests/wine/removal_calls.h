@@ -117,14 +117,22 @@ public:
         };
     }
 
-    /// The entries that were to be deleted by their handles, in their order.
+    /// The entries that were to be deleted by their handles, in their order. Where no flags are
+    /// known, the first is tried with them and once more without: these two count as one.
     Lines Deletions() const {
-        Lines paths = Rests(L"change entry ");
-        for (std::wstring& path : paths) {
-            path.erase(path.rfind(L' '));
+        Lines paths;
+        bool mayBeWithout = false;
+        for (const std::wstring& change : Rests(L"change entry ")) {
+            const std::size_t blank = change.rfind(L' ');
+            const std::wstring path = change.substr(0, blank);
+            const bool hasFlags =
+                change.substr(blank + 1) == std::to_wstring(kDispositionWithFlags);
+            if (hasFlags || !mayBeWithout || path != paths.back()) {
+                paths.push_back(path);
+            }
+            mayBeWithout = hasFlags;
         }
-        // Where no flags are known, the first is tried twice.
-        return WithoutRepeats(paths);
+        return paths;
     }
 };
 

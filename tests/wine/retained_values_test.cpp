@@ -487,15 +487,15 @@ TEST_F(DeleteandRetainValuesTest, MakesItsCallsInThisOrder) {
     EXPECT_EQ(DeleteandRetainValues(0), 0U);
     Names calls =
         WithoutRepeats(trace.Of({L"open HKLM", L"attributes of \\\\?\\" + Folder(), L"is folder",
-                                 L"list ", L"next of", L"close list", L"delete file"}));
+                                 L"list ", L"next of", L"close list", L"unlink"}));
     // What follows is the removal of the subfolder.
     calls.resize(10);
-    EXPECT_EQ(calls, (Names{L"open HKLM\\SOFTWARE\\ZenvoBranding 0x20019",
-                            L"open HKLM\\SOFTWARE\\Zenvo\\PV\\ 0x20019",
-                            L"attributes of \\\\?\\" + Folder(), L"is folder " + Folder(),
-                            L"list " + In(L"*.*"), L"next of " + In(L"*.*"), L"close list",
-                            L"is folder " + In(L"a"), L"delete file " + In(L"a"),
-                            L"is folder " + In(L"sub")}));
+    EXPECT_EQ(calls,
+              (Names{L"open HKLM\\SOFTWARE\\ZenvoBranding 0x20019",
+                     L"open HKLM\\SOFTWARE\\Zenvo\\PV\\ 0x20019",
+                     L"attributes of \\\\?\\" + Folder(), L"is folder " + Folder(),
+                     L"list " + In(L"*.*"), L"next of " + In(L"*.*"), L"close list",
+                     L"is folder " + In(L"a"), L"unlink " + In(L"a"), L"is folder " + In(L"sub")}));
 }
 
 TEST_F(DeleteandRetainValuesTest, AddsNoSlashToAFolderThatEndsInOne) {

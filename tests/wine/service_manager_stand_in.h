@@ -30,7 +30,8 @@ inline constexpr ServiceAnswer kNoAnswer = {0, 0, 0};
 /// manager's handle, and queries have the level and the room that Windows asks for.
 class StandInServiceManager {
 public:
-    /// What the queries are answered, one after the other. The last one stays.
+    /// What the queries are answered, one after the other, anew with each opening of the service.
+    /// The last one stays.
     ServiceAnswers queries;
     /// The answer to a request to stop, and the code with which it is refused all the same.
     ServiceAnswer stopAnswer;

@@ -472,7 +472,7 @@ const Lines kConfigured = Configured({0, 1000});
 Lines Polls(std::size_t count) {
     Lines lines;
     for (std::size_t poll = 0; poll < count; ++poll) {
-        lines = lines + Logged({kWaiting}) + Lines{L"sleep 101", L"query service " + kService};
+        lines = lines + Logged({kWaiting}) + Lines{L"sleep 101", L"state of service " + kService};
     }
     return lines;
 }

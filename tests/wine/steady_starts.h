@@ -9,8 +9,8 @@ namespace halvard_tests {
 ///
 /// Wine 8 refuses about one start of ten thousand in this way: what was to become the process has
 /// ended in the host's loader, before a program of Windows began. CreateProcessW of a test program
-/// does this for every start and tells it in a line, so that no action is judged by a tool that the
-/// engine has lost.
+/// does this for every start and tells it in a line of standard output, so that no action is judged
+/// by a tool that the engine has lost.
 int StartOnceMoreIfLost(const std::function<int()>& start, const std::function<void()>& tell);
 
 } // namespace halvard_tests

@@ -24,7 +24,7 @@ REGISTRY_SAVE = PROGRAMS / "tools/registry_save.exe"
 STAND_INS = {
     "Recorder": PROGRAMS / "tests/support/recorder.exe",
     "Service": PROGRAMS / "tests/support/test_service.exe",
-    "AgentService": PROGRAMS / "tests/support/agent_service.exe",
+    "SampleAgent": PROGRAMS / "tests/support/sample_agent.exe",
     "Server": PROGRAMS / "tests/support/com_server.dll",
 }
 # A library for tests of the runner, whose actions end in every way.

@@ -110,7 +110,7 @@ const std::vector<RuleText>& RuleTable() {
         {308, Severity::Warning,
          L"PreInstallUPA without a stop of TeloLauncher before it.",
          L"It tries to remove the folder before it ends the agent, and throws while the agent runs from there.",
-         L"Stop the service by an action of the package, such as net stop TeloLauncher, before it."},
+         L"Stop the service before it, by an action of the package that comes back when the process has gone."},
         {309, Severity::Error,
          L"RemoveExistingProducts behind what the new version writes.",
          L"The removal of the older version takes away tasks, folders and keys that the newer one has just made.",

@@ -27,11 +27,11 @@ DWORD RemoveFolder(const std::wstring& systemPath);
 /// their length and form.
 ///
 /// A name that leads to another folder than when it was listed is not entered, and ends the removal
-/// with ERROR_DIR_NOT_EMPTY. So does a folder that becomes a link while it is emptied. A folder
-/// that has become a link before its turn is not entered, and the link goes. A folder that another
-/// process has open for its deletion ends the removal with ERROR_SHARING_VIOLATION.
-/// docs/security.md tells what this keeps out. Memory grows with the depth of the tree, not with
-/// the number of entries.
+/// with ERROR_DIR_NOT_EMPTY. So does a folder that becomes a link while it is emptied, and a top
+/// that becomes one behind the attempt to delete it. A folder below that has become a link before
+/// its turn is not entered, and the link goes. A folder that another process has open for its
+/// deletion ends the removal with ERROR_SHARING_VIOLATION. docs/security.md tells what this keeps
+/// out. Memory grows with the depth of the tree, not with the number of entries.
 std::uintmax_t RemoveAll(const std::wstring& path, DWORD& code);
 
 /// Removes a folder with all it holds. What does not exist or is not a folder is left alone; a link

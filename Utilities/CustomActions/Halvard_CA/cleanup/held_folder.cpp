@@ -190,7 +190,7 @@ DWORD HeldFolder::CheckOpened(DWORD listedAttributes) {
     if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
         return ERROR_DIRECTORY;
     }
-    // Where the listing says link and the handle does not, the opening may have followed it.
+    // Where a reparse point was listed and the handle has no tag, the opening may have followed it.
     isLink_ = HasTagOfALink(handle_.get(), attributes | listedAttributes);
     fileId_ = ReadFileId(handle_.get());
     return ERROR_SUCCESS;

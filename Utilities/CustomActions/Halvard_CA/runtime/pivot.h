@@ -12,6 +12,9 @@ inline constexpr wchar_t kPivotInstallKey[] = L"SOFTWARE\\Qorta Technologies\\In
 /// The command tool.
 inline constexpr wchar_t kPivotProgram[] = L"pvcmd.exe";
 
+/// The task that starts the application when somebody logs on.
+inline constexpr wchar_t kPivotTaskName[] = L"StartPV";
+
 /// The folder that it is installed in. The key is opened for writing too, so that callers need
 /// administrative rights, and is closed again. Throws RegKeyError ("Unable to open registry key",
 /// "Unable to get registry value").

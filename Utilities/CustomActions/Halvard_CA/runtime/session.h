@@ -14,8 +14,9 @@ inline constexpr int kLogMessageLimit = 520;
 /// seen them, and must not start to.
 inline constexpr MSIHANDLE kNoSession = 0;
 
-/// The session that helpers log to which are handed none: the one that the action has stored, 0
-/// where it stores none. Each action whose helpers ask for it stores it first.
+/// The session that helpers log to which are handed none: the last handle that an action of this
+/// process stored, 0 when none did. Not every action stores its session, and helpers would then log
+/// to whatever an earlier action left here; those whose helpers ask for it store it first.
 MSIHANDLE CurrentSession() noexcept;
 void SetCurrentSession(MSIHANDLE session) noexcept;
 

@@ -19,7 +19,7 @@ struct LogonTask {
     const wchar_t* argument;
 };
 
-constexpr LogonTask kPivotTask = {L"StartPV", L"StartPV.xml", kPivotProgram, L"startwithdelay"};
+constexpr LogonTask kPivotTask = {kPivotTaskName, L"StartPV.xml", kPivotProgram, L"startwithdelay"};
 constexpr LogonTask kRecorderTask = {L"StartDVR", L"StartDVR.xml", L"VSServCmd.exe", L""};
 
 // Earlier releases started the applications through the Run key.
@@ -68,11 +68,6 @@ UINT __stdcall RemovePVSchedularTask(MSIHANDLE /*session*/) {
 
 UINT __stdcall RemoveDVRSchedularTask(MSIHANDLE /*session*/) {
     return DeleteTask(kRecorderTask.name);
-}
-
-UINT __stdcall LaunchPV(MSIHANDLE /*session*/) {
-    RunSchtasks(RunTaskCommand(kPivotTask.name), L"", true);
-    return 1;
 }
 
 UINT __stdcall DeleteSchedTaskonBranding(MSIHANDLE /*session*/) {

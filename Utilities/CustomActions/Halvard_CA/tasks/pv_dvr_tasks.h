@@ -43,12 +43,6 @@ UINT __stdcall RemovePVSchedularTask(MSIHANDLE session);
 /// Results: 0, 1. As those of RemovePVSchedularTask. Throws std::bad_alloc only.
 UINT __stdcall RemoveDVRSchedularTask(MSIHANDLE session);
 
-/// Runs the task "StartPV" now and waits for schtasks, not for the application.
-///
-/// Deferred action, result ignored, without CustomActionData. Inputs: none.
-/// Results: 1, whatever became of schtasks; no code of the installer. Throws std::bad_alloc only.
-UINT __stdcall LaunchPV(MSIHANDLE session);
-
 /// Deletes the task "StartPV" when a branded package does not want it, and waits for schtasks.
 ///
 /// Deferred action, result checked, without CustomActionData. Inputs: HKLM "SOFTWARE\Zenvo\PV",

@@ -1,4 +1,4 @@
-#include "agent/client_registry.h"
+#include "agent/check_for_clients.h"
 
 #include "runtime/session.h"
 

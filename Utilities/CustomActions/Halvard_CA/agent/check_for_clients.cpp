@@ -1,4 +1,4 @@
-#include "agent/client_registry.h"
+#include "agent/check_for_clients.h"
 
 #include "runtime/registry_values.h"
 #include "runtime/custom_action_data.h"
