@@ -2,7 +2,7 @@
 // times over, and prints a line "NAME MILLISECONDS" for each walk. Exit code 1 when a walk has not
 // found all that there is.
 
-#include "runtime/registry.h"
+#include "runtime/registry_walk.h"
 
 #include <chrono>
 #include <cstdio>

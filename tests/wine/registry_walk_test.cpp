@@ -1,4 +1,4 @@
-#include "runtime/registry.h"
+#include "runtime/registry_walk.h"
 
 #include "allocation_failure.h"
 #include "import_hook.h"

@@ -4,7 +4,7 @@
 #include "fuzz_input.h"
 
 #include "registry_key.h"
-#include "runtime/registry.h"
+#include "runtime/registry_walk.h"
 
 #include <algorithm>
 #include <deque>

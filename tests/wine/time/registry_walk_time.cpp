@@ -1,4 +1,4 @@
-#include "runtime/registry.h"
+#include "runtime/registry_walk.h"
 
 #include "bare_enumeration.h"
 #include "registry_key.h"

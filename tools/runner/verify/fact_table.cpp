@@ -226,7 +226,7 @@ const std::vector<FactText>& FactTexts() {
         {L"long-key-name",
          L"registry",
          L"The name of a key of 255 characters does not fit room for 255, and the key is skipped.",
-         L"WalkKey in runtime/registry.cpp",
+         L"WalkKey in runtime/registry_walk.cpp",
          L"234",
          L"RegEnumKeyExW function",
          L"234",

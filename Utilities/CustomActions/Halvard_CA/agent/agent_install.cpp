@@ -12,7 +12,7 @@
 #include "runtime/owned.h"
 #include "runtime/registry.h"
 #include "runtime/registry_values.h"
-#include "runtime/service_manager.h"
+#include "runtime/open_service_manager.h"
 #include "runtime/session.h"
 #include "tasks/schtasks_commands.h"
 #include "tasks/task_items.h"

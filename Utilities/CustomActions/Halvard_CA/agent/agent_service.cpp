@@ -2,7 +2,7 @@
 
 #include "agent/service_wait.h"
 #include "runtime/registry.h"
-#include "runtime/service_manager.h"
+#include "runtime/open_service_manager.h"
 
 #include <cstdio>
 #include <utility>

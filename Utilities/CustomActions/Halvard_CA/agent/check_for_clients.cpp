@@ -3,6 +3,7 @@
 #include "runtime/registry_values.h"
 #include "runtime/custom_action_data.h"
 #include "runtime/registry.h"
+#include "runtime/registry_walk.h"
 #include "runtime/session.h"
 #include "runtime/text.h"
 

@@ -3,7 +3,7 @@
 #include "runtime/file_paths.h"
 #include "runtime/custom_action_data.h"
 #include "runtime/file_status.h"
-#include "runtime/service_manager.h"
+#include "runtime/open_service_manager.h"
 #include "runtime/session.h"
 
 #include <system_error>

@@ -2,6 +2,7 @@
 
 #include "registry_actions/camera_chain_text.h"
 #include "runtime/registry.h"
+#include "runtime/registry_walk.h"
 #include "runtime/session.h"
 
 #include <exception>

@@ -10,7 +10,6 @@
 #include <optional>
 #include <string>
 #include <system_error>
-#include <vector>
 
 // Access to the registry in the view that a 64-bit process sees by default. Callers that want
 // another name the Wow6432Node path themselves, or the view in the access that they ask for.
@@ -95,23 +94,5 @@ std::list<std::wstring> ReadMultiString(HKEY key, const std::wstring& name);
 /// Throws RegKeyError ("Unable to write REG_MULTI_SZ value = " and the name in the system's ANSI
 /// code page, at most 259 bytes in all).
 void WriteMultiString(HKEY key, const std::wstring& name, const std::list<std::wstring>& strings);
-
-/// Appends the full paths of all keys below `root`\`path` to `keyPaths`, depth first in the order
-/// of the registry's indices, and those of the values to `valuePaths`; each path begins with the
-/// name of a predefined root. Paths that a vector holds already are skipped, a key with all below
-/// it.
-///
-/// With `names` not empty only values of these names count (basic Latin letters in either case),
-/// once for each entry that matches. What cannot be opened or enumerated is skipped, as are key
-/// names of 255 and value names of 16383 wide characters and more. The two vectors must not be the
-/// same one. Throws std::bad_alloc only.
-void EnumerateKeyTree(HKEY root, const std::wstring& path, std::vector<std::wstring>& keyPaths,
-                      std::vector<std::wstring>& valuePaths,
-                      const std::vector<std::wstring>& names);
-
-/// The walk of EnumerateKeyTree into one vector that takes keys and values, without a filter. With
-/// a null root it does not descend and writes one line for each key to standard output; the actions
-/// walk below HKEY_LOCAL_MACHINE alone.
-void QueryKey(HKEY root, const std::wstring& path, std::vector<std::wstring>& paths);
 
 } // namespace halvard

@@ -1,4 +1,4 @@
-#include "runtime/service_manager.h"
+#include "runtime/open_service_manager.h"
 
 namespace halvard {
 
