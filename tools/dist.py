@@ -74,8 +74,6 @@ IS_PLACEHOLDER = (
     "until the maker puts the own address into `CMakeLists.txt` (`HALVARD_FAULTS`). Tell whoever gave\n"
     "you this archive till then."
 )
-# What OpenSSL reaches a token through.
-PKCS11_ENGINE = "/usr/lib/x86_64-linux-gnu/engines-3/pkcs11.so"
 TOKEN = "pkcs11:"
 
 
@@ -117,7 +115,8 @@ class Signer:
         if self.certificate.suffix.lower() in PKCS12:
             return ["-pkcs12", str(self.certificate)]
         if self.module is not None:
-            token = ["-pkcs11engine", PKCS11_ENGINE, "-pkcs11module", str(self.module), "-login"]
+            # OpenSSL finds its engine by itself; the tool's options for it differ by release.
+            token = ["-pkcs11module", str(self.module)]
             return [*token, "-certs", str(self.certificate), "-key", str(self.key)]
         return ["-certs", str(self.certificate), "-key", str(self.key or self.certificate)]
 
