@@ -1,8 +1,11 @@
 """Reading a saved registry, and the difference of two snapshots."""
 
+import subprocess
+from pathlib import Path
+
 import pytest
 
-from installer import engines, machine
+from installer import engines, machine, repeats
 from installer.machine import Area, Change, Kind, difference, parse_saved_registry
 
 SAVED = r"""WINE REGISTRY Version 2
@@ -43,6 +46,50 @@ def test_keys_and_values_of_a_saved_registry():
         service: "",
         f"{service} : Start": "dword:00000003",
     }
+
+
+@pytest.mark.parametrize("cut", ["[", "[Software", "[Software 1\n"])
+def test_a_saved_registry_that_is_cut_short_is_told(cut):
+    with pytest.raises(ValueError, match="no key of a saved registry"):
+        parse_saved_registry(f"WINE REGISTRY Version 2\n\n{cut}", "HKLM")
+
+
+class Saving:
+    """A prefix in which the program that saves the registry ends with one answer after the other."""
+
+    def __init__(self, path: Path, monkeypatch, *answers: tuple[int, str]) -> None:
+        monkeypatch.setattr(machine.paths, "windows_path", str)
+        self.path = path
+        self.answers = list(answers)
+
+    def run(self, program: Path, folder: str, limit: float) -> subprocess.CompletedProcess[str]:
+        code, said = self.answers.pop(0)
+        if code == 0:
+            (saved,) = self.path.glob("registry-*")
+            for name in ("machine", "users"):
+                (saved / name).write_text("WINE REGISTRY Version 2\n\n[Software] 1\n")
+        return subprocess.CompletedProcess([program, folder], code, said)
+
+
+def test_a_registry_that_was_not_saved_without_a_word_is_saved_once_more(tmp_path, monkeypatch):
+    with repeats.counted(tmp_path / "repeated") as repeated, pytest.warns(UserWarning):
+        told = machine.stored_registry(Saving(tmp_path, monkeypatch, (127, " \n"), (0, "")))
+        assert repeated() == 1
+    assert told == {"HKLM\\Software": "", "HKU\\Software": ""}
+
+
+@pytest.mark.parametrize(
+    "answers, reason",
+    [
+        ([(1, "no privilege to save keys"), (0, "")], "exit code 1: no privilege to save keys"),
+        ([(127, ""), (126, ""), (0, "")], "exit code 126: not a word"),
+    ],
+)
+@pytest.mark.filterwarnings("ignore::UserWarning")
+def test_a_registry_that_cannot_be_saved_is_told(answers, reason, tmp_path, monkeypatch):
+    counting = repeats.counted(tmp_path / "repeated")
+    with counting, pytest.raises(RuntimeError, match=f"could not be saved: {reason}$"):
+        machine.stored_registry(Saving(tmp_path, monkeypatch, *answers))
 
 
 def test_what_was_added_removed_and_changed():

@@ -1,7 +1,8 @@
 """What is on the machine of a prefix, and what an installer run changed there.
 
 A snapshot holds the registry without its volatile keys, the files of drives c: and t:, the
-scheduled tasks and the services as they are registered. It costs a quarter of a second.
+scheduled tasks and the services as they are registered. Of those that one process takes only
+the first is read as a whole.
 """
 
 import os
@@ -11,11 +12,11 @@ from collections import Counter
 from dataclasses import dataclass, field
 from datetime import datetime
 from enum import Enum
-from functools import cache
+from functools import cache, lru_cache
 from pathlib import Path
 from typing import Iterable, Mapping
 
-from installer import engines, paths
+from installer import engines, paths, repeats
 from installer.prefix import Prefix
 
 SAVE_LIMIT = 30.0
@@ -95,11 +96,10 @@ def snapshot(prefix: Prefix) -> Snapshot:
 def difference(before: Snapshot, after: Snapshot) -> Difference:
     """What differs between two snapshots, by area and name."""
     result = Difference()
-    for place in sorted(before.keys() | after.keys(), key=lambda place: (place[0].value, place[1])):
-        old, new = before.get(place), after.get(place)
-        if old == new:
-            continue
-        area, name = place
+    places = before.keys() | after.keys()
+    changed = [each for each in places if before.get(each) != after.get(each)]
+    for area, name in sorted(changed, key=lambda each: (each[0].value, each[1])):
+        old, new = before.get((area, name)), after.get((area, name))
         if cause := _noise_cause(name):
             result.noise[cause] += 1
             continue
@@ -114,18 +114,30 @@ def parse_saved_registry(text: str, root: str) -> dict[str, str]:
     A key 'ROOT\\path' has an empty content, a value is named 'ROOT\\path : name'.
     """
     items: dict[str, str] = {}
-    key = ""
-    for line in _joined_lines(text):
-        if match := _KEY.match(line):
-            key = f"{root}\\{_unescaped(match['path'])}"
-            items[key] = ""
-        elif match := _VALUE.match(line):
+    # A line that begins with a bracket is a key's: what a value has of them stands in quotes.
+    for section in text.split("\n[")[1:]:
+        items.update(_saved_key(root, section))
+    return items
+
+
+# Little of a registry differs between two snapshots, and reading is most of what one costs.
+@lru_cache(maxsize=100_000)
+def _saved_key(root: str, section: str) -> Mapping[str, str]:
+    """A key with its values, from what stands behind its opening bracket."""
+    lines = iter(_joined_lines(section))
+    match = _KEY.match(next(lines, ""))
+    if match is None:
+        raise ValueError(f"no key of a saved registry: {section[:200]}")
+    key = f"{root}\\{_unescaped(match['path'])}"
+    items = {key: ""}
+    for line in lines:
+        if match := _VALUE.match(line):
             name = "(default)" if match["name"] is None else _unescaped(match["name"])
             items[f"{key} : {name}"] = _shown_data(match["data"])
     return items
 
 
-_KEY = re.compile(r"\[(?P<path>.*)\](?: \d+)?$")
+_KEY = re.compile(r"(?P<path>.*)\](?: \d+)?$")
 _VALUE = re.compile(r'(?:@|"(?P<name>(?:[^"\\]|\\.)*)")=(?P<data>.*)$')
 _STRING = re.compile(r'(?:str\([0-9a-f]+\):)?"(?P<text>.*)"$')
 _ESCAPE = re.compile(r"\\(?:x(?P<code>[0-9a-f]{1,4})|(?P<character>.))")
@@ -161,12 +173,31 @@ def _shown_data(data: str) -> str:
 
 def stored_registry(prefix: Prefix) -> dict[str, str]:
     """The keys and values of the registry under the names by which the engine stores them."""
+    try:
+        return _saved_registry(prefix)
+    except NotSaved as failure:
+        if failure.said:
+            raise
+        # The engine ends a program before its first word now and then; this one changes nothing.
+        repeats.tell(str(failure))
+        return _saved_registry(prefix)
+
+
+class NotSaved(RuntimeError):
+    """The registry could not be saved; `said` is what the program that saves it printed."""
+
+    def __init__(self, code: int, said: str) -> None:
+        super().__init__(f"the registry could not be saved: exit code {code}: {said or 'not a word'}")
+        self.said = said
+
+
+def _saved_registry(prefix: Prefix) -> dict[str, str]:
     with tempfile.TemporaryDirectory(dir=prefix.path, prefix="registry-") as folder:
         saved = prefix.run(
             paths.REGISTRY_SAVE, paths.windows_path(Path(folder)), limit=SAVE_LIMIT
         )
         if saved.returncode != 0:
-            raise RuntimeError(f"the registry could not be saved: {saved.stdout.strip()}")
+            raise NotSaved(saved.returncode, saved.stdout.strip())
         return parse_saved_registry(_text(folder, "machine"), "HKLM") | parse_saved_registry(
             _text(folder, "users"), "HKU"
         )
@@ -193,18 +224,18 @@ def _files(prefix: Prefix) -> dict[str, str]:
 def _tree(drive: str, root: Path) -> dict[str, str]:
     items = {}
     for folder, folder_names, file_names in os.walk(root):
-        for name in folder_names + file_names:
-            path = Path(folder) / name
-            status = path.lstat()
-            shown = f"{drive}\\{path.relative_to(root)}".replace("/", "\\")
-            if name in folder_names:
-                items[shown] = "folder"
-            else:
-                written = datetime.fromtimestamp(status.st_mtime).isoformat(" ", "milliseconds")
-                items[shown] = f"{status.st_size} bytes{TIME_MARK}{written}"
+        shown = drive + folder.removeprefix(str(root)).replace("/", "\\")
+        for name in folder_names:
+            items[f"{shown}\\{name}"] = "folder"
+        for name in file_names:
+            status = os.lstat(os.path.join(folder, name))
+            written = datetime.fromtimestamp(status.st_mtime).isoformat(" ", "milliseconds")
+            items[f"{shown}\\{name}"] = f"{status.st_size} bytes{TIME_MARK}{written}"
     return items
 
 
+# As with the keys: most names are those of the last snapshot.
+@lru_cache(maxsize=100_000)
 def place(name: str) -> tuple[Area, str]:
     """The area that an item belongs to, and its name there."""
     if service := _SERVICE.match(name):

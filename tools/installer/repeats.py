@@ -1,4 +1,4 @@
-"""What was done once more because the engine hung before it had done anything.
+"""What was done once more because the engine hung or ended before it had done anything.
 
 Such a repeat hides no failure of the library, which had not been called yet; it is told and counted
 all the same, for an engine that hangs more often is worth knowing of.

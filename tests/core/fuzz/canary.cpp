@@ -1,5 +1,5 @@
 // Stands between libFuzzer and the function of a fuzzer and adds the fault that HALVARD_CANARY
-// names to one input of a thousand: the fuzzer has to come upon one of these, and to report it.
+// names to one input of some hundreds: the fuzzer has to come upon one of these, and to report it.
 
 #include "fuzz_input.h"
 
@@ -9,10 +9,13 @@
 
 namespace {
 
+// No seed has the sum that brings the fault; with one that has, the canary counts as missed.
+constexpr std::uint32_t kModulus = 257;
+
 std::uint32_t Checksum(const std::uint8_t* bytes, std::size_t size) {
     std::uint32_t sum = 0;
     for (std::size_t index = 0; index < size; ++index) {
-        sum = (sum * 31 + bytes[index]) % 1009;
+        sum = (sum * 31 + bytes[index]) % kModulus;
     }
     return sum;
 }
@@ -44,7 +47,7 @@ extern "C" int __real_LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::siz
 extern "C" int __wrap_LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
     const int result = __real_LLVMFuzzerTestOneInput(bytes, size);
     const char* const named = std::getenv("HALVARD_CANARY");
-    if (named != nullptr && Checksum(bytes, size) == 1008) {
+    if (named != nullptr && Checksum(bytes, size) == kModulus - 1) {
         Plant(named, bytes, size);
     }
     return result;
