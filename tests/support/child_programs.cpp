@@ -5,6 +5,8 @@
 
 #include <windows.h>
 
+#include <tlhelp32.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
@@ -108,6 +110,23 @@ std::vector<Recording> WaitForRecordings(std::size_t count) {
         recordings = Recordings();
     }
     return recordings;
+}
+
+void EndPrograms(const std::wstring& name) {
+    const HANDLE list = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    PROCESSENTRY32W entry = {};
+    entry.dwSize = sizeof(entry);
+    for (BOOL found = Process32FirstW(list, &entry); found != FALSE;
+         found = Process32NextW(list, &entry)) {
+        if (name == entry.szExeFile) {
+            const HANDLE process =
+                OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, entry.th32ProcessID);
+            TerminateProcess(process, 0);
+            WaitForSingleObject(process, INFINITE);
+            CloseHandle(process);
+        }
+    }
+    CloseHandle(list);
 }
 
 } // namespace halvard_tests

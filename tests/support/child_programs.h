@@ -49,4 +49,7 @@ std::vector<Recording> Recordings();
 /// then.
 std::vector<Recording> WaitForRecordings(std::size_t count);
 
+/// Ends all processes of a program, such as a recorder that would go on for longer than its test.
+void EndPrograms(const std::wstring& name);
+
 } // namespace halvard_tests

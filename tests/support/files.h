@@ -13,6 +13,11 @@ void CreateFolders(const std::wstring& folder);
 /// Throws std::logic_error for a folder of another drive.
 void RemoveTree(const std::wstring& folder);
 
+/// The same for a folder in which a program still runs, or one that has just ended: it is removed
+/// when that lets go of it. Ends this program when it is still there after 60 seconds: left there,
+/// it would be the next test's, and go in the middle of it.
+void RemoveForGood(const std::wstring& folder);
+
 /// A link in a folder of the throw-away drive, gone at the end: the host's own kind, which shows as
 /// a folder with the reparse attribute and no tag. `target` is the host's text, relative to the
 /// folder, and has to be there at both times. Whatever deletes the link by the system's calls

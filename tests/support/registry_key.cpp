@@ -1,6 +1,7 @@
 #include "registry_key.h"
 
 #include <stdexcept>
+#include <utility>
 
 namespace halvard_tests {
 
@@ -90,6 +91,21 @@ std::wstring ScratchKey::ReadCharacters(const std::wstring& name) const {
     const Value value = Read(name);
     const auto* const first = reinterpret_cast<const wchar_t*>(value.bytes.data());
     return {first, first + value.bytes.size() / sizeof(wchar_t)};
+}
+
+AbsentKeys::AbsentKeys(std::vector<std::wstring> keys, HKEY root)
+    : keys_(std::move(keys)), root_(root) {
+    Remove();
+}
+
+AbsentKeys::~AbsentKeys() {
+    Remove();
+}
+
+void AbsentKeys::Remove() const {
+    for (const std::wstring& key : keys_) {
+        RegDeleteTreeW(root_, key.c_str());
+    }
 }
 
 bool operator==(const ScratchKey::Value& left, const ScratchKey::Value& right) {

@@ -49,6 +49,22 @@ private:
     HKEY key_ = nullptr;
 };
 
+/// Keys that are absent, with all below them, at the start and at the end.
+class AbsentKeys {
+public:
+    explicit AbsentKeys(std::vector<std::wstring> keys, HKEY root = HKEY_LOCAL_MACHINE);
+    ~AbsentKeys();
+    AbsentKeys(const AbsentKeys&) = delete;
+    AbsentKeys& operator=(const AbsentKeys&) = delete;
+
+    /// Removes them now as well.
+    void Remove() const;
+
+private:
+    std::vector<std::wstring> keys_;
+    HKEY root_;
+};
+
 bool operator==(const ScratchKey::Value& left, const ScratchKey::Value& right);
 
 /// A value of a key below HKEY_LOCAL_MACHINE; nothing when the key or the value is missing.

@@ -278,7 +278,7 @@ void MakeBystanders() {
     SetText(L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run", L"Other", L"kept");
 }
 
-void RemoveForGood(const std::wstring& folder) {
+void RemoveOrThrow(const std::wstring& folder) {
     halvard_tests::RemoveTree(folder);
     Check(!IsThere(folder), "what a run has left cannot be removed");
 }
@@ -383,8 +383,8 @@ Scene SceneNamed(const std::string& name) {
 
 void ClearMachine() {
     CloseHandle(std::exchange(lockedFile, INVALID_HANDLE_VALUE));
-    RemoveForGood(kApps);
-    RemoveForGood(L"T:\\Other");
+    RemoveOrThrow(kApps);
+    RemoveOrThrow(L"T:\\Other");
     RemoveTreeOnC(L"C:\\Program Files\\Zenvo");
     RemoveTreeOnC(L"C:\\ProgramData\\Zenvo");
     RemoveTreeOnC(TemporaryFolder() + L"\\Zenvo");

@@ -38,23 +38,6 @@ const std::wstring kQorta = L"SOFTWARE\\Qorta Technologies";
 const std::wstring kCameras = L"SYSTEM\\CurrentControlSet\\Control\\DeviceClasses\\"
                               L"{e5323777-f976-4f5b-9b55-b94699c46e44}";
 
-/// Keys below HKEY_LOCAL_MACHINE that are absent at the start and at the end.
-class AbsentKeys {
-public:
-    explicit AbsentKeys(Lines keys) : keys_(std::move(keys)) { Remove(); }
-    ~AbsentKeys() { Remove(); }
-    AbsentKeys(const AbsentKeys&) = delete;
-    AbsentKeys& operator=(const AbsentKeys&) = delete;
-
-private:
-    void Remove() const {
-        for (const std::wstring& key : keys_) {
-            RegDeleteTreeW(HKEY_LOCAL_MACHINE, key.c_str());
-        }
-    }
-    Lines keys_;
-};
-
 void SetNumber(HKEY root, const std::wstring& key, const wchar_t* name, DWORD number) {
     RegSetKeyValueW(root, key.c_str(), name, REG_DWORD, &number, sizeof(number));
 }
@@ -161,18 +144,13 @@ struct Adapter {
 
 struct Clients {
     Clients() {
-        Forget();
         SetNumber(HKEY_LOCAL_MACHINE, kTeloKey, L"Bar_TeloStatus", 1);
         SetRegistryString(HKEY_CURRENT_USER, kTeloKey, L"TeloClient", L"Bar");
         SetRegistryString(HKEY_LOCAL_MACHINE, kQorta + L"\\Install\\UPA", L"ProductVersion",
                           L"1.2");
     }
-    ~Clients() { Forget(); }
-    Clients(const Clients&) = delete;
-    Clients& operator=(const Clients&) = delete;
-
-    static void Forget() { RegDeleteTreeW(HKEY_CURRENT_USER, kTeloKey); }
     AbsentKeys keys{{kTeloKey, kQorta}};
+    AbsentKeys userKeys{{kTeloKey}, HKEY_CURRENT_USER};
 };
 
 // The agent's folders and an older service; no service starts by itself, and no task is kept.

@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <memory>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 
@@ -88,6 +89,8 @@ struct ActionRun {
     /// Handles of the process that no call tells of.
     int handlesLeft = 0;
     bool allocationFailed = false;
+    /// The session that is stored when the first call is made, and in the end.
+    std::optional<MSIHANDLE> sessionAtFirst;
     MSIHANDLE sessionThen = 0;
     MSIHANDLE session = 0;
     /// The records that were made, for whichever session, and the messages that came to its own.
@@ -106,7 +109,12 @@ ActionRun RunOf(const Contract& contract, std::size_t failingCall, int failingAl
     const StandInClock clock;
     const std::shared_ptr<void> machine = contract.arrange(session);
     const int before = OpenHandleCount();
-    const CallTrace trace(kEveryCall, failingCall, code);
+    CallTrace trace(kEveryCall, failingCall, code);
+    trace.before = [&](const std::wstring&) {
+        if (!run.sessionAtFirst) {
+            run.sessionAtFirst = halvard::CurrentSession();
+        }
+    };
     {
         const AllocationFailure failure(failingAllocation);
         run.outcome = OutcomeOf([&] { return contract.run(session.Get()); });
@@ -212,7 +220,9 @@ TEST_P(ActionContract, GoesAllTheWay) {
         << testing::PrintToString(run.lines);
     EXPECT_EQ(run.leftOpen.size(), contract.leavesOpen.size());
     ExpectLeftOpenAsKnown(contract, run, "");
-    EXPECT_EQ(run.sessionThen, contract.storesSession ? run.session : kFormerSession);
+    const MSIHANDLE stored = contract.storesSession ? run.session : kFormerSession;
+    EXPECT_EQ(run.sessionAtFirst.value_or(stored), stored);
+    EXPECT_EQ(run.sessionThen, stored);
     EXPECT_EQ(run.messages, contract.logLines);
     EXPECT_EQ(run.records == 0, contract.logLines == 0);
 }

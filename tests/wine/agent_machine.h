@@ -48,11 +48,7 @@ public:
         service_.reset();
         older_.reset();
         ForgetKeys();
-        // A program that has just ended may still hold its file.
-        for (int tries = 0; tries < 2000 && IsThere(Programs()); ++tries) {
-            RemoveTree(Programs());
-            Sleep(10);
-        }
+        RemoveForGood(Programs());
     }
     AgentMachine(const AgentMachine&) = delete;
     AgentMachine& operator=(const AgentMachine&) = delete;

@@ -21,6 +21,7 @@ using halvard::EnableAnalyticsKey;
 using halvard::MarkTeloInstalled;
 using halvard::RegKeyError;
 using halvard::TrackDVRAnalytics;
+using halvard_tests::AbsentKeys;
 using halvard_tests::CallTrace;
 using halvard_tests::CurrentSessionScope;
 using halvard_tests::KeyExists;
@@ -58,21 +59,8 @@ std::optional<Value> Tracked() {
     return RegistryValueAt(kMarker, L"ZenvoDVR_Tracked");
 }
 
-// The keys of these actions are absent at the start of a test, and gone at its end.
-class AbsentKeys : public testing::Test {
-public:
-    AbsentKeys() { Remove(); }
-    ~AbsentKeys() override { Remove(); }
-    AbsentKeys(const AbsentKeys&) = delete;
-    AbsentKeys& operator=(const AbsentKeys&) = delete;
-
-private:
-    static void Remove() {
-        for (const wchar_t* key :
-             {L"SOFTWARE\\Zenvo", L"SOFTWARE\\Qorta Technologies", L"SOFTWARE\\ZenvoDVR"}) {
-            RegDeleteTreeW(HKEY_LOCAL_MACHINE, key);
-        }
-    }
+class AnalyticsTest : public testing::Test {
+    AbsentKeys keys_{{L"SOFTWARE\\Zenvo", L"SOFTWARE\\Qorta Technologies", L"SOFTWARE\\ZenvoDVR"}};
 };
 
 // What an action did to the registry, the call of number `failing` refused.
@@ -92,7 +80,7 @@ Outcome OutcomeOf(Action action, MSIHANDLE session, std::size_t failing) {
 
 } // namespace
 
-class DisabelAnalyticsKeyTest : public AbsentKeys {};
+class DisabelAnalyticsKeyTest : public AnalyticsTest {};
 
 TEST_F(DisabelAnalyticsKeyTest, APropertyThatBeginsWithYesWithdrawsTheConsent) {
     const StandInSession session;
@@ -170,7 +158,7 @@ TEST_F(DisabelAnalyticsKeyTest, EachCallRefusedLeavesTheConsent) {
     EXPECT_EQ(OpenHandleCount(), before);
 }
 
-class EnableAnalyticsKeyTest : public AbsentKeys {};
+class EnableAnalyticsKeyTest : public AnalyticsTest {};
 
 TEST_F(EnableAnalyticsKeyTest, CreatesBothKeysAndWritesTheirValues) {
     const Outcome run = OutcomeOf(EnableAnalyticsKey, 0, 0);
@@ -259,7 +247,7 @@ TEST_F(EnableAnalyticsKeyTest, AValueThatCannotBeSetDoesNotLeadToACreation) {
     EXPECT_EQ(Consent(), std::nullopt);
 }
 
-class MarkTeloInstalledTest : public AbsentKeys {};
+class MarkTeloInstalledTest : public AnalyticsTest {};
 
 TEST_F(MarkTeloInstalledTest, TellsWhetherItWrote) {
     const auto mark = [](MSIHANDLE) -> UINT {
@@ -281,7 +269,7 @@ TEST_F(MarkTeloInstalledTest, TellsWhetherItWrote) {
     EXPECT_FALSE(KeyExists(kConsent));
 }
 
-class DeleteAnalyticsKeyTest : public AbsentKeys {};
+class DeleteAnalyticsKeyTest : public AnalyticsTest {};
 
 TEST_F(DeleteAnalyticsKeyTest, DeletesAKeyWithItsValues) {
     const ScratchKey consent(kConsent);
@@ -347,7 +335,7 @@ TEST_F(DeleteAnalyticsKeyTest, LogsToItsOwnSessionBeforeItClosesTheKey) {
     EXPECT_EQ(calls.All().size(), 3U);
 }
 
-class TrackDVRAnalyticsTest : public AbsentKeys {};
+class TrackDVRAnalyticsTest : public AnalyticsTest {};
 
 TEST_F(TrackDVRAnalyticsTest, TheFirstRunCreatesTheMarkerAndReports1) {
     const ScratchKey install(kInstall);

@@ -1,447 +1,322 @@
 #include "processes/application_actions.h"
 
-#include "runtime/owned.h"
-#include "runtime/registry.h"
+#include "runtime/launch.h"
 
+#include "call_trace.h"
 #include "child_programs.h"
 #include "file_system_error.h"
 #include "files.h"
 #include "import_hook.h"
 #include "open_handles.h"
 #include "pivot_installation.h"
+#include "played_programs.h"
+#include "process_starts.h"
 #include "registry_error.h"
+#include "registry_key.h"
 
 #include <gtest/gtest.h>
 
 #include <shlobj.h>
 #include <shlwapi.h>
 
-#include <filesystem>
 #include <functional>
-#include <optional>
 
-using halvard::OwnedHandle;
 using halvard::ShutDownDVR;
 using halvard::ShutDownPivotConsole;
 using halvard::TerminateDVRApp;
 using halvard::TerminatePivotApp;
+using halvard_tests::AbsentKeys;
+using halvard_tests::CallTrace;
+using halvard_tests::CreateFolders;
 using halvard_tests::EnvironmentVariable;
+using halvard_tests::ExpectFileSystemError;
 using halvard_tests::ExpectRegKeyError;
+using halvard_tests::kChildren;
+using halvard_tests::kFileQuestions;
+using halvard_tests::kFiles;
+using halvard_tests::kFolders;
+using halvard_tests::kProcesses;
+using halvard_tests::kRegistry;
+using halvard_tests::kSleeps;
 using halvard_tests::OpenHandleCount;
+using halvard_tests::PlayedPrograms;
+using halvard_tests::ProcessStart;
+using halvard_tests::ProcessStarts;
+using halvard_tests::ReadingOf;
 using halvard_tests::RecorderAt;
 using halvard_tests::Recording;
 using halvard_tests::Recordings;
+using halvard_tests::RemoveForGood;
 using halvard_tests::SetRegistryString;
 using halvard_tests::WaitForRecordings;
 using namespace std::string_literals;
 
 namespace {
 
+using Action = UINT(__stdcall*)(MSIHANDLE);
+
 constexpr wchar_t kFolder[] = L"T:\\Apps\\Suite";
 constexpr wchar_t kTaskKill[] = L"C:\\windows\\system32\\taskkill.exe";
 constexpr wchar_t kSystemFolder[] = L"C:\\windows\\system32";
 constexpr DWORD kLimitMilliseconds = 20000;
-
-using Action = UINT(__stdcall*)(MSIHANDLE);
+constexpr unsigned kLooks = kFiles | kFileQuestions;
+// How the lines begin of all but the questions for whole paths.
+const Lines kTold = {L"open ",          L"size of ",  L"get ", L"close ",
+                     L"attributes of ", L"is there ", L"run "};
 
 struct ShutDownAction {
     Action run;
-    const wchar_t* key;
-    const wchar_t* program;
+    std::wstring key;
+    std::wstring program;
     // The program is looked for in the way that reports what it cannot look at.
     bool reportsFailedLook;
 };
 
 void PrintTo(const ShutDownAction& action, std::ostream* stream) {
-    const std::wstring name = action.program;
-    *stream << std::string(name.begin(), name.end());
+    *stream << std::string(action.program.begin(), action.program.end());
 }
 
-// A program that has just ended may still hold its working directory.
-void RemoveWhenFree(const std::wstring& folder) {
-    const ULONGLONG start = GetTickCount64();
-    while (halvard_tests::IsThere(folder) && GetTickCount64() - start < kLimitMilliseconds) {
-        halvard_tests::RemoveTree(folder);
-        Sleep(1);
-    }
-    EXPECT_FALSE(halvard_tests::IsThere(folder));
+// A start as the actions ask for it. The system writes into the buffer of a command line.
+bool AsMeant(ProcessStart& start) {
+    EXPECT_EQ(start.application, nullptr);
+    EXPECT_EQ(start.inherit, FALSE);
+    EXPECT_NE(static_cast<LPCWSTR>(start.commandLine), start.directory);
+    return true;
+}
+
+// How a trace tells of the look at a folder.
+std::wstring LookAt(const std::wstring& path) {
+    return L"attributes of \\\\?\\" + path;
 }
 
 /// The registry entry and the folder of an installed application, without its command tool.
-class Installation {
-public:
-    explicit Installation(const ShutDownAction& action, const std::wstring& location = kFolder)
-        : action_(action) {
-        halvard_tests::CreateFolders(kFolder);
+class ShutDown : public testing::TestWithParam<ShutDownAction> {
+protected:
+    ShutDown() {
+        CreateFolders(kFolder);
+        SetLocation(kFolder);
+    }
+    ~ShutDown() override { RemoveForGood(L"T:\\Apps"); }
+    ShutDown(const ShutDown&) = delete;
+    ShutDown& operator=(const ShutDown&) = delete;
+
+    static void SetLocation(const std::wstring& location) {
+        SetRegistryString(HKEY_LOCAL_MACHINE, GetParam().key, L"Location", location);
+    }
+    static std::wstring Program() { return kFolder + L"\\"s + GetParam().program; }
+    static std::wstring CommandIn(const std::wstring& location) {
+        const bool ends = location.back() == L'\\' || location.back() == L'/';
+        return L"\"" + location + (ends ? L"" : L"\\") + GetParam().program + L"\" exit";
+    }
+
+    static UINT Run() { return GetParam().run(0); }
+
+    // The lines of all that it calls.
+    static Lines Reading() {
+        return ReadingOf(L"HKLM\\" + GetParam().key, L"Location", L"0x20019");
+    }
+    static std::wstring LookAtTool() {
+        return GetParam().reportsFailedLook ? LookAt(Program()) : L"is there " + Program();
+    }
+    static std::wstring Start(const std::wstring& location) {
+        return L"run " + CommandIn(location) + L" in " + location;
+    }
+
+    // What the tool, which is there, records of its start in this location.
+    static Recording StartedIn(const std::wstring& location) {
         SetLocation(location);
+        const ProcessStarts starts(AsMeant);
+        EXPECT_EQ(Run(), 0U);
+        EXPECT_EQ(starts.All(), Lines{Start(location)});
+        starts.WaitUntilAllHaveEnded();
+        const std::vector<Recording> recordings = Recordings();
+        EXPECT_EQ(recordings.size(), 1U);
+        return recordings.empty() ? Recording() : recordings.front();
     }
-    ~Installation() {
-        RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Qorta Technologies");
-        RemoveWhenFree(L"T:\\Apps");
-    }
-    Installation(const Installation&) = delete;
-    Installation& operator=(const Installation&) = delete;
 
-    void SetLocation(const std::wstring& location) const {
-        SetRegistryString(HKEY_LOCAL_MACHINE, action_.key, L"Location", location);
+    // With the call refused whose line begins so.
+    static void ExpectThrown(const std::wstring& refused, const std::string& message, int code,
+                             const Lines& calls) {
+        CallTrace trace(kRegistry | kLooks | kProcesses);
+        trace.Fail(refused, ERROR_ACCESS_DENIED, 0);
+        ExpectRegKeyError(Run, message, code);
+        EXPECT_EQ(trace.Of(kTold), calls);
     }
-    std::wstring Program() const { return std::wstring(kFolder) + L"\\" + action_.program; }
 
 private:
-    const ShutDownAction& action_;
+    AbsentKeys keys_{
+        {L"SOFTWARE\\Qorta Technologies", L"SOFTWARE\\Wow6432Node\\Qorta Technologies"}};
 };
-
-// A call of CreateProcessW and what it gave.
-struct Start {
-    std::wstring commandLine;
-    std::optional<std::wstring> directory;
-    bool created;
-    DWORD code;
-};
-
-bool operator==(const Start& left, const Start& right) {
-    return left.commandLine == right.commandLine && left.directory == right.directory &&
-           left.created == right.created && left.code == right.code;
-}
-
-void PrintTo(const Start& start, std::ostream* stream) {
-    const std::wstring text = start.commandLine + L" in " + start.directory.value_or(L"(none)");
-    *stream << std::string(text.begin(), text.end()) << (start.created ? " created " : " failed ")
-            << start.code;
-}
-
-enum class Answer { OfTheSystem, Refused, Created, InNoDirectory };
-
-/// Sees every call of CreateProcessW and gives it the answer of its number; further calls get that
-/// of the system.
-class Starts {
-public:
-    explicit Starts(std::vector<Answer> answers = {}) : answers_(std::move(answers)) {}
-
-    const std::vector<Start>& All() const { return starts_; }
-
-    /// The process of the last start.
-    HANDLE Process() const { return process_.get(); }
-
-private:
-    BOOL Give(Answer answer, LPWSTR commandLine, LPCWSTR directory, LPSTARTUPINFOW startup,
-              LPPROCESS_INFORMATION child, DWORD flags) {
-        if (answer == Answer::Refused) {
-            SetLastError(ERROR_ACCESS_DENIED);
-            return FALSE;
-        }
-        if (answer == Answer::Created) {
-            // Something to wait for and to close that has ended already.
-            child->hProcess = CreateEventW(nullptr, TRUE, TRUE, nullptr);
-            child->hThread = CreateEventW(nullptr, TRUE, TRUE, nullptr);
-            return TRUE;
-        }
-        const BOOL created = creating_.Original(
-            nullptr, commandLine, nullptr, nullptr, FALSE, flags, nullptr,
-            answer == Answer::InNoDirectory ? nullptr : directory, startup, child);
-        if (created != FALSE) {
-            HANDLE process = nullptr;
-            DuplicateHandle(GetCurrentProcess(), child->hProcess, GetCurrentProcess(), &process, 0,
-                            FALSE, DUPLICATE_SAME_ACCESS);
-            process_.reset(process);
-        }
-        return created;
-    }
-
-    std::vector<Answer> answers_;
-    std::vector<Start> starts_;
-    OwnedHandle process_;
-    HOOK(creating_, CreateProcessW,
-         [this](LPCWSTR application, LPWSTR commandLine, LPSECURITY_ATTRIBUTES,
-                LPSECURITY_ATTRIBUTES, BOOL inherit, DWORD flags, LPVOID, LPCWSTR directory,
-                LPSTARTUPINFOW startup, LPPROCESS_INFORMATION child) {
-             EXPECT_EQ(application, nullptr);
-             EXPECT_EQ(inherit, FALSE);
-             // The system writes into the buffer of a command line.
-             EXPECT_NE(static_cast<LPCWSTR>(commandLine), directory);
-             Start start{commandLine,
-                         directory == nullptr ? std::nullopt
-                                              : std::optional<std::wstring>(directory),
-                         false, 0};
-             const Answer answer =
-                 starts_.size() < answers_.size() ? answers_[starts_.size()] : Answer::OfTheSystem;
-             SetLastError(NO_ERROR);
-             const BOOL created = Give(answer, commandLine, directory, startup, child, flags);
-             start.created = created != FALSE;
-             start.code = created != FALSE ? NO_ERROR : GetLastError();
-             starts_.push_back(start);
-             SetLastError(start.code);
-             return created;
-         });
-};
-
-// What is thrown goes no further.
-void RunAnyway(Action action) {
-    try {
-        action(0);
-    } catch (const std::exception&) { // NOLINT(bugprone-empty-catch)
-    }
-}
 
 } // namespace
-
-class ShutDown : public testing::TestWithParam<ShutDownAction> {};
 
 TEST_P(ShutDown, StartsTheToolWithExitInItsFolder) {
     for (const std::wstring& name : {L""s, L"\\With blanks"s, L"\\\u0416\u00e9"s}) {
         const std::wstring location = kFolder + name;
-        const Installation installation(GetParam(), location);
-        halvard_tests::CreateFolders(location);
-        const std::wstring program = location + L"\\" + GetParam().program;
-        const RecorderAt tool(program);
-        const Starts starts;
-        const std::wstring command = L"\"" + program + L"\" exit";
-        EXPECT_EQ(GetParam().run(0), 0U);
-        EXPECT_EQ(starts.All(), (std::vector<Start>{{command, location, true, 0}}));
-        EXPECT_EQ(WaitForRecordings(1),
-                  (std::vector<Recording>{{GetParam().program, location, command}}));
+        CreateFolders(location);
+        const RecorderAt tool(location + L"\\" + GetParam().program);
+        EXPECT_EQ(StartedIn(location),
+                  (Recording{GetParam().program, location, CommandIn(location)}));
     }
 }
 
 TEST_P(ShutDown, ALocationThatEndsInASlash) {
     for (const std::wstring& location : {L"T:\\Apps\\Suite\\"s, L"T:/Apps/Suite/"s}) {
-        const Installation installation(GetParam(), location);
-        const RecorderAt tool(installation.Program());
-        const Starts starts;
-        const std::wstring command = L"\"" + location + GetParam().program + L"\" exit";
-        EXPECT_EQ(GetParam().run(0), 0U);
-        EXPECT_EQ(starts.All(), (std::vector<Start>{{command, location, true, 0}}));
-        const std::vector<Recording> recordings = WaitForRecordings(1);
-        ASSERT_EQ(recordings.size(), 1U);
-        EXPECT_EQ(recordings[0].commandLine, command);
+        const RecorderAt tool(Program());
+        EXPECT_EQ(StartedIn(location).commandLine, CommandIn(location));
     }
 }
 
 TEST_P(ShutDown, DoesNotWaitForTheTool) {
-    const Installation installation(GetParam());
-    const RecorderAt tool(installation.Program());
-    const EnvironmentVariable delay(L"HALVARD_RECORD_DELAY", L"1500");
-    const Starts starts;
+    const RecorderAt tool(Program());
+    const EnvironmentVariable delay(L"HALVARD_RECORD_DELAY", L"60000");
+    const ProcessStarts starts(AsMeant);
     {
-        COUNT_CALLS(waiting, WaitForSingleObject);
-        COUNT_CALLS(sleeping, Sleep);
-        EXPECT_EQ(GetParam().run(0), 0U);
-        EXPECT_EQ(waiting.Calls(), 0);
-        EXPECT_EQ(sleeping.Calls(), 0);
+        const CallTrace calls(kProcesses | kChildren | kSleeps);
+        EXPECT_EQ(Run(), 0U);
+        EXPECT_EQ(calls.All(), Lines{Start(kFolder)});
     }
-    EXPECT_EQ(WaitForSingleObject(starts.Process(), 0), static_cast<DWORD>(WAIT_TIMEOUT));
-    // It is left running to its own end.
-    EXPECT_EQ(WaitForSingleObject(starts.Process(), kLimitMilliseconds), WAIT_OBJECT_0);
-    EXPECT_EQ(Recordings().size(), 1U);
+    EXPECT_EQ(WaitForRecordings(1).size(), 1U);
+    EXPECT_EQ(WaitForSingleObject(starts.LastStarted(), 0), static_cast<DWORD>(WAIT_TIMEOUT));
+    starts.EndAll();
 }
 
 TEST_P(ShutDown, MakesItsCallsInThisOrder) {
-    const Installation installation(GetParam());
-    const RecorderAt tool(installation.Program());
-    std::vector<std::wstring> calls;
-    HOOK(opening, RegOpenKeyExW,
-         [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
-             EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
-             EXPECT_EQ(options, 0U);
-             EXPECT_EQ(access, 0x20019U);
-             calls.push_back(std::wstring(L"key ") + subkey);
-             return opening.Original(root, subkey, options, access, opened);
-         });
-    HOOK(reading, RegGetValueW,
-         [&](HKEY key, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD type, PVOID data,
-             LPDWORD size) {
-             EXPECT_STREQ(subkey, L"");
-             calls.push_back(std::wstring(L"value ") + name);
-             return reading.Original(key, subkey, name, flags, type, data, size);
-         });
-    HOOK(closing, RegCloseKey, [&](HKEY key) {
-        calls.emplace_back(L"close key");
-        return closing.Original(key);
-    });
-    HOOK(looking, GetFileAttributesW, [&](LPCWSTR path) {
-        calls.push_back(std::wstring(L"exists ") + path);
-        return looking.Original(path);
-    });
-    HOOK(asking, PathFileExistsW, [&](LPCWSTR path) {
-        calls.push_back(std::wstring(L"PathFileExistsW ") + path);
-        return asking.Original(path);
-    });
-    HOOK(creating, CreateProcessW,
-         [&](LPCWSTR application, LPWSTR commandLine, LPSECURITY_ATTRIBUTES process,
-             LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags, LPVOID environment,
-             LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION child) {
-             calls.emplace_back(L"start");
-             return creating.Original(application, commandLine, process, thread, inherit, flags,
-                                      environment, directory, startup, child);
-         });
-    EXPECT_EQ(GetParam().run(0), 0U);
-    const std::wstring look = GetParam().reportsFailedLook
-                                  ? L"exists \\\\?\\" + installation.Program()
-                                  : L"PathFileExistsW " + installation.Program();
-    EXPECT_EQ(calls, (std::vector<std::wstring>{L"key "s + GetParam().key, L"value Location",
-                                                L"value Location", L"close key",
-                                                L"exists \\\\?\\"s + kFolder, look, L"start"}));
+    const RecorderAt tool(Program());
+    const CallTrace calls(kRegistry | kLooks | kProcesses);
+    EXPECT_EQ(Run(), 0U);
+    EXPECT_EQ(calls.Of(kTold), (Reading() + Lines{LookAt(kFolder), LookAtTool(), Start(kFolder)}));
 }
 
 TEST_P(ShutDown, ReadsTheKeyOfThe64BitView) {
-    const Installation installation(GetParam());
-    const std::wstring other = L"SOFTWARE\\Wow6432Node"s + (GetParam().key + 8);
+    const std::wstring other = L"SOFTWARE\\Wow6432Node"s + GetParam().key.substr(8);
     SetRegistryString(HKEY_LOCAL_MACHINE, other, L"Location", L"T:\\none");
-    const RecorderAt tool(installation.Program());
-    EXPECT_EQ(GetParam().run(0), 0U);
+    const RecorderAt tool(Program());
+    EXPECT_EQ(Run(), 0U);
     EXPECT_EQ(WaitForRecordings(1).size(), 1U);
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432Node\\Qorta Technologies");
 }
 
-TEST_P(ShutDown, ThrowsWithoutTheKey) {
-    const Starts starts;
-    ExpectRegKeyError([] { GetParam().run(0); }, "Unable to open registry key",
-                      ERROR_FILE_NOT_FOUND);
-    const Installation installation(GetParam());
-    const RecorderAt tool(installation.Program());
-    FAIL_CALL(opening, RegOpenKeyExW, 1, ERROR_ACCESS_DENIED, NO_ERROR);
-    COUNT_CALLS(closing, RegCloseKey);
-    COUNT_CALLS(looking, GetFileAttributesW);
-    ExpectRegKeyError([] { GetParam().run(0); }, "Unable to open registry key",
-                      ERROR_ACCESS_DENIED);
-    EXPECT_EQ(closing.Calls(), 0);
-    EXPECT_EQ(looking.Calls(), 0);
-    EXPECT_EQ(starts.All().size(), 0U);
-}
-
-TEST_P(ShutDown, ThrowsWithoutTheValueAndClosesTheKey) {
-    const Installation installation(GetParam());
-    const RecorderAt tool(installation.Program());
-    const Starts starts;
-    COUNT_CALLS(closing, RegCloseKey);
-    const auto throwsWith = [&](int code) {
-        const int before = closing.Calls();
-        ExpectRegKeyError([] { GetParam().run(0); }, "Unable to get registry value", code);
-        EXPECT_EQ(closing.Calls(), before + 1);
-    };
-    {
-        FAIL_CALL(reading, RegGetValueW, 0, ERROR_ACCESS_DENIED, NO_ERROR);
-        throwsWith(ERROR_ACCESS_DENIED);
-    }
-    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, GetParam().key, L"Location");
-    throwsWith(ERROR_FILE_NOT_FOUND);
+TEST_P(ShutDown, ThrowsWithoutTheKeyOrItsValueAndClosesTheKey) {
+    const RecorderAt tool(Program());
+    const char* const noKey = "Unable to open registry key";
+    const char* const noValue = "Unable to get registry value";
+    const Lines whole = Reading();
+    const Lines opening = {whole[0]};
+    const Lines withoutSize = {whole[0], whole[1], whole[1], whole[3]};
+    ExpectThrown(L"open ", noKey, ERROR_ACCESS_DENIED, opening);
+    ExpectThrown(L"size of ", noValue, ERROR_ACCESS_DENIED, withoutSize);
     const DWORD number = 1;
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, GetParam().key, L"Location", REG_DWORD, &number,
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, GetParam().key.c_str(), L"Location", REG_DWORD, &number,
                     sizeof(number));
-    throwsWith(ERROR_UNSUPPORTED_TYPE);
-    EXPECT_EQ(starts.All().size(), 0U);
+    ExpectThrown(L"", noValue, ERROR_UNSUPPORTED_TYPE, whole);
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, GetParam().key.c_str(), L"Location");
+    ExpectThrown(L"", noValue, ERROR_FILE_NOT_FOUND, withoutSize);
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, GetParam().key.c_str());
+    ExpectThrown(L"", noKey, ERROR_FILE_NOT_FOUND, opening);
 }
 
 TEST_P(ShutDown, AMissingLocationIsASuccess) {
-    const Installation installation(GetParam());
-    const Starts starts;
     for (const wchar_t* const location : {L"T:\\Apps\\none", L"T:\\none\\none\\", L""}) {
-        installation.SetLocation(location);
-        COUNT_CALLS(looking, GetFileAttributesW);
-        COUNT_CALLS(asking, PathFileExistsW);
-        EXPECT_EQ(GetParam().run(0), 0U) << location;
-        EXPECT_EQ(looking.Calls(), 1);
-        EXPECT_EQ(asking.Calls(), 0);
+        SetLocation(location);
+        const CallTrace calls(kLooks | kProcesses);
+        EXPECT_EQ(Run(), 0U) << location;
+        EXPECT_EQ(calls.Of(kTold).size(), 1U);
+        EXPECT_EQ(calls.Of(kTold), calls.Of({L"attributes of "}));
     }
-    EXPECT_EQ(starts.All().size(), 0U);
 }
 
 TEST_P(ShutDown, ALocationWithoutTheToolIsAFailure) {
-    const Installation installation(GetParam());
-    const Starts starts;
-    EXPECT_EQ(GetParam().run(0), 1603U);
+    const CallTrace calls(kProcesses);
+    EXPECT_EQ(Run(), 1603U);
     // Anything of the folder's name will do as the folder.
-    halvard_tests::WriteWholeFile(installation.Program(), std::string("not a program"));
-    installation.SetLocation(installation.Program());
-    EXPECT_EQ(GetParam().run(0), 1603U);
-    EXPECT_EQ(starts.All().size(), 0U);
+    halvard_tests::WriteWholeFile(Program(), std::string("not a program"));
+    SetLocation(Program());
+    EXPECT_EQ(Run(), 1603U);
+    EXPECT_EQ(calls.All(), Lines{});
 }
 
 TEST_P(ShutDown, FollowsALinkToTheLocation) {
     const std::wstring location = L"T:\\Apps\\link";
-    const Installation installation(GetParam(), location);
     const halvard_tests::Link link(L"T:\\Apps", L"link", L"Suite");
-    const std::wstring command = L"\"" + location + L"\\" + GetParam().program + L"\" exit";
     {
-        const RecorderAt tool(installation.Program());
-        const Starts starts;
-        EXPECT_EQ(GetParam().run(0), 0U);
-        EXPECT_EQ(starts.All(), (std::vector<Start>{{command, location, true, 0}}));
-        EXPECT_EQ(WaitForRecordings(1).size(), 1U);
+        const RecorderAt tool(Program());
+        EXPECT_EQ(StartedIn(location).commandLine, CommandIn(location));
     }
-    EXPECT_EQ(GetParam().run(0), 1603U);
-    RemoveWhenFree(kFolder);
-    EXPECT_EQ(GetParam().run(0), 0U);
-    halvard_tests::CreateFolders(kFolder);
+    EXPECT_EQ(Run(), 1603U);
+    RemoveForGood(kFolder);
+    EXPECT_EQ(Run(), 0U);
+    CreateFolders(kFolder);
 }
 
 TEST_P(ShutDown, IgnoresThatTheToolCannotStartOrFails) {
-    const Installation installation(GetParam());
-    halvard_tests::CreateFolders(installation.Program());
+    CreateFolders(Program());
     {
-        const Starts starts;
-        EXPECT_EQ(GetParam().run(0), 0U);
-        ASSERT_EQ(starts.All().size(), 1U);
-        EXPECT_FALSE(starts.All()[0].created);
+        const ProcessStarts starts(AsMeant);
+        EXPECT_EQ(Run(), 0U);
+        ASSERT_EQ(starts.Calls(), 1);
+        EXPECT_NE(starts.Codes()[0], static_cast<DWORD>(NO_ERROR));
     }
-    RemoveDirectoryW(installation.Program().c_str());
-    const RecorderAt tool(installation.Program());
+    RemoveDirectoryW(Program().c_str());
+    const RecorderAt tool(Program());
     const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"1");
-    EXPECT_EQ(GetParam().run(0), 0U);
+    EXPECT_EQ(Run(), 0U);
     EXPECT_EQ(WaitForRecordings(1).size(), 1U);
 }
 
 TEST_P(ShutDown, StartsACommandOfUpTo518Characters) {
-    const Installation installation(GetParam());
-    const RecorderAt tool(installation.Program());
-    const auto locationForCommandOf = [&](std::size_t characters) {
-        const std::size_t others = (L"\""s + kFolder + GetParam().program + L"\" exit").size();
-        return kFolder + std::wstring(characters - others, L'\\');
+    const RecorderAt tool(Program());
+    const auto locationForCommandOf = [](std::size_t characters) {
+        return kFolder +
+               std::wstring(characters - CommandIn(L"\\").size() + 1 - std::wstring(kFolder).size(),
+                            L'\\');
     };
-    {
-        const std::wstring location = locationForCommandOf(518);
-        installation.SetLocation(location);
-        const Starts starts;
-        EXPECT_EQ(GetParam().run(0), 0U);
-        const std::wstring command = L"\"" + location + GetParam().program + L"\" exit";
-        ASSERT_EQ(command.size(), 518U);
-        EXPECT_EQ(starts.All(), (std::vector<Start>{{command, location, true, 0}}));
-        const std::vector<Recording> recordings = WaitForRecordings(1);
-        ASSERT_EQ(recordings.size(), 1U);
-        EXPECT_EQ(recordings[0].commandLine, command);
-    }
+    const std::wstring longest = locationForCommandOf(518);
+    EXPECT_EQ(CommandIn(longest).size(), 518U);
+    EXPECT_EQ(StartedIn(longest).commandLine, CommandIn(longest));
     for (const std::size_t characters : {519U, 520U, 3000U}) {
-        installation.SetLocation(locationForCommandOf(characters));
+        SetLocation(locationForCommandOf(characters));
         // What the system says of such a path is not the point here.
         HOOK(asking, PathFileExistsW, [](LPCWSTR) -> BOOL { return TRUE; });
-        const Starts starts;
-        EXPECT_EQ(GetParam().run(0), 0U);
-        EXPECT_EQ(starts.All().size(), 0U) << characters;
+        const CallTrace calls(kProcesses);
+        EXPECT_EQ(Run(), 0U);
+        EXPECT_EQ(calls.All(), Lines{}) << characters;
     }
 }
 
-TEST_P(ShutDown, ThrowsForALocationThatCannotBeLookedAt) {
-    const Installation installation(GetParam());
-    const RecorderAt tool(installation.Program());
-    const Starts starts;
-    FAIL_CALL(looking, GetFileAttributesW, 1, INVALID_FILE_ATTRIBUTES, ERROR_ACCESS_DENIED);
-    halvard_tests::ExpectFileSystemError([&] { GetParam().run(0); }, "exists", kFolder,
-                                         ERROR_ACCESS_DENIED);
-    EXPECT_EQ(looking.Calls(), 1);
-    EXPECT_EQ(starts.All().size(), 0U);
+TEST_P(ShutDown, ALocationOrAToolThatCannotBeLookedAt) {
+    const RecorderAt tool(Program());
+    const auto refused = [](const std::wstring& line) {
+        CallTrace calls(kLooks | kProcesses);
+        calls.Fail(line);
+        const std::wstring path = line == LookAtTool() ? Program() : kFolder;
+        if (line == L"is there " + Program()) {
+            EXPECT_EQ(Run(), 1603U);
+        } else {
+            ExpectFileSystemError(Run, "exists", path, ERROR_ACCESS_DENIED);
+        }
+        return calls.Of(kTold);
+    };
+    EXPECT_EQ(refused(LookAt(kFolder)), Lines{LookAt(kFolder)});
+    EXPECT_EQ(refused(LookAtTool()), (Lines{LookAt(kFolder), LookAtTool()}));
 }
 
 TEST_P(ShutDown, LeavesNoHandleOpen) {
-    const Installation installation(GetParam());
-    const auto leavesNone = [](const char* what) {
-        RunAnyway(GetParam().run); // what a first call or exception loads once
+    // What is thrown goes no further.
+    const auto runAnyway = [] {
+        try {
+            Run();
+        } catch (const std::exception&) { // NOLINT(bugprone-empty-catch)
+        }
+    };
+    const auto leavesNone = [&](const char* what) {
+        runAnyway(); // what a first call or exception loads once
         const int before = OpenHandleCount();
-        RunAnyway(GetParam().run);
+        runAnyway();
         EXPECT_EQ(OpenHandleCount(), before) << what;
     };
     leavesNone("no tool");
     {
-        const RecorderAt tool(installation.Program());
+        const RecorderAt tool(Program());
         leavesNone("started");
         {
             FAIL_CALL(creating, CreateProcessW, 0, FALSE, ERROR_ACCESS_DENIED);
@@ -456,253 +331,201 @@ TEST_P(ShutDown, LeavesNoHandleOpen) {
         }
         WaitForRecordings(2);
     }
-    installation.SetLocation(L"T:\\none");
+    SetLocation(L"T:\\none");
     leavesNone("no location");
-    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, GetParam().key, L"Location");
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, GetParam().key.c_str(), L"Location");
     leavesNone("no value");
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, GetParam().key);
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, GetParam().key.c_str());
     leavesNone("no key");
 }
 
+INSTANTIATE_TEST_SUITE_P(
+    Applications, ShutDown,
+    testing::Values(ShutDownAction{ShutDownPivotConsole,
+                                   L"SOFTWARE\\Qorta Technologies\\Install\\Pivot", L"pvcmd.exe",
+                                   true},
+                    ShutDownAction{ShutDownDVR, L"SOFTWARE\\Qorta Technologies\\Install\\Zenvo DVR",
+                                   L"VSServCmd.exe", false}));
+
 namespace {
 
-const ShutDownAction kPivot = {ShutDownPivotConsole,
-                               L"SOFTWARE\\Qorta Technologies\\Install\\Pivot", L"pvcmd.exe", true};
-const ShutDownAction kRecorder = {ShutDownDVR, L"SOFTWARE\\Qorta Technologies\\Install\\Zenvo DVR",
-                                  L"VSServCmd.exe", false};
+struct TerminateAction {
+    Action run;
+    std::vector<std::wstring> images;
+    std::wstring commandEnd;
+    // The working directory is the command's text, and not the system folder.
+    bool startsInCommand;
 
-} // namespace
-
-INSTANTIATE_TEST_SUITE_P(Applications, ShutDown, testing::Values(kPivot, kRecorder));
-
-TEST(ShutDownPivotConsole, ThrowsForAToolThatCannotBeLookedAt) {
-    const Installation installation(kPivot);
-    const RecorderAt tool(installation.Program());
-    const Starts starts;
-    FAIL_CALL(looking, GetFileAttributesW, 2, INVALID_FILE_ATTRIBUTES, ERROR_ACCESS_DENIED);
-    COUNT_CALLS(asking, PathFileExistsW);
-    halvard_tests::ExpectFileSystemError([&] { ShutDownPivotConsole(0); }, "exists",
-                                         installation.Program(), ERROR_ACCESS_DENIED);
-    EXPECT_EQ(looking.Calls(), 2);
-    EXPECT_EQ(asking.Calls(), 0);
-    EXPECT_EQ(starts.All().size(), 0U);
-}
-
-TEST(ShutDownDVR, AToolThatCannotBeLookedAtIsNotThere) {
-    const Installation installation(kRecorder);
-    const RecorderAt tool(installation.Program());
-    const Starts starts;
-    COUNT_CALLS(looking, GetFileAttributesW);
-    {
-        FAIL_CALL(asking, PathFileExistsW, 1, FALSE, ERROR_ACCESS_DENIED);
-        EXPECT_EQ(ShutDownDVR(0), 1603U);
-        EXPECT_EQ(asking.Calls(), 1);
+    std::wstring Command(std::size_t image, const std::wstring& folder = kSystemFolder) const {
+        return L"\"" + folder + L"\\TaskKill.exe\" /IM " + images[image] + L" /F" + commandEnd;
     }
-    EXPECT_EQ(looking.Calls(), 1);
-    EXPECT_EQ(starts.All().size(), 0U);
+    // The line of its start.
+    std::wstring Start(std::size_t image, const std::wstring& folder = kSystemFolder) const {
+        const std::wstring command = Command(image, folder);
+        const std::wstring directory = startsInCommand ? command : folder;
+        return L"run " + command + (directory.empty() ? L"" : L" in " + directory);
+    }
+};
+
+void PrintTo(const TerminateAction& action, std::ostream* stream) {
+    *stream << std::string(action.images[0].begin(), action.images[0].end());
 }
 
-namespace {
-
-std::wstring TaskKillCommand(const std::wstring& image, const std::wstring& end) {
-    return L"\""s + kSystemFolder + L"\\TaskKill.exe\" /IM " + image + L" /F" + end;
-}
-
-const std::wstring kSettingsCommand = TaskKillCommand(L"VireoSettings.exe", L"\"");
-const std::wstring kSoftwareCommand = TaskKillCommand(L"VireoSoftware.exe", L"\"");
-const std::wstring kRecorderCommand = TaskKillCommand(L"ZenvoVSServ.exe", L"");
+const std::wstring kRefused = L" refused with ";
 
 } // namespace
-
-TEST(TerminateDVRApp, RunsTaskKillInTheSystemFolderAndWaitsForIt) {
-    const RecorderAt taskKill(kTaskKill);
-    const EnvironmentVariable delay(L"HALVARD_RECORD_DELAY", L"700");
-    const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"128");
-    const Starts starts;
-    COUNT_CALLS(sleeping, Sleep);
-    HOOK(waiting, WaitForSingleObject, [&](HANDLE process, DWORD milliseconds) {
-        EXPECT_EQ(milliseconds, INFINITE);
-        return waiting.Original(process, milliseconds);
-    });
-    const ULONGLONG start = GetTickCount64();
-    EXPECT_EQ(TerminateDVRApp(0), 0U);
-    EXPECT_GE(GetTickCount64() - start, 700U);
-    EXPECT_EQ(waiting.Calls(), 1);
-    EXPECT_EQ(sleeping.Calls(), 0);
-    EXPECT_EQ(starts.All(), (std::vector<Start>{{kRecorderCommand, kSystemFolder, true, 0}}));
-    const std::vector<Recording> recordings = Recordings();
-    ASSERT_EQ(recordings.size(), 1U);
-    EXPECT_EQ(recordings[0].directory, kSystemFolder);
-    EXPECT_EQ(recordings[0].commandLine, kRecorderCommand);
-}
-
-TEST(TerminateDVRApp, AStartThatIsRefusedIsAFailure) {
-    COUNT_CALLS(waiting, WaitForSingleObject);
-    const Starts starts({Answer::Refused});
-    EXPECT_EQ(TerminateDVRApp(0), 1603U);
-    EXPECT_EQ(starts.All(),
-              (std::vector<Start>{{kRecorderCommand, kSystemFolder, false, ERROR_ACCESS_DENIED}}));
-    EXPECT_EQ(waiting.Calls(), 0);
-}
 
 // The system's own TaskKill.exe. Left alone, the process would outlive the wait.
 TEST(TerminateDVRApp, EndsTheRecorder) {
-    const std::wstring program = L"T:\\ZenvoVSServ.exe";
+    std::wstring program = L"T:\\ZenvoVSServ.exe";
     const RecorderAt running(program);
-    PROCESS_INFORMATION child = {};
+    const ProcessStarts starts;
     {
         const EnvironmentVariable delay(L"HALVARD_RECORD_DELAY", L"60000");
-        STARTUPINFOW startup = {};
-        startup.cb = sizeof(startup);
-        std::wstring commandLine = program;
-        ASSERT_NE(CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr,
-                                 nullptr, &startup, &child),
-                  FALSE);
+        ASSERT_TRUE(halvard::RunCommandLine(program.data(), L"", false));
     }
-    const OwnedHandle process(child.hProcess);
-    const OwnedHandle thread(child.hThread);
+    const HANDLE process = starts.LastStarted();
     EXPECT_EQ(WaitForRecordings(1).size(), 1U);
-    EXPECT_EQ(WaitForSingleObject(process.get(), 0), static_cast<DWORD>(WAIT_TIMEOUT));
+    EXPECT_EQ(WaitForSingleObject(process, 0), static_cast<DWORD>(WAIT_TIMEOUT));
     EXPECT_EQ(TerminateDVRApp(0), 0U);
-    EXPECT_EQ(WaitForSingleObject(process.get(), kLimitMilliseconds), WAIT_OBJECT_0);
-    TerminateProcess(process.get(), 1); // so that no later test meets it if the action left it
+    EXPECT_EQ(WaitForSingleObject(process, kLimitMilliseconds), WAIT_OBJECT_0);
+    TerminateProcess(process, 1); // so that no later test meets it if the action left it
 }
 
 TEST(TerminateDVRApp, NoRecorderToEndIsASuccess) {
-    const Starts starts;
+    const ProcessStarts starts(AsMeant);
     EXPECT_EQ(TerminateDVRApp(0), 0U);
-    ASSERT_EQ(starts.All().size(), 1U);
+    ASSERT_EQ(starts.Codes(), std::vector<DWORD>{NO_ERROR});
     DWORD exitCode = 0;
-    EXPECT_NE(GetExitCodeProcess(starts.Process(), &exitCode), FALSE);
+    EXPECT_NE(GetExitCodeProcess(starts.LastStarted(), &exitCode), FALSE);
     EXPECT_EQ(exitCode, 128U);
 }
 
-TEST(TerminatePivotApp, IsRefusedForItsWorkingDirectory) {
+class Terminate : public testing::TestWithParam<TerminateAction> {};
+
+TEST_P(Terminate, RunsTaskKillInItsWorkingDirectory) {
     const RecorderAt taskKill(kTaskKill);
-    const Starts starts;
-    EXPECT_EQ(TerminatePivotApp(0), 1603U);
-    EXPECT_EQ(starts.All(),
-              (std::vector<Start>{{kSettingsCommand, kSettingsCommand, false, ERROR_DIRECTORY},
-                                  {kSoftwareCommand, kSoftwareCommand, false, ERROR_DIRECTORY}}));
+    const ProcessStarts starts(AsMeant);
+    if (!GetParam().startsInCommand) {
+        EXPECT_EQ(GetParam().run(0), 0U);
+        EXPECT_EQ(starts.All(), Lines{GetParam().Start(0)});
+        EXPECT_EQ(Recordings(), (std::vector<Recording>{
+                                    {L"taskkill.exe", kSystemFolder, GetParam().Command(0)}}));
+        return;
+    }
+    // The system refuses one that is not there.
+    EXPECT_EQ(GetParam().run(0), 1603U);
+    EXPECT_EQ(starts.All(), (Lines{GetParam().Start(0) + kRefused + L"267",
+                                   GetParam().Start(1) + kRefused + L"267"}));
     EXPECT_EQ(Recordings().size(), 0U);
 }
 
-TEST(TerminatePivotApp, AFirstStartThatSucceedsIsTheLast) {
-    const Starts starts({Answer::Created});
-    EXPECT_EQ(TerminatePivotApp(0), 0U);
-    EXPECT_EQ(starts.All(), (std::vector<Start>{{kSettingsCommand, kSettingsCommand, true, 0}}));
+TEST_P(Terminate, AsksForTheSystemFolderOnceAndStartsUntilOneSucceeds) {
+    const std::size_t images = GetParam().images.size();
+    for (std::size_t refused = 0; refused <= images; ++refused) {
+        const PlayedPrograms programs;
+        const ProcessStarts starts([&](ProcessStart& start) {
+            return AsMeant(start) && static_cast<std::size_t>(starts.Calls()) > refused;
+        });
+        const CallTrace calls(kFolders | kProcesses | kChildren | kSleeps);
+        EXPECT_EQ(GetParam().run(0), refused == images ? 1603U : 0U);
+        Lines made = {L"folder 37"};
+        Lines started;
+        for (std::size_t image = 0; image < images && image <= refused; ++image) {
+            const std::wstring start = GetParam().Start(image);
+            made.push_back(start);
+            started.push_back(start + (image < refused ? kRefused + L"5" : L""));
+        }
+        if (refused < images) {
+            made.push_back(L"wait for " + GetParam().Command(refused) + L" 4294967295");
+        }
+        EXPECT_EQ(calls.All(), made);
+        EXPECT_EQ(starts.All(), started);
+    }
 }
 
-TEST(TerminatePivotApp, ASecondStartThatSucceedsIsASuccess) {
-    const Starts starts({Answer::Refused, Answer::Created});
-    EXPECT_EQ(TerminatePivotApp(0), 0U);
-    EXPECT_EQ(starts.All(),
-              (std::vector<Start>{{kSettingsCommand, kSettingsCommand, false, ERROR_ACCESS_DENIED},
-                                  {kSoftwareCommand, kSoftwareCommand, true, 0}}));
-}
-
-TEST(TerminatePivotApp, WouldWaitForTaskKillAndNotAskWhatItDid) {
+TEST_P(Terminate, WaitsForTaskKillAndDoesNotAskWhatItDid) {
     const RecorderAt taskKill(kTaskKill);
-    const EnvironmentVariable delay(L"HALVARD_RECORD_DELAY", L"300");
+    const EnvironmentVariable delay(L"HALVARD_RECORD_DELAY", L"700");
     const EnvironmentVariable exitCode(L"HALVARD_RECORD_EXIT", L"128");
-    HOOK(waiting, WaitForSingleObject, [&](HANDLE process, DWORD milliseconds) {
-        EXPECT_EQ(milliseconds, INFINITE);
-        return waiting.Original(process, milliseconds);
-    });
-    const std::vector<std::vector<Answer>> answers = {{Answer::InNoDirectory},
-                                                      {Answer::Refused, Answer::InNoDirectory}};
-    std::vector<std::wstring> commandLines;
-    for (const std::vector<Answer>& each : answers) {
-        const Starts starts(each);
+    for (std::size_t image = 0; image < GetParam().images.size(); ++image) {
+        const ProcessStarts starts([&](ProcessStart& start) {
+            // Of the one that is refused for its directory this shows what would come of it.
+            if (GetParam().startsInCommand) {
+                start.directory = nullptr;
+            }
+            return static_cast<std::size_t>(starts.Calls()) > image;
+        });
+        const CallTrace calls(kChildren | kSleeps);
         const ULONGLONG start = GetTickCount64();
-        EXPECT_EQ(TerminatePivotApp(0), 0U);
-        EXPECT_GE(GetTickCount64() - start, 300U);
-        EXPECT_EQ(starts.All().size(), each.size());
+        EXPECT_EQ(GetParam().run(0), 0U);
+        EXPECT_GE(GetTickCount64() - start, 700U);
+        EXPECT_EQ(calls.All().size(), 1U);
+        EXPECT_EQ(calls.Of({L"wait for "}).size(), 1U);
+        const std::vector<Recording> recordings = Recordings();
+        ASSERT_EQ(recordings.size(), image + 1);
+        EXPECT_EQ(recordings[image].commandLine, GetParam().Command(image));
     }
-    EXPECT_EQ(waiting.Calls(), 2);
-    for (const Recording& recording : Recordings()) {
-        commandLines.push_back(recording.commandLine);
-    }
-    EXPECT_EQ(commandLines, (std::vector<std::wstring>{kSettingsCommand, kSoftwareCommand}));
-}
-
-class Terminate : public testing::TestWithParam<Action> {};
-
-TEST_P(Terminate, AsksForTheSystemFolderOnceAndFirst) {
-    std::vector<std::wstring> calls;
-    HOOK(locating, SHGetFolderLocation,
-         [&](HWND window, int csidl, HANDLE token, DWORD reserved, PIDLIST_ABSOLUTE* location) {
-             calls.push_back(L"folder " + std::to_wstring(csidl));
-             return locating.Original(window, csidl, token, reserved, location);
-         });
-    HOOK(creating, CreateProcessW,
-         [&](LPCWSTR, LPWSTR, LPSECURITY_ATTRIBUTES, LPSECURITY_ATTRIBUTES, BOOL, DWORD, LPVOID,
-             LPCWSTR, LPSTARTUPINFOW, LPPROCESS_INFORMATION) -> BOOL {
-             calls.emplace_back(L"start");
-             SetLastError(ERROR_FILE_NOT_FOUND);
-             return FALSE;
-         });
-    EXPECT_EQ(GetParam()(0), 1603U);
-    std::vector<std::wstring> expected = {L"folder 37", L"start"};
-    if (GetParam() == TerminatePivotApp) {
-        expected.emplace_back(L"start");
-    }
-    EXPECT_EQ(calls, expected);
 }
 
 TEST_P(Terminate, TakesTheSystemFolderAsItStands) {
-    const bool pivot = GetParam() == TerminatePivotApp;
-    const std::wstring rest = pivot ? L"TaskKill.exe\" /IM VireoSettings.exe /F\""
-                                    : L"TaskKill.exe\" /IM ZenvoVSServ.exe /F";
-    {
+    const struct {
+        HRESULT answer;
+        const wchar_t* path; // null for that of the system
+        std::wstring folder;
+    } cases[] = {
         // One that ends in a backslash gets a second one.
-        HOOK(converting, SHGetPathFromIDListW, [](PCIDLIST_ABSOLUTE, LPWSTR path) -> BOOL {
-            lstrcpyW(path, L"T:\\");
-            return TRUE;
-        });
-        const Starts starts({Answer::Created});
-        EXPECT_EQ(GetParam()(0), 0U);
-        const std::wstring command = L"\"T:\\\\" + rest;
-        EXPECT_EQ(starts.All(),
-                  (std::vector<Start>{{command, pivot ? command : L"T:\\", true, 0}}));
-    }
-    {
+        {S_OK, L"T:\\", L"T:\\"},
         // A path, and a result that says there is none.
+        {S_FALSE, nullptr, kSystemFolder},
+        {E_FAIL, nullptr, L""},
+    };
+    for (const auto& [answer, path, folder] : cases) {
         HOOK(locating, SHGetFolderLocation,
-             [&](HWND window, int csidl, HANDLE token, DWORD reserved, PIDLIST_ABSOLUTE* location) {
-                 EXPECT_EQ(locating.Original(window, csidl, token, reserved, location), S_OK);
-                 return S_FALSE;
+             [&, result = answer](HWND window, int csidl, HANDLE token, DWORD reserved,
+                                  PIDLIST_ABSOLUTE* location) {
+                 EXPECT_TRUE(FAILED(result) ||
+                             locating.Original(window, csidl, token, reserved, location) == S_OK);
+                 return result;
              });
-        const Starts starts({Answer::Created});
-        EXPECT_EQ(GetParam()(0), 0U);
-        const std::wstring command = L"\""s + kSystemFolder + L"\\" + rest;
-        EXPECT_EQ(starts.All(),
-                  (std::vector<Start>{{command, pivot ? command : kSystemFolder, true, 0}}));
+        HOOK(converting, SHGetPathFromIDListW,
+             [&, told = path](PCIDLIST_ABSOLUTE location, LPWSTR text) -> BOOL {
+                 return told != nullptr ? lstrcpyW(text, told) != nullptr
+                                        : converting.Original(location, text);
+             });
+        const PlayedPrograms programs;
+        const ProcessStarts starts(AsMeant);
+        EXPECT_EQ(GetParam().run(0), 0U);
+        EXPECT_EQ(starts.All(), Lines{GetParam().Start(0, folder)});
     }
-    FAIL_CALL(locating, SHGetFolderLocation, 1, E_FAIL, NO_ERROR);
-    const Starts starts({Answer::Created});
-    EXPECT_EQ(GetParam()(0), 0U);
-    const std::wstring command = L"\"\\" + rest;
-    EXPECT_EQ(
-        starts.All(),
-        (std::vector<Start>{
-            {command, pivot ? std::optional<std::wstring>(command) : std::nullopt, true, 0}}));
 }
 
 TEST_P(Terminate, LeavesNoHandleOpen) {
     const RecorderAt taskKill(kTaskKill);
-    for (const Answer answer :
-         {Answer::OfTheSystem, Answer::Created, Answer::Refused, Answer::InNoDirectory}) {
+    const auto leavesNone = [](const std::function<bool(ProcessStart&)>& before) {
         const auto run = [&] {
-            const Starts starts({answer});
-            GetParam()(0);
+            const ProcessStarts starts(before);
+            GetParam().run(0);
         };
         run(); // what a first start loads once
-        const int before = OpenHandleCount();
+        const int handles = OpenHandleCount();
         run();
-        EXPECT_EQ(OpenHandleCount(), before) << static_cast<int>(answer);
-    }
+        EXPECT_EQ(OpenHandleCount(), handles);
+    };
+    leavesNone(AsMeant);
+    leavesNone([](ProcessStart&) { return false; });
+    leavesNone([](ProcessStart& start) {
+        start.directory = nullptr;
+        return true;
+    });
+    const PlayedPrograms programs;
+    leavesNone(AsMeant);
 }
 
-INSTANTIATE_TEST_SUITE_P(Applications, Terminate,
-                         testing::Values(TerminatePivotApp, TerminateDVRApp));
+INSTANTIATE_TEST_SUITE_P(
+    Applications, Terminate,
+    testing::Values(TerminateAction{TerminatePivotApp,
+                                    {L"VireoSettings.exe", L"VireoSoftware.exe"},
+                                    L"\"",
+                                    true},
+                    TerminateAction{TerminateDVRApp, {L"ZenvoVSServ.exe"}, L"", false}));

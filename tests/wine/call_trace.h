@@ -34,7 +34,8 @@ enum CallGroup : unsigned {
         1U << 15U,         // what closes a service, the service control manager, an event source
     kMessages = 1U << 16U, // what the debugger is told
     kSleeps = 1U << 17U,
-    kEveryCall = (1U << 18U) - 1,
+    kPlatform = 1U << 18U, // the processor, and functions that are looked up
+    kEveryCall = (1U << 19U) - 1,
 };
 
 /// The lines that begin with one of these texts.

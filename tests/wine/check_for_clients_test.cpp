@@ -21,6 +21,7 @@
 
 using halvard::CheckForClients;
 using halvard::SetClientStatus;
+using halvard_tests::AbsentKeys;
 using halvard_tests::BytesOf;
 using halvard_tests::CallTrace;
 using halvard_tests::KeyExists;
@@ -95,12 +96,6 @@ std::wstring Data(const std::wstring& client, const std::wstring& action,
     return L"ClientName=" + client + L";Action=" + action + L";CurrentVersion=" + version;
 }
 
-void RemoveKeys() {
-    RegDeleteTreeW(HKEY_CURRENT_USER, kTelo.c_str());
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, kTelo.c_str());
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, kQorta.c_str());
-}
-
 // Sets the locale back at the end.
 class LocaleScope {
 public:
@@ -113,14 +108,10 @@ private:
     std::string before_ = std::setlocale(LC_ALL, nullptr);
 };
 
-// The keys of the action are absent at the start of a test, and gone at its end.
 class CheckForClientsTest : public testing::Test {
 public:
-    CheckForClientsTest() { RemoveKeys(); }
-    ~CheckForClientsTest() override {
-        RemoveKeys();
-        halvard::SetCurrentSession(0);
-    }
+    CheckForClientsTest() = default;
+    ~CheckForClientsTest() override { halvard::SetCurrentSession(0); }
     CheckForClientsTest(const CheckForClientsTest&) = delete;
     CheckForClientsTest& operator=(const CheckForClientsTest&) = delete;
 
@@ -149,7 +140,16 @@ protected:
         return count;
     }
 
+    void RemoveKeys() const {
+        ofMachine_.Remove();
+        ofUser_.Remove();
+    }
+
     const StandInSession session;
+
+private:
+    AbsentKeys ofMachine_{{kTelo, kQorta}};
+    AbsentKeys ofUser_{{kTelo}, HKEY_CURRENT_USER};
 };
 
 } // namespace

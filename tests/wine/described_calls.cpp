@@ -15,6 +15,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <type_traits>
 
 // Every function of Windows that a trace can show, each once: its group, what it gives back when it
@@ -240,10 +241,12 @@ const std::vector<DescribedCall>& DescribedCalls() {
                LPSECURITY_ATTRIBUTES, PHKEY created,
                LPDWORD) { trace.Opened(Resource::kernel, *created, Below(trace, root, subkey)); }),
         CALL(kRegistry, RegGetValueW, TheCode,
-             ([](Trace& trace, HKEY key, LPCWSTR, LPCWSTR name, DWORD flags, LPDWORD, PVOID data,
-                 LPDWORD) {
-                 return std::wstring(data == nullptr ? L"size of " : L"get ") + trace.Name(key) +
-                        L" " + Text(name) + Hex(flags);
+             ([](Trace& trace, HKEY key, LPCWSTR subkey, LPCWSTR name, DWORD flags, LPDWORD,
+                 PVOID data, LPDWORD) {
+                 const bool below = subkey != nullptr && *subkey != L'\0';
+                 return (data == nullptr ? L"size of " : L"get ") +
+                        (below ? Below(trace, key, subkey) : trace.Name(key)) + L" " + Text(name) +
+                        Hex(flags);
              })),
         CALL(kRegistry, RegQueryValueExW, TheCode,
              ([](Trace& trace, HKEY key, LPCWSTR name, LPDWORD, LPDWORD, LPBYTE, LPDWORD size) {
@@ -397,17 +400,34 @@ const std::vector<DescribedCall>& DescribedCalls() {
                          }
                      })),
         OPENING_CALL(
-            kChildren, CreatePipe, Zero, [](Trace&, auto...) { return std::wstring(L"pipe"); },
+            kChildren, CreatePipe, Zero,
+            ([](Trace& trace, PHANDLE, PHANDLE, LPSECURITY_ATTRIBUTES attributes, DWORD size) {
+                const bool inherits = attributes != nullptr &&
+                                      attributes->nLength == sizeof(*attributes) &&
+                                      attributes->bInheritHandle != FALSE;
+                const bool secured =
+                    attributes != nullptr && attributes->lpSecurityDescriptor != nullptr;
+                return L"pipe" + Number(trace.Of({L"pipe "}).size() + 1) + L" of" + Number(size) +
+                       L" bytes" + (inherits ? L" to inherit" : L"") +
+                       (secured ? L" with security" : L"");
+            }),
             ([](Trace& trace, BOOL, PHANDLE readEnd, PHANDLE writeEnd, auto...) {
-                trace.Opened(Resource::kernel, *readEnd, L"pipe");
-                trace.Opened(Resource::kernel, *writeEnd, L"pipe");
+                const std::wstring pipe = L"of pipe" + Number(trace.Of({L"pipe "}).size());
+                trace.Opened(Resource::kernel, *readEnd, L"reader " + pipe);
+                trace.Opened(Resource::kernel, *writeEnd, L"writer " + pipe);
             })),
         CALL(kChildren, SetHandleInformation, Zero,
              ([](Trace& trace, HANDLE handle, DWORD mask, DWORD flags) {
                  return L"inherit " + trace.Name(handle) + Hex(mask) + Hex(flags);
              })),
         CALL(kChildren, PeekNamedPipe, Zero,
-             [](Trace& trace, HANDLE pipe, auto...) { return L"peek " + trace.Name(pipe); }),
+             ([](Trace& trace, HANDLE pipe, LPVOID buffer, DWORD size, LPDWORD read, LPDWORD,
+                 LPDWORD left) {
+                 return L"peek " + trace.Name(pipe) +
+                        (buffer == nullptr && size == 0 && read == nullptr && left == nullptr
+                             ? L""
+                             : L" and more");
+             })),
         CALL(kChildren, GetExitCodeProcess, Zero, ([](Trace& trace, HANDLE process, auto...) {
                  return L"exit code of " + trace.Name(process);
              })),
@@ -577,6 +597,18 @@ const std::vector<DescribedCall>& DescribedCalls() {
              ([](Trace&, HDEVINFO, PSP_DEVINFO_DATA, DWORD property, PDWORD, PBYTE, DWORD size,
                  PDWORD) { return L"property" + Number(property) + Number(size); })),
         CLOSING_CALL(kDevices, SetupDiDestroyDeviceInfoList, memory, L"close devices"),
+
+        // The platform
+        CALL(kPlatform, GetProcAddress, Zero, ([](Trace&, HMODULE, LPCSTR name) {
+                 // A number below this stands for a function without a name.
+                 const auto number = reinterpret_cast<std::uintptr_t>(name);
+                 return L"look up " + (number < 0x10000
+                                           ? std::to_wstring(number)
+                                           : std::wstring(name, name + std::strlen(name)));
+             })),
+        PASSING_CALL(kPlatform, GetNativeSystemInfo,
+                     [](LPSYSTEM_INFO) { return L"native processor"s; }),
+        PASSING_CALL(kPlatform, GetSystemInfo, [](LPSYSTEM_INFO) { return L"processor"s; }),
 
         // Messages and waits
         PASSING_CALL(kMessages, OutputDebugStringW,

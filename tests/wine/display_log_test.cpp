@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -74,6 +75,31 @@ std::wstring DriverName(int number) {
     return L"{4d36e968-e325-11ce-bfc1-08002be10318}\\" + std::to_wstring(9000 + number);
 }
 
+/// A present adapter with the class key of its driver.
+struct Adapter : ClassKey {
+    explicit Adapter(const std::wstring& manufacturer = L"Zenvo",
+                     const std::wstring& driver = DriverName(1))
+        : ClassKey(driver), device(manufacturer, driver) {}
+    DisplayAdapter device;
+};
+
+/// Watches the reads of properties. `before` sees the buffer; `after` sees one that succeeded, and
+/// says what it answers. No trace changes an answer.
+struct PropertyReads {
+    std::function<void(const BYTE* buffer, DWORD size)> before;
+    std::function<BOOL(DWORD property, BYTE* buffer, DWORD size)> after;
+    HOOK(reading, SetupDiGetDeviceRegistryPropertyW,
+         [this](HDEVINFO adapters, PSP_DEVINFO_DATA data, DWORD property, PDWORD type, PBYTE buffer,
+                DWORD size, PDWORD required) {
+             if (before) {
+                 before(buffer, size);
+             }
+             const BOOL done =
+                 reading.Original(adapters, data, property, type, buffer, size, required);
+             return done == FALSE ? done : after(property, buffer, size);
+         });
+};
+
 class SetDCLogFileRegistryTest : public testing::Test {
 protected:
     std::wstring LogFolder() const { return scratch_.File(L"Zenvo\\PV\\Analytics"); }
@@ -113,11 +139,10 @@ TEST_F(SetDCLogFileRegistryTest, WritesTheLogFileForTheAdaptersOfTheMakerOnly) {
         {L"zenvo", false},
         {L"", false},
     };
-    std::vector<std::unique_ptr<ClassKey>> keys;
-    std::vector<std::unique_ptr<DisplayAdapter>> adapters;
+    std::vector<std::unique_ptr<Adapter>> keys;
     for (const auto& [manufacturer, makers] : cases) {
-        keys.push_back(std::make_unique<ClassKey>(DriverName(static_cast<int>(keys.size()))));
-        adapters.push_back(std::make_unique<DisplayAdapter>(manufacturer, keys.back()->Driver()));
+        const int number = static_cast<int>(keys.size());
+        keys.push_back(std::make_unique<Adapter>(manufacturer, DriverName(number)));
     }
     EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
     for (std::size_t index = 0; index < keys.size(); ++index) {
@@ -131,26 +156,23 @@ TEST_F(SetDCLogFileRegistryTest, WritesTheLogFileForTheAdaptersOfTheMakerOnly) {
 }
 
 TEST_F(SetDCLogFileRegistryTest, MakesTheFolderAndWritesNothingWithoutAnAdapterOfTheMaker) {
-    const ClassKey key(DriverName(1));
-    const DisplayAdapter adapter(L"Another", key.Driver());
-    COUNT_CALLS(opening, RegOpenKeyExW);
-    COUNT_CALLS(setting, RegSetValueExW);
+    const Adapter key(L"Another");
+    const CallTrace calls(kDevices | kRegistry);
     EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
-    EXPECT_EQ(opening.Calls(), 0);
-    EXPECT_EQ(setting.Calls(), 0);
+    // Its driver is not asked for.
+    EXPECT_EQ(calls.Of({L"property 9 ", L"open HKLM", L"set "}), Lines{});
     EXPECT_TRUE(IsThere(LogFolder()));
     EXPECT_FALSE(IsThere(LogFile()));
 }
 
 TEST_F(SetDCLogFileRegistryTest, GoesOnBehindAdaptersThatLackSomething) {
     const ClassKey nobodys(DriverName(1));
-    const ClassKey last(DriverName(2));
     DisplayAdapter withoutManufacturer;
     withoutManufacturer.SetDriver(nobodys.Driver());
     DisplayAdapter withoutDriver;
     withoutDriver.SetManufacturer(L"Zenvo");
     const DisplayAdapter withoutKey(L"Zenvo", DriverName(99));
-    const DisplayAdapter complete(L"Zenvo", last.Driver());
+    const Adapter last(L"Zenvo", DriverName(2));
     EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
     ExpectUntouched(nobodys);
     ExpectWritten(last);
@@ -158,8 +180,7 @@ TEST_F(SetDCLogFileRegistryTest, GoesOnBehindAdaptersThatLackSomething) {
 }
 
 TEST_F(SetDCLogFileRegistryTest, SetsTheValuesAnewAndLeavesOthers) {
-    const ClassKey key(DriverName(1));
-    const DisplayAdapter adapter(L"Zenvo", key.Driver());
+    const Adapter key;
     key.SetString(L"DriverVersion", L"1");
     key.SetString(L"DalDCELogFilePath", L"x");
     key.SetBytes(L"DalDCEFilePathSize", REG_DWORD, {1, 0, 0, 0});
@@ -170,8 +191,7 @@ TEST_F(SetDCLogFileRegistryTest, SetsTheValuesAnewAndLeavesOthers) {
 }
 
 TEST_F(SetDCLogFileRegistryTest, ReadersOfTheSizeSeeItsTextWhateverTheLengthOfThePath) {
-    const ClassKey key(DriverName(1));
-    const DisplayAdapter adapter(L"Zenvo", key.Driver());
+    const Adapter key;
     for (const std::wstring& folder : {L"t"s, L"With blanks \u0416"s, std::wstring(120, L'f')}) {
         halvard_tests::CreateFolders(scratch_.File(folder));
         const EnvironmentVariable temporaryFolder(L"TMP", scratch_.File(folder));
@@ -185,8 +205,7 @@ TEST_F(SetDCLogFileRegistryTest, ReadersOfTheSizeSeeItsTextWhateverTheLengthOfTh
 }
 
 TEST_F(SetDCLogFileRegistryTest, MakesItsCallsInThisOrder) {
-    const ClassKey key(DriverName(1));
-    const DisplayAdapter adapter(L"Zenvo", key.Driver());
+    const Adapter key;
     const CallTrace trace(kFolders | kDevices | kRegistry);
     EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
     // The adapters that the machine has of its own have no manufacturer.
@@ -213,10 +232,8 @@ TEST_F(SetDCLogFileRegistryTest, MakesItsCallsInThisOrder) {
 }
 
 TEST_F(SetDCLogFileRegistryTest, LeavesTheKeysAndTheListOpen) {
-    const ClassKey first(DriverName(1));
-    const ClassKey second(DriverName(2));
-    const DisplayAdapter one(L"Zenvo", first.Driver());
-    const DisplayAdapter other(L"Qorta", second.Driver());
+    const Adapter first;
+    const Adapter second(L"Qorta", DriverName(2));
     const int before = OpenHandleCount();
     const CallTrace trace(kDevices | kRegistry);
     EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
@@ -227,8 +244,7 @@ TEST_F(SetDCLogFileRegistryTest, LeavesTheKeysAndTheListOpen) {
 }
 
 TEST_F(SetDCLogFileRegistryTest, WritesTheValuesWhateverBecomesOfTheFolder) {
-    const ClassKey key(DriverName(1));
-    const DisplayAdapter adapter(L"Zenvo", key.Driver());
+    const Adapter key;
     halvard_tests::WriteWholeFile(scratch_.File(L"Zenvo"), std::string("in the way"));
     EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
     EXPECT_FALSE(IsThere(LogFolder()));
@@ -241,113 +257,66 @@ TEST_F(SetDCLogFileRegistryTest, WritesTheValuesWhateverBecomesOfTheFolder) {
     ExpectWritten(key);
 }
 
-TEST_F(SetDCLogFileRegistryTest, DoesNothingWithoutATemporaryFolder) {
-    const ClassKey key(DriverName(1));
-    const DisplayAdapter adapter(L"Zenvo", key.Driver());
-    COUNT_CALLS(making, SHCreateDirectoryExW);
-    COUNT_CALLS(listing, SetupDiGetClassDevsW);
-    for (const DWORD length : {0U, 1024U, 5000U}) {
+TEST_F(SetDCLogFileRegistryTest, DoesNothingWithoutATemporaryFolderOrForALogFileThatDoesNotFit) {
+    const Adapter key;
+    // The path of the file has up to 1023 characters.
+    const auto longest =
+        static_cast<DWORD>(1023 - std::wcslen(L"Zenvo\\PV\\Analytics\\qtkmd_dce.log"));
+    for (const DWORD length :
+         {DWORD{0}, DWORD{1024}, DWORD{5000}, DWORD{1023}, longest + 1, longest}) {
+        ExpectUntouched(key);
         // What a failure leaves in the buffer is anyone's guess.
         HOOK(asking, GetTempPathW, [&](DWORD capacity, LPWSTR buffer) {
             std::fill(buffer, buffer + capacity, L'x');
             return length;
         });
+        CallTrace calls(kFolders | kDevices);
+        calls.Fail(L"make folder ", ERROR_FILENAME_EXCED_RANGE);
         EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
+        EXPECT_EQ(calls.All().front(), L"temporary folder 1024");
+        EXPECT_EQ(calls.Of({L"make folder "}).size(), length == longest ? 1U : 0U);
     }
-    EXPECT_EQ(making.Calls(), 0);
-    EXPECT_EQ(listing.Calls(), 0);
-    ExpectUntouched(key);
-}
-
-TEST_F(SetDCLogFileRegistryTest, DoesNothingForALogFileOfMoreThan1023Characters) {
-    const ClassKey key(DriverName(1));
-    const DisplayAdapter adapter(L"Zenvo", key.Driver());
-    HOOK(making, SHCreateDirectoryExW, [](HWND, LPCWSTR, const SECURITY_ATTRIBUTES*) {
-        return static_cast<int>(ERROR_FILENAME_EXCED_RANGE);
-    });
-    const std::size_t longest = 1023 - std::wcslen(L"Zenvo\\PV\\Analytics\\qtkmd_dce.log");
-    for (const std::size_t length : {std::size_t{1023}, longest + 1, longest}) {
-        ExpectUntouched(key);
-        EXPECT_EQ(making.Calls(), 0);
-        HOOK(asking, GetTempPathW, [&](DWORD, LPWSTR buffer) {
-            std::fill(buffer, buffer + length, L'x');
-            return static_cast<DWORD>(length);
-        });
-        EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
-    }
-    EXPECT_EQ(making.Calls(), 1);
     EXPECT_EQ(key.LogFile().value_or(Value()).bytes.size(), 2048U);
     EXPECT_EQ(key.LogFileSize().value_or(Value()).bytes.size(), 2048U);
 }
 
-TEST_F(SetDCLogFileRegistryTest, StopsWhenTheAdaptersCannotBeListed) {
-    const ClassKey key(DriverName(1));
-    const DisplayAdapter adapter(L"Zenvo", key.Driver());
-    FAIL_CALL(listing, SetupDiGetClassDevsW, 1, INVALID_HANDLE_VALUE, ERROR_ACCESS_DENIED);
-    COUNT_CALLS(enumerating, SetupDiEnumDeviceInfo);
-    EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
-    EXPECT_EQ(enumerating.Calls(), 0);
-    EXPECT_TRUE(IsThere(LogFolder()));
-    ExpectUntouched(key);
+TEST_F(SetDCLogFileRegistryTest, StopsWhereTheAdaptersCannotBeListed) {
+    const Adapter key;
+    const std::wstring list = L"list devices {4D36E968-E325-11CE-BFC1-08002BE10318} 2";
+    for (const Lines& calls : {Lines{list}, Lines{list, L"device 0 32 bytes"}}) {
+        CallTrace trace(kDevices);
+        trace.Fail(calls.back());
+        EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
+        EXPECT_EQ(trace.All(), calls);
+        EXPECT_TRUE(IsThere(LogFolder()));
+        ExpectUntouched(key);
+    }
 }
-
-TEST_F(SetDCLogFileRegistryTest, EndsWithTheFirstIndexThatFails) {
-    const ClassKey key(DriverName(1));
-    const DisplayAdapter adapter(L"Zenvo", key.Driver());
-    FAIL_CALL(enumerating, SetupDiEnumDeviceInfo, 1, FALSE, ERROR_ACCESS_DENIED);
-    EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
-    EXPECT_EQ(enumerating.Calls(), 1);
-    ExpectUntouched(key);
-}
-
-namespace {
-
-/// How a read of a property ends: what it returns and leaves as the last error.
-struct ReadEnd {
-    BOOL result;
-    DWORD lastError;
-    bool counts;
-};
-
-} // namespace
 
 TEST_F(SetDCLogFileRegistryTest, JudgesReadsByTheLastErrorAlone) {
-    const ReadEnd ends[] = {
-        {TRUE, NO_ERROR, true},
-        {FALSE, NO_ERROR, true},
-        {TRUE, ERROR_ACCESS_DENIED, false},
-        {FALSE, ERROR_ACCESS_DENIED, false},
-    };
     for (const DWORD changed : {SPDRP_MFG, SPDRP_DRIVER}) {
-        for (const auto& [result, lastError, counts] : ends) {
-            const ClassKey key(DriverName(1));
-            const DisplayAdapter adapter(L"Zenvo", key.Driver());
-            int changes = 0;
-            HOOK(reading, SetupDiGetDeviceRegistryPropertyW,
-                 [&, result = result,
-                  lastError = lastError](HDEVINFO adapters, PSP_DEVINFO_DATA data, DWORD property,
-                                         PDWORD type, PBYTE buffer, DWORD size, PDWORD required) {
-                     const BOOL done =
-                         reading.Original(adapters, data, property, type, buffer, size, required);
-                     if (property != changed || done == FALSE) {
-                         return done;
-                     }
-                     ++changes;
-                     SetLastError(lastError);
-                     return result;
-                 });
-            EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
-            EXPECT_GE(changes, 1);
-            EXPECT_EQ(key.ValueCount(), counts ? 2U : 0U) << changed << " " << lastError;
+        for (const BOOL result : {TRUE, FALSE}) {
+            for (const DWORD lastError : {NO_ERROR, ERROR_ACCESS_DENIED}) {
+                const Adapter key;
+                int changes = 0;
+                PropertyReads reads;
+                reads.after = [&](DWORD property, BYTE*, DWORD) {
+                    changes += property == changed ? 1 : 0;
+                    SetLastError(property == changed ? lastError : DWORD{NO_ERROR});
+                    return property == changed ? result : TRUE;
+                };
+                EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
+                EXPECT_GE(changes, 1);
+                EXPECT_EQ(key.ValueCount(), lastError == NO_ERROR ? 2U : 0U)
+                    << changed << " " << result;
+            }
         }
     }
 }
 
 TEST_F(SetDCLogFileRegistryTest, StartsEachReadWithNoErrorAndAnEmptyBuffer) {
-    const ClassKey first(DriverName(1));
-    const ClassKey second(DriverName(2));
-    const DisplayAdapter one(L"Zenvo", first.Driver());
-    const DisplayAdapter other(L"Zenvo", second.Driver());
+    const Adapter first;
+    const Adapter second(L"Zenvo", DriverName(2));
     HOOK(opening, RegOpenKeyExW,
          [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
              const LSTATUS status = opening.Original(root, subkey, options, access, opened);
@@ -360,75 +329,70 @@ TEST_F(SetDCLogFileRegistryTest, StartsEachReadWithNoErrorAndAnEmptyBuffer) {
              SetLastError(ERROR_GEN_FAILURE);
              return done;
          });
-    HOOK(reading, SetupDiGetDeviceRegistryPropertyW,
-         [&](HDEVINFO adapters, PSP_DEVINFO_DATA data, DWORD property, PDWORD type, PBYTE buffer,
-             DWORD size, PDWORD required) {
-             EXPECT_EQ(GetLastError(), static_cast<DWORD>(NO_ERROR));
-             EXPECT_EQ(std::count(buffer, buffer + size, BYTE{0}), 4096);
-             const BOOL done =
-                 reading.Original(adapters, data, property, type, buffer, size, required);
-             if (property == SPDRP_MFG && done != FALSE) {
-                 SetLastError(NO_ERROR);
-             }
-             return done;
-         });
+    PropertyReads reads;
+    reads.before = [](const BYTE* buffer, DWORD size) {
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(NO_ERROR));
+        EXPECT_EQ(std::count(buffer, buffer + size, BYTE{0}), 4096);
+    };
+    reads.after = [](DWORD, BYTE*, DWORD) {
+        SetLastError(NO_ERROR);
+        return TRUE;
+    };
     EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
-    EXPECT_GE(reading.Calls(), 4);
+    EXPECT_GE(reads.reading.Calls(), 4);
     ExpectWritten(first);
     ExpectWritten(second);
 }
 
 TEST_F(SetDCLogFileRegistryTest, AReadThatFillsTheWholeBufferIsNotReadBeyond) {
-    const ClassKey key(DriverName(1));
-    const DisplayAdapter adapter(L"Zenvo", key.Driver());
-    HOOK(reading, SetupDiGetDeviceRegistryPropertyW,
-         [&](HDEVINFO adapters, PSP_DEVINFO_DATA data, DWORD property, PDWORD type, PBYTE buffer,
-             DWORD size, PDWORD required) {
-             const BOOL done =
-                 reading.Original(adapters, data, property, type, buffer, size, required);
-             if (property == SPDRP_MFG && done != FALSE) {
-                 std::wstring text = L"Zenvo";
-                 text.resize(size / sizeof(wchar_t), L'o');
-                 std::memcpy(buffer, text.data(), size);
-             }
-             return done;
-         });
+    const Adapter key;
+    PropertyReads reads;
+    reads.after = [](DWORD property, BYTE* buffer, DWORD size) {
+        if (property == SPDRP_MFG) {
+            std::wstring text = L"Zenvo";
+            text.resize(size / sizeof(wchar_t), L'o');
+            std::memcpy(buffer, text.data(), size);
+        }
+        return TRUE;
+    };
     EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
     ExpectWritten(key);
 }
 
-TEST_F(SetDCLogFileRegistryTest, ManufacturersOfEveryTypeAndLength) {
+TEST_F(SetDCLogFileRegistryTest, PropertiesOfEveryTypeAndLength) {
     std::wstring filling = L"Zenvo";
     filling.resize(2048, L'o');
     const struct {
+        DWORD property;
         DWORD type;
         Bytes bytes;
-        bool makers;
+        bool counts;
     } cases[] = {
-        {REG_SZ, {}, false},
-        {REG_SZ, {'Z'}, false},
-        {REG_SZ, BytesOf(L"Zenvo"), true},
-        {REG_SZ, Terminated(L"\0Zenvo"s), false},
-        {REG_SZ, BytesOf(filling), true},
-        {REG_SZ, BytesOf(filling + L"o"), false},
-        {REG_SZ, Bytes(70000, 'Z'), false},
-        {REG_DWORD, {1, 0, 0, 0}, false},
+        {SPDRP_MFG, REG_SZ, {}, false},
+        {SPDRP_MFG, REG_SZ, {'Z'}, false},
+        {SPDRP_MFG, REG_SZ, BytesOf(L"Zenvo"), true},
+        {SPDRP_MFG, REG_SZ, Terminated(L"\0Zenvo"s), false},
+        {SPDRP_MFG, REG_SZ, BytesOf(filling), true},
+        {SPDRP_MFG, REG_SZ, BytesOf(filling + L"o"), false},
+        {SPDRP_MFG, REG_SZ, Bytes(70000, 'Z'), false},
+        {SPDRP_MFG, REG_DWORD, {1, 0, 0, 0}, false},
+        {SPDRP_DRIVER, REG_SZ, Terminated(L""), false},
+        {SPDRP_DRIVER, REG_SZ, {}, false},
+        {SPDRP_DRIVER, REG_SZ, Bytes(4098, 'k'), false},
     };
-    for (const auto& [type, bytes, makers] : cases) {
-        const ClassKey key(DriverName(1));
-        DisplayAdapter adapter(L"x", key.Driver());
-        adapter.Store(SPDRP_MFG, type, bytes);
+    for (const auto& [property, type, bytes, counts] : cases) {
+        const Adapter key;
+        key.device.Store(property, type, bytes);
+        const CallTrace calls(kRegistry);
         EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
-        EXPECT_EQ(key.ValueCount(), makers ? 2U : 0U) << type << " " << bytes.size();
+        EXPECT_EQ(key.ValueCount(), counts ? 2U : 0U) << type << " " << bytes.size();
+        EXPECT_EQ(calls.All().empty(), !counts);
     }
-}
-
-TEST_F(SetDCLogFileRegistryTest, TakesThePropertiesBytesForTextWhateverTheirType) {
+    // The bytes are taken for text whatever their type.
     for (const DWORD type : {REG_SZ, REG_EXPAND_SZ, REG_MULTI_SZ, REG_BINARY, REG_NONE}) {
-        const ClassKey key(DriverName(1));
-        DisplayAdapter adapter;
-        adapter.Store(SPDRP_MFG, type, Terminated(L"Zenvo"));
-        adapter.Store(SPDRP_DRIVER, type, Terminated(key.Driver()));
+        const Adapter key;
+        key.device.Store(SPDRP_MFG, type, Terminated(L"Zenvo"));
+        key.device.Store(SPDRP_DRIVER, type, Terminated(key.Driver()));
         EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
         EXPECT_EQ(key.ValueCount(), 2U) << type;
     }
@@ -439,52 +403,32 @@ TEST_F(SetDCLogFileRegistryTest, DriverKeysOfEveryName) {
     for (const std::wstring& driver :
          {L"HalvardTest"s, L"Halvard Test \u0416\u00e9 !#$%&'()+,-.;=@[]^_`{}~/:*?\"<>|"s,
           longest}) {
-        const ClassKey key(driver);
-        const DisplayAdapter adapter(L"Zenvo", driver);
+        const Adapter key(L"Zenvo", driver);
         EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
         ExpectWritten(key);
     }
 
-    const ClassKey tooLong(longest + L"k");
+    const Adapter tooLong(L"Zenvo", longest + L"k");
     const ClassKey cut(longest);
-    const DisplayAdapter adapter(L"Zenvo", tooLong.Driver());
     EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
     ExpectUntouched(tooLong);
     ExpectUntouched(cut);
 }
 
-TEST_F(SetDCLogFileRegistryTest, AnEmptyOrOversizedDriverNameIsSkipped) {
-    for (const Bytes& name : {Terminated(L""), Bytes(), Bytes(4098, 'k')}) {
-        DisplayAdapter adapter(L"Zenvo", L"x");
-        adapter.Store(SPDRP_DRIVER, REG_SZ, name);
-        COUNT_CALLS(opening, RegOpenKeyExW);
+TEST_F(SetDCLogFileRegistryTest, AKeyOrAValueThatIsRefusedDoesNotKeepTheOthersOut) {
+    const struct {
+        const wchar_t* failing;
+        std::size_t nth;
+        std::size_t values;
+        std::size_t calls;
+    } cases[] = {{L"open ", 1, 2, 2 + 2}, {L"set ", 1, 3, 2 + 4}, {L"set ", 2, 3, 2 + 4}};
+    for (const auto& [failing, nth, values, made] : cases) {
+        const Adapter first;
+        const Adapter second(L"Zenvo", DriverName(2));
+        CallTrace calls(kRegistry);
+        calls.Fail(failing, ERROR_ACCESS_DENIED, nth);
         EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
-        EXPECT_EQ(opening.Calls(), 0);
-    }
-}
-
-TEST_F(SetDCLogFileRegistryTest, AClassKeyThatIsRefusedIsSkipped) {
-    const ClassKey first(DriverName(1));
-    const ClassKey second(DriverName(2));
-    const DisplayAdapter one(L"Zenvo", first.Driver());
-    const DisplayAdapter other(L"Zenvo", second.Driver());
-    {
-        FAIL_CALL(opening, RegOpenKeyExW, 1, ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED);
-        EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
-        EXPECT_EQ(opening.Calls(), 2);
-    }
-    EXPECT_EQ(first.ValueCount() + second.ValueCount(), 2U);
-}
-
-TEST_F(SetDCLogFileRegistryTest, AValueThatIsRefusedDoesNotKeepTheOthersOut) {
-    for (const int refused : {1, 2}) {
-        const ClassKey first(DriverName(1));
-        const ClassKey second(DriverName(2));
-        const DisplayAdapter one(L"Zenvo", first.Driver());
-        const DisplayAdapter other(L"Zenvo", second.Driver());
-        FAIL_CALL(setting, RegSetValueExW, refused, ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED);
-        EXPECT_EQ(SetDCLogFileRegistry(0), 0U);
-        EXPECT_EQ(setting.Calls(), 4);
-        EXPECT_EQ(first.ValueCount() + second.ValueCount(), 3U);
+        EXPECT_EQ(first.ValueCount() + second.ValueCount(), values);
+        EXPECT_EQ(calls.All().size(), made);
     }
 }

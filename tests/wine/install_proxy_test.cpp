@@ -12,8 +12,10 @@
 #include "import_hook.h"
 #include "open_handles.h"
 #include "pivot_installation.h"
+#include "played_programs.h"
 #include "process_starts.h"
 #include "registry_error.h"
+#include "registry_key.h"
 #include "stand_in_session.h"
 
 #include <windows.h>
@@ -24,20 +26,34 @@
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
 using halvard::DelInstallProxyKey;
 using halvard::LaunchInstallProxyPV;
 using halvard::RegKeyError;
+using halvard_tests::AbsentKeys;
 using halvard_tests::CallTrace;
+using halvard_tests::CreateFolders;
+using halvard_tests::ExpectFileSystemError;
+using halvard_tests::ExpectRegKeyError;
+using halvard_tests::kChildren;
+using halvard_tests::KeyExists;
+using halvard_tests::kFiles;
 using halvard_tests::kInstaller;
+using halvard_tests::kPlatform;
+using halvard_tests::kProcesses;
+using halvard_tests::kProperties;
+using halvard_tests::kRegistry;
+using halvard_tests::PlayedPrograms;
 using halvard_tests::ProcessStart;
 using halvard_tests::ProcessStarts;
+using halvard_tests::ReadingOf;
 using halvard_tests::RecorderAt;
 using halvard_tests::Recordings;
+using halvard_tests::RegistryValueAt;
 using halvard_tests::ScratchFolder;
+using halvard_tests::SetRegistryString;
 using halvard_tests::StandInSession;
 using halvard_tests::engines::kFailFastCode;
 using namespace std::string_literals;
@@ -60,44 +76,6 @@ std::wstring ToolLine(const std::wstring& tool) {
     return L"QUENBY_CA DeleteFolder: " + tool + L" \n";
 }
 
-/// An installed framework, in a folder of the throw-away drive, and a session.
-class InstallProxyTest : public testing::Test {
-protected:
-    InstallProxyTest() {
-        halvard_tests::CreateFolders(Framework());
-        SetLocation(Framework());
-        SetData(L"C:\\P\\");
-    }
-    ~InstallProxyTest() override {
-        RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Qorta");
-        RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432Node\\Qorta");
-    }
-
-    std::wstring Framework() const { return scratch_.File(L"F"); }
-    std::wstring Tool() const { return Framework() + L"\\CLI.exe"; }
-    void SetLocation(const std::wstring& location) const {
-        halvard_tests::SetRegistryString(HKEY_LOCAL_MACHINE, kFrameworkKey, L"Location", location);
-    }
-    void StoreLocation(DWORD type, const void* bytes, DWORD size) const {
-        RegSetKeyValueW(HKEY_LOCAL_MACHINE, kFrameworkKey, L"Location", type, bytes, size);
-    }
-    void SetData(const std::wstring& data) const {
-        session_.SetProperty(L"CustomActionData", data);
-    }
-    UINT Launch() const { return LaunchInstallProxyPV(session_.Get()); }
-
-    void ExpectThrown(int code, const std::string& message) const {
-        halvard_tests::ExpectRegKeyError([&] { Launch(); }, message, code);
-    }
-
-    halvard_tests::CurrentSessionScope current_;
-    StandInSession session_;
-    ScratchFolder scratch_;
-};
-
-using LaunchInstallProxyPVTest = InstallProxyTest;
-using DelInstallProxyKeyTest = InstallProxyTest;
-
 // A start as the action asks for it.
 bool AsTheActionDoes(ProcessStart& start) {
     EXPECT_EQ(start.application, nullptr);
@@ -107,6 +85,72 @@ bool AsTheActionDoes(ProcessStart& start) {
     EXPECT_EQ(start.flags, static_cast<DWORD>(CREATE_NO_WINDOW));
     return true;
 }
+
+/// An installed framework, in a folder of the throw-away drive, and a session.
+class InstallProxyTest : public testing::Test {
+protected:
+    InstallProxyTest() {
+        CreateFolders(Framework());
+        SetLocation(Framework());
+        SetData(L"C:\\P\\");
+    }
+
+    std::wstring Framework() const { return scratch_.File(L"F"); }
+    std::wstring Tool() const { return Framework() + L"\\CLI.exe"; }
+    void SetLocation(const std::wstring& location) const {
+        SetRegistryString(HKEY_LOCAL_MACHINE, kFrameworkKey, L"Location", location);
+    }
+    void StoreLocation(DWORD type, const void* bytes, DWORD size) const {
+        RegSetKeyValueW(HKEY_LOCAL_MACHINE, kFrameworkKey, L"Location", type, bytes, size);
+    }
+    void SetData(const std::wstring& data) const {
+        session_.SetProperty(L"CustomActionData", data);
+    }
+    // Makes a folder, and an install directory of 200 characters, for which the command line has
+    // this length.
+    std::wstring ArrangeCommandOf(std::size_t length) const {
+        const std::wstring proxy = std::wstring(200, L'p') + L"\\" + kProxy;
+        const std::size_t fixed = Command(scratch_.File(L"") + L"\\CLI.exe", proxy).size();
+        const std::wstring location = scratch_.File(std::wstring(length - fixed, L'f'));
+        CreateFolders(location);
+        SetLocation(location);
+        SetData(std::wstring(200, L'p'));
+        return Command(location + L"\\CLI.exe", proxy);
+    }
+    UINT Launch() const { return LaunchInstallProxyPV(session_.Get()); }
+
+    // Runs the action, which starts this, and logs these lines.
+    void ExpectStarted(const std::wstring& command, const Lines& logged,
+                       bool inSession = true) const {
+        const ProcessStarts starts(AsTheActionDoes);
+        const CallTrace calls(kInstaller);
+        EXPECT_EQ(LaunchInstallProxyPV(inSession ? session_.Get() : 0), 0U);
+        EXPECT_EQ(starts.CommandLines(), Lines{command});
+        EXPECT_EQ(calls.Rests(L"set field 0 "), logged);
+    }
+    void ExpectStarted(const std::wstring& command) const {
+        ExpectStarted(command, {ToolLine(Tool())});
+    }
+    // Runs the action, which asks for nothing behind the location, starts and logs nothing.
+    void ExpectNothingStarted() const {
+        const CallTrace calls(kProcesses | kProperties | kInstaller);
+        EXPECT_EQ(Launch(), 0U);
+        EXPECT_EQ(calls.All(), Lines{});
+    }
+    void ExpectThrown(int code, const std::string& message) const {
+        const CallTrace calls(kProcesses | kProperties | kInstaller);
+        ExpectRegKeyError([&] { Launch(); }, message, code);
+        EXPECT_EQ(calls.All(), Lines{});
+    }
+
+    halvard_tests::CurrentSessionScope current_;
+    AbsentKeys keys_{{L"SOFTWARE\\Qorta", L"SOFTWARE\\Wow6432Node\\Qorta"}};
+    StandInSession session_;
+    ScratchFolder scratch_;
+};
+
+using LaunchInstallProxyPVTest = InstallProxyTest;
+using DelInstallProxyKeyTest = InstallProxyTest;
 
 } // namespace
 
@@ -120,47 +164,29 @@ TEST_F(LaunchInstallProxyPVTest, HandsOverACommandLineThatIsRefusedForItsDirecto
     EXPECT_EQ(Recordings().size(), 0U);
 }
 
-TEST_F(LaunchInstallProxyPVTest, EveryEndOfTheTwoFolders) {
-    for (const std::wstring& slash : {L""s, L"\\"s, L"/"s}) {
-        const std::wstring tool = Framework() + (slash.empty() ? L"\\"s : slash) + L"CLI.exe";
-        SetLocation(Framework() + slash);
-        const std::pair<std::wstring, std::wstring> proxies[] = {
-            {L"C:\\P", L"C:\\P\\" + kProxy},
-            {L"C:\\P\\", L"C:\\P\\" + kProxy},
-            {L"C:/P/", L"C:/P/" + kProxy},
-            {L"", L"\\" + kProxy},
-        };
-        for (const auto& [directory, proxy] : proxies) {
-            SetData(directory);
-            const ProcessStarts starts(AsTheActionDoes);
-            const CallTrace calls(kInstaller);
-            EXPECT_EQ(Launch(), 0U);
-            EXPECT_EQ(starts.CommandLines(), Lines{Command(tool, proxy)});
-            EXPECT_EQ(calls.Rests(L"set field 0 "), Lines{ToolLine(tool)});
+TEST_F(LaunchInstallProxyPVTest, TakesBothFoldersAsTheyStandAndQuotesTheToolAlone) {
+    const std::wstring odd = scratch_.File(L"A framework \u0416\u00e9 !#$%&'()+,-;=@[]^_`{}~");
+    CreateFolders(odd);
+    for (const std::wstring& location : {Framework(), odd}) {
+        for (const std::wstring& slash : {L""s, L"\\"s, L"/"s}) {
+            const std::wstring tool = location + (slash.empty() ? L"\\"s : slash) + L"CLI.exe";
+            SetLocation(location + slash);
+            const std::pair<std::wstring, std::wstring> proxies[] = {
+                {L"C:\\P", L"C:\\P\\"},
+                {L"C:\\P\\", L"C:\\P\\"},
+                {L"C:/P/", L"C:/P/"},
+                {L"", L"\\"},
+                {L"C:\\Program Files\\\u0416 100%s [P]\\",
+                 L"C:\\Program Files\\\u0416 100%s [P]\\"},
+                // The whole property is the directory.
+                {L"InstallDir=C:\\P;Other=x", L"InstallDir=C:\\P;Other=x\\"},
+            };
+            for (const auto& [directory, folder] : proxies) {
+                SetData(directory);
+                ExpectStarted(Command(tool, folder + kProxy), {ToolLine(tool)});
+            }
         }
     }
-}
-
-TEST_F(LaunchInstallProxyPVTest, QuotesTheToolAndNotTheProxy) {
-    const std::wstring location = scratch_.File(L"A framework \u0416\u00e9 !#$%&'()+,-;=@[]^_`{}~");
-    halvard_tests::CreateFolders(location);
-    SetLocation(location);
-    SetData(L"C:\\Program Files\\\u0416 100%s [P]\\");
-    const ProcessStarts starts(AsTheActionDoes);
-    const CallTrace calls(kInstaller);
-    EXPECT_EQ(Launch(), 0U);
-    EXPECT_EQ(
-        starts.CommandLines(),
-        Lines{Command(location + L"\\CLI.exe", L"C:\\Program Files\\\u0416 100%s [P]\\" + kProxy)});
-    EXPECT_EQ(calls.Rests(L"set field 0 "), Lines{ToolLine(location + L"\\CLI.exe")});
-}
-
-TEST_F(LaunchInstallProxyPVTest, TakesTheWholePropertyForTheDirectory) {
-    SetData(L"InstallDir=C:\\P;Other=x");
-    const ProcessStarts starts(AsTheActionDoes);
-    EXPECT_EQ(Launch(), 0U);
-    EXPECT_EQ(starts.CommandLines(),
-              Lines{Command(Tool(), L"InstallDir=C:\\P;Other=x\\" + kProxy)});
 }
 
 TEST_F(LaunchInstallProxyPVTest, Returns1ForAToolThatStartsAndWaitsForIt) {
@@ -170,70 +196,51 @@ TEST_F(LaunchInstallProxyPVTest, Returns1ForAToolThatStartsAndWaitsForIt) {
         start.directory = nullptr;
         return true;
     });
-    HOOK(waiting, WaitForSingleObject, [&](HANDLE handle, DWORD timeout) {
-        EXPECT_EQ(handle, starts.Process());
-        EXPECT_EQ(timeout, static_cast<DWORD>(INFINITE));
-        return waiting.Original(handle, timeout);
-    });
+    const std::wstring command = Command(Tool(), L"C:\\Program Files\\P\\" + kProxy);
+    const CallTrace calls(kProcesses | kChildren);
     EXPECT_EQ(Launch(), 1U);
-    EXPECT_EQ(waiting.Calls(), 1);
+    EXPECT_EQ(calls.Of({L"wait "}), Lines{L"wait for " + command + L" 4294967295"});
     ASSERT_EQ(Recordings().size(), 1U);
     EXPECT_EQ(Recordings()[0].program, L"CLI.exe");
-    EXPECT_EQ(Recordings()[0].commandLine, Command(Tool(), L"C:\\Program Files\\P\\" + kProxy));
+    EXPECT_EQ(Recordings()[0].commandLine, command);
     EXPECT_EQ(session_.LogLines(), Lines{ToolLine(Tool())});
 }
 
 TEST_F(LaunchInstallProxyPVTest, EndsQuietlyWhenTheLocationDoesNotExist) {
-    COUNT_CALLS(reading, MsiGetPropertyW);
-    COUNT_CALLS(creating, CreateProcessW);
+    const std::wstring file = scratch_.File(L"file");
+    halvard_tests::WriteFileAt(file);
     for (const std::wstring& location :
-         {scratch_.File(L"no such folder"), L""s, L"\\"s + std::wstring(300, L'x'), L"T:\\?<"s}) {
+         {scratch_.File(L"no such folder"), L""s, L"\\"s + std::wstring(300, L'x'), L"T:\\?<"s,
+          std::wstring(40000, L'x'), file + L"\\"}) {
         SetLocation(location);
-        EXPECT_EQ(Launch(), 0U);
+        ExpectNothingStarted();
     }
-    EXPECT_EQ(reading.Calls(), 0);
-    EXPECT_EQ(creating.Calls(), 0);
-    EXPECT_EQ(session_.LogLines(), Lines{});
-}
-
-TEST_F(LaunchInstallProxyPVTest, ALocationThatIsAFileIsTaken) {
-    const std::wstring file = scratch_.File(L"file");
-    halvard_tests::WriteWholeFile(file, std::string());
+    for (const DWORD size : {0U, 1U, 2U}) {
+        StoreLocation(REG_SZ, L"", size);
+        ExpectNothingStarted();
+    }
+    // A file of that name is there.
     SetLocation(file);
-    EXPECT_EQ(Launch(), 0U);
-    EXPECT_EQ(session_.LogLines(), Lines{ToolLine(file + L"\\CLI.exe")});
-}
-
-TEST_F(LaunchInstallProxyPVTest, ALocationThatIsAFileWithASeparatorBehindItIsNotThere) {
-    const std::wstring file = scratch_.File(L"file");
-    halvard_tests::WriteWholeFile(file, std::string());
-    SetLocation(file + L"\\");
-    COUNT_CALLS(creating, CreateProcessW);
-    EXPECT_EQ(Launch(), 0U);
-    EXPECT_EQ(session_.LogLines(), Lines{});
-    EXPECT_EQ(creating.Calls(), 0);
+    const std::wstring tool = file + L"\\CLI.exe";
+    ExpectStarted(Command(tool, L"C:\\P\\" + kProxy), {ToolLine(tool)});
 }
 
 TEST_F(LaunchInstallProxyPVTest, ThrowsWhenWindowsDoesNotTellWhetherTheLocationExists) {
-    FAIL_CALL(asking, GetFileAttributesW, 1, INVALID_FILE_ATTRIBUTES, ERROR_ACCESS_DENIED);
-    halvard_tests::ExpectFileSystemError([&] { Launch(); }, "exists", Framework(),
-                                         ERROR_ACCESS_DENIED);
-    EXPECT_EQ(session_.LogLines(), Lines{});
+    CallTrace calls(kFiles | kProcesses | kInstaller);
+    calls.Fail(L"attributes of ");
+    ExpectFileSystemError([&] { Launch(); }, "exists", Framework(), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(calls.All().size(), 1U);
 }
 
 TEST_F(LaunchInstallProxyPVTest, ThrowsWithoutTheKeyOrItsLocation) {
-    COUNT_CALLS(creating, CreateProcessW);
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kFrameworkKey, L"Location");
     ExpectThrown(ERROR_FILE_NOT_FOUND, "Unable to get registry value");
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Qorta");
+    keys_.Remove();
     ExpectThrown(ERROR_FILE_NOT_FOUND, "Unable to open registry key");
 
     // The other view's key is not looked at by a 64-bit process.
-    halvard_tests::SetRegistryString(HKEY_LOCAL_MACHINE, kWow64FrameworkKey, L"Location",
-                                     Framework());
+    SetRegistryString(HKEY_LOCAL_MACHINE, kWow64FrameworkKey, L"Location", Framework());
     ExpectThrown(ERROR_FILE_NOT_FOUND, "Unable to open registry key");
-    EXPECT_EQ(creating.Calls(), 0);
-    EXPECT_EQ(session_.LogLines(), Lines{});
 }
 
 TEST_F(LaunchInstallProxyPVTest, ThrowsForALocationOfAnotherType) {
@@ -244,7 +251,7 @@ TEST_F(LaunchInstallProxyPVTest, ThrowsForALocationOfAnotherType) {
     }
 }
 
-TEST_F(LaunchInstallProxyPVTest, ALocationOfAnyLength) {
+TEST_F(LaunchInstallProxyPVTest, ALocationEndsAtItsFirstNullCharacterOrWithItsBytes) {
     const std::wstring location = Framework();
     const DWORD bytes = static_cast<DWORD>(location.size() * sizeof(wchar_t));
     // Without its terminator, with an odd byte behind it, and cut at its first null character.
@@ -253,77 +260,56 @@ TEST_F(LaunchInstallProxyPVTest, ALocationOfAnyLength) {
     for (const auto& [text, size] :
          {std::pair(location, bytes), std::pair(location, bytes + 1), std::pair(cut, cutBytes)}) {
         StoreLocation(REG_SZ, text.c_str(), size);
-        const ProcessStarts starts(AsTheActionDoes);
-        EXPECT_EQ(Launch(), 0U);
-        EXPECT_EQ(starts.CommandLines(), Lines{Command(Tool(), L"C:\\P\\" + kProxy)}) << size;
+        ExpectStarted(Command(Tool(), L"C:\\P\\" + kProxy));
     }
-    COUNT_CALLS(creating, CreateProcessW);
-    for (const DWORD size : {0U, 1U, 2U}) {
-        StoreLocation(REG_SZ, L"", size);
-        EXPECT_EQ(Launch(), 0U);
-    }
-    SetLocation(std::wstring(40000, L'x'));
-    EXPECT_EQ(Launch(), 0U);
-    EXPECT_EQ(creating.Calls(), 0);
 }
 
 TEST_F(LaunchInstallProxyPVTest, ThrowsWhenTheRegistryRefuses) {
-    {
-        FAIL_CALL(opening, RegOpenKeyExW, 1, ERROR_ACCESS_DENIED, NO_ERROR);
-        ExpectThrown(ERROR_ACCESS_DENIED, "Unable to open registry key");
-    }
-    {
-        FAIL_CALL(reading, RegGetValueW, 0, ERROR_ACCESS_DENIED, NO_ERROR);
-        ExpectThrown(ERROR_ACCESS_DENIED, "Unable to get registry value");
-    }
-    {
+    const struct {
+        const wchar_t* failing;
+        std::size_t nth;
+        DWORD code;
+        int thrown;
+        const char* message;
+    } cases[] = {
+        {L"open ", 1, ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED, "Unable to open registry key"},
+        {L"size of ", 0, ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED, "Unable to get registry value"},
         // A value that grows or goes between its size and itself.
-        FAIL_CALL(reading, RegGetValueW, 2, ERROR_MORE_DATA, NO_ERROR);
-        ExpectThrown(0, "Unable to get registry value");
+        {L"get ", 1, ERROR_MORE_DATA, 0, "Unable to get registry value"},
+    };
+    for (const auto& each : cases) {
+        CallTrace calls(kRegistry);
+        calls.Fail(each.failing, each.code, each.nth);
+        ExpectThrown(each.thrown, each.message);
+        EXPECT_EQ(calls.LeftOpen(), Lines{});
     }
-    EXPECT_EQ(session_.LogLines(), Lines{});
 }
 
-TEST_F(LaunchInstallProxyPVTest, OpensTheKeyForReadingAndWritingAndClosesItBeforeItGoesOn) {
-    HKEY key = nullptr;
-    HOOK(opening, RegOpenKeyExW,
-         [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
-             EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
-             EXPECT_STREQ(subkey, kFrameworkKey);
-             EXPECT_EQ(access, 0x2001FU);
-             const LSTATUS status = opening.Original(root, subkey, options, access, opened);
-             key = *opened;
-             return status;
-         });
-    int closed = 0;
-    HOOK(closing, RegCloseKey, [&](HKEY closedKey) {
-        closed += closedKey == key ? 1 : 0;
-        return closing.Original(closedKey);
-    });
-    HOOK(looking, GetFileAttributesW, [&](LPCWSTR path) {
-        EXPECT_EQ(closed, 1);
-        return looking.Original(path);
-    });
-    EXPECT_EQ(Launch(), 0U);
-    EXPECT_EQ(opening.Calls(), 1);
-    EXPECT_EQ(closed, 1);
-    EXPECT_EQ(looking.Calls(), 1);
+TEST_F(LaunchInstallProxyPVTest, MakesItsCallsInThisOrder) {
+    const PlayedPrograms programs;
+    const CallTrace calls(kRegistry | kFiles | kProperties | kInstaller | kProcesses | kChildren);
+    EXPECT_EQ(Launch(), 1U);
+    const std::wstring command = Command(Tool(), L"C:\\P\\" + kProxy);
+    const std::wstring session = std::to_wstring(session_.Get());
+    EXPECT_EQ(
+        calls.All(),
+        (ReadingOf(L"HKLM\\"s + kFrameworkKey, L"Location", L"0x2001f") +
+         Lines{L"attributes of \\\\?\\" + Framework(), L"create record 0",
+               L"set field 0 " + ToolLine(Tool()), L"send 0x4000000 to " + session, L"close record",
+               L"property CustomActionData 260 of " + session,
+               L"run " + command + L" in " + command, L"wait for " + command + L" 4294967295"}));
 }
 
 TEST_F(LaunchInstallProxyPVTest, LogsThatItCannotGetTheInstallDirectoryAndGoesOn) {
-    HOOK(reading, MsiGetPropertyW,
-         [&](MSIHANDLE session, LPCWSTR name, LPWSTR buffer, LPDWORD length) {
-             EXPECT_EQ(session, session_.Get());
-             EXPECT_STREQ(name, L"CustomActionData");
-             EXPECT_EQ(*length, 260U);
-             EXPECT_EQ(std::count(buffer, buffer + *length, L'\0'), 260);
-             return static_cast<UINT>(ERROR_FUNCTION_FAILED);
-         });
-    const ProcessStarts starts(AsTheActionDoes);
-    EXPECT_EQ(Launch(), 0U);
-    EXPECT_EQ(reading.Calls(), 1);
+    HOOK(reading, MsiGetPropertyW, [](MSIHANDLE, LPCWSTR, LPWSTR buffer, LPDWORD length) {
+        EXPECT_EQ(std::count(buffer, buffer + *length, L'\0'), 260);
+        return static_cast<UINT>(ERROR_FUNCTION_FAILED);
+    });
+    const CallTrace calls(kProperties);
+    ExpectStarted(Command(Tool(), L"\\" + kProxy), {ToolLine(Tool()), kNoInstallDirectory});
+    EXPECT_EQ(calls.All(),
+              Lines{L"property CustomActionData 260 of " + std::to_wstring(session_.Get())});
     EXPECT_EQ(session_.LogLines(), (Lines{ToolLine(Tool()), kNoInstallDirectory}));
-    EXPECT_EQ(starts.CommandLines(), Lines{Command(Tool(), L"\\" + kProxy)});
 }
 
 TEST_F(LaunchInstallProxyPVTest, GoesOnWithWhatAFailureLeavesInTheBuffer) {
@@ -332,80 +318,35 @@ TEST_F(LaunchInstallProxyPVTest, GoesOnWithWhatAFailureLeavesInTheBuffer) {
             std::fill(buffer, buffer + left, L'x');
             return static_cast<UINT>(ERROR_MORE_DATA);
         });
-        const ProcessStarts starts(AsTheActionDoes);
-        EXPECT_EQ(Launch(), 0U);
-        EXPECT_EQ(starts.CommandLines(),
-                  Lines{Command(Tool(), std::wstring(left, L'x') + L"\\" + kProxy)});
+        ExpectStarted(Command(Tool(), std::wstring(left, L'x') + L"\\" + kProxy),
+                      {ToolLine(Tool()), kNoInstallDirectory});
     }
 }
 
 TEST_F(LaunchInstallProxyPVTest, AnInstallDirectoryOfUpTo259Characters) {
+    const std::wstring command = Command(Tool(), std::wstring(259, L'p') + L"\\" + kProxy);
     SetData(std::wstring(259, L'p'));
-    {
-        const ProcessStarts starts(AsTheActionDoes);
-        EXPECT_EQ(Launch(), 0U);
-        EXPECT_EQ(session_.LogLines(), Lines{ToolLine(Tool())});
-        EXPECT_EQ(starts.CommandLines(),
-                  Lines{Command(Tool(), std::wstring(259, L'p') + L"\\" + kProxy)});
-    }
+    ExpectStarted(command);
     // The engine fills what there is room for.
     SetData(std::wstring(260, L'p'));
-    const ProcessStarts starts(AsTheActionDoes);
-    EXPECT_EQ(Launch(), 0U);
-    EXPECT_EQ(session_.LogLines(),
-              (Lines{ToolLine(Tool()), ToolLine(Tool()), kNoInstallDirectory}));
-    EXPECT_EQ(starts.CommandLines(),
-              Lines{Command(Tool(), std::wstring(259, L'p') + L"\\" + kProxy)});
+    ExpectStarted(command, {ToolLine(Tool()), kNoInstallDirectory});
 }
 
 TEST_F(LaunchInstallProxyPVTest, GoesOnWithoutASession) {
-    const ProcessStarts starts(AsTheActionDoes);
-    const CallTrace calls(kInstaller);
-    EXPECT_EQ(LaunchInstallProxyPV(0), 0U);
-    EXPECT_EQ(calls.Rests(L"set field 0 "), (Lines{ToolLine(Tool()), kNoInstallDirectory}));
-    EXPECT_EQ(starts.CommandLines(), Lines{Command(Tool(), L"\\" + kProxy)});
+    ExpectStarted(Command(Tool(), L"\\" + kProxy), {ToolLine(Tool()), kNoInstallDirectory}, false);
 }
 
-namespace {
-
-/// Makes the folder for which the command line has this length, with an install directory of 200
-/// characters.
-class CommandOfLength {
-public:
-    CommandOfLength(const ScratchFolder& scratch, std::size_t length) : data_(200, L'p') {
-        const std::size_t fixed =
-            Command(scratch.File(L"") + L"\\CLI.exe", data_ + L"\\" + kProxy).size();
-        location_ = scratch.File(std::wstring(length - fixed, L'f'));
-        halvard_tests::CreateFolders(location_);
-    }
-
-    const std::wstring& Data() const { return data_; }
-    const std::wstring& Location() const { return location_; }
-
-private:
-    std::wstring data_;
-    std::wstring location_;
-};
-
-} // namespace
-
 TEST_F(LaunchInstallProxyPVTest, HasRoomForACommandLineOf518Characters) {
-    const CommandOfLength command(scratch_, 518);
-    SetLocation(command.Location());
-    SetData(command.Data());
+    const std::wstring command = ArrangeCommandOf(518);
+    EXPECT_EQ(command.size(), 518U);
     const ProcessStarts starts(AsTheActionDoes);
     EXPECT_EQ(Launch(), 0U);
-    ASSERT_EQ(starts.CommandLines().size(), 1U);
-    EXPECT_EQ(starts.CommandLines()[0].size(), 518U);
-    EXPECT_EQ(starts.CommandLines()[0],
-              Command(command.Location() + L"\\CLI.exe", command.Data() + L"\\" + kProxy));
+    EXPECT_EQ(starts.CommandLines(), Lines{command});
 }
 
 // A process of its own, started with this test alone, ends for it.
 TEST_F(LaunchInstallProxyPVTest, EndsTheProcessForACommandLineOf519Characters) {
-    const CommandOfLength command(scratch_, 519);
-    SetLocation(command.Location());
-    SetData(command.Data());
+    ArrangeCommandOf(519);
     EXPECT_EXIT(Launch(), testing::ExitedWithCode(static_cast<int>(Here(kFailFastCode))), "");
     const auto launchAndTell = [&] {
         HOOK(ending, RaiseFailFastException,
@@ -429,9 +370,7 @@ TEST_F(LaunchInstallProxyPVTest, EndsTheProcessForACommandLineOf519Characters) {
 // In this process, which an exception takes out of the call that would end it.
 TEST_F(LaunchInstallProxyPVTest, StartsNothingForACommandLineOf519Characters) {
     struct Ended {};
-    const CommandOfLength command(scratch_, 519);
-    SetLocation(command.Location());
-    SetData(command.Data());
+    ArrangeCommandOf(519);
     const ProcessStarts starts;
     HOOK(ending, RaiseFailFastException, [](PEXCEPTION_RECORD, PCONTEXT, DWORD) { throw Ended(); });
     EXPECT_THROW(Launch(), Ended);
@@ -445,7 +384,7 @@ TEST_F(LaunchInstallProxyPVTest, StoresItsSession) {
 
     // Before anything can be thrown.
     halvard::SetCurrentSession(0);
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Qorta");
+    keys_.Remove();
     EXPECT_THROW(Launch(), RegKeyError);
     EXPECT_EQ(halvard::CurrentSession(), session_.Get());
 }
@@ -463,6 +402,10 @@ TEST_F(LaunchInstallProxyPVTest, KeepsNoHandleWhateverIsThrown) {
 
 namespace {
 
+const std::wstring kVersion = L"look up RtlGetVersion";
+const std::wstring kNativeProcessor = L"native processor";
+const std::wstring kProcessor = L"processor";
+
 DWORD majorVersion = 0;
 DWORD askedSize = 0;
 
@@ -477,38 +420,27 @@ LONG WINAPI TellVersion(OSVERSIONINFOEXW* version) {
 TEST_F(LaunchInstallProxyPVTest, AsksForTheProcessorAsTheVersionOfWindowsHasIt) {
     const struct {
         DWORD major;
-        int native;
-        int plain;
-    } cases[] = {{10, 1, 0}, {6, 0, 1}, {11, 0, 1}, {0, 0, 1}};
-    for (const auto& [major, native, plain] : cases) {
-        majorVersion = major;
+        void* tells; // null where there is no function to ask
+        Lines calls;
+    } cases[] = {
+        {10, reinterpret_cast<void*>(&TellVersion), {kVersion, kNativeProcessor}},
+        {6, reinterpret_cast<void*>(&TellVersion), {kVersion, kProcessor}},
+        {11, reinterpret_cast<void*>(&TellVersion), {kVersion, kProcessor}},
+        {0, reinterpret_cast<void*>(&TellVersion), {kVersion, kProcessor}},
+        {10, nullptr, {kVersion}},
+    };
+    for (const auto& each : cases) {
+        majorVersion = each.major;
         askedSize = 0;
-        HOOK(finding, GetProcAddress, [&](HMODULE module, LPCSTR name) {
+        HOOK(finding, GetProcAddress, [&](HMODULE module, LPCSTR) {
             EXPECT_EQ(module, GetModuleHandleW(L"ntdll"));
-            EXPECT_STREQ(name, "RtlGetVersion");
-            return reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&TellVersion));
+            return reinterpret_cast<FARPROC>(each.tells);
         });
-        COUNT_CALLS(askingNative, GetNativeSystemInfo);
-        COUNT_CALLS(askingPlain, GetSystemInfo);
-        const ProcessStarts starts(AsTheActionDoes);
-        EXPECT_EQ(Launch(), 0U);
-        EXPECT_EQ(finding.Calls(), 1);
-        EXPECT_EQ(askedSize, 284U);
-        EXPECT_EQ(askingNative.Calls(), native) << major;
-        EXPECT_EQ(askingPlain.Calls(), plain) << major;
-        EXPECT_EQ(starts.CommandLines().size(), 1U);
+        const CallTrace calls(kPlatform);
+        ExpectStarted(Command(Tool(), L"C:\\P\\" + kProxy));
+        EXPECT_EQ(calls.All(), each.calls);
+        EXPECT_EQ(askedSize, each.tells == nullptr ? 0U : 284U);
     }
-}
-
-TEST_F(LaunchInstallProxyPVTest, GoesOnWithoutTheVersionOfWindows) {
-    FAIL_CALL(finding, GetProcAddress, 0, nullptr, ERROR_PROC_NOT_FOUND);
-    COUNT_CALLS(askingNative, GetNativeSystemInfo);
-    COUNT_CALLS(askingPlain, GetSystemInfo);
-    const ProcessStarts starts(AsTheActionDoes);
-    EXPECT_EQ(Launch(), 0U);
-    EXPECT_EQ(askingNative.Calls(), 0);
-    EXPECT_EQ(askingPlain.Calls(), 0);
-    EXPECT_EQ(starts.CommandLines().size(), 1U);
 }
 
 TEST_F(LaunchInstallProxyPVTest, TheProcessorMakesNoDifference) {
@@ -518,10 +450,8 @@ TEST_F(LaunchInstallProxyPVTest, TheProcessorMakesNoDifference) {
             system->wProcessorArchitecture = architecture;
         });
         COUNT_CALLS(askingWow64, GetCurrentProcess);
-        const ProcessStarts starts(AsTheActionDoes);
-        EXPECT_EQ(Launch(), 0U);
+        ExpectStarted(Command(Tool(), L"C:\\P\\" + kProxy));
         EXPECT_EQ(askingWow64.Calls(), 1);
-        EXPECT_EQ(starts.CommandLines(), Lines{Command(Tool(), L"C:\\P\\" + kProxy)});
     }
 }
 
@@ -578,10 +508,10 @@ BOOL WINAPI LeavesItToTheCaller(HANDLE, BOOL*) {
     return TRUE;
 }
 
-Lines questions;
+CallTrace* questions = nullptr;
 
 BOOL WINAPI NotesTheQuestion(HANDLE, BOOL*) {
-    questions.emplace_back(L"WOW64");
+    questions->Passes(L"WOW64");
     return TRUE;
 }
 
@@ -597,49 +527,39 @@ TEST(RunsUnderWow64, OnlyWhenTheFunctionExistsAndReportsIt) {
 
 TEST_F(LaunchInstallProxyPVTest, LooksIntoTheOtherViewUnderWow64) {
     const std::wstring other = scratch_.File(L"W");
-    halvard_tests::CreateFolders(other);
-    halvard_tests::SetRegistryString(HKEY_LOCAL_MACHINE, kWow64FrameworkKey, L"Location", other);
+    CreateFolders(other);
+    SetRegistryString(HKEY_LOCAL_MACHINE, kWow64FrameworkKey, L"Location", other);
     const auto tool = [&](BOOL(WINAPI * isWow64Process)(HANDLE, BOOL*)) {
         const Detour detour(L"kernel32", "IsWow64Process", reinterpret_cast<void*>(isWow64Process));
-        const CallTrace calls(kInstaller);
+        const CallTrace calls(kRegistry | kInstaller);
         Launch();
-        return calls.Rests(L"set field 0 ");
+        return calls.Rests(L"open ") + calls.Rests(L"set field 0 ");
     };
-    EXPECT_EQ(tool(IsUnderWow64), Lines{ToolLine(other + L"\\CLI.exe")});
-    EXPECT_EQ(tool(IsNotUnderWow64), Lines{ToolLine(Tool())});
-    EXPECT_EQ(tool(CannotTell), Lines{ToolLine(Tool())});
+    const std::wstring opened = L"HKLM\\"s + kWow64FrameworkKey + L" 0x2001f";
+    EXPECT_EQ(tool(IsUnderWow64), (Lines{opened, ToolLine(other + L"\\CLI.exe")}));
+    const Lines otherwise = {L"HKLM\\"s + kFrameworkKey + L" 0x2001f", ToolLine(Tool())};
+    EXPECT_EQ(tool(IsNotUnderWow64), otherwise);
+    EXPECT_EQ(tool(CannotTell), otherwise);
 }
 
 TEST_F(LaunchInstallProxyPVTest, AsksForThePlatformThenForWow64ThenForTheFramework) {
-    questions.clear();
     majorVersion = 10;
     const Detour detour(L"kernel32", "IsWow64Process", reinterpret_cast<void*>(NotesTheQuestion));
     HOOK(finding, GetProcAddress, [](HMODULE, LPCSTR) {
-        questions.emplace_back(L"version");
         return reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&TellVersion));
     });
-    HOOK(asking, GetNativeSystemInfo, [&](LPSYSTEM_INFO system) {
-        questions.emplace_back(L"processor");
-        asking.Original(system);
-    });
-    HOOK(opening, RegOpenKeyExW,
-         [&](HKEY root, LPCWSTR subkey, DWORD options, REGSAM access, PHKEY opened) {
-             questions.emplace_back(subkey);
-             return opening.Original(root, subkey, options, access, opened);
-         });
+    CallTrace calls(kPlatform | kRegistry);
+    questions = &calls;
     EXPECT_EQ(Launch(), 0U);
-    EXPECT_EQ(questions, (Lines{L"version", L"processor", L"WOW64", kFrameworkKey}));
+    questions = nullptr;
+    const Lines reading = ReadingOf(L"HKLM\\"s + kFrameworkKey, L"Location", L"0x2001f");
+    EXPECT_EQ(calls.All(), (Lines{kVersion, kNativeProcessor, L"WOW64"} + reading));
 }
 
 namespace {
 
-bool InstallationKeyExists() {
-    HKEY key = nullptr;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kInstallationKey, 0, KEY_READ, &key) != ERROR_SUCCESS) {
-        return false;
-    }
-    RegCloseKey(key);
-    return true;
+void SetInstallation(const wchar_t* value) {
+    SetRegistryString(HKEY_LOCAL_MACHINE, kInstallationKey, value, L"1");
 }
 
 const std::wstring kDeleting = L"QUENBY_CA: DelInstallProxyKey  \n";
@@ -648,38 +568,26 @@ const std::wstring kDeleted = L"QUENBY_CA: DelInstallProxyKey successfully  \n";
 } // namespace
 
 TEST_F(DelInstallProxyKeyTest, DeletesTheKeyWithItsValues) {
-    halvard_tests::SetRegistryString(HKEY_LOCAL_MACHINE, kInstallationKey, L"Version", L"1");
-    halvard_tests::SetRegistryString(HKEY_LOCAL_MACHINE, kInstallationKey, L"", L"x");
-    HOOK(deleting, RegDeleteKeyW, [&](HKEY root, LPCWSTR subkey) {
-        EXPECT_EQ(root, HKEY_LOCAL_MACHINE);
-        EXPECT_STREQ(subkey, kInstallationKey);
-        EXPECT_EQ(session_.LogLines(), Lines{kDeleting});
-        return deleting.Original(root, subkey);
-    });
+    SetInstallation(L"Version");
+    SetInstallation(L"");
+    const CallTrace calls(kRegistry | kInstaller);
     EXPECT_EQ(DelInstallProxyKey(session_.Get()), 1U);
-    EXPECT_EQ(deleting.Calls(), 1);
-    EXPECT_FALSE(InstallationKeyExists());
+    const std::wstring send = L"send 0x4000000 to " + std::to_wstring(session_.Get());
+    EXPECT_EQ(calls.Of({L"set field", L"send", L"delete key"}),
+              (Lines{L"set field 0 " + kDeleting, send, L"delete key HKLM\\"s + kInstallationKey,
+                     L"set field 0 " + kDeleted, send}));
+    EXPECT_FALSE(KeyExists(kInstallationKey));
     EXPECT_EQ(session_.LogLines(), (Lines{kDeleting, kDeleted}));
-
-    HKEY parent = nullptr;
-    EXPECT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE,
-                            L"SOFTWARE\\Wow6432Node\\Qorta\\Sable\\Settings\\Kiln", 0, KEY_READ,
-                            &parent),
-              ERROR_SUCCESS);
-    RegCloseKey(parent);
+    EXPECT_TRUE(KeyExists(L"SOFTWARE\\Wow6432Node\\Qorta\\Sable\\Settings\\Kiln"));
 }
 
 TEST_F(DelInstallProxyKeyTest, LeavesAKeyWithASubkey) {
-    halvard_tests::SetRegistryString(HKEY_LOCAL_MACHINE, kInstallationKey, L"Version", L"1");
+    SetInstallation(L"Version");
     const std::wstring subkey = std::wstring(kInstallationKey) + L"\\sub";
-    halvard_tests::SetRegistryString(HKEY_LOCAL_MACHINE, subkey, L"Kept", L"1");
+    SetRegistryString(HKEY_LOCAL_MACHINE, subkey, L"Kept", L"1");
     EXPECT_EQ(DelInstallProxyKey(session_.Get()), 0U);
-    for (const auto& [key, name] :
-         {std::pair(std::wstring(kInstallationKey), L"Version"), std::pair(subkey, L"Kept")}) {
-        EXPECT_EQ(RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, RRF_RT_REG_SZ, nullptr,
-                               nullptr, nullptr),
-                  ERROR_SUCCESS);
-    }
+    EXPECT_NE(RegistryValueAt(kInstallationKey, L"Version"), std::nullopt);
+    EXPECT_NE(RegistryValueAt(subkey, L"Kept"), std::nullopt);
     EXPECT_EQ(session_.LogLines(), Lines{kDeleting});
 }
 
@@ -690,19 +598,18 @@ TEST_F(DelInstallProxyKeyTest, NoKeyToDelete) {
 
 TEST_F(DelInstallProxyKeyTest, LeavesTheKeyOfTheOtherView) {
     constexpr wchar_t native[] = L"SOFTWARE\\Qorta\\Sable\\Settings\\Kiln\\Install";
-    halvard_tests::SetRegistryString(HKEY_LOCAL_MACHINE, native, L"Kept", L"1");
+    SetRegistryString(HKEY_LOCAL_MACHINE, native, L"Kept", L"1");
     EXPECT_EQ(DelInstallProxyKey(session_.Get()), 0U);
-    EXPECT_EQ(
-        RegGetValueW(HKEY_LOCAL_MACHINE, native, L"Kept", RRF_RT_REG_SZ, nullptr, nullptr, nullptr),
-        ERROR_SUCCESS);
+    EXPECT_NE(RegistryValueAt(native, L"Kept"), std::nullopt);
 }
 
 TEST_F(DelInstallProxyKeyTest, AKeyThatIsRefusedStays) {
-    halvard_tests::SetRegistryString(HKEY_LOCAL_MACHINE, kInstallationKey, L"Version", L"1");
-    FAIL_CALL(deleting, RegDeleteKeyW, 1, ERROR_ACCESS_DENIED, NO_ERROR);
+    SetInstallation(L"Version");
+    CallTrace calls(kRegistry);
+    calls.Fail(L"delete key ");
     EXPECT_EQ(DelInstallProxyKey(session_.Get()), 0U);
-    EXPECT_EQ(deleting.Calls(), 1);
-    EXPECT_TRUE(InstallationKeyExists());
+    EXPECT_EQ(calls.All().size(), 1U);
+    EXPECT_TRUE(KeyExists(kInstallationKey));
     EXPECT_EQ(session_.LogLines(), Lines{kDeleting});
 }
 

@@ -1,36 +1,16 @@
 #include "pivot_installation.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <stdexcept>
 
 namespace halvard_tests {
 
 namespace {
 
-// For a machine under load; what happens as it should is not waited for any longer.
-constexpr ULONGLONG kLimitMilliseconds = 60000;
-
 std::wstring WithoutTrailingSlash(std::wstring path) {
     while (!path.empty() && (path.back() == L'\\' || path.back() == L'/')) {
         path.pop_back();
     }
     return path;
-}
-
-// A program that an action has started may still run in the folder, which lasts until it ends. Left
-// there, it would be the next installation's, and go in the middle of a test.
-void RemoveForGood(const std::wstring& folder) {
-    const ULONGLONG start = GetTickCount64();
-    RemoveTree(folder);
-    while (IsThere(folder)) {
-        if (GetTickCount64() - start > kLimitMilliseconds) {
-            std::fwprintf(stderr, L"cannot be removed, still in use: %ls\n", folder.c_str());
-            std::abort();
-        }
-        Sleep(10);
-        RemoveTree(folder);
-    }
 }
 
 } // namespace

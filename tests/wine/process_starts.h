@@ -3,6 +3,7 @@
 #include "runtime/owned.h"
 
 #include "import_hook.h"
+#include "lines.h"
 
 #include <functional>
 #include <string>
@@ -11,7 +12,8 @@
 
 namespace halvard_tests {
 
-/// A call of CreateProcessW that is about to be made. Its directory may be changed.
+/// A call of CreateProcessW that is about to be made. Its application and its directory may be
+/// changed.
 struct ProcessStart {
     LPCWSTR application;
     LPWSTR commandLine;
@@ -30,13 +32,29 @@ public:
         : before_(std::move(before)) {}
 
     int Calls() const { return creating_.Calls(); }
-    const std::vector<std::wstring>& CommandLines() const { return commandLines_; }
+    const Lines& CommandLines() const { return commandLines_; }
+
+    /// The calls as a CallTrace tells of them, with the code of a refusal behind: "run COMMAND in
+    /// DIRECTORY refused with 5".
+    const Lines& All() const { return all_; }
 
     /// The error codes, NO_ERROR for a process that was started.
     const std::vector<DWORD>& Codes() const { return codes_; }
 
     /// The handle that the last start gave, which is the caller's; null when it failed.
     HANDLE Process() const { return process_; }
+
+    /// The process of the last start that was not refused, by a handle that this object closes;
+    /// null without one.
+    HANDLE LastStarted() const { return started_.empty() ? nullptr : started_.back().get(); }
+
+    /// Ends what was started and still runs.
+    void EndAll() const {
+        for (const halvard::OwnedHandle& process : started_) {
+            TerminateProcess(process.get(), 0);
+        }
+        WaitUntilAllHaveEnded();
+    }
 
     /// How many handles of processes it holds itself, for tests that count open handles.
     int HandlesHeld() const { return static_cast<int>(started_.size()); }
@@ -68,7 +86,8 @@ public:
 
 private:
     std::function<bool(ProcessStart&)> before_;
-    std::vector<std::wstring> commandLines_;
+    Lines commandLines_;
+    Lines all_;
     std::vector<DWORD> codes_;
     // Of its own: the caller closes the handles that it got.
     std::vector<halvard::OwnedHandle> started_;
@@ -80,11 +99,13 @@ private:
                 LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION created) {
              ProcessStart start{application, commandLine, inherit, flags, directory};
              commandLines_.emplace_back(commandLine);
+             const std::wstring in = directory == nullptr ? L"" : L" in " + std::wstring(directory);
+             all_.push_back(L"run " + commandLines_.back() + in);
              process_ = nullptr;
              BOOL done = FALSE;
              DWORD code = ERROR_ACCESS_DENIED;
              if (before_(start)) {
-                 done = creating_.Original(application, commandLine, process, thread, inherit,
+                 done = creating_.Original(start.application, commandLine, process, thread, inherit,
                                            flags, environment, start.directory, startup, created);
                  code = done != FALSE ? NO_ERROR : GetLastError();
              }
@@ -96,6 +117,9 @@ private:
                  started_.emplace_back(kept);
              }
              codes_.push_back(code);
+             if (code != NO_ERROR) {
+                 all_.back() += L" refused with " + std::to_wstring(code);
+             }
              SetLastError(code);
              return done;
          });

@@ -85,11 +85,9 @@ Names Sorted(Names names) {
 class BrandingTest : public testing::Test {
 protected:
     BrandingTest() {
-        Clear();
         CreateFolders(Folder());
         SetFolder(REG_SZ, Terminated(Folder()));
     }
-    ~BrandingTest() override { Clear(); }
 
     const ScratchFolder& Scratch() const { return scratch_; }
     std::wstring Folder() const { return scratch_.File(L"Brand"); }
@@ -131,11 +129,7 @@ protected:
     static void RetainNothing() { RegDeleteTreeW(HKEY_LOCAL_MACHINE, kRetainKey); }
 
 private:
-    static void Clear() {
-        RetainNothing();
-        RegDeleteTreeW(HKEY_LOCAL_MACHINE, kFolderKey);
-    }
-
+    halvard_tests::AbsentKeys keys_{{kRetainKey, kFolderKey}};
     ScratchFolder scratch_;
 };
 

@@ -12,6 +12,7 @@
 #include <string>
 
 using halvard::CheckForClients;
+using halvard_tests::AbsentKeys;
 using halvard_tests::Duration;
 using halvard_tests::Growth;
 using halvard_tests::Numbered;
@@ -34,10 +35,6 @@ public:
         }
     }
 
-    ~Clients() { RegDeleteTreeW(HKEY_CURRENT_USER, kTelo); }
-    Clients(const Clients&) = delete;
-    Clients& operator=(const Clients&) = delete;
-
     // The time that an installation of one more client takes.
     Duration TimeOfInstallation() const {
         const Duration time =
@@ -48,6 +45,7 @@ public:
 
 private:
     ScratchKey telo_{kTelo};
+    AbsentKeys ofUser_{{kTelo}, HKEY_CURRENT_USER};
 };
 
 } // namespace
