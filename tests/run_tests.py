@@ -2,8 +2,8 @@
 
     run_tests.py [--no-skips] [RING] [-- ARGUMENT...]
 
-RING is core, wine, msi, build or time; without one all run, three at a time, and time by itself
-when the others have ended. The arguments go to the ring's own runner: GoogleTest for core, wine
+RING is core, wine, msi, build or time; without one all run, time by itself when the others have
+ended. The arguments go to the ring's own runner: GoogleTest for core, wine
 and time (--gtest_filter=...), pytest for msi and build (-k ...). What the rings run must have been
 built. With --no-skips a test that was skipped counts as failed.
 
@@ -107,16 +107,14 @@ CLOSING_LINES = re.compile(
 # and west of the meridian, with and without daylight-saving time, on the half and quarter hour.
 ZONES = ("NPT-5:45", "NST3:30NDT,M3.2.0,M11.1.0")
 TESTS_OF_ZONES = "--gtest_filter=*Midnight*:*StartBoundary*"
-# Of ring msi those whose prefixes no other test uses.
-MSI_TESTS_WITH_OWN_PREFIX = (
-    "test_engines.py",
-    "test_heap.py",
-    "test_removal_race.py",
-    "test_scenarios.py",
-    "test_verify.py",
-)
-OWN_PREFIX, SHARED_PREFIX = "-own-prefix", "-shared-prefix"
-PARTS_THAT_TELL = ("", OWN_PREFIX, SHARED_PREFIX)
+# Ring msi in parts of about the same time, and what is not named as the last part. No part uses a
+# prefix of another.
+MSI_PARTS = {
+    "-sessions": ("test_engines.py", "test_heap.py", "test_scenarios.py"),
+    "-runner": ("test_check.py", "test_removal_race.py", "test_runner.py", "test_trace.py"),
+}
+MSI_REST = "-rest"
+PARTS_THAT_TELL = ("", *MSI_PARTS, MSI_REST)
 # Not run by a ring: another test starts it as a program beside itself.
 STARTED_BY_TESTS = {"AgentInstallation.DISABLED_SetsUpTheAgent"}
 # Seconds.
@@ -179,7 +177,7 @@ def main(arguments: list[str]) -> int:
 def _run_all() -> Outcome:
     total = Outcome()
     running: list[subprocess.Popen[bytes]] = []
-    lanes = ThreadPoolExecutor(LANES)
+    lanes = ThreadPoolExecutor(len(TOGETHER))
     try:
         for outcome in lanes.map(lambda ring: _run_in_own_process(ring, running), TOGETHER):
             total.add(outcome)
@@ -357,18 +355,17 @@ def _wine_canaries(prefix: Prefix, start: Callable[..., "subprocess.Popen[bytes]
 def run_msi(arguments: list[str]) -> Outcome:
     if arguments:
         return _pytest("msi", ["tests/msi", *arguments])
-    # The tests with prefixes of their own beside those that share one: most of the time of both is
-    # the engine's.
-    own_prefix = [f"tests/msi/{name}" for name in MSI_TESTS_WITH_OWN_PREFIX]
-    shared_prefix = ["tests/msi", *(f"--ignore={name}" for name in own_prefix)]
+    parts = {part: [f"tests/msi/{name}" for name in names] for part, names in MSI_PARTS.items()}
+    elsewhere = [f"--ignore={test}" for tests in parts.values() for test in tests]
+    parts[MSI_REST] = ["tests/msi", *elsewhere]
     outcome = Outcome()
     interrupted = threading.Event()
-    # Its end waits for both.
-    with ThreadPoolExecutor(2) as pool:
+    # Its end waits for all.
+    with ThreadPoolExecutor(len(parts)) as pool:
         try:
             running = [
-                pool.submit(_pytest, "msi", own_prefix, OWN_PREFIX, interrupted),
-                pool.submit(_pytest, "msi", shared_prefix, SHARED_PREFIX, interrupted),
+                pool.submit(_pytest, "msi", tests, part, interrupted)
+                for part, tests in parts.items()
             ]
             for part in as_completed(running):
                 outcome.add(part.result())
@@ -725,9 +722,8 @@ RINGS: dict[str, Callable[[list[str]], Outcome]] = {
     "build": run_build,
     "time": run_time,
 }
-# The longest first, three at a time on two cores too: each waits for programs now and then.
+# At once, on two processors too: each waits for programs now and then.
 TOGETHER = ("msi", "wine", "build", "core")
-LANES = 3
 
 
 if __name__ == "__main__":

@@ -146,14 +146,32 @@ def fixtures_used(source: str) -> set[str]:
     return used - {each.name for each in asking}
 
 
-@pytest.mark.parametrize("name", run_tests.MSI_TESTS_WITH_OWN_PREFIX)
+MSI_TESTS = ROOT / "tests/msi"
+IN_OTHER_PARTS = [name for names in run_tests.MSI_PARTS.values() for name in names]
+
+
+@pytest.mark.parametrize("name", IN_OTHER_PARTS)
 def test_what_runs_beside_the_tests_of_the_shared_prefix_does_not_use_it(name):
-    used = fixtures_used((ROOT / "tests/msi" / name).read_text())
+    used = fixtures_used((MSI_TESTS / name).read_text())
     assert used & SHARED_FIXTURES == set()
 
 
+def test_no_two_parts_of_the_ring_use_a_prefix_of_one_name():
+    rest = [file.name for file in MSI_TESTS.glob("test_*.py") if file.name not in IN_OTHER_PARTS]
+    used = [
+        {prefix for name in names for prefix in prefixes_named((MSI_TESTS / name).read_text())}
+        for names in (*run_tests.MSI_PARTS.values(), rest)
+    ]
+    assert all(used)
+    assert sum(map(len, used)) == len(set().union(*used))
+
+
+def prefixes_named(source: str) -> set[str]:
+    return set(re.findall(r'"(prefix-[\w-]+)"', source))
+
+
 def test_the_shared_prefix_is_seen_where_it_is_used():
-    assert "clean_machine" in fixtures_used((ROOT / "tests/msi/test_agent.py").read_text())
+    assert "clean_machine" in fixtures_used((MSI_TESTS / "test_agent.py").read_text())
 
 
 REPORT = (
@@ -360,6 +378,7 @@ def test_the_exit_code_tells_of_failures_and_where_asked_of_skips(
     assert run_tests.main(arguments) == code
 
 
+PARTS = [*run_tests.MSI_PARTS, run_tests.MSI_REST]
 # In place of pytest; the file for its report names the part of the ring.
 ENDLESS = """
 import sys, time
@@ -375,7 +394,7 @@ except KeyboardInterrupt:
 
 @pytest.fixture
 def endless_parts(monkeypatch, tmp_path) -> Callable[[], bool]:
-    """Ring msi has two parts that do not end by themselves; tells whether both have begun."""
+    """The parts of ring msi do not end by themselves; tells whether all have begun."""
     monkeypatch.setattr(run_tests, "RESULTS", tmp_path)
     monkeypatch.setattr(run_tests, "_pytest_list", lambda tests: 1)
     monkeypatch.setattr(
@@ -384,22 +403,22 @@ def endless_parts(monkeypatch, tmp_path) -> Callable[[], bool]:
         lambda report, tests: [sys.executable, "-c", ENDLESS, str(report)],
     )
     monkeypatch.setattr(run_tests, "PYTEST_LIMIT", 3 * INTERRUPTION_LIMIT)
-    return lambda: len(list(tmp_path.glob("*.begun"))) == 2
+    return lambda: len(list(tmp_path.glob("*.begun"))) == len(PARTS)
 
 
 INTERRUPTION_LIMIT = 10.0
 
 
-def assert_both_are_interrupted(error: type[BaseException], results: Path) -> None:
+def assert_all_are_interrupted(error: type[BaseException], results: Path) -> None:
     start = time.monotonic()
     with pytest.raises(error, match="in between"):
         run_tests.run_msi([])
     assert time.monotonic() - start < INTERRUPTION_LIMIT
-    assert len(list(results.glob("*.interrupted"))) == 2
+    assert len(list(results.glob("*.interrupted"))) == len(PARTS)
 
 
-@pytest.mark.parametrize("failing", run_tests.PARTS_THAT_TELL[1:])
-def test_a_part_that_fails_interrupts_the_other(failing, endless_parts, monkeypatch, tmp_path):
+@pytest.mark.parametrize("failing", PARTS)
+def test_a_part_that_fails_interrupts_the_others(failing, endless_parts, monkeypatch, tmp_path):
     own = run_tests.progress_file
 
     def fail(ring: str, part: str = "") -> Path:
@@ -408,10 +427,10 @@ def test_a_part_that_fails_interrupts_the_other(failing, endless_parts, monkeypa
         return own(ring, part)
 
     monkeypatch.setattr(run_tests, "progress_file", fail)
-    assert_both_are_interrupted(OSError, tmp_path)
+    assert_all_are_interrupted(OSError, tmp_path)
 
 
-def test_a_signal_interrupts_both_parts(endless_parts, tmp_path):
+def test_a_signal_interrupts_all_parts(endless_parts, tmp_path):
     def tell(number: int, frame: object) -> None:
         if endless_parts():
             signal.setitimer(signal.ITIMER_REAL, 0)
@@ -420,7 +439,7 @@ def test_a_signal_interrupts_both_parts(endless_parts, tmp_path):
     former = signal.signal(signal.SIGALRM, tell)
     signal.setitimer(signal.ITIMER_REAL, 0.1, 0.1)
     try:
-        assert_both_are_interrupted(KeyboardInterrupt, tmp_path)
+        assert_all_are_interrupted(KeyboardInterrupt, tmp_path)
     finally:
         signal.setitimer(signal.ITIMER_REAL, 0)
         signal.signal(signal.SIGALRM, former)

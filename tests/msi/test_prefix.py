@@ -1,5 +1,6 @@
 """Prefixes are checked before use, end with all their processes, and nothing waits for ever."""
 
+import os
 import shutil
 import warnings
 from pathlib import Path
@@ -7,10 +8,10 @@ from pathlib import Path
 import pytest
 
 import progress
-from installer import confinement, package, paths, repeats, session
+from installer import confinement, package, paths, repeats, session, steady
 from installer.log import LogLine
 from installer.prefix import INSTALLER, NotStarted, Prefix, UnsafePrefix, command_of, link_danger
-from processes import processes_of
+from processes import processes_of, running_in
 from waiting import until
 
 NAME = "prefix-msi-checked"
@@ -87,6 +88,41 @@ def test_no_process_is_left_when_the_block_ends_with_a_failure():
         assert processes_of(prefix.path) != []
         raise ZeroDivisionError
     assert processes_of(paths.BUILD / NAME) == []
+
+
+def processors_of(prefix: Prefix) -> list[set[int]]:
+    return [os.sched_getaffinity(process) for process, _ in running_in(prefix.path)]
+
+
+def test_the_programs_of_a_prefix_share_a_processor_with_as_few_others_as_possible(monkeypatch, tmp_path):
+    monkeypatch.setattr(steady, "CLAIMS", tmp_path / "processors")
+    usable = os.sched_getaffinity(0)
+    with Prefix(NAME) as prefix, Prefix(f"{NAME}-too") as other:
+        own, others = processors_of(prefix), processors_of(other)
+    # The server at least, and what keeps it.
+    assert len(own) > 1 and len(others) > 1
+    assert own == [own[0]] * len(own) and others == [others[0]] * len(others)
+    assert len(own[0]) == 1 and len(own[0] | others[0]) == min(2, len(usable))
+    assert os.sched_getaffinity(0) == usable
+
+
+def test_the_programs_of_a_prefix_do_not_draw_their_addresses(prefix):
+    traits = [Path(f"/proc/{number}/personality").read_text() for number, _ in running_in(prefix.path)]
+    assert len(traits) > 1
+    assert [each for each in traits if not int(each, 16) & steady.ADDR_NO_RANDOMIZE] == []
+
+
+def test_processors_are_claimed_in_turn_and_again_when_they_are_free(monkeypatch, tmp_path):
+    monkeypatch.setattr(steady, "CLAIMS", tmp_path / "processors")
+    monkeypatch.setattr(os, "sched_getaffinity", lambda process: {7, 3})
+    claims = [steady.Claim() for _ in range(5)]
+    assert [claim.processor for claim in claims] == [3, 7, 3, 7, 3]
+    for claim in claims[1:3]:
+        claim.release()
+    again = [steady.Claim() for _ in range(3)]
+    assert [claim.processor for claim in again] == [7, 3, 7]
+    for claim in [*claims, *again]:
+        claim.release()
 
 
 def test_a_program_that_does_not_end_is_ended(prefix):

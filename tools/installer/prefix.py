@@ -18,6 +18,7 @@ import progress
 from installer import engines, paths, repeats
 from installer.confinement import ConfinedThread
 from installer.engines import WINE
+from installer.steady import Claim, settle_thread
 
 MAKE_LIMIT = 180.0
 START_LIMIT = 60.0
@@ -41,7 +42,7 @@ class Prefix:
     """A fresh prefix for the length of a `with` block.
 
     Its programs can change files of the prefix, of its throw-away folder, of the folder of
-    installer logs and of `results`, and no others.
+    installer logs and of `results`, and no others. They run on one processor.
 
     One process of the prefix is kept alive for all of the block: services end with the last
     process, and starting a program in a living prefix takes a tenth of the time.
@@ -62,6 +63,7 @@ class Prefix:
         self._environment = _environment(self.path) | dict(environment or {})
         self._keeper: subprocess.Popen[bytes] | None = None
         self._starter: ConfinedThread | None = None
+        self._claim: Claim | None = None
 
     def __enter__(self) -> "Prefix":
         try:
@@ -93,6 +95,7 @@ class Prefix:
         """
         if self._starter is None:
             self._starter = ConfinedThread(self._writable())
+            self._starter.call(settle_thread, self._claim.processor)
         command, added = command_of(str(program), arguments)
         return self._starter.call(
             subprocess.Popen,
@@ -146,8 +149,12 @@ class Prefix:
         if self._starter is not None:
             self._starter.end()
             self._starter = None
+        if self._claim is not None:
+            self._claim.release()
+            self._claim = None
 
     def _begin(self) -> None:
+        self._claim = Claim()
         self._make()
         self._check_links()
         # Before the guard: a prefix whose only program ends between two starts may hang or refuse.
@@ -155,7 +162,8 @@ class Prefix:
         self._check_from_inside()
 
     def _make(self) -> None:
-        command = ["sh", str(paths.MAKE_PREFIX), str(self.path)]
+        command = ["taskset", "--cpu-list", str(self._claim.processor)]
+        command += ["sh", str(paths.MAKE_PREFIX), str(self.path)]
         # Standard output may belong to what the prefix is made for.
         with progress.shown(lambda: "making a Wine prefix", sys.stderr):
             made = _run_tool(command, MAKE_LIMIT, _environment(self.path))
