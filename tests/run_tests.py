@@ -110,8 +110,9 @@ TESTS_OF_ZONES = "--gtest_filter=*Midnight*:*StartBoundary*"
 # Ring msi in parts of about the same time, and what is not named as the last part. No part uses a
 # prefix of another.
 MSI_PARTS = {
-    "-sessions": ("test_engines.py", "test_heap.py", "test_scenarios.py"),
-    "-runner": ("test_check.py", "test_removal_race.py", "test_runner.py", "test_trace.py"),
+    "-scenarios": ("test_scenarios.py",),
+    "-runner": ("test_check.py", "test_engines.py", "test_runner.py"),
+    "-trace": ("test_heap.py", "test_removal_race.py", "test_trace.py"),
 }
 MSI_REST = "-rest"
 PARTS_THAT_TELL = ("", *MSI_PARTS, MSI_REST)
