@@ -159,7 +159,7 @@ def test_what_runs_beside_the_tests_of_the_shared_prefix_does_not_use_it(name):
 def test_no_two_parts_of_the_ring_use_a_prefix_of_one_name():
     rest = [file.name for file in MSI_TESTS.glob("test_*.py") if file.name not in IN_OTHER_PARTS]
     used = [
-        {prefix for name in names for prefix in prefixes_named((MSI_TESTS / name).read_text())}
+        set().union(*(prefixes_named((MSI_TESTS / name).read_text()) for name in names))
         for names in (*run_tests.MSI_PARTS.values(), rest)
     ]
     assert all(used)
@@ -167,7 +167,10 @@ def test_no_two_parts_of_the_ring_use_a_prefix_of_one_name():
 
 
 def prefixes_named(source: str) -> set[str]:
-    return set(re.findall(r'"(prefix-[\w-]+)"', source))
+    """The names of prefixes in a test's source and in what it imports of the ring's own."""
+    modules = [MSI_TESTS / f"{name}.py" for name in re.findall(r"^from (\w+) import", source, re.MULTILINE)]
+    sources = [source, *(module.read_text() for module in modules if module.is_file())]
+    return {name for each in sources for name in re.findall(r'"(prefix-[\w-]+)"', each)}
 
 
 def test_the_shared_prefix_is_seen_where_it_is_used():

@@ -28,11 +28,12 @@ Duration OneOfTen(TimedRun timedRun) {
 }
 
 /// How many times as long `many` takes as `few`; both return the Duration that they measured. The
-/// shortest of up to three runs counts, taken in turns, for what disturbs a run only makes it
-/// longer; the third is made when two do not come down to `limit`.
+/// shortest run of each counts, taken in turns, for what disturbs a run only makes it longer: more
+/// runs bring both closer to what they take undisturbed, whatever that is. Three tries of three
+/// runs are the most, and two runs are enough that come down to `limit`.
 template <class Few, class Many>
 double Growth(Few few, Many many, double limit) {
-    constexpr int runs = 3;
+    constexpr int runs = 3 * 3;
     Duration shortestFew = Duration::max();
     Duration shortestMany = Duration::max();
     for (int run = 0; run < runs; ++run) {
