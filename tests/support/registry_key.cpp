@@ -93,6 +93,13 @@ std::wstring ScratchKey::ReadCharacters(const std::wstring& name) const {
     return {first, first + value.bytes.size() / sizeof(wchar_t)};
 }
 
+void SetRegistryString(HKEY root, const std::wstring& key, const std::wstring& name,
+                       const std::wstring& text) {
+    Check(RegSetKeyValueW(root, key.c_str(), name.c_str(), REG_SZ, text.c_str(),
+                          static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))),
+          "RegSetKeyValueW");
+}
+
 AbsentKeys::AbsentKeys(std::vector<std::wstring> keys, HKEY root)
     : keys_(std::move(keys)), root_(root) {
     Remove();

@@ -49,6 +49,10 @@ private:
     HKEY key_ = nullptr;
 };
 
+/// Sets a text, with its terminator, in a key that is made where there is none.
+void SetRegistryString(HKEY root, const std::wstring& key, const std::wstring& name,
+                       const std::wstring& text);
+
 /// Keys that are absent, with all below them, at the start and at the end.
 class AbsentKeys {
 public:

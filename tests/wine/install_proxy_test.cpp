@@ -76,8 +76,8 @@ std::wstring ToolLine(const std::wstring& tool) {
     return L"QUENBY_CA DeleteFolder: " + tool + L" \n";
 }
 
-// A start as the action asks for it.
-bool AsTheActionDoes(ProcessStart& start) {
+// A start as the action asks for it: the folder is the text of the command line.
+bool AsMeant(ProcessStart& start) {
     EXPECT_EQ(start.application, nullptr);
     EXPECT_STREQ(start.directory, start.commandLine);
     EXPECT_NE(start.directory, start.commandLine);
@@ -122,7 +122,7 @@ protected:
     // Runs the action, which starts this, and logs these lines.
     void ExpectStarted(const std::wstring& command, const Lines& logged,
                        bool inSession = true) const {
-        const ProcessStarts starts(AsTheActionDoes);
+        const ProcessStarts starts(AsMeant);
         const CallTrace calls(kInstaller);
         EXPECT_EQ(LaunchInstallProxyPV(inSession ? session_.Get() : 0), 0U);
         EXPECT_EQ(starts.CommandLines(), Lines{command});
@@ -156,7 +156,7 @@ using DelInstallProxyKeyTest = InstallProxyTest;
 
 TEST_F(LaunchInstallProxyPVTest, HandsOverACommandLineThatIsRefusedForItsDirectory) {
     const RecorderAt tool(Tool());
-    const ProcessStarts starts(AsTheActionDoes);
+    const ProcessStarts starts(AsMeant);
     EXPECT_EQ(Launch(), 0U);
     EXPECT_EQ(starts.CommandLines(), Lines{Command(Tool(), L"C:\\P\\" + kProxy)});
     EXPECT_EQ(starts.Codes(), std::vector<DWORD>{ERROR_DIRECTORY});
@@ -339,7 +339,7 @@ TEST_F(LaunchInstallProxyPVTest, GoesOnWithoutASession) {
 TEST_F(LaunchInstallProxyPVTest, HasRoomForACommandLineOf518Characters) {
     const std::wstring command = ArrangeCommandOf(518);
     EXPECT_EQ(command.size(), 518U);
-    const ProcessStarts starts(AsTheActionDoes);
+    const ProcessStarts starts(AsMeant);
     EXPECT_EQ(Launch(), 0U);
     EXPECT_EQ(starts.CommandLines(), Lines{command});
 }

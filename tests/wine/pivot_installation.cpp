@@ -1,7 +1,5 @@
 #include "pivot_installation.h"
 
-#include <stdexcept>
-
 namespace halvard_tests {
 
 namespace {
@@ -14,15 +12,6 @@ std::wstring WithoutTrailingSlash(std::wstring path) {
 }
 
 } // namespace
-
-void SetRegistryString(HKEY root, const std::wstring& key, const std::wstring& name,
-                       const std::wstring& text) {
-    const LSTATUS status = RegSetKeyValueW(root, key.c_str(), name.c_str(), REG_SZ, text.c_str(),
-                                           static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
-    if (status != ERROR_SUCCESS) {
-        throw std::runtime_error("a registry value cannot be set");
-    }
-}
 
 PivotInstallation::PivotInstallation(const std::wstring& location)
     : location_(location), folder_(WithoutTrailingSlash(location)) {

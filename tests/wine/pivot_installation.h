@@ -3,6 +3,7 @@
 #include "child_programs.h"
 #include "files.h"
 #include "lines.h"
+#include "registry_key.h"
 #include "task_xml.h"
 
 #include <windows.h>
@@ -14,9 +15,6 @@ namespace halvard_tests {
 inline constexpr wchar_t kSchtasks[] = L"C:\\windows\\system32\\schtasks.exe";
 inline constexpr wchar_t kInstallKey[] = L"SOFTWARE\\Qorta Technologies\\Install\\Pivot";
 inline constexpr wchar_t kUserKey[] = L"SOFTWARE\\Zenvo\\PV";
-
-void SetRegistryString(HKEY root, const std::wstring& key, const std::wstring& name,
-                       const std::wstring& text);
 
 /// The registry entries and the folder of an installed settings application. Everything goes at
 /// the end, with what the actions left in the temporary folder.
