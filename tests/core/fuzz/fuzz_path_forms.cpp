@@ -59,7 +59,8 @@ void CheckDriveRoot(const std::wstring& path) {
     Require(backslashes == 0 || root.back() == L'\\');
 }
 
-// Lines that begin with "?" are looked for, all others appended.
+// Lines that begin with "?" are looked for, those that begin with "!" appended if they are new, all
+// others appended.
 void CheckPathList(const Texts& lines) {
     Texts paths(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(lines.size() / 2));
     std::set<std::wstring> known(paths.begin(), paths.end());
@@ -71,9 +72,15 @@ void CheckPathList(const Texts& lines) {
             Require(list.Contains(line.substr(1)) == (known.count(line.substr(1)) == 1));
             continue;
         }
-        list.Append(line);
-        expected.push_back(line);
-        known.insert(line);
+        const bool isNew = known.insert(line).second;
+        if (Begins(line, L"!")) {
+            Require(list.AppendNew(line) == isNew);
+        } else {
+            list.Append(line);
+        }
+        if (isNew || !Begins(line, L"!")) {
+            expected.push_back(line);
+        }
         Require(list.Contains(line));
     }
     Require(paths == expected);
@@ -84,7 +91,7 @@ void CheckPathList(const Texts& lines) {
 // One path a line; each is a folder for the name on the line behind it.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
     static const Texts words = {L"C:\\", L"\\\\?\\", L"\\\\.\\", L"\\??\\", L"\\\\server\\share",
-                                L"\\\\", L"a\n?a"};
+                                L"\\\\", L"a\n?a",   L"\n!a"};
     const Texts lines = halvard_tests::Lines(halvard_tests::Text(bytes, size, words));
     for (std::size_t index = 0; index < lines.size(); ++index) {
         CheckExtendedForm(lines[index]);

@@ -1,10 +1,8 @@
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <functional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 namespace halvard {
@@ -14,31 +12,79 @@ namespace halvard {
 /// change its vector.
 class PathList {
 public:
-    explicit PathList(std::vector<std::wstring>& paths) : paths_(paths) {
-        for (std::size_t index = 0; index < paths_.size(); ++index) {
-            indices_.emplace(Hash(paths_[index]), index);
-        }
-    }
+    explicit PathList(std::vector<std::wstring>& paths) : paths_(paths) { MakeRoom(); }
 
-    bool Contains(const std::wstring& path) const {
-        const auto range = indices_.equal_range(Hash(path));
-        return std::any_of(range.first, range.second, [&](const auto& hashAndIndex) {
-            return paths_[hashAndIndex.second] == path;
-        });
-    }
+    bool Contains(const std::wstring& path) const { return Contains(path, Hash(path)); }
 
     /// Appends the path even when the vector holds it already.
-    void Append(const std::wstring& path) {
-        paths_.push_back(path);
-        indices_.emplace(Hash(path), paths_.size() - 1);
+    void Append(const std::wstring& path) { Append(path, Hash(path)); }
+
+    /// Appends the path unless the vector holds it already; tells whether it did.
+    bool AppendNew(const std::wstring& path) {
+        const std::size_t hash = Hash(path);
+        if (Contains(path, hash)) {
+            return false;
+        }
+        Append(path, hash);
+        return true;
     }
 
 private:
+    // Where the vector has a path, counted from 1; a free place has 0.
+    struct Place {
+        std::size_t hash = 0;
+        std::size_t position = 0;
+    };
+
     static std::size_t Hash(const std::wstring& path) { return std::hash<std::wstring>()(path); }
 
+    bool Contains(const std::wstring& path, std::size_t hash) const {
+        std::size_t place = FirstPlace(hash);
+        while (places_[place].position != 0) {
+            if (places_[place].hash == hash && paths_[places_[place].position - 1] == path) {
+                return true;
+            }
+            place = NextPlace(place);
+        }
+        return false;
+    }
+
+    void Append(const std::wstring& path, std::size_t hash) {
+        if (2 * (paths_.size() + 1) > places_.size()) {
+            MakeRoom();
+        }
+        paths_.push_back(path);
+        Remember(hash, paths_.size());
+    }
+
+    void Remember(std::size_t hash, std::size_t position) {
+        std::size_t place = FirstPlace(hash);
+        while (places_[place].position != 0) {
+            place = NextPlace(place);
+        }
+        places_[place] = {hash, position};
+    }
+
+    // At least twice as many places as the paths need, so that a search ends soon.
+    void MakeRoom() {
+        std::size_t count = 64;
+        while (count < 4 * (paths_.size() + 1)) {
+            count *= 2;
+        }
+        places_.assign(count, {});
+        for (std::size_t index = 0; index < paths_.size(); ++index) {
+            Remember(Hash(paths_[index]), index + 1);
+        }
+    }
+
+    // The number of places is a power of two.
+    std::size_t FirstPlace(std::size_t hash) const { return hash & (places_.size() - 1); }
+    std::size_t NextPlace(std::size_t place) const { return FirstPlace(place + 1); }
+
     std::vector<std::wstring>& paths_;
-    // By hash, and not a second copy of every path.
-    std::unordered_multimap<std::size_t, std::size_t> indices_;
+    // A table of its own, for a container's block of the heap for each path would take longer than
+    // the rest of a walk's work on it.
+    std::vector<Place> places_;
 };
 
 } // namespace halvard
