@@ -2,20 +2,12 @@
 
 #include <gtest/gtest.h>
 
-using halvard::RegistryValue;
 using halvard::RemoveTransformId;
-using halvard::SplitValuePath;
 using Strings = std::list<std::wstring>;
 
 namespace {
 
 constexpr wchar_t kId[] = L"{55E09F33-D6B5-4A6D-99ED-87DC666C6710}";
-
-void ExpectSplit(const std::wstring& path, const std::wstring& subkey, const std::wstring& name) {
-    const RegistryValue value = SplitValuePath(path);
-    EXPECT_EQ(value.subkey, subkey);
-    EXPECT_EQ(value.name, name);
-}
 
 Strings Cleaned(Strings strings) {
     RemoveTransformId(strings);
@@ -23,27 +15,6 @@ Strings Cleaned(Strings strings) {
 }
 
 } // namespace
-
-TEST(SplitValuePath, CutsBehindTheRootAndBeforeTheName) {
-    ExpectSplit(L"HKEY_LOCAL_MACHINE\\SYSTEM\\A key\\CLSID", L"SYSTEM\\A key", L"CLSID");
-    ExpectSplit(L"HKEY_LOCAL_MACHINE\\SYSTEM\\CLSID", L"SYSTEM", L"CLSID");
-    ExpectSplit(L"HKEY_LOCAL_MACHINE\\A/b\\##?#USB#VID_1\\#GLOBAL\\\u0416",
-                L"A/b\\##?#USB#VID_1\\#GLOBAL", L"\u0416");
-}
-
-TEST(SplitValuePath, TakesABackslashInTheNameForOneBetweenKeys) {
-    ExpectSplit(L"HKEY_LOCAL_MACHINE\\SYSTEM\\a\\CLSID", L"SYSTEM\\a", L"CLSID");
-    ExpectSplit(L"HKEY_LOCAL_MACHINE\\SYSTEM\\\\CLSID", L"SYSTEM\\", L"CLSID");
-    ExpectSplit(L"HKEY_LOCAL_MACHINE\\SYSTEM\\a\\", L"SYSTEM\\a", L"");
-}
-
-TEST(SplitValuePath, APathWithoutAKeyHasAnEmptySubkey) {
-    ExpectSplit(L"HKEY_LOCAL_MACHINE\\CLSID", L"", L"CLSID");
-    ExpectSplit(L"\\", L"", L"");
-    ExpectSplit(L"\\\\", L"", L"");
-    ExpectSplit(L"CLSID", L"", L"CLSID");
-    ExpectSplit(L"", L"", L"");
-}
 
 TEST(RemoveTransformId, RemovesEveryElementThatIsTheIdentifier) {
     EXPECT_EQ(Cleaned({kId}), Strings());

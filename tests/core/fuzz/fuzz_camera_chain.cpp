@@ -2,6 +2,7 @@
 
 #include "registry_actions/camera_chain_text.h"
 #include "runtime/multi_string.h"
+#include "runtime/value_path.h"
 
 namespace {
 

@@ -1,5 +1,7 @@
 #include "agent/client_decision.h"
 
+#include "runtime/value_path.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cwchar>
@@ -99,7 +101,7 @@ std::wstring StatusNameOf(const std::wstring& clientName) {
 }
 
 std::optional<std::wstring> StatusNameIn(const std::wstring& path) {
-    std::wstring name = path.substr(path.rfind(L'\\') + 1);
+    std::wstring name = path.substr(ValueNameStart(path));
     if (name.find(kStatusMarker) == std::wstring::npos) {
         return std::nullopt;
     }

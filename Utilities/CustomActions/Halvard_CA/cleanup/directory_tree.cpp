@@ -102,15 +102,14 @@ private:
     // What the folder at work holds next, or the folder itself when it holds nothing more.
     DWORD RemoveNext() {
         HeldFolder& folder = levels_.back().folder;
-        ListedEntry entry;
-        const DWORD code = folder.Next(entry);
+        const DWORD code = folder.Next(next_);
         if (code == ERROR_NO_MORE_FILES) {
             return RemoveLast();
         }
         if (code != ERROR_SUCCESS) {
             return code;
         }
-        return entry.IsFolder() ? Enter(entry) : RemoveEntry(folder, entry, deletion_, count_);
+        return next_.IsFolder() ? Enter(next_) : RemoveEntry(folder, next_, deletion_, count_);
     }
 
     // A folder's own turn comes when it has been emptied, a link's at once.
@@ -146,6 +145,8 @@ private:
     Deletion deletion_;
     std::uintmax_t count_ = 0;
     std::list<Level> levels_;
+    // Here and not where it is read: each name finds the room of the last one.
+    ListedEntry next_;
 };
 
 // Whether the entry was there to be removed.

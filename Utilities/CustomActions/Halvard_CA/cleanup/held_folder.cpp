@@ -55,13 +55,11 @@ bool AreSameNames(const std::wstring& first, const std::wstring& second) {
 }
 
 // FILE_ID_BOTH_DIR_INFO begins as FILE_FULL_DIR_INFO does, up to the name.
-ListedEntry EntryOf(const FILE_FULL_DIR_INFO& info, const wchar_t* name) {
-    ListedEntry entry;
+void TakeOver(const FILE_FULL_DIR_INFO& info, const wchar_t* name, ListedEntry& entry) {
     entry.name.assign(name, info.FileNameLength / sizeof(wchar_t));
     entry.attributes = info.FileAttributes;
     // This field holds the tag of what is a reparse point.
     entry.reparseTag = (info.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 ? info.EaSize : 0;
-    return entry;
 }
 
 } // namespace
@@ -201,10 +199,8 @@ DWORD HeldFolder::CheckOpened(DWORD listedAttributes) {
 // link may be listed with an identity of its own.
 DWORD HeldFolder::CheckLiesIn(const std::wstring& folder, const std::wstring& name) {
     HeldFolder above;
-    above.handle_.reset(CreateFileW(folder.c_str(), FILE_LIST_DIRECTORY,
-                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                    OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    if (!above.handle_ || fileId_ == 0 || above.BeginListing() != ERROR_SUCCESS) {
+    if (OpenShared(folder, FILE_LIST_DIRECTORY, above.handle_) != ERROR_SUCCESS || fileId_ == 0 ||
+        above.BeginListing() != ERROR_SUCCESS) {
         return ERROR_SUCCESS;
     }
     bool hasName = false;
@@ -271,10 +267,8 @@ DWORD HeldFolder::NextListed(ListedEntry& entry, std::wstring* shortName) {
         full.FileNameLength > sizeof(listing_->bytes) - nameOffset) {
         return ERROR_INVALID_DATA;
     }
-    entry = EntryOf(full, hasIdentity ? both.FileName : full.FileName);
-    if (hasIdentity) {
-        entry.fileId = KnownFileId(both.FileId);
-    }
+    TakeOver(full, hasIdentity ? both.FileName : full.FileName, entry);
+    entry.fileId = hasIdentity ? KnownFileId(both.FileId) : 0;
     if (shortName != nullptr) {
         const bool isThere = hasIdentity && both.ShortNameLength > 0 &&
                              both.ShortNameLength <= static_cast<CCHAR>(sizeof(both.ShortName));

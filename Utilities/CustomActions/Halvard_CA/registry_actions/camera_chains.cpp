@@ -4,6 +4,7 @@
 #include "runtime/registry.h"
 #include "runtime/registry_walk.h"
 #include "runtime/session.h"
+#include "runtime/value_path.h"
 
 #include <exception>
 

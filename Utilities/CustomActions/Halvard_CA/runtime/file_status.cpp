@@ -1,7 +1,6 @@
 #include "runtime/file_status.h"
 
 #include "runtime/file_paths.h"
-#include "runtime/owned.h"
 
 #include <shlwapi.h>
 
@@ -22,19 +21,10 @@ struct FileIdentity {
     FILE_ID_128 file = {};
 };
 
-// Opens what a path leads to, whoever else has it open: to read attributes, all is shared. `opened`
-// comes empty, for closing another handle would change the last error. The result is a Win32 code.
-DWORD OpenForStatus(const std::wstring& systemPath, OwnedHandle& opened) {
-    opened.reset(CreateFileW(systemPath.c_str(), FILE_READ_ATTRIBUTES,
-                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                             OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    return opened ? ERROR_SUCCESS : GetLastError();
-}
-
 // What a reparse point leads to; a tag other than 0 says that it was not followed.
 DWORD ReadTarget(const std::wstring& systemPath, DWORD& attributes, DWORD& tag) {
     OwnedHandle opened;
-    DWORD code = OpenForStatus(systemPath, opened);
+    DWORD code = OpenShared(systemPath, FILE_READ_ATTRIBUTES, opened);
     if (code == ERROR_SUCCESS) {
         code = ReadAttributes(opened.get(), attributes);
     }
@@ -46,7 +36,7 @@ DWORD ReadTarget(const std::wstring& systemPath, DWORD& attributes, DWORD& tag) 
 
 DWORD ReadIdentity(const std::wstring& path, FileIdentity& identity) {
     OwnedHandle opened;
-    const DWORD code = OpenForStatus(SystemPath(path), opened);
+    const DWORD code = OpenShared(SystemPath(path), FILE_READ_ATTRIBUTES, opened);
     if (code != ERROR_SUCCESS) {
         return code;
     }
@@ -101,6 +91,13 @@ std::wstring SystemPath(const std::wstring& path) {
     }
     full.resize(length);
     return ExtendedLengthPath(full);
+}
+
+DWORD OpenShared(const std::wstring& systemPath, DWORD access, OwnedHandle& opened) {
+    opened.reset(CreateFileW(systemPath.c_str(), access,
+                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                             OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    return opened ? ERROR_SUCCESS : GetLastError();
 }
 
 DWORD ReadAttributes(HANDLE opened, DWORD& attributes) {

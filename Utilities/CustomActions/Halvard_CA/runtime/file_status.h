@@ -1,5 +1,7 @@
 #pragma once
 
+#include "runtime/owned.h"
+
 #include <windows.h>
 
 #include <string>
@@ -28,6 +30,11 @@ bool MeansUnknownClass(DWORD code);
 /// The extended-length form of a path, a relative one seen from the current directory. A path that
 /// Windows cannot make a full one of, such as an empty one, is returned as it is.
 std::wstring SystemPath(const std::wstring& path);
+
+/// Opens what a path leads to when links are followed, a file or a folder, whoever else has it
+/// open: all is shared. `opened` comes empty, for closing another handle would change the last
+/// error. The result is a Win32 code.
+DWORD OpenShared(const std::wstring& systemPath, DWORD access, OwnedHandle& opened);
 
 /// The attributes of an open file or folder; the result is a Win32 code.
 DWORD ReadAttributes(HANDLE opened, DWORD& attributes);

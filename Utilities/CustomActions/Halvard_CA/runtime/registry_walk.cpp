@@ -2,6 +2,7 @@
 
 #include "runtime/path_list.h"
 #include "runtime/registry.h"
+#include "runtime/value_path.h"
 
 #include <cstdio>
 #include <cwchar>
@@ -42,14 +43,14 @@ struct KeyTreeWalk {
 };
 
 void AppendMatchingValue(KeyTreeWalk& walk, const std::wstring& fullPath) {
+    if (walk.names.empty()) {
+        walk.values.AppendNew(fullPath);
+        return;
+    }
     if (walk.values.Contains(fullPath)) {
         return;
     }
-    if (walk.names.empty()) {
-        walk.values.Append(fullPath);
-        return;
-    }
-    const wchar_t* const name = fullPath.c_str() + fullPath.rfind(L'\\') + 1;
+    const wchar_t* const name = fullPath.c_str() + ValueNameStart(fullPath);
     for (const std::wstring& wanted : walk.names) {
         if (_wcsicmp(name, wanted.c_str()) == 0) {
             walk.values.Append(fullPath);
@@ -82,10 +83,9 @@ void WalkKey(KeyTreeWalk& walk, const std::wstring& path) {
         }
         const std::wstring child = parent + walk.nameBuffer.substr(0, length);
         fullPath = RootPrefix(walk.root) + child;
-        if (walk.keys.Contains(fullPath)) {
+        if (!walk.keys.AppendNew(fullPath)) {
             continue;
         }
-        walk.keys.Append(fullPath);
         if (walk.root != nullptr) {
             WalkKey(walk, child);
         } else {
