@@ -121,6 +121,10 @@ def test_hardening_flags_and_base_address(headers):
     assert re.search(r"^\s*\d+ \.reloc\s", headers, re.MULTILINE)
 
 
+def test_the_sections_stand_at_whole_pages_of_the_file(headers):
+    assert re.search(r"^FileAlignment\s+0*1000$", headers, re.MULTILINE)
+
+
 def test_no_time_stamp(headers):
     assert "Time/Date		Thu Jan  1 00:00:00 1970" in headers
 

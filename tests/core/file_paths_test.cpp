@@ -68,3 +68,14 @@ TEST(WithoutLoneSurrogates, ReplacesEachHalfWithoutAPartner) {
     EXPECT_EQ(WithoutLoneSurrogates({high, high, low}), std::wstring({mark, high, low}));
     EXPECT_EQ(WithoutLoneSurrogates({low, high, low}), std::wstring({mark, high, low}));
 }
+
+TEST(ThroughFirstBackslash, CutsBehindIt) {
+    EXPECT_EQ(halvard::ThroughFirstBackslash(L"C:\\Windows"), L"C:\\");
+    EXPECT_EQ(halvard::ThroughFirstBackslash(L"D:\\Windows\\x"), L"D:\\");
+    EXPECT_EQ(halvard::ThroughFirstBackslash(L"\\\\server\\share"), L"\\");
+}
+
+TEST(ThroughFirstBackslash, KeepsATextWithoutOne) {
+    EXPECT_EQ(halvard::ThroughFirstBackslash(L"C:/Windows"), L"C:/Windows");
+    EXPECT_EQ(halvard::ThroughFirstBackslash(L""), L"");
+}

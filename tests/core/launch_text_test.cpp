@@ -45,14 +45,3 @@ TEST(ShellExecuteErrorText, KnowsTheTable) {
         }
     }
 }
-
-TEST(ThroughFirstBackslash, CutsBehindIt) {
-    EXPECT_EQ(halvard::ThroughFirstBackslash(L"C:\\Windows"), L"C:\\");
-    EXPECT_EQ(halvard::ThroughFirstBackslash(L"D:\\Windows\\x"), L"D:\\");
-    EXPECT_EQ(halvard::ThroughFirstBackslash(L"\\\\server\\share"), L"\\");
-}
-
-TEST(ThroughFirstBackslash, KeepsATextWithoutOne) {
-    EXPECT_EQ(halvard::ThroughFirstBackslash(L"C:/Windows"), L"C:/Windows");
-    EXPECT_EQ(halvard::ThroughFirstBackslash(L""), L"");
-}

@@ -4,6 +4,14 @@
 
 using halvard::PathList;
 
+namespace {
+
+std::wstring Path(int number) {
+    return L"path " + std::to_wstring(number);
+}
+
+} // namespace
+
 TEST(PathList, KnowsWhatTheVectorHeldBefore) {
     std::vector<std::wstring> paths = {L"a\\b", L"a\\c"};
     const PathList list(paths);
@@ -39,22 +47,35 @@ TEST(PathList, AppendsOnceWhatIsNew) {
 }
 
 TEST(PathList, KnowsThousandsOfPathsHowEverTheyCame) {
-    const auto path = [](int number) {
-        return L"path " + std::to_wstring(number);
-    };
-    std::vector<std::wstring> paths;
+    for (const int before : {0, 1000}) {
+        std::vector<std::wstring> paths;
+        for (int number = 0; number < before; ++number) {
+            paths.push_back(Path(number));
+        }
+        PathList list(paths);
+        for (int number = before; number < 3000; ++number) {
+            EXPECT_TRUE(list.AppendNew(Path(number)));
+        }
+        for (int number = 0; number < 3000; ++number) {
+            EXPECT_TRUE(list.Contains(Path(number)));
+            EXPECT_FALSE(list.Contains(Path(3000 + number)));
+        }
+        EXPECT_EQ(paths.size(), 3000U);
+    }
+}
+
+// One of 64 names has the last place of the table, and stands there and in the first.
+TEST(PathList, KnowsWhatHasTheLastPlaceTwice) {
     for (int number = 0; number < 1000; ++number) {
-        paths.push_back(path(number));
+        std::vector<std::wstring> paths;
+        PathList list(paths);
+        list.Append(Path(number));
+        list.Append(Path(number));
+        EXPECT_TRUE(list.Contains(Path(number)));
+        EXPECT_FALSE(list.AppendNew(Path(number)));
+        EXPECT_TRUE(list.AppendNew(Path(number + 1)));
+        EXPECT_EQ(paths, (std::vector<std::wstring>{Path(number), Path(number), Path(number + 1)}));
     }
-    PathList list(paths);
-    for (int number = 1000; number < 3000; ++number) {
-        EXPECT_TRUE(list.AppendNew(path(number)));
-    }
-    for (int number = 0; number < 3000; ++number) {
-        EXPECT_TRUE(list.Contains(path(number)));
-        EXPECT_FALSE(list.Contains(path(3000 + number)));
-    }
-    EXPECT_EQ(paths.size(), 3000U);
 }
 
 TEST(PathList, ComparesExactly) {

@@ -87,6 +87,17 @@ TEST_F(HeldFolderTest, ListsWithoutIdentitiesWhereThoseAreRefused) {
     }
 }
 
+TEST_F(HeldFolderTest, AFolderWhoseIdentitiesAreRefusedTakesNoneOfTheFolderAbove) {
+    Fill();
+    RemovalCalls calls;
+    calls.before = [&](const std::wstring& line) {
+        if (line == Listing(In(L"sub"))) {
+            calls.Fail(line, ERROR_NOT_SUPPORTED);
+        }
+    };
+    EXPECT_EQ(Remove(), Count(5, ERROR_SUCCESS));
+}
+
 TEST_F(HeldFolderTest, AListingThatLeavesItsRoomOrHasNoNameIsAnError) {
     const struct {
         const wchar_t* name;

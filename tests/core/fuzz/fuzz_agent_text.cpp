@@ -1,6 +1,7 @@
 #include "fuzz_input.h"
 
 #include "agent/agent_text.h"
+#include "agent/pending_renames_text.h"
 #include "runtime/multi_string.h"
 
 #include <algorithm>

@@ -1,6 +1,7 @@
 #include "fuzz_input.h"
 
 #include "agent/client_decision.h"
+#include "runtime/text.h"
 
 #include <algorithm>
 

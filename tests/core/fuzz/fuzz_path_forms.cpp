@@ -2,7 +2,6 @@
 #include "fuzz_input.h"
 
 #include "runtime/file_paths.h"
-#include "runtime/launch_text.h"
 #include "runtime/path_list.h"
 
 #include <algorithm>

@@ -1,7 +1,6 @@
 #include "agent/agent_text.h"
 
 #include <algorithm>
-#include <iterator>
 
 namespace halvard {
 
@@ -28,15 +27,6 @@ std::wstring WithoutBraces(std::wstring text) {
                        [](wchar_t character) { return character == L'{' || character == L'}'; }),
         text.end());
     return text;
-}
-
-std::list<std::wstring> RenamesToKeep(const std::list<std::wstring>& renames) {
-    std::list<std::wstring> kept;
-    std::copy_if(
-        renames.begin(), renames.end(), std::back_inserter(kept), [](const std::wstring& rename) {
-            return !rename.empty() && rename.find(L"\\Usage Profile Agent") == std::wstring::npos;
-        });
-    return kept;
 }
 
 } // namespace halvard

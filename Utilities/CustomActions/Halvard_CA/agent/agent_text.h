@@ -1,10 +1,9 @@
 #pragma once
 
-#include <list>
 #include <optional>
 #include <string>
 
-// Paths, texts and lists of the usage-profile agent's installation, without a Windows call.
+// Paths and texts of the usage-profile agent's installation, without a Windows call.
 
 namespace halvard {
 
@@ -24,12 +23,5 @@ std::optional<std::wstring> AgentFilePath(const std::wstring& agentFolder,
 
 /// The text without its braces of either kind, wherever they stand.
 std::wstring WithoutBraces(std::wstring text);
-
-/// The pending renames of a restart that name nothing in the agent's folder and are not empty, in
-/// their order. Upper and lower case count.
-///
-/// They are not taken as pairs of source and destination: a deletion, which is a source with an
-/// empty destination, loses its empty half.
-std::list<std::wstring> RenamesToKeep(const std::list<std::wstring>& renames);
 
 } // namespace halvard

@@ -1,12 +1,12 @@
 #include "agent/client_decision.h"
 
+#include "runtime/text.h"
 #include "runtime/value_path.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cwchar>
-#include <iterator>
-#include <stdexcept>
+#include <list>
 
 namespace halvard {
 
@@ -40,24 +40,6 @@ std::array<double, 4> NumbersOf(const VersionParts& version) {
 }
 
 } // namespace
-
-std::list<std::wstring> SplitString(const std::wstring& text, wchar_t delimiter,
-                                    std::size_t largestList) {
-    std::list<std::wstring> pieces;
-    std::size_t start = 0;
-    for (;;) {
-        if (pieces.size() == largestList) {
-            throw std::length_error("list too long");
-        }
-        const std::size_t end = text.find(delimiter, start);
-        if (end == std::wstring::npos) {
-            pieces.push_back(text.substr(start));
-            return pieces;
-        }
-        pieces.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-}
 
 VersionParts ParseVersion(const std::wstring& text) {
     const std::list<std::wstring> pieces = SplitString(text, L'.');

@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cstdint>
-#include <list>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,12 +14,6 @@ namespace halvard {
 /// The status of a client that has the agent installed, and of one that has been removed.
 inline constexpr std::uint32_t kClientInstalled = 1;
 inline constexpr std::uint32_t kClientRemoved = 2;
-
-/// Cuts the text at every delimiter; a text with none is one piece. Pieces may be empty.
-///
-/// Throws std::length_error ("list too long") when more than `largestList` pieces would be needed.
-std::list<std::wstring> SplitString(const std::wstring& text, wchar_t delimiter,
-                                    std::size_t largestList = std::list<std::wstring>().max_size());
 
 /// How many components a version was given with.
 enum class VersionKind { Invalid = 0, Two = 1, Three = 2, Four = 3, Wildcard = 4 };

@@ -1,6 +1,6 @@
 #include "agent/pending_renames.h"
 
-#include "agent/agent_text.h"
+#include "agent/pending_renames_text.h"
 #include "runtime/registry.h"
 
 #include <optional>

@@ -113,4 +113,9 @@ std::wstring WithoutLoneSurrogates(std::wstring text) {
     return text;
 }
 
+std::wstring ThroughFirstBackslash(const std::wstring& path) {
+    const std::size_t backslash = path.find(L'\\');
+    return backslash == std::wstring::npos ? path : path.substr(0, backslash + 1);
+}
+
 } // namespace halvard

@@ -38,4 +38,7 @@ std::wstring ExtendedLengthPath(const std::wstring& fullPath);
 /// no such text converts to UTF-8.
 std::wstring WithoutLoneSurrogates(std::wstring text);
 
+/// The part of `path` up to and including its first backslash, or all of it when it has none.
+std::wstring ThroughFirstBackslash(const std::wstring& path);
+
 } // namespace halvard

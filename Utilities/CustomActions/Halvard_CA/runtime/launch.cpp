@@ -1,7 +1,8 @@
 #include "runtime/launch.h"
 
-#include "runtime/owned.h"
+#include "runtime/file_paths.h"
 #include "runtime/launch_text.h"
+#include "runtime/owned.h"
 #include "runtime/session.h"
 
 #include <shellapi.h>

@@ -49,9 +49,4 @@ const wchar_t* ShellExecuteErrorText(std::intptr_t code) {
     }
 }
 
-std::wstring ThroughFirstBackslash(const std::wstring& path) {
-    const std::size_t backslash = path.find(L'\\');
-    return backslash == std::wstring::npos ? path : path.substr(0, backslash + 1);
-}
-
 } // namespace halvard

@@ -24,7 +24,4 @@ std::wstring FailedLaunchText(const std::wstring& commandLine, std::uint32_t cod
 /// not in the table gets one common text. The texts are never null and live as long as the library.
 const wchar_t* ShellExecuteErrorText(std::intptr_t code);
 
-/// The part of `path` up to and including its first backslash, or all of it when it has none.
-std::wstring ThroughFirstBackslash(const std::wstring& path);
-
 } // namespace halvard
