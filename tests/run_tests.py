@@ -2,10 +2,10 @@
 
     run_tests.py [--no-skips] [RING] [-- ARGUMENT...]
 
-RING is core, wine, msi, build or time; without one all run, time by itself when the others have
-ended. The arguments go to the ring's own runner: GoogleTest for core, wine
-and time (--gtest_filter=...), pytest for msi and build (-k ...). What the rings run must have been
-built. With --no-skips a test that was skipped counts as failed.
+RING is core, wine, msi, build or time; without one all run at once, but for time, which runs by
+itself when the others have ended. The arguments go to the ring's own runner: GoogleTest for core,
+wine and time (--gtest_filter=...), pytest for msi and build (-k ...). What the rings run must have
+been built. With --no-skips a test that was skipped counts as failed.
 
 A ring asks its program which tests it has, and one of them that was not run is a failure. Behind
 the numbers the last line tells how often something was repeated because the engine had hung or
@@ -107,8 +107,8 @@ CLOSING_LINES = re.compile(
 # and west of the meridian, with and without daylight-saving time, on the half and quarter hour.
 ZONES = ("NPT-5:45", "NST3:30NDT,M3.2.0,M11.1.0")
 TESTS_OF_ZONES = "--gtest_filter=*Midnight*:*StartBoundary*"
-# Ring msi in parts of about the same time, and what is not named as the last part. No part uses a
-# prefix of another.
+# Ring msi in parts of about the same time, each by what takes the longest in it, and what is not
+# named as the last. The names end those of a part's files. No part uses a prefix of another.
 MSI_PARTS = {
     "-scenarios": ("test_scenarios.py",),
     "-runner": ("test_check.py", "test_engines.py", "test_runner.py"),
@@ -178,13 +178,13 @@ def main(arguments: list[str]) -> int:
 def _run_all() -> Outcome:
     total = Outcome()
     running: list[subprocess.Popen[bytes]] = []
-    lanes = ThreadPoolExecutor(len(TOGETHER))
+    pool = ThreadPoolExecutor(len(TOGETHER))
     try:
-        for outcome in lanes.map(lambda ring: _run_in_own_process(ring, running), TOGETHER):
+        for outcome in pool.map(lambda ring: _run_in_own_process(ring, running), TOGETHER):
             total.add(outcome)
         total.add(_run_in_own_process("time", running))
     finally:
-        lanes.shutdown(wait=False, cancel_futures=True)
+        pool.shutdown(wait=False)
         for process in running:
             process.terminate()
             process.wait()

@@ -158,6 +158,7 @@ def test_what_runs_beside_the_tests_of_the_shared_prefix_does_not_use_it(name):
 
 def test_no_two_parts_of_the_ring_use_a_prefix_of_one_name():
     rest = [file.name for file in MSI_TESTS.glob("test_*.py") if file.name not in IN_OTHER_PARTS]
+    rest.append("conftest.py")
     used = [
         set().union(*(prefixes_named((MSI_TESTS / name).read_text()) for name in names))
         for names in (*run_tests.MSI_PARTS.values(), rest)
@@ -381,7 +382,7 @@ def test_the_exit_code_tells_of_failures_and_where_asked_of_skips(
     assert run_tests.main(arguments) == code
 
 
-PARTS = [*run_tests.MSI_PARTS, run_tests.MSI_REST]
+PARTS = run_tests.PARTS_THAT_TELL[1:]
 # In place of pytest; the file for its report names the part of the ring.
 ENDLESS = """
 import sys, time

@@ -46,7 +46,7 @@ TEST(PathList, AppendsOnceWhatIsNew) {
     EXPECT_EQ(paths, (std::vector<std::wstring>{L"held", L"new"}));
 }
 
-TEST(PathList, KnowsThousandsOfPathsHowEverTheyCame) {
+TEST(PathList, KnowsThousandsOfPathsHoweverTheyCame) {
     for (const int before : {0, 1000}) {
         std::vector<std::wstring> paths;
         for (int number = 0; number < before; ++number) {

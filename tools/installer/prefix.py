@@ -18,7 +18,7 @@ import progress
 from installer import engines, paths, repeats
 from installer.confinement import ConfinedThread
 from installer.engines import WINE
-from installer.steady import Claim, settle_thread
+from installer.steady import ProcessorClaim, settle_thread
 
 MAKE_LIMIT = 180.0
 START_LIMIT = 60.0
@@ -63,7 +63,7 @@ class Prefix:
         self._environment = _environment(self.path) | dict(environment or {})
         self._keeper: subprocess.Popen[bytes] | None = None
         self._starter: ConfinedThread | None = None
-        self._claim: Claim | None = None
+        self._claim: ProcessorClaim | None = None
 
     def __enter__(self) -> "Prefix":
         try:
@@ -94,8 +94,9 @@ class Prefix:
         A session of its own keeps Ctrl-C away from the program, which is ended with its prefix.
         """
         if self._starter is None:
-            self._starter = ConfinedThread(self._writable())
-            self._starter.call(settle_thread, self._claim.processor)
+            starter = ConfinedThread(self._writable())
+            starter.call(settle_thread, self._claim.processor)
+            self._starter = starter
         command, added = command_of(str(program), arguments)
         return self._starter.call(
             subprocess.Popen,
@@ -154,7 +155,7 @@ class Prefix:
             self._claim = None
 
     def _begin(self) -> None:
-        self._claim = Claim()
+        self._claim = ProcessorClaim()
         self._make()
         self._check_links()
         # Before the guard: a prefix whose only program ends between two starts may hang or refuse.
@@ -162,6 +163,7 @@ class Prefix:
         self._check_from_inside()
 
     def _make(self) -> None:
+        # Not by the thread that starts what runs in the prefix: that can change nothing beside it.
         command = ["taskset", "--cpu-list", str(self._claim.processor)]
         command += ["sh", str(paths.MAKE_PREFIX), str(self.path)]
         # Standard output may belong to what the prefix is made for.

@@ -71,13 +71,13 @@ void CheckPathList(const Texts& lines) {
             Require(list.Contains(line.substr(1)) == (known.count(line.substr(1)) == 1));
             continue;
         }
-        const bool isNew = known.insert(line).second;
+        const bool appends = known.insert(line).second || !Begins(line, L"!");
         if (Begins(line, L"!")) {
-            Require(list.AppendNew(line) == isNew);
+            Require(list.AppendNew(line) == appends);
         } else {
             list.Append(line);
         }
-        if (isNew || !Begins(line, L"!")) {
+        if (appends) {
             expected.push_back(line);
         }
         Require(list.Contains(line));

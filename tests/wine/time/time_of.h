@@ -28,12 +28,12 @@ Duration OneOfTen(TimedRun timedRun) {
 }
 
 /// How many times as long `many` takes as `few`; both return the Duration that they measured. The
-/// shortest run of each counts, taken in turns, for what disturbs a run only makes it longer: more
-/// runs bring both closer to what they take undisturbed, whatever that is. Three tries of three
-/// runs are the most, and two runs are enough that come down to `limit`.
+/// shortest of up to nine runs counts, taken in turns, for what disturbs a run only makes it
+/// longer. The second run is the last when the ratio is within `limit` then, or any later one; a
+/// `few` that was disturbed both times makes the ratio a little smaller than it is.
 template <class Few, class Many>
 double Growth(Few few, Many many, double limit) {
-    constexpr int runs = 3 * 3;
+    constexpr int runs = 9;
     Duration shortestFew = Duration::max();
     Duration shortestMany = Duration::max();
     for (int run = 0; run < runs; ++run) {

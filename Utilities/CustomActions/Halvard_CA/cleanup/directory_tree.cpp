@@ -145,7 +145,7 @@ private:
     Deletion deletion_;
     std::uintmax_t count_ = 0;
     std::list<Level> levels_;
-    // Here and not where it is read: each name finds the room of the last one.
+    // A member, so that each name is read into the memory of the last one.
     ListedEntry next_;
 };
 

@@ -55,11 +55,13 @@ bool AreSameNames(const std::wstring& first, const std::wstring& second) {
 }
 
 // FILE_ID_BOTH_DIR_INFO begins as FILE_FULL_DIR_INFO does, up to the name.
-void TakeOver(const FILE_FULL_DIR_INFO& info, const wchar_t* name, ListedEntry& entry) {
+void ReadEntry(const FILE_FULL_DIR_INFO& info, const wchar_t* name, std::uint64_t fileId,
+               ListedEntry& entry) {
     entry.name.assign(name, info.FileNameLength / sizeof(wchar_t));
     entry.attributes = info.FileAttributes;
     // This field holds the tag of what is a reparse point.
     entry.reparseTag = (info.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 ? info.EaSize : 0;
+    entry.fileId = fileId;
 }
 
 } // namespace
@@ -267,8 +269,8 @@ DWORD HeldFolder::NextListed(ListedEntry& entry, std::wstring* shortName) {
         full.FileNameLength > sizeof(listing_->bytes) - nameOffset) {
         return ERROR_INVALID_DATA;
     }
-    TakeOver(full, hasIdentity ? both.FileName : full.FileName, entry);
-    entry.fileId = hasIdentity ? KnownFileId(both.FileId) : 0;
+    ReadEntry(full, hasIdentity ? both.FileName : full.FileName,
+              hasIdentity ? KnownFileId(both.FileId) : 0, entry);
     if (shortName != nullptr) {
         const bool isThere = hasIdentity && both.ShortNameLength > 0 &&
                              both.ShortNameLength <= static_cast<CCHAR>(sizeof(both.ShortName));
