@@ -14,7 +14,9 @@ class PathList {
 public:
     explicit PathList(std::vector<std::wstring>& paths) : paths_(paths) { MakeRoom(); }
 
-    bool Contains(const std::wstring& path) const { return Contains(path, Hash(path)); }
+    [[nodiscard]] bool Contains(const std::wstring& path) const {
+        return Contains(path, Hash(path));
+    }
 
     /// Appends the path even when the vector holds it already.
     void Append(const std::wstring& path) { Append(path, Hash(path)); }
@@ -38,7 +40,7 @@ private:
 
     static std::size_t Hash(const std::wstring& path) { return std::hash<std::wstring>()(path); }
 
-    bool Contains(const std::wstring& path, std::size_t hash) const {
+    [[nodiscard]] bool Contains(const std::wstring& path, std::size_t hash) const {
         std::size_t place = FirstPlace(hash);
         while (places_[place].position != 0) {
             if (places_[place].hash == hash && paths_[places_[place].position - 1] == path) {
@@ -78,8 +80,10 @@ private:
     }
 
     // The number of places is a power of two.
-    std::size_t FirstPlace(std::size_t hash) const { return hash & (places_.size() - 1); }
-    std::size_t NextPlace(std::size_t place) const { return FirstPlace(place + 1); }
+    [[nodiscard]] std::size_t FirstPlace(std::size_t hash) const {
+        return hash & (places_.size() - 1);
+    }
+    [[nodiscard]] std::size_t NextPlace(std::size_t place) const { return FirstPlace(place + 1); }
 
     std::vector<std::wstring>& paths_;
     // A table of its own saves the block of the heap for each path that a container takes, under
