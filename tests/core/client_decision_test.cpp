@@ -76,6 +76,18 @@ TEST(ParseVersion, TakesTwoToFourComponents) {
     EXPECT_EQ(static_cast<int>(VersionKind::Four), 3);
 }
 
+TEST(ParseVersion, TakesNoCharacterButTheTenDigits) {
+    for (wchar_t character = 1; character < 0x180; ++character) {
+        const bool isDigit = L'0' <= character && character <= L'9';
+        const std::wstring piece = {L'1', character};
+        if (character != L'.') {
+            EXPECT_EQ(ParseVersion(L"1." + piece).kind,
+                      isDigit ? VersionKind::Two : VersionKind::Invalid)
+                << static_cast<int>(character);
+        }
+    }
+}
+
 TEST(ParseVersion, TakesTheWildcardAloneOnly) {
     const VersionParts wildcard = ParseVersion(L"*");
     EXPECT_EQ(wildcard.kind, VersionKind::Wildcard);
